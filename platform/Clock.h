@@ -1,0 +1,151 @@
+// The one source of time for the whole program: timers, sleeps of worker threads, the channel's
+// reply and cancel waits, and the simulator's physics all wait through a Clock.
+//
+// Two implementations exist. RealClock follows the steady clock. VirtualClock is deterministic:
+// its time stands still while any participating thread runs, and jumps to the earliest pending
+// deadline once every participating thread waits inside the clock (and no socket that one of them
+// waits on has data). A test can so run a minute of machine time in milliseconds, and a test that
+// does not advance time by waiting cannot be flaky about time.
+//
+// The process has one current clock (time is process-wide); tests install a VirtualClock with
+// ScopedClock before they start any thread.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace platform {
+
+using Duration = std::chrono::nanoseconds;
+using TimePoint = std::chrono::steady_clock::time_point;
+
+// A deadline that never comes.
+inline constexpr TimePoint kNever = TimePoint::max();
+
+inline Duration Milliseconds(std::int64_t ms) { return std::chrono::milliseconds(ms); }
+
+class Clock {
+ public:
+  virtual ~Clock() = default;
+
+  virtual TimePoint Now() = 0;
+
+  // Waits until pred() holds or the deadline passes, and returns pred() as it last stood.
+  // `lock` holds the std::mutex that guards what pred reads; it is released while waiting and
+  // held again whenever pred runs. Whoever changes that state must call NotifyAll afterwards
+  // (with or without the lock held); there is no other wake-up.
+  virtual bool WaitUntil(std::unique_lock<std::mutex>& lock, TimePoint deadline,
+                         const std::function<bool()>& pred) = 0;
+
+  // Wakes every WaitUntil of this clock so that each tests its predicate again.
+  virtual void NotifyAll() = 0;
+
+  virtual void SleepUntil(TimePoint deadline) = 0;
+
+  // Waits until `fd` is readable (data, end of stream or error pending) or the deadline passes.
+  // Returns 1 when readable, 0 at the deadline, -1 when poll itself failed.
+  virtual int WaitReadable(int fd, TimePoint deadline) = 0;
+
+  // A thread that takes part in time: while it runs, virtual time stands still. Threads of the
+  // program and of the simulator enter once at their start (ClockParticipant does it). Waits of a
+  // thread that never entered neither hold nor push virtual time.
+  virtual void EnterParticipant() = 0;
+  virtual void LeaveParticipant() = 0;
+
+  void SleepFor(Duration d) { SleepUntil(Deadline(d)); }
+  // Now() + d, saturating at kNever; a negative d is "now".
+  TimePoint Deadline(Duration d);
+
+  // The process's current clock: a RealClock unless a test installed another.
+  static Clock& Current();
+
+ private:
+  friend class ScopedClock;
+  static Clock* Install(Clock* clock);
+};
+
+// Makes `clock` the current clock for its lifetime. Install before any thread that uses the clock
+// starts, and end after all of them ended.
+class ScopedClock {
+ public:
+  explicit ScopedClock(Clock& clock) : previous_(Clock::Install(&clock)) {}
+  ~ScopedClock() { Clock::Install(previous_); }
+  ScopedClock(const ScopedClock&) = delete;
+  ScopedClock& operator=(const ScopedClock&) = delete;
+
+ private:
+  Clock* previous_;
+};
+
+// Registers the calling thread as a participant of the current clock for its scope.
+class ClockParticipant {
+ public:
+  ClockParticipant() : clock_(Clock::Current()) { clock_.EnterParticipant(); }
+  explicit ClockParticipant(Clock& clock) : clock_(clock) { clock_.EnterParticipant(); }
+  ~ClockParticipant() { clock_.LeaveParticipant(); }
+  ClockParticipant(const ClockParticipant&) = delete;
+  ClockParticipant& operator=(const ClockParticipant&) = delete;
+
+ private:
+  Clock& clock_;
+};
+
+class RealClock final : public Clock {
+ public:
+  RealClock();
+  ~RealClock() override;
+  TimePoint Now() override;
+  bool WaitUntil(std::unique_lock<std::mutex>& lock, TimePoint deadline,
+                 const std::function<bool()>& pred) override;
+  void NotifyAll() override;
+  void SleepUntil(TimePoint deadline) override;
+  int WaitReadable(int fd, TimePoint deadline) override;
+  void EnterParticipant() override {}
+  void LeaveParticipant() override {}
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+class VirtualClock final : public Clock {
+ public:
+  VirtualClock();
+  ~VirtualClock() override;
+  TimePoint Now() override;
+  bool WaitUntil(std::unique_lock<std::mutex>& lock, TimePoint deadline,
+                 const std::function<bool()>& pred) override;
+  void NotifyAll() override;
+  void SleepUntil(TimePoint deadline) override;
+  int WaitReadable(int fd, TimePoint deadline) override;
+  void EnterParticipant() override;
+  void LeaveParticipant() override;
+
+  // Moves time forward by hand (from a thread that is not waiting), waking what became due.
+  void Advance(Duration d);
+  // Time elapsed since the clock was made.
+  Duration Elapsed();
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+// A manual-reset event on the current clock: the stand-in for the system's event objects.
+class Event {
+ public:
+  explicit Event(bool signalled = false) : signalled_(signalled) {}
+  void Set();
+  void Reset();
+  bool IsSet();
+  // True when the event was signalled before the deadline.
+  bool WaitUntil(TimePoint deadline);
+
+ private:
+  std::mutex mutex_;
+  bool signalled_;
+};
+
+}  // namespace platform

@@ -15,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 namespace platform {
 
@@ -24,7 +25,9 @@ using TimePoint = std::chrono::steady_clock::time_point;
 // A deadline that never comes.
 inline constexpr TimePoint kNever = TimePoint::max();
 
-inline Duration Milliseconds(std::int64_t ms) { return std::chrono::milliseconds(ms); }
+inline Duration Milliseconds(std::int64_t ms) {
+  return std::chrono::milliseconds(ms);
+}
 
 class Clock {
  public:
@@ -53,6 +56,11 @@ class Clock {
   // thread that never entered neither hold nor push virtual time.
   virtual void EnterParticipant() = 0;
   virtual void LeaveParticipant() = 0;
+  // The two halves of EnterParticipant, for a thread being started: the starting thread reserves
+  // the place (so that time cannot move before the new thread gets going) and the new thread
+  // adopts it. ParticipantThread does both.
+  virtual void ReserveParticipant() = 0;
+  virtual void AdoptParticipant() = 0;
 
   void SleepFor(Duration d) { SleepUntil(Deadline(d)); }
   // Now() + d, saturating at kNever; a negative d is "now".
@@ -92,6 +100,19 @@ class ClockParticipant {
   Clock& clock_;
 };
 
+// A std::thread that takes part in the current clock from the moment it is made until `fn`
+// returns. Every thread of the program and the simulator that waits on the clock is made so.
+template <typename Fn>
+std::thread ParticipantThread(Fn&& fn) {
+  Clock& clock = Clock::Current();
+  clock.ReserveParticipant();
+  return std::thread([&clock, fn = std::forward<Fn>(fn)]() mutable {
+    clock.AdoptParticipant();
+    fn();
+    clock.LeaveParticipant();
+  });
+}
+
 class RealClock final : public Clock {
  public:
   RealClock();
@@ -104,6 +125,8 @@ class RealClock final : public Clock {
   int WaitReadable(int fd, TimePoint deadline) override;
   void EnterParticipant() override {}
   void LeaveParticipant() override {}
+  void ReserveParticipant() override {}
+  void AdoptParticipant() override {}
 
  private:
   struct State;
@@ -122,6 +145,8 @@ class VirtualClock final : public Clock {
   int WaitReadable(int fd, TimePoint deadline) override;
   void EnterParticipant() override;
   void LeaveParticipant() override;
+  void ReserveParticipant() override;
+  void AdoptParticipant() override;
 
   // Moves time forward by hand (from a thread that is not waiting), waking what became due.
   void Advance(Duration d);

@@ -1,0 +1,173 @@
+#include "platform/Clock.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <thread>
+#include <vector>
+
+namespace platform {
+namespace {
+
+using std::chrono::milliseconds;
+
+class VirtualClockTest : public ::testing::Test {
+ protected:
+  VirtualClock clock;
+  ScopedClock scoped{clock};
+  ClockParticipant self{clock};
+
+  std::int64_t ElapsedMs() {
+    return std::chrono::duration_cast<milliseconds>(clock.Elapsed()).count();
+  }
+};
+
+TEST_F(VirtualClockTest, SleepsTakeExactlyTheirVirtualTime) {
+  clock.SleepFor(milliseconds(1500));
+  EXPECT_EQ(ElapsedMs(), 1500);
+  clock.SleepFor(milliseconds(0));
+  EXPECT_EQ(ElapsedMs(), 1500);
+}
+
+TEST_F(VirtualClockTest, SleepersWakeInDeadlineOrderAtTheirDeadlines) {
+  std::mutex m;
+  std::vector<std::pair<int, std::int64_t>> woke;
+  std::vector<std::thread> threads;
+  for (int ms : {300, 100, 200}) {
+    threads.push_back(ParticipantThread([&, ms] {
+      clock.SleepFor(milliseconds(ms));
+      {
+        std::lock_guard lock(m);
+        woke.emplace_back(ms, ElapsedMs());
+      }
+      clock.NotifyAll();
+    }));
+  }
+  {
+    // The main thread must not hold time while it only waits for the others.
+    std::unique_lock lock(m);
+    clock.WaitUntil(lock, kNever, [&] { return woke.size() == 3; });
+  }
+  for (auto& t : threads)
+    t.join();
+  ASSERT_EQ(woke.size(), 3u);
+  EXPECT_EQ(woke[0], std::make_pair(100, std::int64_t{100}));
+  EXPECT_EQ(woke[1], std::make_pair(200, std::int64_t{200}));
+  EXPECT_EQ(woke[2], std::make_pair(300, std::int64_t{300}));
+}
+
+TEST_F(VirtualClockTest, TimeStandsStillWhileAParticipantRuns) {
+  std::mutex m;
+  bool slept = false;
+  std::thread sleeper = ParticipantThread([&] {
+    clock.SleepFor(milliseconds(10));
+    {
+      std::lock_guard lock(m);
+      slept = true;
+    }
+    clock.NotifyAll();
+  });
+  // This thread runs (it is not waiting in the clock), so the sleeper cannot wake however long
+  // this takes in real time.
+  for (int i = 0; i < 1000; ++i)
+    std::this_thread::yield();
+  {
+    std::lock_guard lock(m);
+    EXPECT_FALSE(slept);
+  }
+  EXPECT_EQ(ElapsedMs(), 0);
+  std::unique_lock lock(m);
+  clock.WaitUntil(lock, kNever, [&] { return slept; });
+  lock.unlock();
+  sleeper.join();
+  EXPECT_EQ(ElapsedMs(), 10);
+}
+
+TEST_F(VirtualClockTest, WaitUntilEndsOnNotifyOrAtItsDeadline) {
+  std::mutex m;
+  bool flag = false;
+  std::thread producer = ParticipantThread([&] {
+    clock.SleepFor(milliseconds(250));
+    {
+      std::lock_guard lock(m);
+      flag = true;
+    }
+    clock.NotifyAll();
+  });
+  std::unique_lock lock(m);
+  EXPECT_TRUE(clock.WaitUntil(lock, clock.Deadline(milliseconds(1000)), [&] { return flag; }));
+  EXPECT_EQ(ElapsedMs(), 250);
+  lock.unlock();
+  producer.join();
+
+  lock.lock();
+  EXPECT_FALSE(clock.WaitUntil(lock, clock.Deadline(milliseconds(700)), [] { return false; }));
+  EXPECT_EQ(ElapsedMs(), 950);
+}
+
+TEST_F(VirtualClockTest, WaitReadableSeesDataWithoutTimePassingAndTimesOutExactly) {
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), 0);
+  std::thread writer = ParticipantThread([&] {
+    clock.SleepFor(milliseconds(40));
+    ASSERT_EQ(::write(fds[1], "x", 1), 1);
+  });
+  EXPECT_EQ(clock.WaitReadable(fds[0], clock.Deadline(milliseconds(5000))), 1);
+  EXPECT_EQ(ElapsedMs(), 40);
+  writer.join();
+  char c;
+  ASSERT_EQ(::read(fds[0], &c, 1), 1);
+
+  EXPECT_EQ(clock.WaitReadable(fds[0], clock.Deadline(milliseconds(5000))), 0);
+  EXPECT_EQ(ElapsedMs(), 5040);
+
+  ::close(fds[1]);  // a hang-up counts as readable: the reader must learn of it
+  EXPECT_EQ(clock.WaitReadable(fds[0], kNever), 1);
+  ::close(fds[0]);
+}
+
+TEST_F(VirtualClockTest, EventsWakeWaitersAndStaySetUntilReset) {
+  Event event;
+  std::thread setter = ParticipantThread([&] {
+    clock.SleepFor(milliseconds(5));
+    event.Set();
+  });
+  EXPECT_TRUE(event.WaitUntil(clock.Deadline(milliseconds(100))));
+  setter.join();
+  EXPECT_TRUE(event.WaitUntil(clock.Now()));
+  event.Reset();
+  EXPECT_FALSE(event.WaitUntil(clock.Deadline(milliseconds(100))));
+  EXPECT_EQ(ElapsedMs(), 105);
+}
+
+TEST(ClockDeadline, SaturatesInsteadOfOverflowing) {
+  VirtualClock clock;
+  EXPECT_EQ(clock.Deadline(Duration::max()), kNever);
+  EXPECT_EQ(clock.Deadline(milliseconds(-5)), clock.Now());
+}
+
+TEST(RealClockTest, NotifyEndsAWaitAndAnElapsedDeadlineReturnsAtOnce) {
+  RealClock clock;
+  std::mutex m;
+  bool flag = false;
+  std::thread t([&] {
+    {
+      std::lock_guard lock(m);
+      flag = true;
+    }
+    clock.NotifyAll();
+  });
+  std::unique_lock lock(m);
+  EXPECT_TRUE(clock.WaitUntil(lock, kNever, [&] { return flag; }));
+  lock.unlock();
+  t.join();
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds), 0);
+  EXPECT_EQ(clock.WaitReadable(fds[0], clock.Now()), 0);
+  ::close(fds[0]);
+  ::close(fds[1]);
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,199 @@
+#include "platform/DeviceIo.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <vector>
+
+namespace platform {
+namespace {
+
+using std::chrono::milliseconds;
+
+// A board end written with raw sockets: it listens at a path and answers by hand.
+class RawBoard {
+ public:
+  explicit RawBoard(const std::string& path) {
+    listener_ = ::socket(AF_UNIX, SOCK_SEQPACKET, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    EXPECT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    EXPECT_EQ(::listen(listener_, 4), 0);
+  }
+  ~RawBoard() {
+    if (conn_ >= 0) ::close(conn_);
+    ::close(listener_);
+  }
+  void Accept() { conn_ = ::accept(listener_, nullptr, nullptr); }
+  void HangUp() {
+    ::close(conn_);
+    conn_ = -1;
+  }
+
+  struct Request {
+    std::uint32_t tag, code, replyLength;
+    std::vector<std::uint8_t> body;
+  };
+  Request Receive() {
+    Clock::Current().WaitReadable(conn_, kNever);
+    std::uint8_t buf[2048];
+    const ssize_t n = ::recv(conn_, buf, sizeof buf, 0);
+    Request r{};
+    if (n < 12) return r;
+    std::memcpy(&r.tag, buf, 4);
+    std::memcpy(&r.code, buf + 4, 4);
+    std::memcpy(&r.replyLength, buf + 8, 4);
+    r.body.assign(buf + 12, buf + n);
+    return r;
+  }
+  void Reply(std::uint32_t tag, std::uint32_t status, const std::vector<std::uint8_t>& bytes,
+             std::uint32_t claimed = ~0u) {
+    std::vector<std::uint8_t> d(12 + bytes.size());
+    const std::uint32_t count = claimed == ~0u ? static_cast<std::uint32_t>(bytes.size()) : claimed;
+    std::memcpy(d.data(), &tag, 4);
+    std::memcpy(d.data() + 4, &status, 4);
+    std::memcpy(d.data() + 8, &count, 4);
+    if (!bytes.empty()) std::memcpy(d.data() + 12, bytes.data(), bytes.size());
+    ASSERT_EQ(::send(conn_, d.data(), d.size(), 0), static_cast<ssize_t>(d.size()));
+  }
+
+ private:
+  int listener_ = -1;
+  int conn_ = -1;
+};
+
+class DeviceIoTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/tavro-dev-XXXXXX";
+    dir_ = ::mkdtemp(tmpl);
+    SetDeviceDirectory(dir_);
+  }
+  void TearDown() override {
+    SetDeviceDirectory("");
+    std::system(("rm -rf " + dir_).c_str());  // NOLINT
+  }
+  std::string dir_;
+  VirtualClock clock;
+  ScopedClock scoped{clock};
+  ClockParticipant self{clock};
+};
+
+TEST_F(DeviceIoTest, DiscoveryTellsMissingUnusableAndUsableEntriesApart) {
+  std::string path;
+  EXPECT_EQ(EnumerateInterface(kInterfaceClass1, 0, path), kErrNoMoreItems);
+  ::mkdir((dir_ + "/" + kInterfaceClass1).c_str(), 0755);
+  std::ofstream(dir_ + "/" + kInterfaceClass1 + "/0") << "not a socket";
+  EXPECT_NE(EnumerateInterface(kInterfaceClass1, 0, path), kErrSuccess);
+  EXPECT_NE(EnumerateInterface(kInterfaceClass1, 0, path), kErrNoMoreItems);
+  RawBoard board(dir_ + "/" + kInterfaceClass1 + "/1");
+  EXPECT_EQ(EnumerateInterface(kInterfaceClass1, 1, path), kErrSuccess);
+  EXPECT_EQ(path, dir_ + "/" + kInterfaceClass1 + "/1");
+  EXPECT_EQ(DevicePathForName("\\\\.\\HnUsbb7"), dir_ + "/HnUsbb7");
+
+  std::uint32_t error = 0;
+  EXPECT_EQ(Device::Open(dir_ + "/HnUsba0", error), nullptr);
+  EXPECT_EQ(error, kErrFileNotFound);
+  EXPECT_NE(Device::Open(path, error), nullptr);
+}
+
+TEST_F(DeviceIoTest, TransfersCarryTheFrameAndCompleteByTagInAnyOrder) {
+  RawBoard board(dir_ + "/HnUsba0");
+  std::uint32_t error = 0;
+  auto device = Device::Open(dir_ + "/HnUsba0", error);
+  ASSERT_NE(device, nullptr);
+  board.Accept();
+
+  Overlapped a, b;
+  std::uint8_t replyA[4] = {}, replyB[2] = {};
+  const std::uint8_t reqA[] = {0x2B};
+  const std::uint8_t reqB[] = {0x22, 9};
+  EXPECT_EQ(device->IoControl(0x80002000, reqA, 1, replyA, 4, nullptr, &a), kErrIoPending);
+  EXPECT_EQ(device->IoControl(0x80002008, reqB, 2, replyB, 2, nullptr, &b), kErrIoPending);
+  auto ra = board.Receive();
+  auto rb = board.Receive();
+  EXPECT_EQ(ra.code, 0x80002000u);
+  EXPECT_EQ(ra.replyLength, 4u);
+  EXPECT_EQ(ra.body, std::vector<std::uint8_t>({0x2B}));
+  EXPECT_EQ(rb.code, 0x80002008u);
+  EXPECT_EQ(rb.body, std::vector<std::uint8_t>({0x22, 9}));
+  EXPECT_NE(ra.tag, rb.tag);
+
+  std::uint32_t bytes = 99;
+  EXPECT_EQ(device->Result(a, bytes), kErrIoIncomplete);
+  board.Reply(rb.tag, 0, {7, 8});
+  board.Reply(ra.tag, 0, {1, 2, 3, 4, 5});  // one byte too many: the count must say so
+  ASSERT_TRUE(b.event.WaitUntil(kNever));
+  ASSERT_TRUE(a.event.WaitUntil(kNever));
+  EXPECT_EQ(device->Result(b, bytes), kErrSuccess);
+  EXPECT_EQ(bytes, 2u);
+  EXPECT_EQ(replyB[1], 8);
+  EXPECT_EQ(device->Result(a, bytes), kErrSuccess);
+  EXPECT_EQ(bytes, 5u);
+  EXPECT_EQ(replyA[3], 4);  // copied up to the buffer's size, never past it
+}
+
+TEST_F(DeviceIoTest, StatusCodesPassThroughAndTheLinkWordComesAsTheCount) {
+  RawBoard board(dir_ + "/HnUsba0");
+  std::uint32_t error = 0;
+  auto device = Device::Open(dir_ + "/HnUsba0", error);
+  board.Accept();
+  std::thread answer = ParticipantThread([&] {
+    auto r = board.Receive();
+    EXPECT_EQ(r.code, kLinkOpenedCode);
+    board.Reply(r.tag, 0, {}, 0x02040000);
+    r = board.Receive();
+    board.Reply(r.tag, kErrCrc, {});
+  });
+  std::uint32_t word = 0;
+  EXPECT_EQ(device->IoControl(kLinkOpenedCode, nullptr, 0, nullptr, 0, &word, nullptr), 0u);
+  EXPECT_EQ(word, 0x02040000u);
+  Overlapped ov;
+  std::uint8_t reply[2];
+  const std::uint8_t req[] = {0x2B};
+  device->IoControl(0x80002000, req, 1, reply, 2, nullptr, &ov);
+  ov.event.WaitUntil(kNever);
+  std::uint32_t bytes;
+  EXPECT_EQ(device->Result(ov, bytes), kErrCrc);
+  answer.join();
+}
+
+TEST_F(DeviceIoTest, CancelDropsTheLateReplyAndHangUpsMapToErrorCodes) {
+  RawBoard board(dir_ + "/HnUsba0");
+  std::uint32_t error = 0;
+  auto device = Device::Open(dir_ + "/HnUsba0", error);
+  board.Accept();
+  Overlapped ov;
+  std::uint8_t reply[1];
+  const std::uint8_t req[] = {0x2B};
+  device->IoControl(0x80002000, req, 1, reply, 1, nullptr, &ov);
+  EXPECT_FALSE(ov.event.WaitUntil(clock.Deadline(milliseconds(5000))));
+  device->Cancel(ov);
+  std::uint32_t bytes;
+  EXPECT_EQ(device->Result(ov, bytes), kErrOperationAborted);
+
+  auto late = board.Receive();
+  device->IoControl(0x80002000, req, 1, reply, 1, nullptr, &ov);
+  auto next = board.Receive();
+  board.Reply(late.tag, 0, {0x11});
+  board.Reply(next.tag, 0, {0x22});
+  ov.event.WaitUntil(kNever);
+  EXPECT_EQ(device->Result(ov, bytes), kErrSuccess);
+  EXPECT_EQ(reply[0], 0x22);
+
+  device->IoControl(0x80002000, req, 1, reply, 1, nullptr, &ov);
+  board.Receive();
+  board.HangUp();
+  ov.event.WaitUntil(kNever);
+  EXPECT_EQ(device->Result(ov, bytes), kErrFileNotFound);
+  EXPECT_EQ(device->IoControl(0x80002000, req, 1, reply, 1, nullptr, &ov), kErrInvalidHandle);
+}
+
+}  // namespace
+}  // namespace platform

@@ -26,8 +26,12 @@ inline bool Fits(std::size_t size, std::size_t at, std::size_t width) {
   return at <= size && width <= size - at;
 }
 
-inline std::uint8_t GetByte(Bytes b, std::size_t at) { return Fits(b.size(), at, 1) ? b[at] : 0; }
-inline bool GetFlag(Bytes b, std::size_t at) { return GetByte(b, at) != 0; }
+inline std::uint8_t GetByte(Bytes b, std::size_t at) {
+  return Fits(b.size(), at, 1) ? b[at] : 0;
+}
+inline bool GetFlag(Bytes b, std::size_t at) {
+  return GetByte(b, at) != 0;
+}
 inline std::int8_t GetSignedByte(Bytes b, std::size_t at) {
   return static_cast<std::int8_t>(GetByte(b, at));
 }
@@ -59,12 +63,16 @@ inline float GetReal(Bytes b, std::size_t at) {
 }
 
 // 16.16 fixed point: the bits as an unsigned integer divided by 65536.
-inline double GetFixed(Bytes b, std::size_t at) { return GetLong(b, at) / 65536.0; }
+inline double GetFixed(Bytes b, std::size_t at) {
+  return GetLong(b, at) / 65536.0;
+}
 
 inline void PutByte(MutableBytes b, std::size_t at, std::uint8_t v) {
   if (Fits(b.size(), at, 1)) b[at] = v;
 }
-inline void PutFlag(MutableBytes b, std::size_t at, bool v) { PutByte(b, at, v ? 1 : 0); }
+inline void PutFlag(MutableBytes b, std::size_t at, bool v) {
+  PutByte(b, at, v ? 1 : 0);
+}
 
 inline void PutWord(MutableBytes b, std::size_t at, std::uint16_t v) {
   if (!Fits(b.size(), at, 2)) return;
@@ -95,7 +103,9 @@ inline void PutReal(MutableBytes b, std::size_t at, float v) {
 inline std::uint32_t ToFixed(double v) {
   return static_cast<std::uint32_t>(static_cast<std::int64_t>(v * 65536.0 + 0.499));
 }
-inline void PutFixed(MutableBytes b, std::size_t at, double v) { PutLong(b, at, ToFixed(v)); }
+inline void PutFixed(MutableBytes b, std::size_t at, double v) {
+  PutLong(b, at, ToFixed(v));
+}
 
 // Up to 16 UTF-16 units ended by a zero unit within the 32-byte field. A field without a zero
 // unit gives all 16 units.

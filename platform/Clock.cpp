@@ -74,6 +74,14 @@ bool ThreadParticipates(const Clock* clock) {
 
 }  // namespace
 
+void Join(std::thread& thread) {
+  if (!thread.joinable()) return;
+  Clock& clock = Clock::Current();
+  const bool participated = clock.LeaveParticipant();
+  thread.join();
+  if (participated) clock.EnterParticipant();
+}
+
 TimePoint Clock::Deadline(Duration d) {
   const TimePoint now = Now();
   if (d <= Duration::zero()) return now;
@@ -315,14 +323,15 @@ void VirtualClock::AdoptParticipant() {
   ThreadParticipation().push_back(this);
 }
 
-void VirtualClock::LeaveParticipant() {
+bool VirtualClock::LeaveParticipant() {
   auto& v = ThreadParticipation();
   const auto it = std::find(v.begin(), v.end(), this);
-  if (it == v.end()) return;
+  if (it == v.end()) return false;
   v.erase(it);
   std::lock_guard guard(state_->mutex);
   --state_->participants;
   state_->MaybeAdvance();
+  return true;
 }
 
 void VirtualClock::Advance(Duration d) {

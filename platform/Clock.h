@@ -55,7 +55,8 @@ class Clock {
   // program and of the simulator enter once at their start (ClockParticipant does it). Waits of a
   // thread that never entered neither hold nor push virtual time.
   virtual void EnterParticipant() = 0;
-  virtual void LeaveParticipant() = 0;
+  // Returns whether the calling thread was a participant.
+  virtual bool LeaveParticipant() = 0;
   // The two halves of EnterParticipant, for a thread being started: the starting thread reserves
   // the place (so that time cannot move before the new thread gets going) and the new thread
   // adopts it. ParticipantThread does both.
@@ -113,6 +114,10 @@ std::thread ParticipantThread(Fn&& fn) {
   });
 }
 
+// Joins `thread`. The caller stops taking part in time while it waits, so that a thread which
+// still has to sleep or time out before it ends can do so.
+void Join(std::thread& thread);
+
 class RealClock final : public Clock {
  public:
   RealClock();
@@ -124,7 +129,7 @@ class RealClock final : public Clock {
   void SleepUntil(TimePoint deadline) override;
   int WaitReadable(int fd, TimePoint deadline) override;
   void EnterParticipant() override {}
-  void LeaveParticipant() override {}
+  bool LeaveParticipant() override { return false; }
   void ReserveParticipant() override {}
   void AdoptParticipant() override {}
 
@@ -144,7 +149,7 @@ class VirtualClock final : public Clock {
   void SleepUntil(TimePoint deadline) override;
   int WaitReadable(int fd, TimePoint deadline) override;
   void EnterParticipant() override;
-  void LeaveParticipant() override;
+  bool LeaveParticipant() override;
   void ReserveParticipant() override;
   void AdoptParticipant() override;
 

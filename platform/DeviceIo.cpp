@@ -103,7 +103,7 @@ Device::Device(int fd) : fd_(fd) {
 
 Device::~Device() {
   ::shutdown(fd_, SHUT_RDWR);
-  if (reader_.joinable()) reader_.join();
+  Join(reader_);
   {
     std::lock_guard lock(mutex_);
     FailAllLocked(kErrInvalidHandle);

@@ -1,0 +1,166 @@
+// Start-up against a hand-scripted board: every way of ending, and the machine selection table.
+#include <gtest/gtest.h>
+
+#include "app/CTavroTestApp.h"
+#include "link/CTavroUsbManualVision.h"
+#include "link/CTavroUsbServo.h"
+#include "link/LinkMessages.h"
+#include "link/WireFormat.h"
+#include "platform/Clock.h"
+#include "tests/support/Recorders.h"
+#include "tests/support/ScriptedBoard.h"
+#include "util/Text.h"
+
+namespace {
+
+using namespace testing_support;
+
+struct Board {
+  std::u16string name = u"Auto Vision";
+  bool isServo = true;
+  bool isManualVision = false;
+  std::uint16_t protocol = 5;
+};
+
+// What InitInstance handed to the main dialog, if it got that far.
+class RecordingApp : public CTavroTestApp {
+ public:
+  std::string dialog;
+  std::uint32_t machineKind = 99;
+  bool controllerOpen = false;
+
+ protected:
+  void RunServoDialog(CTavroUsbServo& servo, const BoardVersionInfo&) override {
+    dialog = "CTavroTestDlg";
+    machineKind = servo.MachineKind();
+    controllerOpen = servo.IsOpen();
+  }
+  void RunManualVisionDialog(CTavroUsbManualVision& manual, const BoardVersionInfo&) override {
+    dialog = "CTavroTestManualVisionDlg";
+    controllerOpen = manual.IsOpen();
+  }
+};
+
+class StartupTest : public ::testing::Test {
+ protected:
+  platform::VirtualClock clock;
+  platform::ScopedClock scoped{clock};
+  platform::ClockParticipant self{clock};
+  TempDeviceDir dir;
+  MessageBoxRecorder boxes;
+  LogRecorder log;
+  Board spec;
+  int versionQueries = 0;
+  int failVersionQueryFrom = 1000;
+
+  std::unique_ptr<ScriptedBoard> Plug() {
+    auto board = std::make_unique<ScriptedBoard>(dir.Class1(0));
+    board->SetHandler([this](const BoardRequest& r) {
+      std::vector<std::uint8_t> out(r.replyLength, 0);
+      if (r.bytes.at(0) == 0x2B) {
+        if (++versionQueries >= failVersionQueryFrom) return BoardAnswer{.status = 121};
+        wire::PutWideText(out, 1, spec.name);
+        wire::PutReal(out, 33, 2.3f);
+        out[39] = spec.isServo;
+        out[43] = spec.isManualVision;
+        wire::PutWord(out, 61, spec.protocol);
+        out[66] = 1;
+      }
+      return BoardAnswer{.bytes = out};
+    });
+    return board;
+  }
+
+  RecordingApp Run() {
+    RecordingApp app;
+    EXPECT_FALSE(app.InitInstance()) << "InitInstance always returns false";
+    return app;
+  }
+};
+
+TEST_F(StartupTest, TheSelectionTablePicksControllerDialogAndKind) {
+  struct Case {
+    std::u16string name;
+    bool isServo, isManualVision;
+    std::string dialog;
+    std::uint32_t kind;
+  };
+  for (const Case& c : {Case{u"Auto Vision", true, false, "CTavroTestDlg", 2},
+                        Case{u"SERVO", true, false, "CTavroTestDlg", 1},
+                        Case{u"Servo", true, true, "CTavroTestDlg", 1},
+                        Case{u"Prototype", true, false, "CTavroTestDlg", 0},
+                        Case{u"Manual Vision", false, true, "CTavroTestManualVisionDlg", 99},
+                        Case{u"Auto Vision", false, false, "", 99}}) {
+    spec = {c.name, c.isServo, c.isManualVision};
+    auto board = Plug();
+    const RecordingApp app = Run();
+    EXPECT_EQ(app.dialog, c.dialog) << text::ToUtf8(c.name);
+    EXPECT_EQ(app.machineKind, c.kind) << text::ToUtf8(c.name);
+    if (!c.dialog.empty()) {
+      EXPECT_TRUE(app.controllerOpen);
+    }
+  }
+  EXPECT_TRUE(boxes.Boxes().empty()) << "no way of ending here says a word";
+}
+
+TEST_F(StartupTest, NoBoardEndsWithTheOpenMessage) {
+  const RecordingApp app = Run();
+  EXPECT_EQ(app.dialog, "");
+  ASSERT_EQ(boxes.Boxes().size(), 1u);
+  EXPECT_NE(boxes.Boxes()[0].text.find("Error: Couldn't open \\\\.\\HnUsb, (2)"),
+            std::string::npos);
+}
+
+TEST_F(StartupTest, ANewerProtocolEndsWithTheIncompatibleMessage) {
+  spec.protocol = 6;
+  auto board = Plug();
+  const RecordingApp app = Run();
+  EXPECT_EQ(app.dialog, "");
+  ASSERT_EQ(boxes.Boxes().size(), 1u);
+  EXPECT_EQ(boxes.Boxes()[0].text, usb::FirmwareIncompatibleText());
+}
+
+TEST_F(StartupTest, AFailedFirstVersionQueryShowsTheTransferDialogThenNoVersion) {
+  failVersionQueryFrom = 1;
+  auto board = Plug();
+  const RecordingApp app = Run();
+  EXPECT_EQ(app.dialog, "");
+  ASSERT_EQ(boxes.Boxes().size(), 2u);
+  EXPECT_NE(boxes.Boxes()[0].text.find("IOCTL_TAVROUSB_SEND_NORMAL_COMMAND failed: +, The "
+                                       "semaphore timeout period has expired."),
+            std::string::npos);
+  EXPECT_EQ(boxes.Boxes()[1].text, usb::NoVersionInformationText());
+}
+
+TEST_F(StartupTest, AFailedSecondVersionQueryShowsOnlyItsTransferDialog) {
+  failVersionQueryFrom = 2;
+  auto board = Plug();
+  const RecordingApp app = Run();
+  EXPECT_EQ(app.dialog, "");
+  ASSERT_EQ(boxes.Boxes().size(), 1u);
+  EXPECT_NE(boxes.Boxes()[0].text.find("failed: +, "), std::string::npos);
+}
+
+TEST_F(StartupTest, AfterStartUpALostLinkShowsNoDialog) {
+  auto board = Plug();
+  class LosingApp : public RecordingApp {
+   protected:
+    void RunServoDialog(CTavroUsbServo& servo, const BoardVersionInfo& v) override {
+      RecordingApp::RunServoDialog(servo, v);
+      BoardVersionInfo again;
+      unplug();
+      lost = !servo.ReadBoardVersion(again) && !servo.IsOpen();
+    }
+
+   public:
+    std::function<void()> unplug;
+    bool lost = false;
+  } app;
+  app.unplug = [&] { board.reset(); };
+  EXPECT_FALSE(app.InitInstance());
+  EXPECT_TRUE(app.lost);
+  EXPECT_TRUE(boxes.Boxes().empty());
+  EXPECT_EQ(log.Messages().size(), 1u) << "the failure is only logged";
+}
+
+}  // namespace

@@ -1,0 +1,66 @@
+// Catches what the program shows and logs, for tests to look at.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "config/ErrorLog.h"
+#include "ui/MessageBox.h"
+
+namespace testing_support {
+
+struct ShownBox {
+  std::string text;
+  std::string title;
+  unsigned style;
+};
+
+class MessageBoxRecorder : public ui::MessageBoxPresenter {
+ public:
+  MessageBoxRecorder() { ui::SetMessageBoxPresenter(this); }
+  ~MessageBoxRecorder() override { ui::SetMessageBoxPresenter(nullptr); }
+  int Show(const std::string& text, const std::string& title, unsigned style) override {
+    std::lock_guard lock(mutex_);
+    boxes_.push_back({text, title, style});
+    return ui::kIdOk;
+  }
+  std::vector<ShownBox> Boxes() {
+    std::lock_guard lock(mutex_);
+    return boxes_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<ShownBox> boxes_;
+};
+
+// Keeps the messages of the log entries (the text after the prefix's "): ").
+class LogRecorder {
+ public:
+  LogRecorder() {
+    errorlog::SetErrorLogSink([this](const std::string& entry) {
+      std::lock_guard lock(mutex_);
+      entries_.push_back(entry);
+    });
+  }
+  ~LogRecorder() { errorlog::SetErrorLogSink(nullptr); }
+  std::vector<std::string> Entries() {
+    std::lock_guard lock(mutex_);
+    return entries_;
+  }
+  std::vector<std::string> Messages() {
+    std::vector<std::string> out;
+    for (auto& e : Entries()) {
+      const auto at = e.find("): ");
+      out.push_back(at == std::string::npos ? e : e.substr(at + 3));
+    }
+    return out;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> entries_;
+};
+
+}  // namespace testing_support

@@ -1,0 +1,33 @@
+#include "ui/MessageBox.h"
+
+#include <atomic>
+#include <cstdio>
+
+namespace ui {
+
+namespace {
+std::atomic<MessageBoxPresenter*> g_presenter{nullptr};
+}
+
+void SetMessageBoxPresenter(MessageBoxPresenter* presenter) {
+  g_presenter.store(presenter);
+}
+
+int MessageBox(const std::string& text, const std::string& title, unsigned style) {
+  std::fprintf(stderr, "%s: %s", title.c_str(), text.c_str());
+  if (text.empty() || text.back() != '\n') std::fputc('\n', stderr);
+  std::fflush(stderr);
+  if (MessageBoxPresenter* presenter = g_presenter.load()) {
+    return presenter->Show(text, title, style);
+  }
+  switch (style & 0xF) {
+    case kMbOkCancel:
+      return kIdCancel;
+    case kMbYesNo:
+      return kIdNo;
+    default:
+      return kIdOk;
+  }
+}
+
+}  // namespace ui

@@ -1,0 +1,23 @@
+// Text helpers. Inside the program text is UTF-8 in std::string; the board's wide-text fields
+// and the shared files are UTF-16 (std::u16string).
+#pragma once
+
+#include <cstdarg>
+#include <string>
+
+namespace text {
+
+std::string ToUtf8(const std::u16string& wide);
+std::u16string ToUtf16(const std::string& utf8);
+
+// printf into a std::string: the system's message and report formats are C formats and must
+// come out exactly as the C library writes them.
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string FormatV(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
+// The same for a format that is only known at run time (from the string table).
+std::string FormatRuntime(const std::string& format, ...);
+
+// Compares ASCII letters without regard to case.
+bool EqualsNoCase(const std::string& a, const std::string& b);
+
+}  // namespace text

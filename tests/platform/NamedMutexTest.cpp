@@ -1,0 +1,284 @@
+#include "platform/NamedMutex.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace platform {
+namespace {
+
+constexpr std::uint32_t kOwned = NamedMutex::kWaitObject0;
+constexpr std::uint32_t kAbandoned = NamedMutex::kWaitAbandoned;
+constexpr std::uint32_t kTimeout = NamedMutex::kWaitTimeout;
+constexpr std::uint32_t kInfinite = NamedMutex::kInfinite;
+// Long enough never to run out on a loaded machine; only reached when something is broken.
+constexpr std::uint32_t kGenerousMs = 10000;
+
+// One byte at a time between a test and its child process; reads give up after kGenerousMs.
+class Pipe {
+ public:
+  Pipe() { EXPECT_EQ(pipe(fds_), 0); }
+  ~Pipe() {
+    CloseWrite();
+    close(fds_[0]);
+  }
+  void Signal() { (void)!write(fds_[1], "x", 1); }
+  bool Await() {
+    pollfd p{fds_[0], POLLIN, 0};
+    char c;
+    return poll(&p, 1, kGenerousMs) == 1 && read(fds_[0], &c, 1) == 1;
+  }
+  void CloseWrite() {
+    if (fds_[1] >= 0) close(fds_[1]);
+    fds_[1] = -1;
+  }
+
+ private:
+  int fds_[2] = {-1, -1};
+};
+
+// Runs `body` in a child process, whose exit status is what `body` returns.
+template <typename Fn>
+pid_t Fork(Fn body) {
+  const pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  return pid;
+}
+
+// The child's exit status, or -1 when it did not exit by itself within 30 s.
+int Reap(pid_t pid) {
+  for (int i = 0; i < 3000; ++i) {
+    int status = 0;
+    const pid_t done = waitpid(pid, &status, WNOHANG);
+    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (done < 0) return -1;
+    usleep(10000);
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  return -1;
+}
+
+// One try from a thread of its own, which releases what it got.
+std::uint32_t TryFromOtherThread(NamedMutex& mutex) {
+  std::uint32_t result = NamedMutex::kWaitFailed;
+  std::thread([&] {
+    result = mutex.Wait(0);
+    if (result == kOwned || result == kAbandoned) mutex.Release();
+  }).join();
+  return result;
+}
+
+class NamedMutexTest : public ::testing::Test {
+ protected:
+  ~NamedMutexTest() override {
+    for (const std::string& name : names_) {
+      shm_unlink(NamedMutex::ShmName(name).c_str());
+    }
+  }
+
+  std::string NewName(const std::string& base = "TavroTest mutex") {
+    static int counter = 0;
+    names_.push_back(base + " " + std::to_string(getpid()) + "-" + std::to_string(++counter));
+    return names_.back();
+  }
+
+  static std::unique_ptr<NamedMutex> Open(const std::string& name) {
+    int error = -1;
+    auto mutex = NamedMutex::OpenOrCreate(name, &error);
+    EXPECT_TRUE(mutex) << name << ": errno " << error;
+    return mutex;
+  }
+
+  std::vector<std::string> names_;
+};
+
+TEST_F(NamedMutexTest, OwnerWaitsAgainThroughAnyHandleAndMustReleaseAsOften) {
+  const std::string name = NewName();
+  auto first = Open(name);
+  auto second = Open(name);
+  ASSERT_TRUE(first && second);
+  EXPECT_FALSE(first->Release());
+
+  EXPECT_EQ(first->Wait(0), kOwned);
+  EXPECT_EQ(second->Wait(kInfinite), kOwned);
+  EXPECT_EQ(TryFromOtherThread(*first), kTimeout);
+  bool releasedByOther = true;
+  std::thread([&] { releasedByOther = first->Release(); }).join();
+  EXPECT_FALSE(releasedByOther);
+
+  EXPECT_TRUE(first->Release());
+  EXPECT_EQ(TryFromOtherThread(*second), kTimeout);
+  EXPECT_TRUE(second->Release());
+  EXPECT_EQ(TryFromOtherThread(*second), kOwned);
+  EXPECT_FALSE(first->Release());
+}
+
+TEST_F(NamedMutexTest, ExcludesAnotherProcessUntilItReleases) {
+  auto mutex = Open(NewName());
+  ASSERT_TRUE(mutex);
+  Pipe held, release, released;
+  const pid_t child = Fork([&] {
+    if (mutex->Wait(kInfinite) != kOwned) return 1;
+    held.Signal();
+    if (!release.Await()) return 2;
+    if (!mutex->Release()) return 3;
+    released.Signal();
+    return 0;
+  });
+
+  ASSERT_TRUE(held.Await());
+  EXPECT_EQ(mutex->Wait(0), kTimeout);
+  EXPECT_EQ(mutex->Wait(50), kTimeout);
+  EXPECT_FALSE(mutex->Release());
+  release.Signal();
+  ASSERT_TRUE(released.Await());
+  EXPECT_EQ(mutex->Wait(kGenerousMs), kOwned);
+  EXPECT_TRUE(mutex->Release());
+  EXPECT_EQ(Reap(child), 0);
+}
+
+// The dead owner's recursion does not carry over: the new owner releases once.
+TEST_F(NamedMutexTest, ProcessThatDiesOwningItLeavesItAbandonedOnce) {
+  auto mutex = Open(NewName());
+  ASSERT_TRUE(mutex);
+  const pid_t child = Fork([&] {
+    if (mutex->Wait(kInfinite) != kOwned || mutex->Wait(0) != kOwned) return 1;
+    return 0;
+  });
+  ASSERT_EQ(Reap(child), 0);
+
+  EXPECT_EQ(mutex->Wait(kGenerousMs), kAbandoned);
+  EXPECT_EQ(TryFromOtherThread(*mutex), kTimeout);
+  EXPECT_TRUE(mutex->Release());
+  EXPECT_EQ(TryFromOtherThread(*mutex), kOwned);
+  EXPECT_EQ(mutex->Wait(0), kOwned);
+  EXPECT_TRUE(mutex->Release());
+}
+
+TEST_F(NamedMutexTest, ThreadThatEndsOwningItLeavesItAbandoned) {
+  auto mutex = Open(NewName());
+  ASSERT_TRUE(mutex);
+  std::uint32_t threadResult = NamedMutex::kWaitFailed;
+  std::thread([&] { threadResult = mutex->Wait(0); }).join();
+  ASSERT_EQ(threadResult, kOwned);
+
+  EXPECT_EQ(mutex->Wait(0), kAbandoned);
+  EXPECT_TRUE(mutex->Release());
+  EXPECT_EQ(mutex->Wait(0), kOwned);
+  EXPECT_TRUE(mutex->Release());
+}
+
+// The processes also race to create the mutex: all must end up on the same one.
+TEST_F(NamedMutexTest, ProcessesThatCreateItAtOnceLoseNoUpdateUnderIt) {
+  constexpr int kProcesses = 4;
+  constexpr int kRounds = 5000;
+  const std::string name = NewName();
+  void* page =
+      mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(page, MAP_FAILED);
+  volatile int* counter = static_cast<int*>(page);
+  *counter = 0;
+
+  Pipe start;
+  std::vector<pid_t> children;
+  children.reserve(kProcesses);
+  for (int i = 0; i < kProcesses; ++i) {
+    children.push_back(Fork([&] {
+      start.CloseWrite();
+      start.Await();  // ends for all at once when the test closes its end
+      auto mutex = NamedMutex::OpenOrCreate(name);
+      if (!mutex) return 1;
+      for (int round = 0; round < kRounds; ++round) {
+        if (mutex->Wait(kInfinite) != kOwned) return 2;
+        const int seen = *counter;
+        if (round % 16 == 0) sched_yield();
+        *counter = seen + 1;
+        if (!mutex->Release()) return 3;
+      }
+      return 0;
+    }));
+  }
+  start.CloseWrite();
+  for (pid_t child : children) {
+    EXPECT_EQ(Reap(child), 0);
+  }
+
+  EXPECT_EQ(*counter, kProcesses * kRounds);
+  auto mutex = Open(name);
+  ASSERT_TRUE(mutex);
+  EXPECT_EQ(mutex->Wait(0), kOwned);
+  EXPECT_TRUE(mutex->Release());
+  munmap(page, sizeof(int));
+}
+
+TEST_F(NamedMutexTest, AnyNameMapsToItsOwnValidObject) {
+  EXPECT_EQ(NamedMutex::ShmName("CTavroUsb Access"), "/tavro-mx-CTavroUsb%20Access");
+  const std::string longPath = "/var/lib/" + std::string(300, 'd') + "/Folders.ini";
+  std::string otherLongPath = longPath;
+  otherLongPath[1] = 'w';
+  const std::vector<std::string> names = {"a b", "a_b", "a/b",    "a%20b",       "A b",
+                                          "a~b", "",    longPath, otherLongPath, longPath + "x"};
+  std::set<std::string> seen;
+  for (const std::string& name : names) {
+    const std::string shm = NamedMutex::ShmName(name);
+    EXPECT_LE(shm.size(), static_cast<std::size_t>(NAME_MAX)) << name;
+    EXPECT_EQ(shm.find('/', 1), std::string::npos) << name;
+    EXPECT_TRUE(seen.insert(shm).second) << name << " -> " << shm;
+  }
+
+  const std::string path =
+      NewName("C:/ProgramData/Tavro Test/" + std::string(200, 'p') + "/Machine.ini");
+  const std::string similarPath =
+      NewName("C:/ProgramData/Tavro Test/" + std::string(200, 'p') + "/Machine.ini");
+  auto mutex = Open(path);
+  auto sameMutex = Open(path);
+  auto otherMutex = Open(similarPath);
+  ASSERT_TRUE(mutex && sameMutex && otherMutex);
+  ASSERT_EQ(mutex->Wait(0), kOwned);
+  EXPECT_EQ(TryFromOtherThread(*sameMutex), kTimeout);
+  EXPECT_EQ(TryFromOtherThread(*otherMutex), kOwned);
+  EXPECT_TRUE(mutex->Release());
+}
+
+TEST_F(NamedMutexTest, EveryUserCanOpenItWhateverTheUmask) {
+  const std::string name = NewName();
+  const mode_t previous = umask(077);
+  auto mutex = NamedMutex::OpenOrCreate(name);
+  umask(previous);
+  ASSERT_TRUE(mutex);
+  const int fd = shm_open(NamedMutex::ShmName(name).c_str(), O_RDONLY, 0);
+  ASSERT_GE(fd, 0);
+  struct stat st;
+  ASSERT_EQ(fstat(fd, &st), 0);
+  close(fd);
+  EXPECT_EQ(st.st_mode & 0777, 0666u);
+}
+
+// A creator that died before it set the object up must not make the name unusable.
+TEST_F(NamedMutexTest, ObjectLeftUnfinishedByItsCreatorIsSetUpByTheNextOpener) {
+  for (const off_t size : {0, 4096}) {
+    const std::string name = NewName();
+    const int fd = shm_open(NamedMutex::ShmName(name).c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, size), 0);
+    close(fd);
+    auto mutex = Open(name);
+    ASSERT_TRUE(mutex);
+    EXPECT_EQ(mutex->Wait(0), kOwned);
+    EXPECT_TRUE(mutex->Release());
+  }
+}
+
+}  // namespace
+}  // namespace platform

@@ -1,0 +1,266 @@
+#include "sim/Control.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "sim/Profiles.h"
+#include "sim/Simulator.h"
+
+namespace sim {
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+std::string Error(const std::string& why) {
+  return "error: " + why;
+}
+
+bool ParseNumber(const std::string& text, long long& out) {
+  if (text.empty()) return false;
+  char* end = nullptr;
+  errno = 0;
+  out = std::strtoll(text.c_str(), &end, 0);
+  return errno == 0 && end && *end == '\0';
+}
+
+// ---- fault ------------------------------------------------------------------------------------
+
+bool ParseTarget(const std::string& word, FaultRule& rule) {
+  long long code = 0;
+  if (word == "all") {
+    rule.target = FaultTarget::kAll;
+  } else if (word == "link") {
+    rule.target = FaultTarget::kLinkOpened;
+  } else if (ParseNumber(word, code) && code >= 0 && code <= 0xFF) {
+    rule.target = FaultTarget::kCommand;
+    rule.command = static_cast<std::uint8_t>(code);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// One key=value setting of a fault rule; an empty answer means it was taken.
+std::string ParseFaultSetting(const std::string& word, FaultRule& rule) {
+  const auto eq = word.find('=');
+  const std::string key = word.substr(0, eq);
+  long long v = 0;
+  if (!ParseNumber(word.substr(eq + 1), v)) return "bad number in '" + word + "'";
+  if (key == "count" && v >= 0 && v <= 1'000'000) {
+    rule.count = static_cast<int>(v);
+  } else if (key == "reason" && v >= -128 && v <= 255) {
+    rule.reason = static_cast<std::int8_t>(v);
+  } else if (key == "code" && v >= 0 && v <= 0xFFFFFFFFLL) {
+    rule.status = static_cast<std::uint32_t>(v);
+  } else if (key == "ms" && v >= 0 && v <= 3'600'000) {
+    rule.delayMs = v;
+  } else {
+    return "unknown or out-of-range setting '" + word + "'";
+  }
+  return {};
+}
+
+std::string ClearFaults(Simulator& sim, const Words& args) {
+  long long id = 0;
+  if (args.size() == 1) {
+    sim.ClearFaults();
+    return "ok faults cleared";
+  }
+  if (args.size() == 2 && ParseNumber(args[1], id) && sim.ClearFault(static_cast<int>(id))) {
+    return "ok fault #" + args[1] + " cleared";
+  }
+  return Error("no fault rule '" + (args.size() > 1 ? args[1] : std::string()) + "'");
+}
+
+std::string RunFault(Simulator& sim, const Words& args) {
+  if (args.empty())
+    return Error("fault needs a kind: refuse short long drop status late, or clear");
+  if (args[0] == "clear") return ClearFaults(sim, args);
+  const auto kind = ParseFaultKind(args[0]);
+  if (!kind) return Error("unknown fault '" + args[0] + "'");
+  FaultRule rule;
+  rule.kind = *kind;
+  bool targeted = false;
+  for (std::size_t i = 1; i < args.size(); ++i) {
+    if (args[i].find('=') != std::string::npos) {
+      const std::string why = ParseFaultSetting(args[i], rule);
+      if (!why.empty()) return Error(why);
+    } else if (targeted || !ParseTarget(args[i], rule)) {
+      return Error("bad target '" + args[i] + "' (all, link, or a command byte such as 0x2B)");
+    } else {
+      targeted = true;
+    }
+  }
+  rule.id = sim.AddFault(rule);
+  return "ok fault " + DescribeFault(rule);
+}
+
+std::string RunFaults(Simulator& sim, const Words&) {
+  const std::vector<FaultRule> rules = sim.Faults();
+  std::string answer = "ok " + std::to_string(rules.size()) + " fault rule(s)";
+  for (std::size_t i = 0; i < rules.size(); ++i) {
+    answer += (i == 0 ? ": " : "; ") + DescribeFault(rules[i]);
+  }
+  return answer;
+}
+
+// ---- board events -------------------------------------------------------------------------------
+
+std::string RunUnplug(Simulator& sim, const Words&) {
+  return sim.Unplug() ? "ok unplugged" : Error("already unplugged");
+}
+
+std::string RunReplug(Simulator& sim, const Words&) {
+  if (sim.Plugged()) return Error("already plugged in");
+  std::string why;
+  return sim.Replug(&why) ? "ok serving " + sim.EntryPath() : Error(why);
+}
+
+std::string RunProfile(Simulator& sim, const Words& args) {
+  if (args.empty()) return "ok " + sim.ProfileName();
+  if (args.size() > 1 || !sim.SetProfile(args[0])) {
+    return Error("unknown profile '" + args[0] + "' (" + ProfileNames() + ")");
+  }
+  return "ok profile " + args[0];
+}
+
+std::string RunProfiles(Simulator&, const Words&) {
+  return "ok " + ProfileNames();
+}
+
+// ---- diagnostic text, status, counters ----------------------------------------------------------
+
+std::string RunDiag(Simulator& sim, const Words& args) {
+  const bool raw = !args.empty() && args[0] == "raw";
+  std::string text;
+  for (std::size_t i = raw ? 1 : 0; i < args.size(); ++i)
+    text += (text.empty() ? "" : " ") + args[i];
+  if (!raw) text += "\r\n";
+  sim.QueueDiagText(text);
+  return "ok " + std::to_string(text.size()) + " bytes queued";
+}
+
+std::string RunStatus(Simulator& sim, const Words&) {
+  const SimulatorStatus s = sim.Status();
+  return "ok profile=" + s.profile + " plugged=" + (s.plugged ? "yes" : "no") +
+         " entry=" + s.entryPath + " connections=" + std::to_string(s.connections) +
+         " requests=" + std::to_string(s.requests) + " faults=" + std::to_string(s.faultRules) +
+         " diag=" + std::to_string(s.pendingDiagBytes);
+}
+
+std::string RunCount(Simulator& sim, const Words& args) {
+  const Traffic t = sim.TrafficSeen();
+  long long code = 0;
+  if (args.empty()) return "ok " + std::to_string(t.total);
+  if (args[0] == "link") return "ok " + std::to_string(t.linkOpened);
+  if (args[0] == "malformed") return "ok " + std::to_string(t.malformed);
+  if (ParseNumber(args[0], code) && code >= 0 && code <= 0xFF) {
+    return "ok " + std::to_string(t.commands[static_cast<std::size_t>(code)]);
+  }
+  return Error("count takes a command byte, link or malformed");
+}
+
+std::string RunQuit(Simulator& sim, const Words&) {
+  if (!sim.CanQuit()) return Error("quit is not available here");
+  sim.Quit();
+  return "ok bye";
+}
+
+std::string RunHelp(Simulator&, const Words&);
+
+struct Verb {
+  const char* name;
+  const char* usage;
+  std::string (*run)(Simulator&, const Words&);
+};
+
+constexpr Verb kVerbs[] = {
+    {"help", "help", RunHelp},
+    {"status", "status", RunStatus},
+    {"profiles", "profiles", RunProfiles},
+    {"profile", "profile [NAME]", RunProfile},
+    {"unplug", "unplug", RunUnplug},
+    {"replug", "replug", RunReplug},
+    {"fault", "fault KIND [all|link|CODE] [count=N] [reason=N] [code=N] [ms=N]", RunFault},
+    {"fault", "fault clear [ID]", RunFault},
+    {"faults", "faults", RunFaults},
+    {"diag", "diag [raw] \"TEXT\"", RunDiag},
+    {"count", "count [CODE|link|malformed]", RunCount},
+    {"quit", "quit", RunQuit},
+};
+
+std::string RunHelp(Simulator&, const Words&) {
+  std::string answer = "ok commands:";
+  for (const Verb& v : kVerbs)
+    answer += std::string(" ") + (&v == kVerbs ? "" : "| ") + v.usage;
+  return answer;
+}
+
+bool ReadEscape(const std::string& line, std::size_t& i, std::string& word) {
+  if (++i >= line.size()) return false;
+  const char c = line[i];
+  if (c == 'n') word += '\n';
+  if (c == 'r') word += '\r';
+  if (c == 't') word += '\t';
+  if (c == '\\' || c == '"') word += c;
+  if (c == 'x') {
+    if (i + 2 >= line.size()) return false;
+    char* end = nullptr;
+    const std::string hex = line.substr(i + 1, 2);
+    const long v = std::strtol(hex.c_str(), &end, 16);
+    if (*end != '\0') return false;
+    word += static_cast<char>(v);
+    i += 2;
+  }
+  return std::string("nrt\\\"x").find(c) != std::string::npos;
+}
+
+}  // namespace
+
+bool SplitControlWords(const std::string& line, std::vector<std::string>& words,
+                       std::string& error) {
+  words.clear();
+  std::size_t i = 0;
+  while (i < line.size()) {
+    if (line[i] == ' ' || line[i] == '\t') {
+      ++i;
+      continue;
+    }
+    std::string word;
+    if (line[i] != '"') {
+      while (i < line.size() && line[i] != ' ' && line[i] != '\t')
+        word += line[i++];
+      words.push_back(word);
+      continue;
+    }
+    for (++i; i < line.size() && line[i] != '"'; ++i) {
+      if (line[i] != '\\') {
+        word += line[i];
+      } else if (!ReadEscape(line, i, word)) {
+        error = "bad escape in quoted text";
+        return false;
+      }
+    }
+    if (i >= line.size()) {
+      error = "quoted text without its closing quote";
+      return false;
+    }
+    ++i;
+    words.push_back(word);
+  }
+  return true;
+}
+
+std::string RunControlCommand(Simulator& sim, const std::string& line) {
+  Words words;
+  std::string why;
+  if (!SplitControlWords(line, words, why)) return Error(why);
+  if (words.empty()) return Error("empty command");
+  for (const Verb& v : kVerbs) {
+    if (words[0] == v.name) return v.run(sim, Words(words.begin() + 1, words.end()));
+  }
+  return Error("unknown command '" + words[0] + "' (try help)");
+}
+
+}  // namespace sim

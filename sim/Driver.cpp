@@ -1,0 +1,113 @@
+#include "sim/Driver.h"
+
+#include <algorithm>
+#include <optional>
+
+namespace sim {
+
+namespace {
+
+// The header is little-endian, unlike the big-endian command packets behind it.
+std::uint32_t GetLe32(wire::Bytes b, std::size_t at) {
+  return std::uint32_t{b[at]} | (std::uint32_t{b[at + 1]} << 8) | (std::uint32_t{b[at + 2]} << 16) |
+         (std::uint32_t{b[at + 3]} << 24);
+}
+
+void PutLe32(std::vector<std::uint8_t>& out, std::uint32_t v) {
+  for (int shift = 0; shift < 32; shift += 8)
+    out.push_back(static_cast<std::uint8_t>(v >> shift));
+}
+
+Outcome Reply(std::uint32_t tag, std::uint32_t status, std::uint32_t count,
+              const std::vector<std::uint8_t>& bytes = {}) {
+  Outcome out;
+  out.send = true;
+  out.datagram.reserve(kHeaderBytes + bytes.size());
+  PutLe32(out.datagram, tag);
+  PutLe32(out.datagram, status);
+  PutLe32(out.datagram, count);
+  out.datagram.insert(out.datagram.end(), bytes.begin(), bytes.end());
+  return out;
+}
+
+// Faults that do not touch the bytes: a status, a swallowed request, a delay. Returns the
+// outcome that replaces the normal answer, if any; a late rule only sets the delay.
+std::optional<Outcome> TransferFault(const std::optional<FaultRule>& fault, std::uint32_t tag,
+                                     platform::Duration& delay) {
+  if (!fault) return std::nullopt;
+  switch (fault->kind) {
+    case FaultKind::kDrop:
+      return Outcome{};
+    case FaultKind::kStatus:
+      return Reply(tag, fault->status, 0);
+    case FaultKind::kLate:
+      delay = platform::Milliseconds(fault->delayMs);
+      return std::nullopt;
+    default:
+      return std::nullopt;
+  }
+}
+
+Outcome AnswerLinkOpened(Board& board, const std::optional<FaultRule>& fault, std::uint32_t tag) {
+  platform::Duration delay{0};
+  if (auto faulted = TransferFault(fault, tag, delay)) return *faulted;
+  Outcome out = Reply(tag, 0, board.profile().driverWord);
+  out.delay = delay;
+  return out;
+}
+
+// The bytes the driver hands back: the board's reply clipped to the buffer offered, then bent
+// by a short or long rule.
+std::vector<std::uint8_t> ShapeReply(std::vector<std::uint8_t> bytes, std::uint32_t replyLength,
+                                     const std::optional<FaultRule>& fault) {
+  if (bytes.size() > replyLength) bytes.resize(replyLength);
+  if (fault && fault->kind == FaultKind::kShort && !bytes.empty()) bytes.pop_back();
+  if (fault && fault->kind == FaultKind::kLong) bytes.push_back(0);
+  return bytes;
+}
+
+Outcome AnswerCommand(Board& board, const std::optional<FaultRule>& fault, std::uint32_t tag,
+                      std::uint32_t replyLength, wire::Bytes packet) {
+  platform::Duration delay{0};
+  if (auto faulted = TransferFault(fault, tag, delay)) return *faulted;
+  // A refused command is not executed: it must not, say, use up pending diagnostic text.
+  std::vector<std::uint8_t> bytes =
+      fault && fault->kind == FaultKind::kRefuse
+          ? std::vector<std::uint8_t>{kRefusalByte, static_cast<std::uint8_t>(fault->reason)}
+          : board.Execute(packet).bytes;
+  bytes = ShapeReply(std::move(bytes), replyLength, fault);
+  Outcome out = Reply(tag, 0, static_cast<std::uint32_t>(bytes.size()), bytes);
+  out.delay = delay;
+  return out;
+}
+
+}  // namespace
+
+Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire::Bytes datagram) {
+  ++traffic.total;
+  if (datagram.size() < kHeaderBytes) {
+    ++traffic.malformed;
+    return Outcome{};
+  }
+  const std::uint32_t tag = GetLe32(datagram, 0);
+  const std::uint32_t code = GetLe32(datagram, 4);
+  const std::uint32_t replyLength = GetLe32(datagram, 8);
+  const wire::Bytes packet = datagram.subspan(kHeaderBytes);
+
+  if (code == kLinkOpenedCode) {
+    ++traffic.linkOpened;
+    return AnswerLinkOpened(board, faults.Take({.linkOpened = true}), tag);
+  }
+  if (code != kNormalCommandCode && code != kCapturePositionCode) {
+    return Reply(tag, kErrorInvalidFunction, 0);
+  }
+  const std::size_t limit =
+      code == kNormalCommandCode ? kNormalCommandLimit : kCapturePositionLimit;
+  if (packet.empty() || packet.size() > limit || replyLength > limit) {
+    return Reply(tag, kErrorInvalidParameter, 0);
+  }
+  ++traffic.commands[packet[0]];
+  return AnswerCommand(board, faults.Take({.command = packet[0]}), tag, replyLength, packet);
+}
+
+}  // namespace sim

@@ -1,0 +1,214 @@
+#include "sim/UnixServer.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace sim {
+
+namespace {
+
+std::string ErrnoText(int error) {
+  char buffer[128];
+  return ::strerror_r(error, buffer, sizeof buffer);  // the GNU form returns the text
+}
+
+bool FillAddress(const std::string& path, sockaddr_un& addr) {
+  addr = {};
+  addr.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof addr.sun_path) return false;
+  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  return true;
+}
+
+std::string ParentOf(const std::string& path) {
+  const auto slash = path.find_last_of('/');
+  return slash == std::string::npos || slash == 0 ? std::string() : path.substr(0, slash);
+}
+
+// A socket file at `path` that nobody serves any more is left over from a process that died; it
+// may be taken over. One that still accepts belongs to a running board.
+bool ClearStaleEntry(const std::string& path, int type, std::string& error) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0) return true;
+  if (!S_ISSOCK(st.st_mode)) {
+    error = path + " exists and is not a socket";
+    return false;
+  }
+  sockaddr_un addr;
+  FillAddress(path, addr);
+  const int probe = ::socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const int result =
+      probe < 0 ? -1 : ::connect(probe, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+  const int why = errno;
+  if (probe >= 0) ::close(probe);
+  if (result == 0) {
+    error = path + " is already served by another board";
+    return false;
+  }
+  // Only a refused connection means that nobody listens; anything else (a socket of another
+  // kind, no permission) is somebody else's.
+  if (why != ECONNREFUSED) {
+    error = path + " is in use: " + ErrnoText(why);
+    return false;
+  }
+  ::unlink(path.c_str());
+  return true;
+}
+
+// Every thread of a server ends once its sockets are shut down, without waiting for time to pass.
+// So the closing thread stays a participant while it joins (unlike platform::Join): virtual time
+// stands still during an unplug, as it would for any other action that takes no time.
+void JoinStillTakingPart(std::thread& thread) {
+  if (thread.joinable()) thread.join();
+}
+
+}  // namespace
+
+bool MakeDirectories(const std::string& dir) {
+  if (dir.empty()) return true;
+  struct stat st {};
+  if (::stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
+  if (!MakeDirectories(ParentOf(dir))) return false;
+  return ::mkdir(dir.c_str(), 0777) == 0 || errno == EEXIST;
+}
+
+UnixServer::UnixServer(int socketType, ServeFn serve)
+    : socketType_(socketType), serve_(std::move(serve)) {}
+
+UnixServer::~UnixServer() {
+  Close();
+}
+
+bool UnixServer::Listen(const std::string& path, std::string& error) {
+  std::lock_guard lifecycle(lifecycle_);
+  if (Listening()) return true;
+  sockaddr_un addr;
+  if (!FillAddress(path, addr)) {
+    error = "socket path is empty or longer than " + std::to_string(sizeof addr.sun_path - 1) +
+            " bytes: " + path;
+    return false;
+  }
+  if (!MakeDirectories(ParentOf(path))) {
+    error = "cannot make the folder of " + path + ": " + ErrnoText(errno);
+    return false;
+  }
+  if (!ClearStaleEntry(path, socketType_, error)) return false;
+  const int fd = ::socket(AF_UNIX, socketType_ | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0 || ::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 ||
+      ::listen(fd, 16) != 0) {
+    error = "cannot serve " + path + ": " + ErrnoText(errno);
+    if (fd >= 0) ::close(fd);
+    return false;
+  }
+  // Host and board may run as different users; the entry is open to every one of them.
+  ::chmod(path.c_str(), 0666);
+  std::lock_guard lock(mutex_);
+  path_ = path;
+  listener_ = fd;
+  listening_ = true;
+  acceptor_ = platform::ParticipantThread([this] { AcceptLoop(); });
+  return true;
+}
+
+void UnixServer::Close() {
+  std::lock_guard lifecycle(lifecycle_);
+  std::list<std::unique_ptr<Connection>> connections;
+  {
+    std::lock_guard lock(mutex_);
+    if (!listening_) return;
+    closing_ = true;
+  }
+  platform::Clock::Current().NotifyAll();  // ends the waits of SleepUntil
+  ::unlink(path_.c_str());
+  ::shutdown(listener_, SHUT_RDWR);
+  JoinStillTakingPart(acceptor_);
+  ::close(listener_);
+  {
+    std::lock_guard lock(mutex_);
+    connections.swap(connections_);
+  }
+  for (auto& c : connections)
+    ::shutdown(c->fd, SHUT_RDWR);
+  for (auto& c : connections) {
+    JoinStillTakingPart(c->thread);
+    ::close(c->fd);
+  }
+  std::lock_guard lock(mutex_);
+  listener_ = -1;
+  listening_ = false;
+  closing_ = false;
+}
+
+bool UnixServer::Listening() const {
+  std::lock_guard lock(mutex_);
+  return listening_ && !closing_;
+}
+
+std::size_t UnixServer::Connections() const {
+  std::lock_guard lock(mutex_);
+  std::size_t n = 0;
+  for (const auto& c : connections_)
+    n += c->done ? 0 : 1;
+  return n;
+}
+
+bool UnixServer::SleepUntil(platform::TimePoint deadline) {
+  std::unique_lock lock(mutex_);
+  return !platform::Clock::Current().WaitUntil(lock, deadline, [this] { return closing_; });
+}
+
+void UnixServer::AcceptLoop() {
+  platform::Clock& clock = platform::Clock::Current();
+  for (;;) {
+    if (clock.WaitReadable(listener_, platform::kNever) < 0) return;
+    {
+      std::lock_guard lock(mutex_);
+      if (closing_) return;
+    }
+    const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd >= 0) {
+      AddConnection(fd);
+      continue;
+    }
+    if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) return;
+  }
+}
+
+void UnixServer::AddConnection(int fd) {
+  std::list<std::unique_ptr<Connection>> finished;
+  {
+    std::lock_guard lock(mutex_);
+    ReapFinishedLocked(finished);
+    auto c = std::make_unique<Connection>();
+    Connection* raw = c.get();
+    c->fd = fd;
+    c->thread = platform::ParticipantThread([this, raw] {
+      serve_(raw->fd);
+      raw->done = true;
+    });
+    connections_.push_back(std::move(c));
+  }
+  // Threads that ended are joined outside the lock; they have nothing left to do.
+  for (auto& c : finished) {
+    JoinStillTakingPart(c->thread);
+    ::close(c->fd);
+  }
+}
+
+void UnixServer::ReapFinishedLocked(std::list<std::unique_ptr<Connection>>& finished) {
+  for (auto it = connections_.begin(); it != connections_.end();) {
+    if ((*it)->done) {
+      finished.push_back(std::move(*it));
+      it = connections_.erase(it);
+    } else {
+      ++it;
+    }
+  }
+}
+
+}  // namespace sim

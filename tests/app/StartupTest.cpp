@@ -49,7 +49,7 @@ class StartupTest : public ::testing::Test {
   TempDeviceDir dir;
   MessageBoxRecorder boxes;
   LogRecorder log;
-  Board spec;
+  Board fake;
   int versionQueries = 0;
   int failVersionQueryFrom = 1000;
 
@@ -59,11 +59,11 @@ class StartupTest : public ::testing::Test {
       std::vector<std::uint8_t> out(r.replyLength, 0);
       if (r.bytes.at(0) == 0x2B) {
         if (++versionQueries >= failVersionQueryFrom) return BoardAnswer{.status = 121};
-        wire::PutWideText(out, 1, spec.name);
+        wire::PutWideText(out, 1, fake.name);
         wire::PutReal(out, 33, 2.3f);
-        out[39] = spec.isServo;
-        out[43] = spec.isManualVision;
-        wire::PutWord(out, 61, spec.protocol);
+        out[39] = fake.isServo;
+        out[43] = fake.isManualVision;
+        wire::PutWord(out, 61, fake.protocol);
         out[66] = 1;
       }
       return BoardAnswer{.bytes = out};
@@ -91,7 +91,7 @@ TEST_F(StartupTest, TheSelectionTablePicksControllerDialogAndKind) {
                         Case{u"Prototype", true, false, "CTavroTestDlg", 0},
                         Case{u"Manual Vision", false, true, "CTavroTestManualVisionDlg", 99},
                         Case{u"Auto Vision", false, false, "", 99}}) {
-    spec = {c.name, c.isServo, c.isManualVision};
+    fake = {c.name, c.isServo, c.isManualVision};
     auto board = Plug();
     const RecordingApp app = Run();
     EXPECT_EQ(app.dialog, c.dialog) << text::ToUtf8(c.name);
@@ -112,7 +112,7 @@ TEST_F(StartupTest, NoBoardEndsWithTheOpenMessage) {
 }
 
 TEST_F(StartupTest, ANewerProtocolEndsWithTheIncompatibleMessage) {
-  spec.protocol = 6;
+  fake.protocol = 6;
   auto board = Plug();
   const RecordingApp app = Run();
   EXPECT_EQ(app.dialog, "");

@@ -17,7 +17,7 @@ namespace {
 using namespace testing_support;
 using Bytes = std::vector<std::uint8_t>;
 
-struct BoardSpec {
+struct BoardSetup {
   std::u16string name = u"Auto Vision";
   float firmware = 2.30f;
   std::uint16_t protocol = 5;
@@ -29,12 +29,12 @@ struct BoardSpec {
 
 // A version reply with every byte distinct where the record has no field, so that a field read
 // from the wrong byte shows.
-Bytes VersionReply(const BoardSpec& spec) {
+Bytes VersionReply(const BoardSetup& setup) {
   Bytes r(69);
   for (std::size_t i = 0; i < r.size(); ++i)
     r[i] = static_cast<std::uint8_t>(0x80 + i);
-  wire::PutWideText(r, 1, spec.name);
-  wire::PutReal(r, 33, spec.firmware);
+  wire::PutWideText(r, 1, setup.name);
+  wire::PutReal(r, 33, setup.firmware);
   r[37] = 37;
   r[39] = 1;   // isServo
   r[40] = 1;   // hasLightChannels
@@ -46,10 +46,10 @@ Bytes VersionReply(const BoardSpec& spec) {
   r[57] = 1;  // hasWAxis
   r[58] = 0;  // platenFitted
   r[60] = 1;  // hasTouchProbe
-  wire::PutWord(r, 61, spec.protocol);
+  wire::PutWord(r, 61, setup.protocol);
   r[63] = 2;  // laserType
   r[65] = 0;  // laserNotReady
-  r[66] = spec.eepromInfoLong ? 1 : 0;
+  r[66] = setup.eepromInfoLong ? 1 : 0;
   return r;
 }
 
@@ -62,7 +62,7 @@ class BaseCommandsTest : public ::testing::Test {
   MessageBoxRecorder boxes;
   LogRecorder log;
   ScriptedBoard board{dir.Class1(0)};
-  BoardSpec spec;
+  BoardSetup setup;
   std::array<std::uint8_t, 4096> eeprom{};
 
   BaseCommandsTest() {
@@ -75,22 +75,22 @@ class BaseCommandsTest : public ::testing::Test {
     Bytes out(r.replyLength, 0);
     switch (r.bytes.at(0)) {
       case 0x2B:
-        return {.bytes = VersionReply(spec)};
+        return {.bytes = VersionReply(setup)};
       case 0x28:
-        out.assign(spec.eepromInfoLong ? 32 : 18, 0);
+        out.assign(setup.eepromInfoLong ? 32 : 18, 0);
         out[1] = 1;
-        if (spec.eepromInfoLong) {
+        if (setup.eepromInfoLong) {
           out[2] = 9;
           wire::PutLong(out, 3, 1000);
-          wire::PutLong(out, 7, spec.machineSize);
+          wire::PutLong(out, 7, setup.machineSize);
           wire::PutLong(out, 11, 3000);
-          wire::PutLong(out, 15, spec.pageSize);
-          wire::PutLong(out, 19, spec.maxReadWrite);
+          wire::PutLong(out, 15, setup.pageSize);
+          wire::PutLong(out, 19, setup.maxReadWrite);
           out[23] = 1;
         } else {
           wire::PutWord(out, 2, 512);
           out[4] = 5;
-          wire::PutWord(out, 5, static_cast<std::uint16_t>(spec.machineSize));
+          wire::PutWord(out, 5, static_cast<std::uint16_t>(setup.machineSize));
           out[7] = 1;
         }
         return {.bytes = out};
@@ -183,9 +183,9 @@ TEST_F(BaseCommandsTest, EepromInformationFormsFollowTheBoard) {
   for (const Case& c : {Case{1.10f, 2, 1, {true, 5, 512, 0, 0, 32, 64, false}},
                         Case{1.11f, 1, 32, {true, 5, 512, 0, 0, 32, 64, false}},
                         Case{1.60f, 2, 32, {true, 5, 512, 2048, 0, 32, 64, true}}}) {
-    spec.eepromInfoLong = false;
-    spec.firmware = c.firmware;
-    spec.protocol = c.protocol;
+    setup.eepromInfoLong = false;
+    setup.firmware = c.firmware;
+    setup.protocol = c.protocol;
     board.ClearRequests();
     CTavroUsb usb;
     OpenBoard(usb);
@@ -212,7 +212,7 @@ TEST_F(BaseCommandsTest, IdentityHasItsExtraFieldsFromProtocolTwo) {
     return BoardAnswer{.bytes = out};
   });
   for (std::uint16_t protocol : {5, 1}) {
-    spec.protocol = protocol;
+    setup.protocol = protocol;
     CTavroUsb usb;
     OpenBoard(usb);
     BoardIdentity id;
@@ -240,7 +240,7 @@ TEST_F(BaseCommandsTest, DiagnosticTextIsCutAtByte99AndAbsentBeforeProtocolTwo) 
     EXPECT_EQ(text, std::string(99, 'x'));
   }
 
-  spec.protocol = 1;
+  setup.protocol = 1;
   CTavroUsb old;
   OpenBoard(old);
   board.ClearRequests();
@@ -251,7 +251,7 @@ TEST_F(BaseCommandsTest, DiagnosticTextIsCutAtByte99AndAbsentBeforeProtocolTwo) 
 
 TEST_F(BaseCommandsTest, EepromBlockFormsSwitchAbove64Bytes) {
   for (std::uint32_t maxRw : {64u, 65u}) {
-    spec.maxReadWrite = maxRw;
+    setup.maxReadWrite = maxRw;
     CTavroUsb usb;
     OpenBoard(usb);
     board.ClearRequests();
@@ -279,8 +279,8 @@ TEST_F(BaseCommandsTest, EepromBlockFormsSwitchAbove64Bytes) {
 }
 
 TEST_F(BaseCommandsTest, EepromReadsSplitAtPagesAndRefuseThePastTheMachineArea) {
-  spec.pageSize = 64;
-  spec.maxReadWrite = 128;
+  setup.pageSize = 64;
+  setup.maxReadWrite = 128;
   CTavroUsb usb;
   OpenBoard(usb);
   board.ClearRequests();
@@ -303,7 +303,7 @@ TEST_F(BaseCommandsTest, EepromReadsSplitAtPagesAndRefuseThePastTheMachineArea) 
 }
 
 TEST_F(BaseCommandsTest, OpenRefusesAProtocolAboveFiveAndClosesTheChannel) {
-  spec.protocol = 6;
+  setup.protocol = 6;
   CTavroUsb usb;
   EXPECT_EQ(usb.Open(true, false), 4);
   EXPECT_FALSE(usb.IsOpen());
@@ -311,7 +311,7 @@ TEST_F(BaseCommandsTest, OpenRefusesAProtocolAboveFiveAndClosesTheChannel) {
   EXPECT_EQ(boxes.Boxes()[0].text,
             "Error: Opened \\\\.\\HnUsb, but firmware version is incompatible with this "
             "software.\r\nMachine firmware may be newer.\r\n");
-  spec.protocol = 5;
+  setup.protocol = 5;
   EXPECT_EQ(usb.Open(true, false), 0);
 }
 

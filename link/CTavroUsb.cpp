@@ -347,24 +347,20 @@ int CTavroUsb::Open(bool showErrors, bool skipVersion) {
   const int opened = channel->Open(showErrors);
   if (opened != 0) return opened;
   if (skipVersion) return 0;
-  if (!ReadBoardVersion(versionInfo)) {
+  // A failed version or EEPROM query: one message for both, and the channel closes again.
+  const auto noVersion = [&] {
     if (showErrors) {
       ui::MessageBox(usb::NoVersionInformationText(), usb::ErrorTitle(), ui::kMbIconStop);
     }
     channel->Close();
     return 2;
-  }
+  };
+  if (!ReadBoardVersion(versionInfo)) return noVersion();
   if (!CheckFirmware(showErrors)) {
     channel->Close();
     return 4;
   }
-  if (!ReadEepromInfo(eepromInfo)) {
-    if (showErrors) {
-      ui::MessageBox(usb::NoVersionInformationText(), usb::ErrorTitle(), ui::kMbIconStop);
-    }
-    channel->Close();
-    return 2;
-  }
+  if (!ReadEepromInfo(eepromInfo)) return noVersion();
   return 0;
 }
 

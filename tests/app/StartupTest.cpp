@@ -41,14 +41,8 @@ class RecordingApp : public CTavroTestApp {
   }
 };
 
-class StartupTest : public ::testing::Test {
+class StartupTest : public LinkFixture {
  protected:
-  platform::VirtualClock clock;
-  platform::ScopedClock scoped{clock};
-  platform::ClockParticipant self{clock};
-  TempDeviceDir dir;
-  MessageBoxRecorder boxes;
-  LogRecorder log;
   Board fake;
   int versionQueries = 0;
   int failVersionQueryFrom = 1000;

@@ -18,15 +18,8 @@ namespace {
 
 using namespace testing_support;
 
-class HostAgainstSimulator : public ::testing::Test {
+class HostAgainstSimulator : public LinkFixture {
  protected:
-  platform::VirtualClock clock;
-  platform::ScopedClock scoped{clock};
-  platform::ClockParticipant self{clock};
-  TempDeviceDir dir;
-  MessageBoxRecorder boxes;
-  LogRecorder log;
-
   std::unique_ptr<sim::Simulator> Start(const std::string& profile,
                                         const std::string& entry = "class1:0") {
     auto board = std::make_unique<sim::Simulator>(
@@ -34,10 +27,6 @@ class HostAgainstSimulator : public ::testing::Test {
     std::string error;
     EXPECT_TRUE(board->Start(&error)) << error;
     return board;
-  }
-
-  std::int64_t ElapsedMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(clock.Elapsed()).count();
   }
 };
 

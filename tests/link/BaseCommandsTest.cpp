@@ -53,14 +53,8 @@ Bytes VersionReply(const BoardSetup& setup) {
   return r;
 }
 
-class BaseCommandsTest : public ::testing::Test {
+class BaseCommandsTest : public LinkFixture {
  protected:
-  platform::VirtualClock clock;
-  platform::ScopedClock scoped{clock};
-  platform::ClockParticipant self{clock};
-  TempDeviceDir dir;
-  MessageBoxRecorder boxes;
-  LogRecorder log;
   ScriptedBoard board{dir.Class1(0)};
   BoardSetup setup;
   std::array<std::uint8_t, 4096> eeprom{};

@@ -23,19 +23,8 @@ namespace {
 using namespace testing_support;
 using platform::Milliseconds;
 
-class ChannelTest : public ::testing::Test {
+class ChannelTest : public LinkFixture {
  protected:
-  platform::VirtualClock clock;
-  platform::ScopedClock scoped{clock};
-  platform::ClockParticipant self{clock};
-  TempDeviceDir dir;
-  MessageBoxRecorder boxes;
-  LogRecorder log;
-
-  std::int64_t ElapsedMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(clock.Elapsed()).count();
-  }
-
   // Opens a board at class 1 index 0 whose every command gets `answer`.
   std::unique_ptr<ScriptedBoard> OpenWith(CTavroUsb& usb, BoardAnswer answer) {
     auto board = std::make_unique<ScriptedBoard>(dir.Class1(0));

@@ -64,3 +64,28 @@ class LogRecorder {
 };
 
 }  // namespace testing_support
+
+#include <gtest/gtest.h>
+
+#include "platform/Clock.h"
+#include "tests/support/ScriptedBoard.h"
+
+namespace testing_support {
+
+// What every test of the link needs: virtual time with the test's thread taking part, a private
+// device folder, and the boxes and log entries the code under test produced.
+class LinkFixture : public ::testing::Test {
+ protected:
+  platform::VirtualClock clock;
+  platform::ScopedClock scoped{clock};
+  platform::ClockParticipant self{clock};
+  TempDeviceDir dir;
+  MessageBoxRecorder boxes;
+  LogRecorder log;
+
+  std::int64_t ElapsedMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(clock.Elapsed()).count();
+  }
+};
+
+}  // namespace testing_support

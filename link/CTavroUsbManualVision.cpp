@@ -1,10 +1,14 @@
 #include "link/CTavroUsbManualVision.h"
 
-CTavroUsbManualVision::CTavroUsbManualVision(const CTavroUsb& link) : CTavroUsb(link) {
-  if (IsOpen() && !CheckFirmware(true)) Close();
-  WEepromInfo = EepromInfo{};
+CTavroUsbManualVision::CTavroUsbManualVision(const CTavroUsb& link)
+    : CTavroUsbController(link, Dialect::ManualVision),
+      WAxisBridge(static_cast<CTavroUsbController&>(*this)) {
+  if (IsOpen()) WAxisBridge::GetEepromInfo(WEepromInfo);
 }
 
 int CTavroUsbManualVision::Open(bool showErrors, bool skipVersion) {
-  return CTavroUsb::Open(showErrors, skipVersion);
+  const int result = CTavroUsb::Open(showErrors, skipVersion);
+  if (result != 0) return result;
+  WAxisBridge::GetEepromInfo(WEepromInfo);
+  return 0;
 }

@@ -92,7 +92,7 @@ void LogFailure(std::uint32_t code, int replyWait, int attempt, int attempts, st
 
 // One attempt's call and wait. Returns the error and sets `cancelFailed` when a cancel did not
 // complete within `cancelWait`.
-std::uint32_t Attempt(platform::Device* handle, std::uint32_t code, const std::uint8_t* request,
+std::uint32_t Attempt(platform::Transport* handle, std::uint32_t code, const std::uint8_t* request,
                       std::uint32_t requestLength, std::uint8_t* reply, std::uint32_t replyLength,
                       std::uint32_t& bytes, platform::Overlapped* overlapped,
                       platform::Event* cancelEvent, int cancelWait, int replyWait,
@@ -121,7 +121,7 @@ std::uint32_t Attempt(platform::Device* handle, std::uint32_t code, const std::u
 
 }  // namespace
 
-std::uint32_t DoDeviceIoControl(platform::Device* handle, std::uint32_t code,
+std::uint32_t DoDeviceIoControl(platform::Transport* handle, std::uint32_t code,
                                 const std::uint8_t* request, std::uint32_t requestLength,
                                 std::uint8_t* reply, std::uint32_t replyLength,
                                 std::uint32_t* bytesReturned, platform::Overlapped* overlapped,
@@ -214,14 +214,14 @@ bool CTavroUsbFileInfo::FindDevice(std::uint32_t& lastError) {
       const std::uint32_t found = platform::EnumerateInterface(interfaceClass, index, path);
       if (found == platform::kErrNoMoreItems) break;
       if (found != platform::kErrSuccess) continue;
-      device = platform::Device::Open(path, lastError);
+      device = platform::OpenTransport(path, lastError);
       if (device) return true;
     }
   }
   for (char letter : {'a', 'b'}) {
     for (unsigned digit = 0; digit < 10; ++digit) {
       const std::string name = text::Format("%s%c%u", usb::kDeviceBaseName, letter, digit);
-      device = platform::Device::Open(platform::DevicePathForName(name), lastError);
+      device = platform::OpenTransport(platform::DevicePathForName(name), lastError);
       if (device) return true;
     }
   }

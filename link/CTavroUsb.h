@@ -47,7 +47,7 @@ inline constexpr const char* kDeviceBaseName = "\\\\.\\HnUsb";
 // after-open code); `cancelEvent` null means nothing but the time limits ends a wait.
 // `replyWait` of -1 waits without limit. A reply beginning with 0x3F (a refusal) and, with
 // `exactSize`, a reply of another size than `replyLength` become error 13 and are retried.
-std::uint32_t DoDeviceIoControl(platform::Device* handle, std::uint32_t code,
+std::uint32_t DoDeviceIoControl(platform::Transport* handle, std::uint32_t code,
                                 const std::uint8_t* request, std::uint32_t requestLength,
                                 std::uint8_t* reply, std::uint32_t replyLength,
                                 std::uint32_t* bytesReturned, platform::Overlapped* overlapped,
@@ -98,7 +98,7 @@ class CTavroUsb {
     std::atomic<bool> openFailed{false};
     std::atomic<bool> reportErrors{true};
     std::atomic<bool> handleValid{false};
-    std::unique_ptr<platform::Device> device;
+    std::unique_ptr<platform::Transport> device;
     WinX::CriticalSection locks[usb::kSlotCount];
     std::unique_ptr<platform::Overlapped> overlapped[usb::kSlotCount];
     std::unique_ptr<platform::Event> cancelEvents[usb::kSlotCount];

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 
 namespace platform {
 
@@ -60,8 +61,71 @@ void SetDeviceDirectory(const std::string& dir) {
   g_dirOverride = dir;
 }
 
+namespace {
+
+// Completes every transfer on the caller's thread, so an overlapped record is never left pending.
+class InProcessTransport final : public Transport {
+ public:
+  explicit InProcessTransport(TransferHandler handler) : handler_(std::move(handler)) {}
+
+  std::uint32_t IoControl(std::uint32_t code, const std::uint8_t* request,
+                          std::uint32_t requestLength, std::uint8_t* reply,
+                          std::uint32_t replyLength, std::uint32_t* bytesReturned,
+                          Overlapped*) override {
+    std::uint32_t bytes = 0;
+    const std::uint32_t status =
+        handler_(code, request, requestLength, reply, reply ? replyLength : 0, bytes);
+    if (bytesReturned) *bytesReturned = bytes;
+    return status;
+  }
+  void Cancel(Overlapped&) override {}
+  std::uint32_t Result(Overlapped&, std::uint32_t& bytesReturned) override {
+    bytesReturned = 0;
+    return kErrSuccess;
+  }
+
+ private:
+  TransferHandler handler_;
+};
+
+std::mutex endpointsMutex;
+std::map<std::string, TransferHandler>& Endpoints() {
+  static std::map<std::string, TransferHandler> endpoints;
+  return endpoints;
+}
+
+const TransferHandler* FindEndpoint(const std::string& path) {
+  std::lock_guard lock(endpointsMutex);
+  const auto it = Endpoints().find(path);
+  return it == Endpoints().end() ? nullptr : &it->second;
+}
+
+}  // namespace
+
+void RegisterEndpoint(const std::string& path, TransferHandler handler) {
+  std::lock_guard lock(endpointsMutex);
+  Endpoints()[path] = std::move(handler);
+}
+
+void UnregisterEndpoint(const std::string& path) {
+  std::lock_guard lock(endpointsMutex);
+  Endpoints().erase(path);
+}
+
+std::unique_ptr<Transport> OpenTransport(const std::string& path, std::uint32_t& error) {
+  if (const TransferHandler* handler = FindEndpoint(path)) {
+    error = kErrSuccess;
+    return std::make_unique<InProcessTransport>(*handler);
+  }
+  return Device::Open(path, error);
+}
+
 std::uint32_t EnumerateInterface(const char* interfaceClass, unsigned index, std::string& path) {
   std::string entry = DeviceDirectory() + "/" + interfaceClass + "/" + std::to_string(index);
+  if (FindEndpoint(entry)) {
+    path = std::move(entry);
+    return kErrSuccess;
+  }
   struct stat st {};
   if (::lstat(entry.c_str(), &st) != 0) return kErrNoMoreItems;
   if (!S_ISSOCK(st.st_mode)) return kErrGenFailure;

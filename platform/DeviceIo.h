@@ -19,6 +19,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -82,30 +83,61 @@ struct Overlapped {
   std::uint32_t replyCapacity = 0;
 };
 
-// An open device. Its reader thread takes the replies off the socket and completes the transfer
-// they belong to; it is a participant of the clock that was current when the device opened.
-class Device {
+// An open device as the channel sees it: control transfers and nothing else. The socket device
+// below is the real one; an in-process endpoint (fuzzing, benchmarks) is another.
+class Transport {
  public:
-  // connect()s to `path`. On failure returns null and sets `error` to a system error code.
-  static std::unique_ptr<Device> Open(const std::string& path, std::uint32_t& error);
-  ~Device();  // closes the connection; transfers still under way complete with kErrInvalidHandle
-  Device(const Device&) = delete;
-  Device& operator=(const Device&) = delete;
+  virtual ~Transport() = default;
 
   // DeviceIoControl. With `ov`: starts the transfer and returns kErrIoPending (ov->event is reset
-  // and set again on completion) or an error at once. Without `ov`: waits for the reply, for at
+  // and set again on completion), or completes it at once and returns its status with the count
+  // in `bytesReturned`, or returns an error at once. Without `ov`: waits for the reply, for at
   // most the board's usual five seconds, and returns its status (kErrSemTimeout if none came).
-  // `bytesReturned` receives the count when the call completes at once (never for pending ones).
-  std::uint32_t IoControl(std::uint32_t code, const std::uint8_t* request,
-                          std::uint32_t requestLength, std::uint8_t* reply,
-                          std::uint32_t replyLength, std::uint32_t* bytesReturned, Overlapped* ov);
+  virtual std::uint32_t IoControl(std::uint32_t code, const std::uint8_t* request,
+                                  std::uint32_t requestLength, std::uint8_t* reply,
+                                  std::uint32_t replyLength, std::uint32_t* bytesReturned,
+                                  Overlapped* ov) = 0;
 
   // CancelIo for one transfer: a transfer still under way completes now with
   // kErrOperationAborted, and its reply, if it ever comes, is dropped.
-  void Cancel(Overlapped& ov);
+  virtual void Cancel(Overlapped& ov) = 0;
 
   // GetOverlappedResult without waiting: kErrIoIncomplete while under way, else the status.
-  std::uint32_t Result(Overlapped& ov, std::uint32_t& bytesReturned);
+  virtual std::uint32_t Result(Overlapped& ov, std::uint32_t& bytesReturned) = 0;
+};
+
+// An in-process board: answers each transfer at once, on the caller's thread. Returns the
+// status and sets `bytesReturned` (at most `replyLength` bytes written to `reply`).
+using TransferHandler = std::function<std::uint32_t(
+    std::uint32_t code, const std::uint8_t* request, std::uint32_t requestLength,
+    std::uint8_t* reply, std::uint32_t replyLength, std::uint32_t& bytesReturned)>;
+
+// Serves `path` in this process: enumeration finds it and OpenTransport connects to it without
+// a socket. Registering a path again replaces its handler; the handler must outlive every
+// transport opened on it.
+void RegisterEndpoint(const std::string& path, TransferHandler handler);
+void UnregisterEndpoint(const std::string& path);
+
+// Opens `path`: an in-process endpoint if one is registered there, else the socket. On failure
+// returns null and sets `error` to a system error code.
+std::unique_ptr<Transport> OpenTransport(const std::string& path, std::uint32_t& error);
+
+// An open device. Its reader thread takes the replies off the socket and completes the transfer
+// they belong to; it is a participant of the clock that was current when the device opened.
+class Device final : public Transport {
+ public:
+  // connect()s to `path`. On failure returns null and sets `error` to a system error code.
+  static std::unique_ptr<Device> Open(const std::string& path, std::uint32_t& error);
+  ~Device() override;  // closes the connection; transfers under way complete kErrInvalidHandle
+  Device(const Device&) = delete;
+  Device& operator=(const Device&) = delete;
+
+  std::uint32_t IoControl(std::uint32_t code, const std::uint8_t* request,
+                          std::uint32_t requestLength, std::uint8_t* reply,
+                          std::uint32_t replyLength, std::uint32_t* bytesReturned,
+                          Overlapped* ov) override;
+  void Cancel(Overlapped& ov) override;
+  std::uint32_t Result(Overlapped& ov, std::uint32_t& bytesReturned) override;
 
  private:
   explicit Device(int fd);

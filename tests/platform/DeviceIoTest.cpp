@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <vector>
@@ -101,6 +102,39 @@ TEST_F(DeviceIoTest, DiscoveryTellsMissingUnusableAndUsableEntriesApart) {
   EXPECT_EQ(Device::Open(dir_ + "/HnUsba0", error), nullptr);
   EXPECT_EQ(error, kErrFileNotFound);
   EXPECT_NE(Device::Open(path, error), nullptr);
+}
+
+TEST_F(DeviceIoTest, AnInProcessEndpointIsFoundAndAnswersAtOnceUntilUnregistered) {
+  const std::string entry = dir_ + "/" + kInterfaceClass2 + "/3";
+  RegisterEndpoint(entry, [](std::uint32_t code, const std::uint8_t* request, std::uint32_t,
+                             std::uint8_t* reply, std::uint32_t replyLength, std::uint32_t& bytes) {
+    bytes = code == kLinkOpenedCode ? 0x02040000 : std::min<std::uint32_t>(replyLength, 2);
+    if (reply && replyLength >= 2) {
+      reply[0] = request[0];
+      reply[1] = 0x5A;
+    }
+    return kErrSuccess;
+  });
+  std::string path;
+  ASSERT_EQ(EnumerateInterface(kInterfaceClass2, 3, path), kErrSuccess);
+  std::uint32_t error = 1;
+  auto transport = OpenTransport(path, error);
+  ASSERT_NE(transport, nullptr);
+  EXPECT_EQ(error, kErrSuccess);
+
+  // An overlapped transfer completes at once, never pending, so the channel does not wait.
+  Overlapped ov;
+  const std::uint8_t request[] = {0x2B};
+  std::uint8_t reply[4] = {};
+  std::uint32_t bytes = 0;
+  EXPECT_EQ(transport->IoControl(0x80002000, request, 1, reply, 4, &bytes, &ov), kErrSuccess);
+  EXPECT_EQ(bytes, 2u);
+  EXPECT_EQ(reply[1], 0x5A);
+  EXPECT_TRUE(ov.event.IsSet());
+
+  UnregisterEndpoint(entry);
+  EXPECT_EQ(EnumerateInterface(kInterfaceClass2, 3, path), kErrNoMoreItems);
+  EXPECT_EQ(OpenTransport(entry, error), nullptr);
 }
 
 TEST_F(DeviceIoTest, TransfersCarryTheFrameAndCompleteByTagInAnyOrder) {

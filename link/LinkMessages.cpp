@@ -18,24 +18,26 @@ std::string GeneralUsbErrorText() {
 }
 
 std::string CouldNotOpenText(std::uint32_t lastError) {
-  return text::FormatRuntime(strings::LoadOr(19907, "%s\nError: Couldn't open %s, (%x)\r\n"),
-                             GeneralUsbErrorText().c_str(), kDeviceBaseName, lastError);
+  return text::FormatRuntime(
+      strings::LoadOr(19907, "%s\nError: Couldn't open %s, (%x)\r\n").c_str(),
+      GeneralUsbErrorText().c_str(), kDeviceBaseName, lastError);
 }
 
 std::string FailedText(const char* codeName, char command, const std::string& systemText) {
-  return text::FormatRuntime(strings::LoadOr(19908, "%s\nError: %s failed: %c, %s\r\n"),
+  return text::FormatRuntime(strings::LoadOr(19908, "%s\nError: %s failed: %c, %s\r\n").c_str(),
                              GeneralUsbErrorText().c_str(), codeName, command, systemText.c_str());
 }
 
 std::string ReturnedCodeText(const char* codeName, char command, int reason) {
-  return text::FormatRuntime(strings::LoadOr(19909, "%s\nError: %s returned code: %c, %d\r\n"),
-                             GeneralUsbErrorText().c_str(), codeName, command, reason);
+  return text::FormatRuntime(
+      strings::LoadOr(19909, "%s\nError: %s returned code: %c, %d\r\n").c_str(),
+      GeneralUsbErrorText().c_str(), codeName, command, reason);
 }
 
 std::string WrongSizeText(const char* codeName, char command, std::uint32_t wanted,
                           std::uint32_t received) {
   return text::FormatRuntime(
-      strings::LoadOr(19910, "%s\nError: %s returned wrong size packet: %c, %d, %d\r\n"),
+      strings::LoadOr(19910, "%s\nError: %s returned wrong size packet: %c, %d, %d\r\n").c_str(),
       GeneralUsbErrorText().c_str(), codeName, command, static_cast<int>(wanted),
       static_cast<int>(received));
 }
@@ -44,7 +46,8 @@ std::string NoVersionInformationText() {
   return text::FormatRuntime(
       strings::LoadOr(19912,
                       "Error: Opened %s, but error getting version information.\r\nMachine "
-                      "firmware may be incompatible.\r\n"),
+                      "firmware may be incompatible.\r\n")
+          .c_str(),
       kDeviceBaseName);
 }
 
@@ -52,7 +55,8 @@ std::string FirmwareIncompatibleText() {
   return text::FormatRuntime(
       strings::LoadOr(19913,
                       "Error: Opened %s, but firmware version is incompatible with this "
-                      "software.\r\nMachine firmware may be newer.\r\n"),
+                      "software.\r\nMachine firmware may be newer.\r\n")
+          .c_str(),
       kDeviceBaseName);
 }
 

@@ -90,10 +90,10 @@ std::string Format(const char* format, ...) {
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-std::string FormatRuntime(const std::string& format, ...) {
+std::string FormatRuntime(const char* format, ...) {
   va_list args;
   va_start(args, format);
-  std::string s = FormatV(format.c_str(), args);
+  std::string s = FormatV(format, args);
   va_end(args);
   return s;
 }

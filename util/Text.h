@@ -15,7 +15,7 @@ std::u16string ToUtf16(const std::string& utf8);
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string FormatV(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
 // The same for a format that is only known at run time (from the string table).
-std::string FormatRuntime(const std::string& format, ...);
+std::string FormatRuntime(const char* format, ...);
 
 // Compares ASCII letters without regard to case.
 bool EqualsNoCase(const std::string& a, const std::string& b);

@@ -100,7 +100,7 @@ bool LaserReady(const BoardVersionInfo& v) {
   return v.laserType > 0 && !v.laserNotReady;
 }
 
-enum class LightForm { OneWord, OldDriver, NewDriver };
+enum class LightForm : std::uint8_t { OneWord, OldDriver, NewDriver };
 
 LightForm ChooseLightForm(bool manualVision, std::uint16_t protocol, bool oldDriver) {
   // Manual-vision boards never had the one-word form.

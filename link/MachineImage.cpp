@@ -8,7 +8,7 @@ static_assert(std::endian::native == std::endian::little, "the image is turned b
 
 namespace {
 
-enum class Kind { Byte, Flag, Word, Long, Real, Text };
+enum class Kind : std::uint8_t { Byte, Flag, Word, Long, Real, Text };
 
 // One field, or an array of four indexed by axis, at an offset from its section's start.
 struct ImageField {

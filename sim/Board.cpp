@@ -38,6 +38,7 @@ void Board::SetProfile(const Profile& profile, platform::TimePoint now) {
   const std::vector<std::uint8_t> image = BuildMachineImage(profile);
   std::copy_n(image.begin(), std::min(image.size(), machineArea_.size()), machineArea_.begin());
   userArea_.assign(profile.eeprom.userSize, 0xFF);
+  machine_ = std::make_unique<Machine>(profile, now);
   poweredAt_ = now;
   nextDiagAt_ = now + diagPeriod_;
   diagLines_ = 0;
@@ -46,6 +47,7 @@ void Board::SetProfile(const Profile& profile, platform::TimePoint now) {
 }
 
 void Board::Advance(platform::TimePoint now) {
+  machine_->Advance(now);
   if (diagPeriod_ <= platform::Duration::zero()) return;
   std::uint32_t emitted = 0;
   while (nextDiagAt_ <= now) {
@@ -106,7 +108,7 @@ BoardReply Board::Execute(wire::Bytes request) {
   std::int8_t reason = kReasonUnknownCommand;
   if (form && !AcceptsRequestLength(*form, request.size())) reason = kReasonBadLength;
   if (form && AcceptsRequestLength(*form, request.size())) {
-    reply.bytes.assign(ReplyLength(*form, profile_), 0);
+    reply.bytes.assign(ReplyLength(*form, profile_, request), 0);
     if (!reply.bytes.empty()) reply.bytes[0] = code;
     reason = form->fill(*this, request, reply.bytes);
   }

@@ -5,12 +5,14 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "link/WireFormat.h"
 #include "platform/Clock.h"
+#include "sim/Machine.h"
 #include "sim/Profiles.h"
 
 namespace sim {
@@ -44,6 +46,10 @@ class Board {
   // replaced. Pending diagnostic text is dropped, as a new board would not have it.
   void SetProfile(const Profile& profile, platform::TimePoint now);
   const Profile& profile() const { return profile_; }
+  // What a person changes at the machine (a platen plugged in, the light channels) shows in the
+  // version record as well.
+  Profile& mutableProfile() { return profile_; }
+  Machine& machine() { return *machine_; }
 
   // Brings what runs by itself up to `now`: the periodic diagnostic line.
   void Advance(platform::TimePoint now);
@@ -65,6 +71,7 @@ class Board {
   void EmitDiagLine(platform::TimePoint at);
 
   Profile profile_;
+  std::unique_ptr<Machine> machine_;
   std::vector<std::uint8_t> machineArea_;
   std::vector<std::uint8_t> userArea_;
   platform::Duration diagPeriod_;

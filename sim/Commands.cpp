@@ -23,8 +23,9 @@ double Firmware(const Profile& p) {
 bool Always(const Profile&) {
   return true;
 }
-bool IsServo(const Profile& p) {
-  return p.version.isServo;
+// The W axis's and the platen's sync reaches manual-vision boards too.
+bool IsController(const Profile& p) {
+  return p.version.isServo || p.version.isManualVision;
 }
 bool ProtocolBelow2(const Profile& p) {
   return p.version.protocolVersion < 2;
@@ -173,7 +174,7 @@ constexpr CommandForm kCommands[] = {
   {0x29, "EEPROM read short", ShortEepromBlock,  {32, 0}, kBlockShortReply,      FillBlockShort},
   {0x29, "EEPROM read long",  LongEepromBlock,   {32, 0}, kBlockLongReply,       FillBlockLong},
   {0x2B, "version",           Always,            {1, 0},  kVersionReply,         FillVersion},
-  {0x3A, "sync axis",         IsServo,           {2, 0},  kSetReply,             FillSyncAxis},
+  {0x3A, "sync axis",         IsController,          {2, 0},  kSetReply,             FillSyncAxis},
   {0x60, "identity",          ProtocolBelow2,    {1, 0},  kIdentityReply,        FillIdentity},
   {0x60, "identity long",     ProtocolFrom2,     {1, 0},  kIdentityLongReply,    FillIdentity},
 };
@@ -186,13 +187,16 @@ std::span<const CommandForm> CommandTable() {
 }
 
 const CommandForm* FindForm(std::uint8_t code, const Profile& profile) {
-  for (const CommandForm& form : kCommands) {
-    if (form.code == code && form.gate(profile)) return &form;
+  for (std::span<const CommandForm> table : {CommandTable(), MachineCommandTable()}) {
+    for (const CommandForm& form : table) {
+      if (form.code == code && form.gate(profile)) return &form;
+    }
   }
   return nullptr;
 }
 
-std::uint16_t ReplyLength(const CommandForm& form, const Profile& profile) {
+std::uint16_t ReplyLength(const CommandForm& form, const Profile& profile, wire::Bytes request) {
+  if (form.length) return form.length(profile, request);
   if (form.replyLength != kSetReply) return form.replyLength;
   return profile.version.protocolVersion >= 1 ? 2 : 0;
 }

@@ -42,6 +42,8 @@ static_assert(kBlockLongReply == kBlockDataAt + 256);
 // refusal reason when the board refuses the request after all.
 using FillFn = std::int8_t (*)(Board& board, wire::Bytes request, wire::MutableBytes reply);
 using GateFn = bool (*)(const Profile& profile);
+// The reply length of a form whose length depends on the request (an axis or a channel, a count).
+using LengthFn = std::uint16_t (*)(const Profile& profile, wire::Bytes request);
 
 struct CommandForm {
   std::uint8_t code;
@@ -50,15 +52,18 @@ struct CommandForm {
   std::array<std::uint16_t, 2> requestLengths;  // lengths accepted; 0 marks an unused slot
   std::uint16_t replyLength;                    // bytes, or kSetReply
   FillFn fill;
+  LengthFn length = nullptr;  // when set, replaces replyLength
 };
 
+// The base commands, and the machine's (MachineCommands.cpp).
 std::span<const CommandForm> CommandTable();
+std::span<const CommandForm> MachineCommandTable();
 
 // The form the board speaks for `code`, or null when the code is unknown to it.
 const CommandForm* FindForm(std::uint8_t code, const Profile& profile);
 
-// The reply length of `form` on a board of `profile` (resolves kSetReply).
-std::uint16_t ReplyLength(const CommandForm& form, const Profile& profile);
+// The reply length of `form` on a board of `profile` for `request` (resolves kSetReply).
+std::uint16_t ReplyLength(const CommandForm& form, const Profile& profile, wire::Bytes request);
 
 bool AcceptsRequestLength(const CommandForm& form, std::size_t length);
 

@@ -14,6 +14,11 @@ class Simulator;
 // Runs one line against `sim` and returns the answer, without a line end.
 std::string RunControlCommand(Simulator& sim, const std::string& line);
 
+// The commands of what a person does at the machine (MachineControl.cpp): true when words[0]
+// is one of them, with its answer.
+bool RunMachineControl(Simulator& sim, const std::vector<std::string>& words, std::string& answer);
+std::string MachineControlUsage();
+
 // Splits a line into words. A word in double quotes may hold blanks and these escapes: \n \r \t
 // \\ \" \xHH. False, with a reason, for an unterminated quote or a bad escape.
 bool SplitControlWords(const std::string& line, std::vector<std::string>& words,

@@ -44,7 +44,8 @@ Profile AutoVision() {
   v.byte37 = 0x25;
   v.isServo = true;
   v.hasLightChannels = true;
-  v.lightChannelCount = 32;
+  // More channels than one packet carries, so lights take two.
+  v.lightChannelCount = 48;
   v.flag42 = true;
   v.word44 = 0x2C;
   v.flag48 = true;
@@ -92,6 +93,8 @@ Profile FirstGenerationServo() {
   v.hasLightChannels = true;
   v.lightChannelCount = 5;
   v.boardRevision = 2;
+  v.hasWAxis = true;
+  v.platenFitted = true;  // firmware this old has no extra platen record
   v.hasTouchProbe = true;
   v.protocolVersion = 1;
   p.eeprom = {.present = true,
@@ -135,8 +138,10 @@ Profile ManualVision() {
   v.lightChannelCount = 16;
   v.word44 = 0x07;
   v.boardRevision = 3;
+  v.hasWAxis = true;
   v.hasTouchProbe = true;
   v.protocolVersion = 5;
+  v.laserType = 2;
   p.eeprom = {.present = true,
               .kind = 3,
               .userSize = 1024,
@@ -155,6 +160,55 @@ Profile ManualVision() {
   p.driverWord = kNewDriverWord;
   p.axes = StageAxes();
   p.namedRecord = {.name = u"Manual stage"};
+  return p;
+}
+
+// Later first-generation boards: each brings a form of the laser points and of the lights.
+Profile ServoWithLaser() {
+  Profile p = FirstGenerationServo();
+  p.name = "servo-laser";
+  p.description = "Servo 1.81, protocol 1: packed laser points, platen extra record";
+  p.version.firmwareVersion = 1.81f;
+  p.version.laserType = 1;
+  p.identity.serialNumber = u"SV-09-00733";
+  return p;
+}
+
+Profile ServoProtocol3() {
+  Profile p = FirstGenerationServo();
+  p.name = "servo-pv3";
+  p.description = "Servo 1.82, protocol 3, first driver: 21 light channels a packet";
+  p.version.firmwareVersion = 1.82f;
+  p.version.protocolVersion = 3;
+  p.version.lightChannelCount = 24;
+  p.version.laserType = 1;
+  p.version.platenFitted = false;
+  p.identity.serialNumber = u"SV-11-01020";
+  p.identity.identityWord = 0x0102;
+  return p;
+}
+
+Profile ServoProtocol2() {
+  Profile p = FirstGenerationServo();
+  p.name = "servo-pv2";
+  p.description = "Servo 1.85, protocol 2, newer driver: machine image, laser form D";
+  p.version.firmwareVersion = 1.85f;
+  p.version.protocolVersion = 2;
+  p.version.laserType = 1;
+  p.version.platenFitted = false;
+  p.version.hasCommand72 = true;
+  p.identity.serialNumber = u"SV-12-01544";
+  p.driverWord = kNewDriverWord;
+  return p;
+}
+
+Profile ManualVisionProtocol4() {
+  Profile p = ManualVision();
+  p.name = "manualvision-pv4";
+  p.description = "manual-vision board, protocol 4: compact poll, laser form D";
+  p.version.firmwareVersion = 2.01f;
+  p.version.protocolVersion = 4;
+  p.identity.serialNumber = u"MV-19-00871";
   return p;
 }
 
@@ -191,9 +245,10 @@ Profile NeitherKind() {
 }  // namespace
 
 const std::vector<Profile>& Profiles() {
-  static const std::vector<Profile> profiles = {AutoVision(),     FirstGenerationServo(),
-                                                ManualVision(),   OldestServo(),
-                                                NextGeneration(), NeitherKind()};
+  static const std::vector<Profile> profiles = {
+      AutoVision(),     FirstGenerationServo(), ManualVision(),   OldestServo(),
+      NextGeneration(), NeitherKind(),          ServoWithLaser(), ServoProtocol3(),
+      ServoProtocol2(), ManualVisionProtocol4()};
   return profiles;
 }
 

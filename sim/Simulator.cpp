@@ -121,6 +121,13 @@ void Simulator::QueueDiagText(const std::string& text) {
   if (board_) board_->QueueDiagText(text);
 }
 
+std::string Simulator::AtMachine(const std::function<std::string(Board&)>& act) {
+  std::lock_guard lock(boardMutex_);
+  if (!board_) return "error: no board";
+  board_->Advance(platform::Clock::Current().Now());
+  return act(*board_);
+}
+
 void Simulator::Quit() {
   if (options_.onQuit) options_.onQuit();
 }

@@ -74,7 +74,10 @@ class Simulator {
   void ClearFaults();
   std::vector<FaultRule> Faults() const;
   void QueueDiagText(const std::string& text);  // exactly this text, no line end added
-  void Quit();                                  // runs onQuit, if given
+  // Runs `act` on the board, brought up to the clock's now, under the board's lock: what a person
+  // does at the machine. Returns what `act` returns.
+  std::string AtMachine(const std::function<std::string(Board&)>& act);
+  void Quit();  // runs onQuit, if given
 
   bool CanQuit() const { return static_cast<bool>(options_.onQuit); }
   bool Plugged() const;

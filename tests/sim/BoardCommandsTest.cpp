@@ -147,6 +147,7 @@ TEST_F(SimTest, SetRepliesAndRefusals) {
   StartBoard("servo");
   auto client = Connect();
   EXPECT_EQ(client->Command({0x3A, 2}, 2).bytes, (Packet{0x3A, 0}));
+  Control("wplug out");
   EXPECT_EQ(client->Command({0x3A, 16}, 2).bytes, (Packet{0x3F, 0xFD}));  // no W axis fitted
   EXPECT_EQ(client->Command({0x7F}, 2).bytes, (Packet{0x3F, 0xFF}));      // unknown code
   EXPECT_EQ(client->Command({0x2B, 0}, 69).bytes, (Packet{0x3F, 0xFE}));  // wrong length

@@ -38,11 +38,17 @@ void RunShared(CTavroUsbController& c, OperationLog& log) {
     light /= 2;
   TAVRO_RECORD(c.SetLightValues(lights.data()));
 
-  TAVRO_RECORD(c.SetTouchProbeEnable(true));
+  // Servo boards of protocol 0 have no touch-probe commands; later ones lack the laser
+  // interrupt below firmware 1.829. Those operations fail by design there.
+  const BoardVersionInfo& board = c.VersionInfo();
+  const bool servo = !board.isManualVision;
   std::uint32_t a[4] = {};
   std::uint32_t b[4] = {};
-  TAVRO_RECORD(c.GetTouchProbeCapture(a, b));
-  TAVRO_RECORD(c.SetTouchProbeEnable(false));
+  if (!servo || board.protocolVersion > 0) {
+    TAVRO_RECORD(c.SetTouchProbeEnable(true));
+    TAVRO_RECORD(c.GetTouchProbeCapture(a, b));
+    TAVRO_RECORD(c.SetTouchProbeEnable(false));
+  }
   const std::uint8_t want[4] = {1, 1, 0, 1};
   const std::uint16_t select[4] = {0, 1, 2, 3};
   ProbeCapture probe;
@@ -56,7 +62,9 @@ void RunShared(CTavroUsbController& c, OperationLog& log) {
 
   TAVRO_RECORD(c.EnableTouchProbeInterrupt());
   TAVRO_RECORD(c.EnableVideoInterrupt());
-  if (c.VersionInfo().laserType != 0) TAVRO_RECORD(c.EnableLaserInterrupt());
+  if (board.laserType != 0 && (!servo || board.firmwareVersion >= 1.829f)) {
+    TAVRO_RECORD(c.EnableLaserInterrupt());
+  }
   TAVRO_RECORD(c.DisableInterrupts());
 
   BoardVersionInfo version;
@@ -75,7 +83,7 @@ void RunShared(CTavroUsbController& c, OperationLog& log) {
 }
 
 // The W axis: every reading, every set command with what was read, the EEPROM both ways.
-void RunWAxis(CTavroUsbWAxis& w, OperationLog& log) {
+void RunWAxis(CTavroUsbWAxis& w, bool hash, OperationLog& log) {
   std::uint32_t x = 0;
   std::uint32_t y = 0;
   std::uint32_t z = 0;
@@ -99,7 +107,7 @@ void RunWAxis(CTavroUsbWAxis& w, OperationLog& log) {
   std::int32_t raw = 0;
   double scale = 0;
   TAVRO_RECORD(w.GetTemperature(raw, scale));
-  TAVRO_RECORD(w.CommandHash());
+  if (hash) TAVRO_RECORD(w.CommandHash());
 
   WAxisParameters parameters;
   TAVRO_RECORD(w.ReadParameters(parameters));
@@ -107,6 +115,8 @@ void RunWAxis(CTavroUsbWAxis& w, OperationLog& log) {
 
   EepromInfo info;
   TAVRO_RECORD(w.GetEepromInfo(info));
+  // Without an EEPROM on the channel a block has no size to fit in: nothing to read or write.
+  if (info.maxReadWrite == 0) return;
   std::array<std::uint8_t, 96> bytes{};
   std::uint32_t status = 0;
   TAVRO_RECORD(w.ReadEepromBlock(0, 32, status, bytes.data(), false));
@@ -117,7 +127,7 @@ void RunWAxis(CTavroUsbWAxis& w, OperationLog& log) {
   }
 }
 
-void RunPlaten(CTavroUsbPlaten& p, OperationLog& log) {
+void RunPlaten(CTavroUsbPlaten& p, bool hash, OperationLog& log) {
   std::uint32_t x = 0;
   std::uint32_t y = 0;
   std::uint32_t z = 0;
@@ -134,7 +144,7 @@ void RunPlaten(CTavroUsbPlaten& p, OperationLog& log) {
   TAVRO_RECORD(p.ReadU(x, y, z, v));
   float r = 0;
   TAVRO_RECORD(p.ReadQ(r, x, y, z));
-  TAVRO_RECORD(p.CommandHash());
+  if (hash) TAVRO_RECORD(p.CommandHash());
   EepromInfo info;
   TAVRO_RECORD(p.GetEepromInfo(info));
   PlatenParameters parameters;
@@ -182,13 +192,16 @@ void RunEveryServoOperation(CTavroUsbServo& servo, OperationLog& log) {
   TAVRO_RECORD(servo.GetNamedRecord(valid, named));
   MachineData machine;
   TAVRO_RECORD(servo.GetMachineData(machine));
-  RunWAxis(servo, log);
-  RunPlaten(servo, log);
+  // The channels answer only where the axis is fitted.
+  // Servo boards below protocol 2 have no hash command.
+  const bool hash = servo.VersionInfo().protocolVersion >= 2;
+  if (servo.VersionInfo().hasWAxis) RunWAxis(servo, hash, log);
+  if (servo.VersionInfo().platenFitted) RunPlaten(servo, hash, log);
 }
 
 void RunEveryManualVisionOperation(CTavroUsbManualVision& manual, OperationLog& log) {
   RunShared(manual, log);
-  RunWAxis(manual, log);
+  if (manual.VersionInfo().hasWAxis) RunWAxis(manual, true, log);
 }
 
 #undef TAVRO_RECORD

@@ -1,0 +1,137 @@
+// The machine behind the board: four stage axes (X, Y, Z, Zoom), the W axis, the platen, and
+// everything a person touches or the board measures. Time only moves through Advance, which
+// integrates the motion in steps of a millisecond of machine time up to the clock's `now`, so a
+// minute of machine time costs a few milliseconds and tests run it in virtual time.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "sim/Profiles.h"
+
+namespace sim {
+
+inline constexpr std::size_t kStageAxes = 4;
+inline constexpr std::size_t kInputs = 16;
+inline constexpr std::size_t kLaserSettings = 21;
+inline constexpr std::size_t kMaxLaserPoints = 30;
+
+// The tuning record of a stage axis as the board keeps it.
+struct AxisTuning {
+  std::uint16_t kp = 0, ki = 0, kd = 0, dt = 0, kaff = 0, kvff = 0, kout = 0;
+  std::int16_t mb = 0;
+  std::uint32_t il = 0, fe = 0;
+
+  // Without gains the servo loop is open and Mb drives the motor directly.
+  bool OpenLoop() const { return kp == 0 && ki == 0 && kd == 0; }
+};
+
+struct Axis {
+  // Fixed by the machine.
+  double travel = 0;       // mm from the negative to the positive end (Zoom: mm of its slide)
+  double maxSpeed = 0;     // mm/s at the full drive
+  double mmPerTurn = 0;    // motor turns through the screw or, for Zoom, the gear
+  double countsPerMm = 0;  // linear encoder
+  std::uint16_t motorMaximum = 0;
+  // State.
+  AxisTuning tuning;
+  double position = 0;  // mm from the negative end
+  double velocity = 0;  // mm/s
+  bool blocked = false;
+  bool stalled = false;
+  std::int8_t limit = 0;  // -1 at the negative switch, 1 at the positive one
+  bool indexValid = false;
+  std::uint32_t indexCount = 0;
+  std::int64_t lastTurn = 0;
+
+  double Drive() const;  // the open-loop drive, 0 when the loop is closed
+  bool Moving() const;
+  bool Settled() const;
+  std::int32_t LinearCounts() const;
+  std::uint32_t RotaryCounts() const;
+};
+
+// The channel of the W axis or the platen: an encoder, an index, and a definition kept as bytes.
+struct Channel {
+  bool fitted = false;
+  double position = 0;  // mm (platen: 0 closed)
+  double target = 0;
+  double speed = 0;  // mm/s while moving
+  double travel = 0;
+  double countsPerMm = 0;
+  bool blocked = false;
+  std::vector<std::uint8_t> pid = std::vector<std::uint8_t>(42, 0);
+  std::vector<std::uint8_t> define = std::vector<std::uint8_t>(60, 0);
+  std::vector<std::uint8_t> extra = std::vector<std::uint8_t>(32, 0);
+  std::vector<std::uint8_t> serial = std::vector<std::uint8_t>(126, 0);
+
+  bool Moving() const { return position != target && !blocked; }
+  std::int8_t Limit() const;
+  std::uint32_t Counts() const;
+};
+
+// The W axis's own EEPROM; a write keeps it busy for a while and leaves its result in `kind`.
+struct WEeprom {
+  std::vector<std::uint8_t> user = std::vector<std::uint8_t>(4096, 0xFF);
+  std::vector<std::uint8_t> machine = std::vector<std::uint8_t>(512, 0xFF);
+  platform::TimePoint busyUntil{};
+  std::uint8_t kind = 0;
+};
+
+class Machine {
+ public:
+  explicit Machine(const Profile& profile, platform::TimePoint now);
+
+  // Integrates the motion up to `now` (earlier times are ignored).
+  void Advance(platform::TimePoint now);
+  platform::TimePoint Now() const { return now_; }
+
+  std::array<Axis, kStageAxes> axes;
+  Channel w;
+  Channel platen;
+  WEeprom wEeprom;
+
+  bool estop = false;
+  bool footswitch = false;
+  bool sleep = false;
+  bool probeTripped = false;
+  bool probeEnabled = false;
+  std::array<std::uint32_t, 4> probeTrip{};     // counts where the probe last tripped
+  std::array<std::uint32_t, 4> probeRelease{};  // and where it let go
+  bool probeCaptured = false;
+  std::uint16_t probeSensitivity = 40;
+  std::array<bool, kInputs> inputs{};                          // pendant buttons and machine inputs
+  std::array<double, 3> joystick{};                            // -1 to 1
+  std::array<double, 3> accel{};                               // g
+  std::array<double, 4> temperatures{24.5, 31.0, 38.5, 27.0};  // sensors 0-3, °C
+  double wTemperature = 29.5;
+
+  bool laserReady = true;
+  std::uint16_t laserPointsReady = 0;
+  std::uint32_t laserTime = 0;
+  std::array<std::uint32_t, kLaserSettings> laserSettings{};
+  bool videoArmed = false;
+  bool touchInterrupt = false;
+  bool laserInterrupt = false;
+
+  std::vector<std::uint32_t> lights;  // set values, one per channel
+  std::uint8_t statusLight = 0;
+  std::array<std::uint16_t, 4> ledWords{};
+
+  // A little measurement noise, the same sequence for every run of a profile.
+  double Noise(double amplitude);
+
+  void TripProbe();
+  void ReleaseProbe();
+  void SetLightChannels(std::size_t count);
+
+ private:
+  void Step(double seconds);
+
+  platform::TimePoint now_;
+  std::uint32_t noise_ = 0x2545F491;
+};
+
+}  // namespace sim

@@ -1,0 +1,874 @@
+// The machine's commands: status, axes, lights, probes, laser, interrupts, the W axis and platen
+// channels and the older per-axis records. Each form is gated on what the board's generation
+// speaks, so a host that sends the wrong form is refused or gets a reply of another length.
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "sim/Commands.h"
+#include "sim/Machine.h"
+#include "sim/MachineImage.h"
+
+namespace sim {
+
+namespace {
+
+using wire::GetByte;
+using wire::GetLong;
+using wire::GetWord;
+using wire::PutByte;
+using wire::PutFlag;
+using wire::PutLong;
+using wire::PutSignedLong;
+using wire::PutWord;
+
+constexpr std::uint8_t kWChannel = 16;
+constexpr std::uint8_t kPlatenChannel = 17;
+constexpr std::uint16_t kTwoReply = 2;  // set commands that answer two bytes on every board
+
+// ---- what a board is ----------------------------------------------------------------------------
+
+double Fw(const Profile& p) {
+  return static_cast<double>(p.version.firmwareVersion);
+}
+std::uint16_t Pv(const Profile& p) {
+  return p.version.protocolVersion;
+}
+bool Mv(const Profile& p) {
+  return p.version.isManualVision;
+}
+bool CurrentServo(const Profile& p) {
+  return p.version.isServo && p.version.firmwareName == u"Auto Vision";
+}
+bool Controller(const Profile& p) {
+  return p.version.isServo || p.version.isManualVision;
+}
+bool OldDriver(const Profile& p) {
+  const auto third = static_cast<std::int8_t>((p.driverWord >> 16) & 0xFF);
+  return third < 3 && (p.driverWord >> 24) < 2;
+}
+bool LaserFitted(const Profile& p) {
+  return p.version.laserType > 0;
+}
+
+// ---- gates --------------------------------------------------------------------------------------
+
+bool Servo(const Profile& p) {
+  return p.version.isServo;
+}
+bool AnyController(const Profile& p) {
+  return Controller(p);
+}
+bool BoardData(const Profile& p) {
+  return (CurrentServo(p) && Fw(p) >= 2.0799) || (Mv(p) && Pv(p) >= 5);
+}
+bool Temperature(const Profile& p) {
+  return CurrentServo(p) || Mv(p) || (Servo(p) && Fw(p) >= 1.729);
+}
+bool OneWordLights(const Profile& p) {
+  return Servo(p) && Pv(p) < 3;
+}
+bool PacketLights(const Profile& p) {
+  return Controller(p) && !OneWordLights(p);
+}
+// Behind the first driver a packet carries 21 channels; behind the newer one 42.
+bool PacketLightsOldDriver(const Profile& p) {
+  return PacketLights(p) && OldDriver(p);
+}
+bool PacketLightsNewDriver(const Profile& p) {
+  return PacketLights(p) && !OldDriver(p);
+}
+bool TouchProbe(const Profile& p) {
+  return Mv(p) || (Servo(p) && Pv(p) >= 1);
+}
+bool LaserPoints(const Profile& p) {
+  return Controller(p) && LaserFitted(p) && (Mv(p) || Fw(p) >= 1.809);
+}
+bool LaserSettings(const Profile& p) {
+  return Controller(p) && LaserFitted(p) && (Mv(p) || Fw(p) >= 1.829);
+}
+bool OneByteInterrupts(const Profile& p) {
+  return Servo(p) && Fw(p) < 1.829;
+}
+bool InterruptPacket(const Profile& p) {
+  return Controller(p) && !OneByteInterrupts(p);
+}
+bool ClearSleepGate(const Profile& p) {
+  return CurrentServo(p) && Fw(p) >= 2.219;
+}
+bool StatusLight(const Profile& p) {
+  return CurrentServo(p) && Fw(p) >= 2.179;
+}
+bool PmdVersion(const Profile& p) {
+  return Servo(p) && Fw(p) >= 1.509;
+}
+bool NamedRecordGate(const Profile& p) {
+  return Servo(p) && p.version.hasCommand72;
+}
+bool MachineDataGate(const Profile& p) {
+  return Servo(p) && Fw(p) >= 1.139;
+}
+bool PlatenExtra(const Profile& p) {
+  return Servo(p) && Fw(p) > 1.619;
+}
+bool SerialShort(const Profile& p) {
+  return Servo(p) && Pv(p) < 2;
+}
+bool SerialLong(const Profile& p) {
+  return Mv(p) || (Servo(p) && Pv(p) >= 2);
+}
+bool ReadQGate(const Profile& p) {
+  return Mv(p) || (Servo(p) && Fw(p) >= 1.779);
+}
+bool HashGate(const Profile& p) {
+  return Mv(p) || (Servo(p) && Pv(p) >= 2);
+}
+bool WEepromGate(const Profile& p) {
+  return p.version.hasWAxis && (Mv(p) || (Servo(p) && Fw(p) > 1.519));
+}
+bool WEepromOld(const Profile& p) {
+  return WEepromGate(p) && !Mv(p) && Pv(p) < 2;
+}
+bool WEepromNew(const Profile& p) {
+  return WEepromGate(p) && (Mv(p) || Pv(p) >= 2);
+}
+
+// ---- reply lengths that depend on the request ---------------------------------------------------
+
+bool IsChannel(std::uint8_t n) {
+  return n == kWChannel || n == kPlatenChannel;
+}
+
+std::uint16_t PollLength(const Profile& p, wire::Bytes) {
+  if (Mv(p)) return Pv(p) >= 5 ? 221 : 62;
+  if (Pv(p) == 0) return 28;
+  return CurrentServo(p) ? 221 : 62;
+}
+std::uint16_t RotaryOrLowerC(const Profile&, wire::Bytes q) {
+  return IsChannel(GetByte(q, 1)) ? 10 : 6;
+}
+std::uint16_t PidLength(const Profile&, wire::Bytes q) {
+  return IsChannel(GetByte(q, 1)) ? 42 : 26;
+}
+std::uint16_t DefineLength(const Profile&, wire::Bytes q) {
+  return IsChannel(GetByte(q, 1)) ? 60 : 47;
+}
+std::uint16_t LightMaxLength(const Profile&, wire::Bytes q) {
+  return GetByte(q, 2) == 1 ? 254 : 86;
+}
+std::uint16_t ExtentsLength(const Profile& p, wire::Bytes) {
+  return Pv(p) < 4 ? 37 : 120;
+}
+std::uint16_t ProbeCaptureLength(const Profile& p, wire::Bytes) {
+  return CurrentServo(p) || (Mv(p) && Pv(p) >= 5) ? 92 : 76;
+}
+std::uint16_t SetLength(const Profile& p) {
+  return Pv(p) >= 1 ? 2 : 0;
+}
+std::uint16_t LaserSettingsLength(const Profile& p, wire::Bytes q) {
+  return q.size() == 2 ? 126 : SetLength(p);
+}
+
+// The laser point forms: bytes before the first point, bytes per point (0: the packed form).
+struct LaserForm {
+  std::uint16_t limit, head, stride;
+  int valid, time, position, extra;
+  bool pendingWord;
+};
+constexpr LaserForm kLaserA = {6, 0, 0, -1, 7, 31, -1, false};
+constexpr LaserForm kLaserB = {30, 1, 20, -1, 2, 6, -1, true};
+constexpr LaserForm kLaserC = {30, 3, 21, 0, 5, 9, 1, true};
+constexpr LaserForm kLaserD = {30, 3, 17, 0, 1, 5, -1, true};
+
+const LaserForm& LaserFormOf(const Profile& p) {
+  if (Mv(p)) return Pv(p) >= 5 ? kLaserC : kLaserD;
+  if (Fw(p) < 1.819) return kLaserA;
+  if (Fw(p) < 1.839) return kLaserB;
+  return CurrentServo(p) ? kLaserC : kLaserD;
+}
+std::uint16_t LaserPointsLength(const Profile& p, wire::Bytes q) {
+  const LaserForm& f = LaserFormOf(p);
+  if (f.stride == 0) return 127;
+  const std::uint16_t asked = std::min<std::uint16_t>(GetByte(q, 1), f.limit);
+  return static_cast<std::uint16_t>(f.head + f.stride * asked);
+}
+
+// ---- fills: status ------------------------------------------------------------------------------
+
+Machine& M(Board& b) {
+  return b.machine();
+}
+
+struct PollPlace {
+  int sleep, moving, limit, settled, stalled, failed, linear, inputs, footswitch, w, platen;
+};
+constexpr PollPlace kOldestPlace = {-1, 8, 12, 16, 20, 24, -1, -1, -1, -1, -1};
+constexpr PollPlace kCompactPlace = {-1, 8, 12, 16, 20, 24, 46, 28, 32, 34, 34};
+constexpr PollPlace kLongPlace = {7, 23, 27, 31, 35, 39, 59, 75, 107, 127, 163};
+
+void PutChannel(wire::MutableBytes r, int at, const Channel& c, bool longForm) {
+  // The long form keeps three entries per W array; the compact form one shared set.
+  const int n = longForm ? 3 : 1;
+  PutFlag(r, at, c.Moving());
+  PutFlag(r, at + n, !c.Moving());
+  PutFlag(r, at + 2 * n, c.blocked && c.position != c.target);
+  PutByte(r, at + 3 * n, static_cast<std::uint8_t>(c.Limit()));
+  PutLong(r, at + 4 * n, c.Counts());
+  PutLong(r, at + 4 * n + 4 * n, static_cast<std::uint32_t>(c.target * c.countsPerMm));
+}
+
+void PutPlaten(wire::MutableBytes r, int at, const Channel& c) {
+  PutFlag(r, at, c.Moving());
+  PutFlag(r, at + 1, !c.Moving());
+  PutFlag(r, at + 2, c.blocked && c.position != c.target);
+  PutByte(r, at + 3, static_cast<std::uint8_t>(c.Limit()));
+  PutLong(r, at + 4, c.Counts());
+  PutLong(r, at + 8, static_cast<std::uint32_t>(c.target * c.countsPerMm));
+}
+
+std::int8_t FillPoll(Board& board, wire::Bytes, wire::MutableBytes r) {
+  Machine& m = M(board);
+  const PollPlace& f = r.size() == 221 ? kLongPlace : r.size() == 62 ? kCompactPlace : kOldestPlace;
+  PutFlag(r, 1, m.estop);
+  PutFlag(r, 3, m.videoArmed);
+  if (r.size() > 28) {
+    PutByte(r, 4, m.probeCaptured ? 1 : 0);
+    PutFlag(r, 5, m.probeTripped);
+  }
+  if (f.sleep >= 0) PutFlag(r, f.sleep, m.sleep);
+  for (std::size_t i = 0; i < kStageAxes; ++i) {
+    const Axis& a = m.axes[i];
+    PutFlag(r, f.moving + i, a.Moving());
+    PutByte(r, f.limit + i, static_cast<std::uint8_t>(a.limit));
+    PutFlag(r, f.settled + i, a.Settled());
+    PutFlag(r, f.stalled + i, a.stalled);
+    PutFlag(r, f.failed + i, false);
+    if (f.linear >= 0) PutSignedLong(r, f.linear + 4 * i, a.LinearCounts());
+  }
+  if (f.inputs >= 0) {
+    const bool longForm = r.size() == 221;
+    if (longForm) {
+      for (std::size_t i = 0; i < kInputs; ++i)
+        PutFlag(r, f.inputs + i, m.inputs[i]);
+    } else {
+      // The compact form carries inputs 2 and 3 only, a byte apart.
+      PutFlag(r, f.inputs, m.inputs[2]);
+      PutFlag(r, f.inputs + 2, m.inputs[3]);
+    }
+    PutFlag(r, f.footswitch, m.footswitch);
+    if (longForm) {
+      if (m.w.fitted) PutChannel(r, f.w, m.w, true);
+      if (m.platen.fitted) PutPlaten(r, f.platen, m.platen);
+    } else if (m.platen.fitted || m.w.fitted) {
+      // One set of bytes serves both: the platen where one is fitted, else W.
+      PutPlaten(r, f.w, m.platen.fitted ? m.platen : m.w);
+    }
+  }
+  return 0;
+}
+
+std::int8_t FillClearSleep(Board& board, wire::Bytes, wire::MutableBytes) {
+  M(board).sleep = false;
+  return 0;
+}
+
+// 0x57: 1 pendant, 2 FPGA version, 3 analog inputs.
+std::int8_t FillBoardData(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Machine& m = M(board);
+  const Profile& p = board.profile();
+  switch (GetWord(q, 1)) {
+    case 1:
+      if (!CurrentServo(p)) return kReasonBadArgument;
+      for (std::size_t i = 0; i < 4; ++i) {
+        const double deflection = i < 3 ? m.joystick[i] : 0.0;
+        PutSignedLong(r, 1 + 4 * i, m.inputs[i] ? 1 : 0);
+        PutSignedLong(r, 17 + 4 * i, static_cast<std::int32_t>(std::lround(deflection * 1000)));
+        const double g = i < 3 ? m.accel[i] : 0.0;
+        PutWord(r, 33 + 2 * i,
+                static_cast<std::uint16_t>(std::lround(2048 + g * 512 + m.Noise(2))));
+      }
+      return 0;
+    case 2:
+      PutWord(r, 1, 0x0312);
+      return 0;
+    case 3: {
+      // Supply rails in millivolts, then spare inputs near zero.
+      const double rails[6] = {24000, 12000, 5000, 3300, 1800, 1200};
+      for (std::size_t i = 0; i < 16; ++i) {
+        const double v = i < 6 ? rails[i] + m.Noise(rails[i] * 0.004) : 20 + m.Noise(5);
+        PutWord(r, 1 + 2 * i, static_cast<std::uint16_t>(std::lround(v)));
+      }
+      return 0;
+    }
+    default:
+      return kReasonBadArgument;
+  }
+}
+
+std::int8_t FillTemperature(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Machine& m = M(board);
+  const std::uint8_t sensor = GetByte(q, 1);
+  double celsius = 0;
+  if (sensor == kWChannel) {
+    if (!m.w.fitted) return kReasonBadArgument;
+    celsius = m.wTemperature;
+  } else if (sensor < m.temperatures.size()) {
+    celsius = m.temperatures[sensor];
+  } else {
+    return kReasonBadArgument;
+  }
+  PutSignedLong(r, 1, static_cast<std::int32_t>(std::lround((celsius + m.Noise(0.05)) * 100)));
+  wire::PutReal(r, 5, 0.01f);
+  return 0;
+}
+
+// ---- fills: axes ----------------------------------------------------------------------------
+
+bool StageAxis(wire::Bytes q) {
+  return GetByte(q, 1) < kStageAxes;
+}
+
+Channel* ChannelOf(Board& board, wire::Bytes q, std::size_t at = 1) {
+  Machine& m = M(board);
+  const std::uint8_t n = GetByte(q, at);
+  if (n == kWChannel && m.w.fitted) return &m.w;
+  if (n == kPlatenChannel && m.platen.fitted) return &m.platen;
+  return nullptr;
+}
+
+std::int8_t FillIndexCapture(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  if (StageAxis(q)) {
+    Axis& a = M(board).axes[GetByte(q, 1)];
+    PutFlag(r, 1, true);
+    PutByte(r, 2, a.indexValid ? 1 : 0);
+    PutLong(r, 3, a.indexCount);
+    a.indexValid = false;  // captured once a turn: reading it arms the next capture
+    return 0;
+  }
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  PutFlag(r, 1, true);
+  PutByte(r, 2, 1);
+  PutLong(r, 3, static_cast<std::uint32_t>(c->countsPerMm * std::floor(c->position)));
+  return 0;
+}
+
+std::int8_t FillRotaryOrLowerC(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  if (StageAxis(q)) {
+    PutLong(r, 2, M(board).axes[GetByte(q, 1)].RotaryCounts());
+    return 0;
+  }
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  PutLong(r, 2, c->Counts());
+  PutLong(r, 6, static_cast<std::uint32_t>(c->target * c->countsPerMm));
+  return 0;
+}
+
+std::int8_t FillGetPid(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  if (StageAxis(q)) {
+    const AxisTuning& t = M(board).axes[GetByte(q, 1)].tuning;
+    PutWord(r, 2, t.kp);
+    PutWord(r, 4, t.ki);
+    PutWord(r, 6, t.kd);
+    PutWord(r, 8, t.dt);
+    PutWord(r, 10, t.kaff);
+    PutWord(r, 12, t.kvff);
+    PutWord(r, 14, t.kout);
+    PutWord(r, 16, static_cast<std::uint16_t>(t.mb));
+    PutLong(r, 18, t.il);
+    PutLong(r, 22, t.fe);
+    return 0;
+  }
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  std::copy(c->pid.begin() + 2, c->pid.end(), r.begin() + 2);
+  PutByte(r, 1, GetByte(q, 1));
+  return 0;
+}
+
+std::int8_t FillSetPid(Board& board, wire::Bytes q, wire::MutableBytes) {
+  if (q.size() == 26) {
+    if (!StageAxis(q)) return kReasonBadArgument;
+    AxisTuning& t = M(board).axes[GetByte(q, 1)].tuning;
+    t = {GetWord(q, 2),  GetWord(q, 4),  GetWord(q, 6),  GetWord(q, 8),
+         GetWord(q, 10), GetWord(q, 12), GetWord(q, 14), wire::GetSignedWord(q, 16),
+         GetLong(q, 18), GetLong(q, 22)};
+    return 0;
+  }
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  std::copy(q.begin(), q.end(), c->pid.begin());
+  return 0;
+}
+
+std::int8_t FillAxisDefine(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  if (StageAxis(q)) {
+    const std::size_t i = GetByte(q, 1);
+    const AxisSetup& s = board.profile().axes[i];
+    // The older boards keep the axis real as counts per inch; the current ones its reciprocal.
+    const bool older = board.profile().version.protocolVersion < 2;
+    const float real = older && s.axisReal != 0 ? 25.4f / s.axisReal : s.axisReal;
+    wire::PutReal(r, 2, real);
+    for (std::size_t k = 0; k < 5; ++k)
+      PutWord(r, 6 + 2 * k, static_cast<std::uint16_t>(100 * (k + 1) + i));
+    PutLong(r, 16, static_cast<std::uint32_t>(100000 + i));
+    PutWord(r, 20, s.motorMaximum);
+    PutFlag(r, 28, i == 3);
+    PutLong(r, 31, static_cast<std::uint32_t>(s.countsPerMm));
+    PutByte(r, 38, static_cast<std::uint8_t>(0x10 + i));
+    PutLong(r, 40, static_cast<std::uint32_t>(200000 + i));
+    if (Fw(board.profile()) >= 1.139) PutWord(r, 45, static_cast<std::uint16_t>(1100 + i));
+    return 0;
+  }
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  std::copy(c->define.begin() + 2, c->define.end(), r.begin() + 2);
+  PutByte(r, 1, GetByte(q, 1));
+  return 0;
+}
+
+std::int8_t FillSetDefine(Board& board, wire::Bytes q, wire::MutableBytes) {
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  std::copy(q.begin(), q.end(), c->define.begin());
+  return 0;
+}
+
+std::int8_t FillGetExtra(Board& board, wire::Bytes, wire::MutableBytes r) {
+  Machine& m = M(board);
+  if (!m.platen.fitted) return kReasonBadArgument;
+  std::copy(m.platen.extra.begin() + 1, m.platen.extra.end(), r.begin() + 1);
+  return 0;
+}
+
+std::int8_t FillSetExtra(Board& board, wire::Bytes q, wire::MutableBytes) {
+  Machine& m = M(board);
+  if (!m.platen.fitted) return kReasonBadArgument;
+  std::copy(q.begin(), q.end(), m.platen.extra.begin());
+  return 0;
+}
+
+std::int8_t FillExtents(Board& board, wire::Bytes, wire::MutableBytes r) {
+  const Machine& m = M(board);
+  for (std::size_t i = 0; i < kStageAxes; ++i) {
+    const Axis& a = m.axes[i];
+    const auto end = static_cast<std::uint32_t>(std::lround(a.travel * a.countsPerMm));
+    PutFlag(r, 1 + i, true);
+    PutLong(r, 5 + 4 * i, 0);
+    PutLong(r, 21 + 4 * i, end);
+    if (r.size() == 120) {
+      // The soft limits sit a millimetre inside the switches.
+      PutLong(r, 37 + 4 * i, static_cast<std::uint32_t>(std::lround(a.countsPerMm)));
+      PutLong(r, 53 + 4 * i, end - static_cast<std::uint32_t>(std::lround(a.countsPerMm)));
+    }
+  }
+  return 0;
+}
+
+std::int8_t FillPmd(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  const std::uint8_t chip = GetByte(q, 2);
+  if (chip > (CurrentServo(board.profile()) ? 1 : 0)) return kReasonBadArgument;
+  const std::uint16_t words[7] = {
+      0x0005, 0x0002, 4, 0x0011, 0, 2, static_cast<std::uint16_t>(40 + chip)};
+  for (std::size_t i = 0; i < 7; ++i)
+    PutWord(r, 2 * i, words[i]);
+  return 0;
+}
+
+std::int8_t FillStatusLight(Board& board, wire::Bytes q, wire::MutableBytes) {
+  Machine& m = M(board);
+  const std::uint8_t selector = GetByte(q, 1);
+  if (selector == 0) {
+    m.statusLight = GetByte(q, 2);
+  } else if (selector == 129 || selector == 130) {
+    if (Fw(board.profile()) < 2.249) return kReasonBadArgument;
+    const std::size_t at = selector == 129 ? 0 : 2;
+    m.ledWords[at] = GetWord(q, 3);
+    m.ledWords[at + 1] = GetWord(q, 5);
+  } else {
+    return kReasonBadArgument;
+  }
+  return 0;
+}
+
+std::int8_t FillSetSensitivity(Board& board, wire::Bytes q, wire::MutableBytes) {
+  const std::uint16_t v = GetWord(q, 1);
+  if (v > 100) return kReasonBadArgument;
+  M(board).probeSensitivity = v;
+  return 0;
+}
+
+std::int8_t FillGetSensitivity(Board& board, wire::Bytes, wire::MutableBytes r) {
+  PutWord(r, 1, M(board).probeSensitivity);
+  return 0;
+}
+
+std::int8_t FillSensitivityMax(Board&, wire::Bytes, wire::MutableBytes r) {
+  PutWord(r, 1, 100);
+  return 0;
+}
+
+std::int8_t FillNamedRecord(Board& board, wire::Bytes, wire::MutableBytes r) {
+  const NamedRecord& n = board.profile().namedRecord;
+  PutFlag(r, 1, true);
+  wire::PutWideText(r, 2, n.name);
+  for (std::size_t i = 0; i < 3; ++i)
+    wire::PutReal(r, 34 + 4 * i, n.values[i]);
+  PutByte(r, 46, n.byte1);
+  PutByte(r, 47, n.byte2);
+  return 0;
+}
+
+// The same values the machine image's section 4 holds.
+std::int8_t FillMachineData(Board&, wire::Bytes, wire::MutableBytes r) {
+  PutFlag(r, 1, true);
+  wire::PutReal(r, 6, 0.25f);
+  PutFlag(r, 10, false);
+  PutLong(r, 11, 0x00012345);
+  PutLong(r, 15, 0x00067890);
+  return 0;
+}
+
+// ---- fills: lights, probes, laser, interrupts ---------------------------------------------------
+
+constexpr std::uint32_t kLightMaximum = 4095;
+
+std::int8_t FillLightMaxOneWord(Board&, wire::Bytes, wire::MutableBytes r) {
+  PutWord(r, 2, static_cast<std::uint16_t>(kLightMaximum));
+  return 0;
+}
+
+std::int8_t FillLightMax(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  const std::size_t first = GetByte(q, 1);
+  const std::size_t n = M(board).lights.size();
+  const std::size_t perPacket = (r.size() - 2) / 4;
+  for (std::size_t i = 0; i < perPacket && first + i < n; ++i)
+    PutLong(r, 2 + 4 * i, kLightMaximum - 5 * static_cast<std::uint32_t>(first + i));
+  return 0;
+}
+
+std::int8_t FillSetLightsOneWord(Board& board, wire::Bytes q, wire::MutableBytes) {
+  auto& lights = M(board).lights;
+  for (std::size_t i = 0; i < lights.size() && i < 42; ++i) {
+    if (GetByte(q, 1 + i) != 0) lights[i] = GetWord(q, 43 + 2 * i);
+  }
+  return 0;
+}
+
+std::int8_t FillSetLights(Board& board, wire::Bytes q, wire::MutableBytes) {
+  auto& lights = M(board).lights;
+  const std::size_t first = GetByte(q, 1);
+  if (first > lights.size()) return kReasonBadArgument;
+  const std::size_t perPacket = (q.size() - 2) / 4;
+  for (std::size_t i = 0; i < perPacket && first + i < lights.size(); ++i)
+    lights[first + i] = std::min(GetLong(q, 2 + 4 * i), kLightMaximum);
+  return 0;
+}
+
+std::int8_t FillTouchEnable(Board& board, wire::Bytes q, wire::MutableBytes) {
+  M(board).probeEnabled = wire::GetFlag(q, 1);
+  return 0;
+}
+
+std::int8_t FillTouchCapture(Board& board, wire::Bytes, wire::MutableBytes r) {
+  const Machine& m = M(board);
+  PutFlag(r, 1, m.probeCaptured);
+  for (std::size_t i = 0; i < 4; ++i) {
+    PutLong(r, 4 + 4 * i, m.probeTrip[i]);
+    PutLong(r, 20 + 4 * i, m.probeRelease[i]);
+  }
+  return 0;
+}
+
+// Fields from byte 0: which sources have a capture, which are valid, their kinds and positions.
+std::int8_t FillProbeCapture(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Machine& m = M(board);
+  for (std::size_t i = 0; i < 4; ++i) {
+    const bool wanted = GetByte(q, 1 + i) != 0;
+    const bool available = wanted && m.probeCaptured;
+    PutFlag(r, i, available);
+    PutFlag(r, 4 + i, available);
+    PutByte(r, 8 + i, GetByte(q, 5 + i));
+    for (std::size_t j = 0; available && j < 4; ++j)
+      PutLong(r, 12 + 16 * i + 4 * j, m.probeTrip[j]);
+    if (r.size() == 92) PutLong(r, 76 + 4 * i, available ? 1 : 0);
+  }
+  if (GetByte(q, 1) != 0) m.probeCaptured = false;
+  return 0;
+}
+
+std::int8_t FillLaserPoints(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Machine& m = M(board);
+  const Profile& p = board.profile();
+  if (!m.laserReady || p.version.laserNotReady) return kReasonBadArgument;
+  const LaserForm& f = LaserFormOf(p);
+  const std::uint16_t asked = std::min<std::uint16_t>(GetByte(q, 1), f.limit);
+  const std::uint16_t count = std::min(asked, m.laserPointsReady);
+  PutByte(r, 0, static_cast<std::uint8_t>(count));
+  const auto pending = static_cast<std::uint16_t>(m.laserPointsReady - count);
+  if (f.pendingWord) {
+    PutWord(r, 1, pending);
+  } else {
+    PutByte(r, 1, static_cast<std::uint8_t>(pending));
+  }
+  for (std::uint16_t i = 0; i < count; ++i) {
+    const std::uint32_t time = m.laserTime + 10 * i;
+    std::uint32_t position[3];
+    for (std::size_t j = 0; j < 3; ++j)
+      position[j] = static_cast<std::uint32_t>(m.axes[j].LinearCounts()) + i;
+    if (f.stride == 0) {
+      PutLong(r, f.time + 4 * i, time);
+      for (std::size_t j = 0; j < 3; ++j)
+        PutLong(r, f.position + 16 * i + 4 * j, position[j]);
+      continue;
+    }
+    const std::size_t at = f.head + f.stride * i;
+    if (f.valid >= 0) PutFlag(r, at + f.valid, true);
+    PutLong(r, at + f.time, time);
+    for (std::size_t j = 0; j < 3; ++j)
+      PutLong(r, at + f.position + 4 * j, position[j]);
+    if (f.extra >= 0) PutLong(r, at + f.extra, 7);
+  }
+  m.laserPointsReady = pending;
+  return 0;
+}
+
+std::int8_t FillLaserSettings(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Machine& m = M(board);
+  if (q.size() == 126) {
+    for (std::size_t i = 0; i < kLaserSettings; ++i)
+      m.laserSettings[i] = GetLong(q, 2 + 4 * i);
+    return 0;
+  }
+  for (std::size_t i = 0; i < kLaserSettings; ++i)
+    PutLong(r, 2 + 4 * i, m.laserSettings[i]);
+  return 0;
+}
+
+std::int8_t FillInterruptByte(Board& board, wire::Bytes q, wire::MutableBytes) {
+  Machine& m = M(board);
+  switch (GetByte(q, 0)) {
+    case 0x6A:
+      m.videoArmed = m.touchInterrupt = m.laserInterrupt = false;
+      break;
+    case 0x69:
+      m.videoArmed = true;
+      break;
+    default:
+      m.touchInterrupt = true;
+      break;
+  }
+  return 0;
+}
+
+std::int8_t FillInterruptPacket(Board& board, wire::Bytes q, wire::MutableBytes) {
+  Machine& m = M(board);
+  if (GetByte(q, 1)) m.videoArmed = m.touchInterrupt = m.laserInterrupt = false;
+  if (GetByte(q, 3)) m.videoArmed = true;
+  if (GetByte(q, 4)) m.touchInterrupt = true;
+  if (GetByte(q, 5)) m.laserInterrupt = true;
+  return 0;
+}
+
+// ---- fills: the W axis and platen channels ------------------------------------------------------
+
+std::int8_t FillChannelLong(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  PutByte(r, 1, GetByte(q, 1));
+  PutLong(r, 2, c->Counts());
+  if (r.size() >= 10) PutLong(r, 6, static_cast<std::uint32_t>(c->target * c->countsPerMm));
+  return 0;
+}
+
+std::int8_t FillChannelFlag(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  PutFlag(r, 2, c->Moving());
+  return 0;
+}
+
+std::int8_t FillChannelSet(Board& board, wire::Bytes q, wire::MutableBytes) {
+  return ChannelOf(board, q) ? 0 : kReasonBadArgument;
+}
+
+// 0x4C: 31 bytes carry four longs, 32 bytes move the platen (byte 2: 1 open, 0 closed).
+std::int8_t FillCommandL(Board& board, wire::Bytes q, wire::MutableBytes) {
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  if (q.size() == 32) {
+    if (c != &M(board).platen) return kReasonBadArgument;
+    c->target = GetByte(q, 2) != 0 ? c->travel : 0;
+  }
+  return 0;
+}
+
+std::int8_t FillGetSerial(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Channel* c = q.size() == 1 ? &M(board).w : ChannelOf(board, q);
+  if (!c || !c->fitted) return kReasonBadArgument;
+  std::copy_n(c->serial.begin() + 1, r.size() - 1, r.begin() + 1);
+  return 0;
+}
+
+std::int8_t FillSetSerial(Board& board, wire::Bytes q, wire::MutableBytes) {
+  Channel* c = q.size() == 97 ? &M(board).w : ChannelOf(board, q, 108);
+  if (!c || !c->fitted) return kReasonBadArgument;
+  std::fill(c->serial.begin(), c->serial.end(), 0);
+  std::copy_n(q.begin(), std::min<std::size_t>(q.size(), 108), c->serial.begin());
+  return 0;
+}
+
+std::int8_t FillReadU(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  PutLong(r, 2, c->Counts());
+  PutLong(r, 6, 0);
+  PutLong(r, 10, 100);
+  PutLong(r, 14, 3);
+  return 0;
+}
+
+std::int8_t FillReadQ(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  wire::PutReal(r, 2, static_cast<float>(c->position));
+  PutLong(r, 6, c->Counts());
+  PutLong(r, 10, 1);
+  PutLong(r, 18, 2);
+  return 0;
+}
+
+std::int8_t FillHash(Board& board, wire::Bytes q, wire::MutableBytes) {
+  return ChannelOf(board, q, 2) ? 0 : kReasonBadArgument;
+}
+
+// The W EEPROM's description: `present` while a write goes on, `kind` its result.
+std::int8_t FillWEepromInfo(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Machine& m = M(board);
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  if (c == &m.platen) {
+    PutWord(r, 2, 0);
+    return 0;
+  }
+  PutFlag(r, 1, m.Now() < m.wEeprom.busyUntil);
+  PutWord(r, 2, static_cast<std::uint16_t>(m.wEeprom.user.size()));
+  PutByte(r, 4, m.wEeprom.kind);
+  PutWord(r, 5, static_cast<std::uint16_t>(m.wEeprom.machine.size()));
+  PutFlag(r, 7, false);
+  return 0;
+}
+
+std::vector<std::uint8_t>& WArea(Machine& m, bool machineArea) {
+  return machineArea ? m.wEeprom.machine : m.wEeprom.user;
+}
+
+std::int8_t FillWRead(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  Machine& m = M(board);
+  const bool old = q.size() == 5;
+  const std::uint32_t address = old ? GetWord(q, 1) : GetWord(q, 3);
+  const std::uint32_t length = old ? GetWord(q, 3) : GetWord(q, 5);
+  const std::size_t dataAt = old ? 4 : 32;
+  auto& area = WArea(m, !old && GetByte(q, 2) != 0);
+  std::uint8_t status = 0;
+  if (length > r.size() - dataAt || length > 64) {
+    status = 2;
+  } else if (std::uint64_t{address} + length > area.size()) {
+    status = 1;
+  } else {
+    std::copy_n(area.begin() + address, length, r.begin() + dataAt);
+  }
+  PutByte(r, old ? 1 : 2, status);
+  return 0;
+}
+
+// A page takes 5 ms to write; the result is in `kind` once `present` has gone.
+std::int8_t FillWWrite(Board& board, wire::Bytes q, wire::MutableBytes) {
+  Machine& m = M(board);
+  const bool old = q.size() == 69;
+  const std::uint32_t address = old ? GetWord(q, 1) : GetWord(q, 3);
+  const std::uint32_t length = old ? GetWord(q, 3) : GetWord(q, 5);
+  const std::size_t dataAt = old ? 5 : 32;
+  auto& area = WArea(m, !old && GetByte(q, 2) != 0);
+  if (length > 64 || dataAt + length > q.size() || std::uint64_t{address} + length > area.size()) {
+    m.wEeprom.kind = 1;
+    return 0;
+  }
+  std::copy_n(q.begin() + dataAt, length, area.begin() + address);
+  const auto pages = static_cast<int>((address % 32 + length + 31) / 32);
+  // A write that comes while one is under way waits behind it, as the channel's queue does.
+  m.wEeprom.busyUntil = std::max(m.Now(), m.wEeprom.busyUntil) +
+                        std::chrono::milliseconds(5 * std::max(1, pages));
+  m.wEeprom.kind = 0;
+  return 0;
+}
+
+// clang-format off
+constexpr CommandForm kMachineCommands[] = {
+  // code  name                  gate               request    reply        fill              length
+  {0x59, "status poll",          AnyController,     {16, 0},   0,           FillPoll,         PollLength},
+  {0x5A, "clear sleep",          ClearSleepGate,    {16, 0},   kTwoReply,   FillClearSleep},
+  {0x57, "board data",           BoardData,         {15, 0},   63,          FillBoardData},
+  {0x5D, "temperature",          Temperature,       {2, 0},    32,          FillTemperature},
+  {0x4E, "index capture",        AnyController,     {2, 0},    7,           FillIndexCapture},
+  {0x63, "rotary / channel C",   AnyController,     {2, 0},    0,           FillRotaryOrLowerC, RotaryOrLowerC},
+  {0x74, "get tuning",           AnyController,     {2, 0},    0,           FillGetPid,       PidLength},
+  {0x73, "set tuning",           AnyController,     {26, 42},  kSetReply,   FillSetPid},
+  {0x62, "get definition",       AnyController,     {2, 0},    0,           FillAxisDefine,   DefineLength},
+  {0x61, "set definition",       AnyController,     {60, 0},   kSetReply,   FillSetDefine},
+  {0x68, "get platen extra",     PlatenExtra,       {2, 0},    32,          FillGetExtra},
+  {0x48, "set platen extra",     PlatenExtra,       {32, 0},   kTwoReply,   FillSetExtra},
+  {0x5E, "axis extents",         Servo,             {1, 0},    0,           FillExtents,      ExtentsLength},
+  {0x2C, "motion chip version",  PmdVersion,        {16, 0},   32,          FillPmd},
+  {0x55, "status light",         StatusLight,       {16, 0},   kSetReply,   FillStatusLight},
+  {0x77, "set sensitivity",      Servo,             {3, 0},    kSetReply,   FillSetSensitivity},
+  {0x78, "get sensitivity",      Servo,             {1, 0},    3,           FillGetSensitivity},
+  {0x79, "sensitivity maximum",  Servo,             {1, 0},    3,           FillSensitivityMax},
+  {0x72, "named record",         NamedRecordGate,   {1, 0},    65,          FillNamedRecord},
+  {0x31, "machine data",         MachineDataGate,   {1, 0},    32,          FillMachineData},
+  {0x70, "light maxima",         OneWordLights,     {2, 0},    4,           FillLightMaxOneWord},
+  {0x70, "light maxima",         PacketLights,      {16, 0},   0,           FillLightMax,     LightMaxLength},
+  {0x6E, "set lights",           OneWordLights,     {127, 0},  kSetReply,   FillSetLightsOneWord},
+  {0x6E, "set lights",           PacketLightsOldDriver, {86, 0}, kTwoReply,  FillSetLights},
+  {0x6E, "set lights",           PacketLightsNewDriver, {254, 0}, kTwoReply, FillSetLights},
+  {0x32, "touch probe enable",   TouchProbe,        {16, 0},   kSetReply,   FillTouchEnable},
+  {0x36, "touch probe capture",  TouchProbe,        {1, 0},    62,          FillTouchCapture},
+  {0x6B, "probe capture",        AnyController,     {9, 0},    0,           FillProbeCapture, ProbeCaptureLength},
+  {0x5F, "laser points",         LaserPoints,       {16, 0},   0,           FillLaserPoints,  LaserPointsLength},
+  {0x2A, "laser settings",       LaserSettings,     {2, 126},  0,           FillLaserSettings, LaserSettingsLength},
+  {0x6A, "disable interrupts",   OneByteInterrupts, {1, 0},    kSetReply,   FillInterruptByte},
+  {0x64, "touch interrupt",      OneByteInterrupts, {1, 0},    kSetReply,   FillInterruptByte},
+  {0x69, "video interrupt",      OneByteInterrupts, {1, 0},    kSetReply,   FillInterruptByte},
+  {0x69, "interrupts",           InterruptPacket,   {16, 0},   kTwoReply,   FillInterruptPacket},
+  {0x41, "channel A",            AnyController,     {2, 0},    6,           FillChannelLong},
+  {0x42, "channel B",            AnyController,     {2, 0},    6,           FillChannelLong},
+  {0x43, "channel position",     AnyController,     {2, 0},    10,          FillChannelLong},
+  {0x44, "channel D",            AnyController,     {2, 0},    3,           FillChannelFlag},
+  {0x4A, "channel J",            AnyController,     {2, 0},    16,          FillChannelLong},
+  {0x4C, "channel L / platen",   AnyController,     {31, 32},  kSetReply,   FillCommandL},
+  {0x4D, "channel M",            AnyController,     {6, 0},    kSetReply,   FillChannelSet},
+  {0x7A, "channel Z",            AnyController,     {2, 0},    kSetReply,   FillChannelSet},
+  {0x4F, "channel O",            AnyController,     {3, 0},    kSetReply,   FillChannelSet},
+  {0x7D, "channel serial",       SerialShort,       {1, 0},    97,          FillGetSerial},
+  {0x7D, "channel serial",       SerialLong,        {16, 0},   126,         FillGetSerial},
+  {0x7B, "set channel serial",   SerialShort,       {97, 0},   kSetReply,   FillSetSerial},
+  {0x7B, "set channel serial",   SerialLong,        {126, 0},  kSetReply,   FillSetSerial},
+  {0x75, "channel U",            AnyController,     {2, 0},    18,          FillReadU},
+  {0x71, "channel Q",            ReadQGate,         {2, 0},    32,          FillReadQ},
+  {0x23, "channel hash",         HashGate,          {16, 0},   kTwoReply,   FillHash},
+  {0x65, "W EEPROM info",        WEepromGate,       {32, 0},   18,          FillWEepromInfo},
+  {0x66, "W EEPROM read",        WEepromOld,        {5, 0},    68,          FillWRead},
+  {0x66, "W EEPROM read",        WEepromNew,        {32, 0},   96,          FillWRead},
+  {0x67, "W EEPROM write",       WEepromOld,        {69, 0},   kSetReply,   FillWWrite},
+  {0x67, "W EEPROM write",       WEepromNew,        {96, 0},   kTwoReply,   FillWWrite},
+};
+// clang-format on
+
+}  // namespace
+
+std::span<const CommandForm> MachineCommandTable() {
+  return kMachineCommands;
+}
+
+}  // namespace sim

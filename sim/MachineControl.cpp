@@ -1,0 +1,296 @@
+// The control commands of what a person does at the machine: buttons, joystick, e-stop, probe,
+// blocking an axis, plugging the platen or W axis in or out, the laser, the light channels.
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "sim/Control.h"
+#include "sim/Simulator.h"
+
+namespace sim {
+
+namespace {
+
+using Words = std::vector<std::string>;
+
+std::string Error(const std::string& why) {
+  return "error: " + why;
+}
+
+bool ParseReal(const std::string& text, double& out) {
+  char* end = nullptr;
+  out = std::strtod(text.c_str(), &end);
+  return !text.empty() && end && *end == '\0' && std::isfinite(out);
+}
+
+bool ParseOnOff(const Words& args, std::size_t at, bool& out) {
+  if (args.size() <= at) return false;
+  if (args[at] == "on" || args[at] == "in" || args[at] == "1") {
+    out = true;
+    return true;
+  }
+  if (args[at] == "off" || args[at] == "out" || args[at] == "0") {
+    out = false;
+    return true;
+  }
+  return false;
+}
+
+// x, y, z, zoom are the stage axes 0 to 3; w and platen the two channels (-1, -2).
+bool ParseAxis(const std::string& name, int& axis) {
+  static const char* const kNames[] = {"x", "y", "z", "zoom"};
+  for (int i = 0; i < 4; ++i) {
+    if (name == kNames[i]) {
+      axis = i;
+      return true;
+    }
+  }
+  if (name == "w") axis = -1;
+  if (name == "platen") axis = -2;
+  return name == "w" || name == "platen";
+}
+
+const char* LimitName(int limit) {
+  return limit > 0 ? "high" : limit < 0 ? "low" : "none";
+}
+
+std::string Describe(const std::string& name, double position, long long counts, bool moving,
+                     bool stalled, int limit) {
+  char line[200];
+  std::snprintf(line, sizeof line, "ok axis=%s pos=%.3f counts=%lld moving=%d stalled=%d limit=%s",
+                name.c_str(), position, counts, moving ? 1 : 0, stalled ? 1 : 0, LimitName(limit));
+  return line;
+}
+
+std::string AxisReport(Machine& m, const std::string& name, int axis) {
+  if (axis >= 0) {
+    const Axis& a = m.axes[static_cast<std::size_t>(axis)];
+    return Describe(name, a.position, a.LinearCounts(), a.Moving(), a.stalled, a.limit);
+  }
+  const Channel& c = axis == -1 ? m.w : m.platen;
+  if (!c.fitted) return Error(name + " is not fitted");
+  return Describe(name, c.position, c.Counts(), c.Moving(), c.blocked && c.Moving(), c.Limit());
+}
+
+using MachineVerb = std::string (*)(Board&, const Words&);
+
+std::string Switch(bool& field, const Words& args, const char* name) {
+  if (!ParseOnOff(args, 0, field)) return Error(std::string(name) + " takes on or off");
+  return std::string("ok ") + name + (field ? " on" : " off");
+}
+
+std::string RunEstop(Board& b, const Words& a) {
+  return Switch(b.machine().estop, a, "estop");
+}
+std::string RunFootswitch(Board& b, const Words& a) {
+  return Switch(b.machine().footswitch, a, "footswitch");
+}
+std::string RunSleep(Board& b, const Words& a) {
+  return Switch(b.machine().sleep, a, "sleep");
+}
+
+std::string RunButton(Board& b, const Words& a, bool down) {
+  char* end = nullptr;
+  const long n = a.empty() ? -1 : std::strtol(a[0].c_str(), &end, 10);
+  if (a.empty() || *end != '\0' || n < 0 || n >= static_cast<long>(kInputs)) {
+    return Error("buttons are numbered 0 to 15");
+  }
+  b.machine().inputs[static_cast<std::size_t>(n)] = down;
+  return "ok button " + a[0] + (down ? " pressed" : " released");
+}
+std::string RunPress(Board& b, const Words& a) {
+  return RunButton(b, a, true);
+}
+std::string RunRelease(Board& b, const Words& a) {
+  return RunButton(b, a, false);
+}
+
+std::string RunVector(std::array<double, 3>& field, const Words& a, double limit,
+                      const char* name) {
+  std::array<double, 3> v{};
+  for (std::size_t i = 0; i < 3; ++i) {
+    if (a.size() != 3 || !ParseReal(a[i], v[i]) || std::abs(v[i]) > limit) {
+      return Error(std::string(name) + " takes three numbers from " + std::to_string(-limit) +
+                   " to " + std::to_string(limit));
+    }
+  }
+  field = v;
+  return std::string("ok ") + name;
+}
+std::string RunJoystick(Board& b, const Words& a) {
+  return RunVector(b.machine().joystick, a, 1.0, "joystick");
+}
+std::string RunAccel(Board& b, const Words& a) {
+  return RunVector(b.machine().accel, a, 4.0, "accel");
+}
+
+std::string RunProbe(Board& b, const Words& a) {
+  if (a.size() == 1 && a[0] == "trip") {
+    b.machine().TripProbe();
+    return "ok probe tripped";
+  }
+  if (a.size() == 1 && a[0] == "release") {
+    b.machine().ReleaseProbe();
+    return "ok probe released";
+  }
+  return Error("probe takes trip or release");
+}
+
+std::string RunLaser(Board& b, const Words& a) {
+  Machine& m = b.machine();
+  if (a.size() == 1 && (a[0] == "ready" || a[0] == "notready")) {
+    m.laserReady = a[0] == "ready";
+    b.mutableProfile().version.laserNotReady = !m.laserReady;
+    return "ok laser " + a[0];
+  }
+  char* end = nullptr;
+  const long n = a.size() == 2 ? std::strtol(a[1].c_str(), &end, 10) : -1;
+  if (a.size() == 2 && a[0] == "points" && *end == '\0' && n >= 0 && n <= 1000) {
+    m.laserPointsReady = static_cast<std::uint16_t>(n);
+    return "ok laser points " + a[1];
+  }
+  return Error("laser takes ready, notready or points N");
+}
+
+std::string RunBlock(Board& b, const Words& a, bool blocked) {
+  int axis = 0;
+  if (a.size() != 1 || !ParseAxis(a[0], axis)) return Error("name an axis: x y z zoom w platen");
+  Machine& m = b.machine();
+  if (axis >= 0) {
+    m.axes[static_cast<std::size_t>(axis)].blocked = blocked;
+  } else {
+    (axis == -1 ? m.w : m.platen).blocked = blocked;
+  }
+  return "ok " + a[0] + (blocked ? " blocked" : " free");
+}
+std::string RunBlockAxis(Board& b, const Words& a) {
+  return RunBlock(b, a, true);
+}
+std::string RunUnblock(Board& b, const Words& a) {
+  return RunBlock(b, a, false);
+}
+
+std::string RunAxis(Board& b, const Words& a) {
+  int axis = 0;
+  if (a.size() != 1 || !ParseAxis(a[0], axis)) return Error("name an axis: x y z zoom w platen");
+  return AxisReport(b.machine(), a[0], axis);
+}
+
+std::string RunPlace(Board& b, const Words& a) {
+  int axis = 0;
+  double mm = 0;
+  if (a.size() != 2 || !ParseAxis(a[0], axis) || axis < 0 || !ParseReal(a[1], mm)) {
+    return Error("place takes a stage axis (x y z zoom) and a position in mm");
+  }
+  Axis& x = b.machine().axes[static_cast<std::size_t>(axis)];
+  if (mm < 0 || mm > x.travel) return Error("outside the travel of " + a[0]);
+  x.position = mm;
+  x.velocity = 0;
+  x.lastTurn = static_cast<std::int64_t>(std::floor(mm / x.mmPerTurn));
+  return AxisReport(b.machine(), a[0], axis);
+}
+
+std::string RunPlug(Board& b, const Words& a, bool platen) {
+  bool in = false;
+  if (!ParseOnOff(a, 0, in)) return Error("takes in or out");
+  Channel& c = platen ? b.machine().platen : b.machine().w;
+  c.fitted = in;
+  VersionRecord& v = b.mutableProfile().version;
+  (platen ? v.platenFitted : v.hasWAxis) = in;
+  return std::string("ok ") + (platen ? "platen" : "w") + (in ? " in" : " out");
+}
+std::string RunPlaten(Board& b, const Words& a) {
+  return RunPlug(b, a, true);
+}
+std::string RunWPlug(Board& b, const Words& a) {
+  return RunPlug(b, a, false);
+}
+
+std::string RunLights(Board& b, const Words& a) {
+  char* end = nullptr;
+  const long n = a.size() == 1 ? std::strtol(a[0].c_str(), &end, 10) : -1;
+  if (a.size() != 1 || *end != '\0' || n < 0 || n > 255) return Error("lights takes 0 to 255");
+  VersionRecord& v = b.mutableProfile().version;
+  v.lightChannelCount = static_cast<std::uint8_t>(n);
+  v.hasLightChannels = n > 0;
+  b.machine().SetLightChannels(static_cast<std::size_t>(n));
+  return "ok lights " + a[0];
+}
+
+std::string RunTemp(Board& b, const Words& a) {
+  char* end = nullptr;
+  double c = 0;
+  const long n = a.size() == 2 ? std::strtol(a[0].c_str(), &end, 10) : -1;
+  if (a.size() != 2 || *end != '\0' || n < 0 || n > 4 || !ParseReal(a[1], c)) {
+    return Error("temp takes a sensor 0 to 3 (4 is the W axis) and degrees");
+  }
+  Machine& m = b.machine();
+  (n == 4 ? m.wTemperature : m.temperatures[static_cast<std::size_t>(n)]) = c;
+  return "ok temp " + a[0] + " " + a[1];
+}
+
+std::string RunState(Board& b, const Words&) {
+  Machine& m = b.machine();
+  std::string s = "ok";
+  static const char* const kNames[] = {"x", "y", "z", "zoom"};
+  for (std::size_t i = 0; i < kStageAxes; ++i) {
+    char part[64];
+    std::snprintf(part, sizeof part, " %s=%.3f%s", kNames[i], m.axes[i].position,
+                  m.axes[i].stalled ? "!" : "");
+    s += part;
+  }
+  if (m.platen.fitted) s += m.platen.position > 0 ? " platen=open" : " platen=closed";
+  s += std::string(" estop=") + (m.estop ? "on" : "off");
+  s += std::string(" sleep=") + (m.sleep ? "on" : "off");
+  s += std::string(" probe=") + (m.probeTripped ? "tripped" : "free");
+  s += " lights=" + std::to_string(m.lights.size());
+  return s;
+}
+
+struct MachineCommand {
+  const char* name;
+  const char* usage;
+  MachineVerb run;
+};
+
+constexpr MachineCommand kMachineVerbs[] = {
+    {"press", "press BUTTON", RunPress},
+    {"release", "release BUTTON", RunRelease},
+    {"joystick", "joystick X Y Z", RunJoystick},
+    {"accel", "accel X Y Z", RunAccel},
+    {"estop", "estop on|off", RunEstop},
+    {"footswitch", "footswitch on|off", RunFootswitch},
+    {"sleep", "sleep on|off", RunSleep},
+    {"probe", "probe trip|release", RunProbe},
+    {"laser", "laser ready|notready|points N", RunLaser},
+    {"block", "block AXIS", RunBlockAxis},
+    {"unblock", "unblock AXIS", RunUnblock},
+    {"axis", "axis AXIS", RunAxis},
+    {"place", "place AXIS MM", RunPlace},
+    {"platen", "platen in|out", RunPlaten},
+    {"wplug", "wplug in|out", RunWPlug},
+    {"lights", "lights N", RunLights},
+    {"temp", "temp SENSOR C", RunTemp},
+    {"state", "state", RunState},
+};
+
+}  // namespace
+
+bool RunMachineControl(Simulator& sim, const std::vector<std::string>& words, std::string& answer) {
+  for (const MachineCommand& v : kMachineVerbs) {
+    if (words[0] != v.name) continue;
+    const Words args(words.begin() + 1, words.end());
+    answer = sim.AtMachine([&](Board& board) { return v.run(board, args); });
+    return true;
+  }
+  return false;
+}
+
+std::string MachineControlUsage() {
+  std::string usage;
+  for (const MachineCommand& v : kMachineVerbs)
+    usage += std::string(" | ") + v.usage;
+  return usage;
+}
+
+}  // namespace sim

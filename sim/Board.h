@@ -50,6 +50,8 @@ class Board {
   // version record as well.
   Profile& mutableProfile() { return profile_; }
   Machine& machine() { return *machine_; }
+  // The machine area of the EEPROM, the image at its start.
+  const std::vector<std::uint8_t>& machineArea() const { return machineArea_; }
 
   // Brings what runs by itself up to `now`: the periodic diagnostic line.
   void Advance(platform::TimePoint now);

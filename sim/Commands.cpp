@@ -198,7 +198,8 @@ const CommandForm* FindForm(std::uint8_t code, const Profile& profile) {
 std::uint16_t ReplyLength(const CommandForm& form, const Profile& profile, wire::Bytes request) {
   if (form.length) return form.length(profile, request);
   if (form.replyLength != kSetReply) return form.replyLength;
-  return profile.version.protocolVersion >= 1 ? 2 : 0;
+  // Manual-vision boards answer every set command with two bytes, whatever their protocol.
+  return profile.version.protocolVersion >= 1 || profile.version.isManualVision ? 2 : 0;
 }
 
 bool AcceptsRequestLength(const CommandForm& form, std::size_t length) {

@@ -3,25 +3,69 @@
 #include <algorithm>
 #include <cmath>
 
+#include "link/WireFormat.h"
+
 namespace sim {
 
 namespace {
 
-// A drive of up to this much (in Mb units) does not overcome the stage's friction.
-constexpr double kDeadBand = 200;
 // The motor and stage follow a change of drive with this time constant.
 constexpr double kLagSeconds = 0.15;
 constexpr double kStepSeconds = 0.001;
 // After a long time nobody looked, the motion is caught up in at most this many steps.
 constexpr int kMaxSteps = 200000;
 constexpr double kRestSpeed = 0.01;  // mm/s below which an axis counts as at rest
-constexpr double kCountsPerTurn = 4000;
+// The camera's frame trigger while video capture is armed.
+constexpr double kFrameSeconds = 0.25;
 
 struct StageShape {
-  double travel, maxSpeed, mmPerTurn;
+  double travel, fullSpeed, mmPerTurn, jogSpeed;
 };
-// X, Y, Z and the zoom slide.
-constexpr StageShape kStage[kStageAxes] = {{300, 50, 5}, {200, 50, 5}, {150, 25, 2}, {40, 10, 0.5}};
+// X, Y, Z and the zoom slide. Full speed is what MotorMaximum would give; the motion tests keep
+// well below it, and the Standard voltage limit (a quarter of MotorMaximum) reaches about 35 mm/s
+// on X, Y and Z, above the band that the limit test regulates to.
+constexpr StageShape kStage[kStageAxes] = {
+    {300, 160, 5, 25}, {200, 160, 5, 25}, {150, 160, 2, 10}, {40, 40, 0.5, 5}};
+
+std::int64_t TurnOf(double mm, double mmPerTurn) {
+  return static_cast<std::int64_t>(std::floor(mm / mmPerTurn));
+}
+
+// Noise seed from the profile's name, so that each profile has its own repeatable sequence.
+std::uint32_t Seed(const std::string& name) {
+  std::uint32_t h = 2166136261u;
+  for (char c : name)
+    h = (h ^ static_cast<std::uint8_t>(c)) * 16777619u;
+  return h == 0 ? 0x2545F491 : h;
+}
+
+// Records a channel's controller holds from the factory: tuning (longs from 2 in the order Kp,
+// Ki, Kd, Dt, Kaff, Kvff, Kout, Mb, Il, Fe), definition, the platen's extra record and the
+// serial record, so that a read before any write shows believable values.
+void InitChannelRecords(Channel& c, bool platen) {
+  const std::uint32_t base = platen ? 2 : 1;
+  const std::uint32_t pid[10] = {150 * base, 3, 800 * base, 2, 40, 25, 65000, 0, 30000, 5000};
+  for (std::size_t i = 0; i < 10; ++i)
+    wire::PutLong(c.pid, 2 + 4 * i, pid[i]);
+  const std::uint32_t define[11] = {20000 * base, 4000, 50000, 200000, 4000, 0,
+                                    1200,         20,   50,    4,      3000};
+  for (std::size_t i = 0; i < 11; ++i)
+    wire::PutLong(c.define, 2 + 4 * i, define[i]);
+  wire::PutLong(c.define, 22, platen ? 0x00028000 : 0x00010000);  // Gear 2.5 or 1.0, 16.16
+  wire::PutFlag(c.define, 46, false);
+  wire::PutFlag(c.define, 47, platen);
+  wire::PutByte(c.define, 48, platen ? 2 : 0);  // the platen has no index input of its own
+  if (platen) {
+    for (std::size_t i = 0; i < 3; ++i) {
+      wire::PutWord(c.extra, 1 + 2 * i, static_cast<std::uint16_t>(300 + 20 * i));
+      wire::PutWord(c.extra, 7 + 2 * i, static_cast<std::uint16_t>(-5 + 5 * static_cast<int>(i)));
+    }
+    wire::PutWord(c.extra, 13, 3);
+  }
+  wire::PutWideText(c.serial, 1, platen ? u"PL-18-00221" : u"WX-20-01310");
+  wire::PutWideText(c.serial, 33, platen ? u"Platen" : u"W axis");
+  wire::PutWideText(c.serial, 65, platen ? u"PL80" : u"WR360");
+}
 
 }  // namespace
 
@@ -42,7 +86,14 @@ std::int32_t Axis::LinearCounts() const {
 }
 
 std::uint32_t Axis::RotaryCounts() const {
-  return static_cast<std::uint32_t>(std::llround(position / mmPerTurn * kCountsPerTurn));
+  return static_cast<std::uint32_t>(std::llround(position / mmPerTurn * kRotaryCountsPerTurn));
+}
+
+void Axis::PlaceAt(double mm) {
+  position = std::clamp(mm, 0.0, travel);
+  velocity = 0;
+  limit = position <= 0 ? -1 : position >= travel ? 1 : 0;
+  lastTurn = TurnOf(position, mmPerTurn);
 }
 
 std::int8_t Channel::Limit() const {
@@ -56,33 +107,55 @@ std::uint32_t Channel::Counts() const {
   return static_cast<std::uint32_t>(std::llround(position * countsPerMm));
 }
 
-Machine::Machine(const Profile& profile, platform::TimePoint now) : now_(now) {
+std::uint32_t Channel::TargetCounts() const {
+  return static_cast<std::uint32_t>(std::llround(target * countsPerMm));
+}
+
+void Channel::PlaceAt(double mm) {
+  position = target = travel > 0 ? std::clamp(mm, 0.0, travel) : mm;
+  lastTurn = TurnOf(position, mmPerTurn);
+}
+
+Machine::Machine(const Profile& profile, platform::TimePoint now)
+    : poweredAt_(now), now_(now), noise_(Seed(profile.name)) {
+  servoMachine_ = profile.version.isServo;
   for (std::size_t i = 0; i < kStageAxes; ++i) {
     Axis& a = axes[i];
     const AxisSetup& s = profile.axes[i];
     a.travel = kStage[i].travel;
-    a.maxSpeed = kStage[i].maxSpeed;
+    a.fullSpeed = kStage[i].fullSpeed;
     a.mmPerTurn = kStage[i].mmPerTurn;
+    a.jogSpeed = kStage[i].jogSpeed;
     a.countsPerMm = s.countsPerMm > 0 ? s.countsPerMm : 1000;
     a.motorMaximum = s.motorMaximum > 0 ? s.motorMaximum : 10000;
     a.tuning = {s.kp, s.ki, s.kd, s.dt, s.kaff, s.kvff, s.kout, s.mb, s.il, s.fe};
-    a.position = a.travel / 2;
-    a.lastTurn = static_cast<std::int64_t>(std::floor(a.position / a.mmPerTurn));
+    a.PlaceAt(a.travel / 2);
   }
   w.fitted = profile.version.hasWAxis;
   w.travel = 0;  // the W axis turns without end switches
+  w.speed = 10;
   w.countsPerMm = 1000;
-  w.position = w.target = 12.5;
+  w.mmPerTurn = 5;
+  w.PlaceAt(12.5);
   platen.fitted = profile.version.platenFitted;
-  platen.travel = 80;
+  platen.travel = 80;  // a little over 3 s from end to end
   platen.speed = 25;
   platen.countsPerMm = 500;
-  laserSettings = {1, 3, 100, 2000, 50, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+  platen.mmPerTurn = 40;  // one index mark, half way
+  platen.PlaceAt(0);
+  InitChannelRecords(w, false);
+  InitChannelRecords(platen, true);
+  laserSettings = {1, 3, 100, 2000, 50, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0};
   SetLightChannels(profile.version.hasLightChannels ? profile.version.lightChannelCount : 0);
 }
 
 void Machine::SetLightChannels(std::size_t count) {
   lights.resize(count, 0);
+}
+
+std::uint32_t Machine::Millis() const {
+  return static_cast<std::uint32_t>(
+      std::chrono::duration_cast<std::chrono::milliseconds>(now_ - poweredAt_).count());
 }
 
 double Machine::Noise(double amplitude) {
@@ -93,74 +166,125 @@ double Machine::Noise(double amplitude) {
   return amplitude * (static_cast<double>(noise_ % 2001) / 1000.0 - 1.0);
 }
 
+std::array<std::uint32_t, kStageAxes> Machine::LinearPositions() const {
+  std::array<std::uint32_t, kStageAxes> out{};
+  for (std::size_t i = 0; i < kStageAxes; ++i)
+    out[i] = static_cast<std::uint32_t>(axes[i].LinearCounts());
+  return out;
+}
+
+bool Machine::AtRest() const {
+  for (const Axis& a : axes) {
+    if (a.velocity != 0 || a.stalled || std::abs(a.Drive()) > kDeadBand) return false;
+  }
+  if (servoMachine_ && (joystick[0] != 0 || joystick[1] != 0 || joystick[2] != 0)) return false;
+  return !w.Moving() && !platen.Moving();
+}
+
 void Machine::Advance(platform::TimePoint now) {
   if (now <= now_) return;
   const double elapsed = std::chrono::duration<double>(now - now_).count();
   now_ = now;
+  RunTriggers(elapsed);
+  if (AtRest()) return;
   const int steps = std::min(kMaxSteps, std::max(1, static_cast<int>(elapsed / kStepSeconds)));
   const double dt = elapsed / steps;
   for (int i = 0; i < steps; ++i)
     Step(dt);
-  laserTime += static_cast<std::uint32_t>(elapsed * 1000);
+}
+
+// What happens by the clock rather than by motion: frame triggers and laser samples.
+void Machine::RunTriggers(double elapsed) {
+  if (videoArmed) {
+    videoClock_ -= elapsed;
+    if (videoClock_ <= 0) {
+      videoClock_ = kFrameSeconds;
+      videoCapture = {true, LinearPositions(), Millis()};
+    }
+  }
+  const bool laserOn = laserReady && laserSettings[kLaserOnWord] != 0;
+  if (laserOn && laserInterrupt) {
+    const double rate = 2500.0 / std::ldexp(1.0, static_cast<int>(laserSettings[1] % 16));
+    laserClock_ += elapsed * rate;
+    const auto fresh = static_cast<std::uint32_t>(laserClock_);
+    laserClock_ -= fresh;
+    laserPointsReady =
+        static_cast<std::uint16_t>(std::min<std::uint32_t>(laserPointsReady + fresh, 1000));
+  }
 }
 
 void Machine::Step(double dt) {
-  for (Axis& a : axes) {
-    const double drive = a.Drive();
-    const double excess = std::max(0.0, std::abs(drive) - kDeadBand);
-    const double span = std::max(1.0, a.motorMaximum - kDeadBand);
-    double target = std::copysign(std::min(1.0, excess / span) * a.maxSpeed, drive);
-    if (excess == 0 || a.blocked || estop) target = 0;
-    a.velocity += (target - a.velocity) * std::min(1.0, dt / kLagSeconds);
-    if (a.blocked || estop) a.velocity = 0;
-    a.position += a.velocity * dt;
-    a.limit = 0;
-    if (a.position >= a.travel) {
-      a.position = a.travel;
-      a.velocity = std::min(0.0, a.velocity);
-      a.limit = 1;
-    } else if (a.position <= 0) {
-      a.position = 0;
-      a.velocity = std::max(0.0, a.velocity);
-      a.limit = -1;
-    }
-    // Driven against an end switch or a blockage, the motor stalls.
-    const bool intoLimit =
-        (a.limit > 0 && drive > kDeadBand) || (a.limit < 0 && -drive > kDeadBand);
-    a.stalled = intoLimit || (a.blocked && excess > 0);
-    const auto turn = static_cast<std::int64_t>(std::floor(a.position / a.mmPerTurn));
-    if (turn != a.lastTurn) {
-      // The index mark sits at the start of every motor turn.
-      a.indexValid = true;
-      a.indexCount = static_cast<std::uint32_t>(
-          std::llround(static_cast<double>(std::max(turn, a.lastTurn)) * kCountsPerTurn));
-      a.lastTurn = turn;
-    }
+  for (std::size_t i = 0; i < kStageAxes; ++i)
+    StepAxis(axes[i], servoMachine_ && i < 3 ? joystick[i] : 0.0, dt);
+  StepChannel(w, dt);
+  StepChannel(platen, dt);
+}
+
+void Machine::StepAxis(Axis& a, double jog, double dt) {
+  const double drive = a.Drive();
+  const double excess = std::max(0.0, std::abs(drive) - kDeadBand);
+  const double span = std::max(1.0, a.motorMaximum - kDeadBand);
+  // Above the dead band the speed rises in proportion to the drive; a closed loop holds the
+  // axis where it is, unless the pendant's joystick jogs it.
+  double target = excess > 0 ? std::copysign(std::min(1.0, excess / span) * a.fullSpeed, drive)
+                             : (a.tuning.OpenLoop() ? 0.0 : jog * a.jogSpeed);
+  if (a.blocked || estop) target = 0;
+  a.velocity += (target - a.velocity) * std::min(1.0, dt / kLagSeconds);
+  if (target == 0 && std::abs(a.velocity) < 1e-4) a.velocity = 0;
+  if (a.blocked || estop) a.velocity = 0;
+  a.position += a.velocity * dt;
+  a.limit = 0;
+  if (a.position >= a.travel) {
+    a.position = a.travel;
+    a.velocity = std::min(0.0, a.velocity);
+    a.limit = 1;
+  } else if (a.position <= 0) {
+    a.position = 0;
+    a.velocity = std::max(0.0, a.velocity);
+    a.limit = -1;
   }
-  for (Channel* c : {&w, &platen}) {
-    if (!c->Moving() || estop) continue;
-    const double step = c->speed * dt;
-    if (std::abs(c->target - c->position) <= step) {
-      c->position = c->target;
-    } else {
-      c->position += std::copysign(step, c->target - c->position);
-    }
+  // Driven against an end switch or a blockage, the motor stalls; held there, it fails.
+  const bool intoLimit = (a.limit > 0 && drive > kDeadBand) || (a.limit < 0 && -drive > kDeadBand);
+  a.stalled = !estop && (intoLimit || (a.blocked && excess > 0));
+  a.stalledFor = a.stalled ? a.stalledFor + dt : 0;
+  a.failed = a.stalledFor >= kFailAfterSeconds;
+  const std::int64_t turn = TurnOf(a.position, a.mmPerTurn);
+  if (turn != a.lastTurn) {
+    // The mark sits at the start of every motor turn, whichever way the axis crosses it.
+    a.indexCaptured = true;
+    a.indexCount = static_cast<std::uint32_t>(
+        std::llround(static_cast<double>(std::max(turn, a.lastTurn)) * kRotaryCountsPerTurn));
+    a.lastTurn = turn;
+  }
+}
+
+void Machine::StepChannel(Channel& c, double dt) {
+  if (!c.Moving() || estop) return;
+  const double step = c.speed * dt;
+  if (std::abs(c.target - c.position) <= step) {
+    c.position = c.target;
+  } else {
+    c.position += std::copysign(step, c.target - c.position);
+  }
+  const std::int64_t turn = TurnOf(c.position, c.mmPerTurn);
+  if (turn != c.lastTurn) {
+    c.indexCaptured = true;
+    c.indexCount = static_cast<std::uint32_t>(std::llround(
+        static_cast<double>(std::max(turn, c.lastTurn)) * c.mmPerTurn * c.countsPerMm));
+    c.lastTurn = turn;
   }
 }
 
 void Machine::TripProbe() {
   if (probeTripped) return;
   probeTripped = true;
-  probeCaptured = true;
-  for (std::size_t i = 0; i < kStageAxes; ++i)
-    probeTrip[i] = static_cast<std::uint32_t>(axes[i].LinearCounts());
+  touchCapture = {true, LinearPositions(), Millis()};
 }
 
 void Machine::ReleaseProbe() {
   if (!probeTripped) return;
   probeTripped = false;
-  for (std::size_t i = 0; i < kStageAxes; ++i)
-    probeRelease[i] = static_cast<std::uint32_t>(axes[i].LinearCounts());
+  probeRelease = LinearPositions();
 }
 
 }  // namespace sim

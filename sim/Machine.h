@@ -1,7 +1,8 @@
 // The machine behind the board: four stage axes (X, Y, Z, Zoom), the W axis, the platen, and
 // everything a person touches or the board measures. Time only moves through Advance, which
 // integrates the motion in steps of a millisecond of machine time up to the clock's `now`, so a
-// minute of machine time costs a few milliseconds and tests run it in virtual time.
+// minute of machine time costs a few milliseconds and tests run it in virtual time. A machine at
+// rest is not integrated at all.
 #pragma once
 
 #include <array>
@@ -15,8 +16,17 @@ namespace sim {
 
 inline constexpr std::size_t kStageAxes = 4;
 inline constexpr std::size_t kInputs = 16;
+inline constexpr std::size_t kTemperatureSensors = 8;
 inline constexpr std::size_t kLaserSettings = 21;
-inline constexpr std::size_t kMaxLaserPoints = 30;
+inline constexpr std::size_t kLaserRateWord = 1;  // samples per second: 2500 / 2^word
+inline constexpr std::size_t kLaserOnWord = 19;
+inline constexpr std::uint16_t kMaxLaserPoints = 30;
+// Open-loop drive (Mb) up to this much does not overcome the stage's friction.
+inline constexpr double kDeadBand = 200;
+// A stage axis that stays stalled this long trips its amplifier and reports itself failed.
+inline constexpr double kFailAfterSeconds = 2.0;
+// Motor counts of one turn of a stage axis's rotary encoder.
+inline constexpr double kRotaryCountsPerTurn = 4000;
 
 // The tuning record of a stage axis as the board keeps it.
 struct AxisTuning {
@@ -30,19 +40,23 @@ struct AxisTuning {
 
 struct Axis {
   // Fixed by the machine.
-  double travel = 0;       // mm from the negative to the positive end (Zoom: mm of its slide)
-  double maxSpeed = 0;     // mm/s at the full drive
-  double mmPerTurn = 0;    // motor turns through the screw or, for Zoom, the gear
-  double countsPerMm = 0;  // linear encoder
+  double travel = 0;     // mm between the negative and the positive end switch
+  double fullSpeed = 0;  // mm/s at a drive of MotorMaximum
+  double mmPerTurn = 0;  // of the motor, through the screw or, for Zoom, the gear
+  double countsPerMm = 0;
+  double jogSpeed = 0;  // mm/s at full joystick deflection (servo machines)
   std::uint16_t motorMaximum = 0;
   // State.
   AxisTuning tuning;
-  double position = 0;  // mm from the negative end
+  double position = 0;  // mm from the negative end switch
   double velocity = 0;  // mm/s
   bool blocked = false;
   bool stalled = false;
+  bool failed = false;
+  double stalledFor = 0;  // seconds
   std::int8_t limit = 0;  // -1 at the negative switch, 1 at the positive one
-  bool indexValid = false;
+  // The index mark passes once a motor turn; the board latches the rotary count there.
+  bool indexCaptured = false;
   std::uint32_t indexCount = 0;
   std::int64_t lastTurn = 0;
 
@@ -51,25 +65,34 @@ struct Axis {
   bool Settled() const;
   std::int32_t LinearCounts() const;
   std::uint32_t RotaryCounts() const;
+  void PlaceAt(double mm);
 };
 
-// The channel of the W axis or the platen: an encoder, an index, and a definition kept as bytes.
+// The channel of the W axis or the platen: a motor that runs to a target at a fixed speed, an
+// encoder, an index mark once a turn, and its records kept as the bytes the host wrote.
 struct Channel {
   bool fitted = false;
   double position = 0;  // mm (platen: 0 closed)
   double target = 0;
-  double speed = 0;  // mm/s while moving
-  double travel = 0;
+  double speed = 0;   // mm/s while moving
+  double travel = 0;  // 0: no end switches (the W axis turns without end)
   double countsPerMm = 0;
+  double mmPerTurn = 0;
   bool blocked = false;
+  bool indexCaptured = false;
+  std::uint32_t indexCount = 0;
+  std::int64_t lastTurn = 0;
   std::vector<std::uint8_t> pid = std::vector<std::uint8_t>(42, 0);
   std::vector<std::uint8_t> define = std::vector<std::uint8_t>(60, 0);
   std::vector<std::uint8_t> extra = std::vector<std::uint8_t>(32, 0);
   std::vector<std::uint8_t> serial = std::vector<std::uint8_t>(126, 0);
 
   bool Moving() const { return position != target && !blocked; }
+  bool Stalled() const { return blocked && position != target; }
   std::int8_t Limit() const;
   std::uint32_t Counts() const;
+  std::uint32_t TargetCounts() const;
+  void PlaceAt(double mm);
 };
 
 // The W axis's own EEPROM; a write keeps it busy for a while and leaves its result in `kind`.
@@ -80,6 +103,13 @@ struct WEeprom {
   std::uint8_t kind = 0;
 };
 
+// A capture latches the four linear positions at one moment.
+struct Capture {
+  bool pending = false;
+  std::array<std::uint32_t, kStageAxes> position{};
+  std::uint32_t time = 0;  // ms since power-up
+};
+
 class Machine {
  public:
   explicit Machine(const Profile& profile, platform::TimePoint now);
@@ -87,6 +117,7 @@ class Machine {
   // Integrates the motion up to `now` (earlier times are ignored).
   void Advance(platform::TimePoint now);
   platform::TimePoint Now() const { return now_; }
+  std::uint32_t Millis() const;
 
   std::array<Axis, kStageAxes> axes;
   Channel w;
@@ -98,19 +129,20 @@ class Machine {
   bool sleep = false;
   bool probeTripped = false;
   bool probeEnabled = false;
-  std::array<std::uint32_t, 4> probeTrip{};     // counts where the probe last tripped
+  Capture touchCapture;                         // latched where the probe tripped
   std::array<std::uint32_t, 4> probeRelease{};  // and where it let go
-  bool probeCaptured = false;
-  std::uint16_t probeSensitivity = 40;
-  std::array<bool, kInputs> inputs{};                          // pendant buttons and machine inputs
-  std::array<double, 3> joystick{};                            // -1 to 1
-  std::array<double, 3> accel{};                               // g
-  std::array<double, 4> temperatures{24.5, 31.0, 38.5, 27.0};  // sensors 0-3, °C
+  Capture videoCapture;                         // latched by the camera's frame trigger
+  std::uint16_t probeSensitivity = 512;
+  std::array<bool, kInputs> inputs{};  // pendant buttons and machine inputs
+  std::array<double, 3> joystick{};    // -1 to 1
+  std::array<double, 3> accel{};       // g
+  // Sensors 0 to 7; a sensor below -100 °C is not fitted and reads 0.
+  std::array<double, kTemperatureSensors> temperatures{24.5, 31.0, 38.5, 27.0,
+                                                       26.0, 33.5, -273, -273};
   double wTemperature = 29.5;
 
   bool laserReady = true;
   std::uint16_t laserPointsReady = 0;
-  std::uint32_t laserTime = 0;
   std::array<std::uint32_t, kLaserSettings> laserSettings{};
   bool videoArmed = false;
   bool touchInterrupt = false;
@@ -126,11 +158,20 @@ class Machine {
   void TripProbe();
   void ReleaseProbe();
   void SetLightChannels(std::size_t count);
+  std::array<std::uint32_t, kStageAxes> LinearPositions() const;
 
  private:
+  bool AtRest() const;
   void Step(double seconds);
+  void StepAxis(Axis& a, double jog, double dt);
+  void StepChannel(Channel& c, double dt);
+  void RunTriggers(double elapsed);
 
+  platform::TimePoint poweredAt_;
   platform::TimePoint now_;
+  bool servoMachine_ = false;
+  double videoClock_ = 0;  // seconds to the next frame trigger
+  double laserClock_ = 0;  // seconds to the next laser sample
   std::uint32_t noise_ = 0x2545F491;
 };
 

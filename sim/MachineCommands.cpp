@@ -153,17 +153,15 @@ std::uint16_t PidLength(const Profile&, wire::Bytes q) {
 std::uint16_t DefineLength(const Profile&, wire::Bytes q) {
   return IsChannel(GetByte(q, 1)) ? 60 : 47;
 }
-std::uint16_t LightMaxLength(const Profile&, wire::Bytes q) {
-  return GetByte(q, 2) == 1 ? 254 : 86;
-}
 std::uint16_t ExtentsLength(const Profile& p, wire::Bytes) {
   return Pv(p) < 4 ? 37 : 120;
 }
 std::uint16_t ProbeCaptureLength(const Profile& p, wire::Bytes) {
   return CurrentServo(p) || (Mv(p) && Pv(p) >= 5) ? 92 : 76;
 }
+// Manual-vision boards answer every set command with two bytes, whatever their protocol.
 std::uint16_t SetLength(const Profile& p) {
-  return Pv(p) >= 1 ? 2 : 0;
+  return Pv(p) >= 1 || Mv(p) ? 2 : 0;
 }
 std::uint16_t LaserSettingsLength(const Profile& p, wire::Bytes q) {
   return q.size() == 2 ? 126 : SetLength(p);
@@ -199,6 +197,59 @@ Machine& M(Board& b) {
   return b.machine();
 }
 
+// The supply rails as the converter sees them: full scale (65535) is the nominal voltage over the
+// channel's divider, and each rail sits a little below nominal. The manual-vision board's last
+// eight channels are spare inputs near zero.
+std::uint16_t AnalogWord(Machine& m, bool manualVision, std::size_t channel) {
+  static constexpr double kServoDivider[16] = {1,      0.9324, 0.7576, 0.8503, 0.3636, 0.7576,
+                                               0.9186, 1,      0.9324, 0.9324, 0.9324, 0.9324,
+                                               0.9324, 0.9324, 0.9324, 0.9324};
+  static constexpr double kManualDivider[8] = {0.852, 0.788, 0.852, 0.88, 0.912, 0.852, 0.48, 0.88};
+  if (manualVision && channel >= 8) return static_cast<std::uint16_t>(std::lround(12 + m.Noise(4)));
+  const double divider = manualVision ? kManualDivider[channel] : kServoDivider[channel];
+  const double share = 0.99 + m.Noise(0.004);
+  return static_cast<std::uint16_t>(std::lround(std::min(65535.0, 65535.0 * divider * share)));
+}
+
+// The 47-byte axis definition is a view of the machine image's sections 2 and 3: each field of
+// the reply is the axis's element of one image array. Reading it from the image keeps the older
+// boards' per-axis answers and the image of the newer ones the same machine.
+struct DefineField {
+  std::uint8_t at;        // reply offset
+  std::uint16_t imageAt;  // the array's offset in the image
+  std::uint8_t width;     // bytes per element
+};
+constexpr std::uint16_t kSection2 = 232;
+constexpr std::uint16_t kSection3 = 484;
+constexpr DefineField kDefineFields[] = {
+    {2, kSection2 + 2, 4},    {6, kSection2 + 18, 2},   {8, kSection2 + 26, 2},
+    {10, kSection2 + 34, 2},  {12, kSection2 + 42, 2},  {14, kSection2 + 50, 2},
+    {16, kSection2 + 58, 4},  {20, kSection2 + 74, 2},  {22, kSection2 + 82, 2},
+    {24, kSection2 + 90, 2},  {26, kSection2 + 98, 1},  {27, kSection2 + 102, 1},
+    {28, kSection2 + 106, 1}, {29, kSection2 + 110, 1}, {30, kSection2 + 114, 1},
+    {31, kSection3 + 2, 4},   {35, kSection3 + 18, 1},  {36, kSection3 + 22, 1},
+    {37, kSection2 + 118, 1}, {38, kSection3 + 30, 1},  {39, kSection3 + 34, 1},
+    {40, kSection2 + 122, 4}, {44, kSection2 + 138, 1}, {45, kSection2 + 142, 2},
+};
+constexpr std::uint8_t kDefineRealAt = 2;
+constexpr std::uint8_t kDefineKeepRealAt = 28;  // AxisFlag3: the real is kept as it is
+constexpr std::uint8_t kDefineLastWordAt = 45;  // only from firmware 1.139
+
+void PutAxisDefine(Board& board, std::size_t axis, wire::MutableBytes r) {
+  const std::vector<std::uint8_t>& image = board.machineArea();
+  const Profile& p = board.profile();
+  for (const DefineField& f : kDefineFields) {
+    if (f.at == kDefineLastWordAt && Fw(p) < 1.139) continue;
+    std::copy_n(image.begin() + f.imageAt + f.width * axis, f.width, r.begin() + f.at);
+  }
+  // The older boards keep the axis real as its reciprocal in inches, which the host's upgrade
+  // of the image turns back (1 / real x 25.4), except on axes that keep it as it is.
+  if (Pv(p) < 2 && GetByte(r, kDefineKeepRealAt) == 0) {
+    const float real = wire::GetReal(r, kDefineRealAt);
+    if (real != 0.0f) wire::PutReal(r, kDefineRealAt, 25.4f / real);
+  }
+}
+
 struct PollPlace {
   int sleep, moving, limit, settled, stalled, failed, linear, inputs, footswitch, w, platen;
 };
@@ -206,35 +257,39 @@ constexpr PollPlace kOldestPlace = {-1, 8, 12, 16, 20, 24, -1, -1, -1, -1, -1};
 constexpr PollPlace kCompactPlace = {-1, 8, 12, 16, 20, 24, 46, 28, 32, 34, 34};
 constexpr PollPlace kLongPlace = {7, 23, 27, 31, 35, 39, 59, 75, 107, 127, 163};
 
-void PutChannel(wire::MutableBytes r, int at, const Channel& c, bool longForm) {
-  // The long form keeps three entries per W array; the compact form one shared set.
-  const int n = longForm ? 3 : 1;
+void PutChannel(wire::MutableBytes r, int at, const Channel& c) {
+  // The long form keeps three entries per W array (W and two channels that no machine has).
   PutFlag(r, at, c.Moving());
-  PutFlag(r, at + n, !c.Moving());
-  PutFlag(r, at + 2 * n, c.blocked && c.position != c.target);
-  PutByte(r, at + 3 * n, static_cast<std::uint8_t>(c.Limit()));
-  PutLong(r, at + 4 * n, c.Counts());
-  PutLong(r, at + 4 * n + 4 * n, static_cast<std::uint32_t>(c.target * c.countsPerMm));
+  PutFlag(r, at + 3, !c.Moving());
+  PutFlag(r, at + 6, c.Stalled());
+  PutByte(r, at + 9, static_cast<std::uint8_t>(c.Limit()));
+  PutLong(r, at + 12, c.Counts());
+  PutLong(r, at + 24, c.TargetCounts());
 }
 
 void PutPlaten(wire::MutableBytes r, int at, const Channel& c) {
   PutFlag(r, at, c.Moving());
   PutFlag(r, at + 1, !c.Moving());
-  PutFlag(r, at + 2, c.blocked && c.position != c.target);
+  PutFlag(r, at + 2, c.Stalled());
   PutByte(r, at + 3, static_cast<std::uint8_t>(c.Limit()));
   PutLong(r, at + 4, c.Counts());
-  PutLong(r, at + 8, static_cast<std::uint32_t>(c.target * c.countsPerMm));
+  PutLong(r, at + 8, c.TargetCounts());
 }
 
-std::int8_t FillPoll(Board& board, wire::Bytes, wire::MutableBytes r) {
+std::int8_t FillPoll(Board& board, wire::Bytes q, wire::MutableBytes r) {
   Machine& m = M(board);
   const PollPlace& f = r.size() == 221 ? kLongPlace : r.size() == 62 ? kCompactPlace : kOldestPlace;
+  // A capture is announced only to a host that asks for capture data; byte 4 says it is the
+  // touch probe's.
+  const bool wantCapture = GetByte(q, 1) != 0;
   PutFlag(r, 1, m.estop);
-  PutFlag(r, 3, m.videoArmed);
+  PutFlag(r, 3, wantCapture && (m.touchCapture.pending || m.videoCapture.pending));
   if (r.size() > 28) {
-    PutByte(r, 4, m.probeCaptured ? 1 : 0);
+    PutByte(r, 4, m.touchCapture.pending ? 1 : 0);
     PutFlag(r, 5, m.probeTripped);
   }
+  // Firmware before 1.119 had no failure detection; the manual-vision boards always had it.
+  const bool reportsFailure = Mv(board.profile()) || Fw(board.profile()) >= 1.119;
   if (f.sleep >= 0) PutFlag(r, f.sleep, m.sleep);
   for (std::size_t i = 0; i < kStageAxes; ++i) {
     const Axis& a = m.axes[i];
@@ -242,7 +297,7 @@ std::int8_t FillPoll(Board& board, wire::Bytes, wire::MutableBytes r) {
     PutByte(r, f.limit + i, static_cast<std::uint8_t>(a.limit));
     PutFlag(r, f.settled + i, a.Settled());
     PutFlag(r, f.stalled + i, a.stalled);
-    PutFlag(r, f.failed + i, false);
+    PutFlag(r, f.failed + i, reportsFailure && a.failed);
     if (f.linear >= 0) PutSignedLong(r, f.linear + 4 * i, a.LinearCounts());
   }
   if (f.inputs >= 0) {
@@ -257,7 +312,7 @@ std::int8_t FillPoll(Board& board, wire::Bytes, wire::MutableBytes r) {
     }
     PutFlag(r, f.footswitch, m.footswitch);
     if (longForm) {
-      if (m.w.fitted) PutChannel(r, f.w, m.w, true);
+      if (m.w.fitted) PutChannel(r, f.w, m.w);
       if (m.platen.fitted) PutPlaten(r, f.platen, m.platen);
     } else if (m.platen.fitted || m.w.fitted) {
       // One set of bytes serves both: the platen where one is fitted, else W.
@@ -279,32 +334,31 @@ std::int8_t FillBoardData(Board& board, wire::Bytes q, wire::MutableBytes r) {
   switch (GetWord(q, 1)) {
     case 1:
       if (!CurrentServo(p)) return kReasonBadArgument;
+      // Raw joystick readings around mid-scale of a 12-bit converter, the deflection in
+      // percent, and the accelerometer in milli-g (the host shows the word as signed).
       for (std::size_t i = 0; i < 4; ++i) {
         const double deflection = i < 3 ? m.joystick[i] : 0.0;
-        PutSignedLong(r, 1 + 4 * i, m.inputs[i] ? 1 : 0);
-        PutSignedLong(r, 17 + 4 * i, static_cast<std::int32_t>(std::lround(deflection * 1000)));
         const double g = i < 3 ? m.accel[i] : 0.0;
-        PutWord(r, 33 + 2 * i,
-                static_cast<std::uint16_t>(std::lround(2048 + g * 512 + m.Noise(2))));
+        PutSignedLong(r, 1 + 4 * i,
+                      static_cast<std::int32_t>(std::lround(2048 + deflection * 2047)));
+        PutSignedLong(r, 17 + 4 * i, static_cast<std::int32_t>(std::lround(deflection * 100)));
+        PutWord(r, 33 + 2 * i, static_cast<std::uint16_t>(std::lround(g * 1000 + m.Noise(3))));
       }
       return 0;
     case 2:
-      PutWord(r, 1, 0x0312);
+      PutWord(r, 1, Mv(p) ? 0x0207 : 0x0312);
       return 0;
-    case 3: {
-      // Supply rails in millivolts, then spare inputs near zero.
-      const double rails[6] = {24000, 12000, 5000, 3300, 1800, 1200};
-      for (std::size_t i = 0; i < 16; ++i) {
-        const double v = i < 6 ? rails[i] + m.Noise(rails[i] * 0.004) : 20 + m.Noise(5);
-        PutWord(r, 1 + 2 * i, static_cast<std::uint16_t>(std::lround(v)));
-      }
+    case 3:
+      if (Mv(p) && Fw(p) < 2.0199) return kReasonUnknownCommand;
+      for (std::size_t i = 0; i < 16; ++i)
+        PutWord(r, 1 + 2 * i, AnalogWord(m, Mv(p), i));
       return 0;
-    }
     default:
       return kReasonBadArgument;
   }
 }
 
+// Sensors 0 to 7 of the board and the W axis's own (channel 16), in hundredths of a degree.
 std::int8_t FillTemperature(Board& board, wire::Bytes q, wire::MutableBytes r) {
   Machine& m = M(board);
   const std::uint8_t sensor = GetByte(q, 1);
@@ -317,7 +371,10 @@ std::int8_t FillTemperature(Board& board, wire::Bytes q, wire::MutableBytes r) {
   } else {
     return kReasonBadArgument;
   }
-  PutSignedLong(r, 1, static_cast<std::int32_t>(std::lround((celsius + m.Noise(0.05)) * 100)));
+  // A sensor that is not fitted reads 0, which the host shows as no reading.
+  const bool fitted = celsius > -100;
+  const double reading = fitted ? celsius + m.Noise(0.05) : 0.0;
+  PutSignedLong(r, 1, static_cast<std::int32_t>(std::lround(reading * 100)));
   wire::PutReal(r, 5, 0.01f);
   return 0;
 }
@@ -328,6 +385,12 @@ bool StageAxis(wire::Bytes q) {
   return GetByte(q, 1) < kStageAxes;
 }
 
+// Manual-vision boards drive no stage motor: they keep no tuning, definition or rotary encoder
+// of the axes 0 to 3, only their linear encoders and index marks.
+bool NoMotorRecords(Board& board, wire::Bytes q) {
+  return StageAxis(q) && Mv(board.profile());
+}
+
 Channel* ChannelOf(Board& board, wire::Bytes q, std::size_t at = 1) {
   Machine& m = M(board);
   const std::uint8_t n = GetByte(q, at);
@@ -336,24 +399,29 @@ Channel* ChannelOf(Board& board, wire::Bytes q, std::size_t at = 1) {
   return nullptr;
 }
 
+// The latched count stays; `captured` says a mark went by since the last look.
 std::int8_t FillIndexCapture(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  bool* captured = nullptr;
+  std::uint32_t count = 0;
   if (StageAxis(q)) {
     Axis& a = M(board).axes[GetByte(q, 1)];
-    PutFlag(r, 1, true);
-    PutByte(r, 2, a.indexValid ? 1 : 0);
-    PutLong(r, 3, a.indexCount);
-    a.indexValid = false;  // captured once a turn: reading it arms the next capture
-    return 0;
+    captured = &a.indexCaptured;
+    count = a.indexCount;
+  } else if (Channel* c = ChannelOf(board, q)) {
+    captured = &c->indexCaptured;
+    count = c->indexCount;
+  } else {
+    return kReasonBadArgument;
   }
-  Channel* c = ChannelOf(board, q);
-  if (!c) return kReasonBadArgument;
   PutFlag(r, 1, true);
-  PutByte(r, 2, 1);
-  PutLong(r, 3, static_cast<std::uint32_t>(c->countsPerMm * std::floor(c->position)));
+  PutByte(r, 2, *captured ? 1 : 0);
+  PutLong(r, 3, count);
+  *captured = false;
   return 0;
 }
 
 std::int8_t FillRotaryOrLowerC(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  if (NoMotorRecords(board, q)) return kReasonBadArgument;
   if (StageAxis(q)) {
     PutLong(r, 2, M(board).axes[GetByte(q, 1)].RotaryCounts());
     return 0;
@@ -366,6 +434,7 @@ std::int8_t FillRotaryOrLowerC(Board& board, wire::Bytes q, wire::MutableBytes r
 }
 
 std::int8_t FillGetPid(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  if (NoMotorRecords(board, q)) return kReasonBadArgument;
   if (StageAxis(q)) {
     const AxisTuning& t = M(board).axes[GetByte(q, 1)].tuning;
     PutWord(r, 2, t.kp);
@@ -388,12 +457,18 @@ std::int8_t FillGetPid(Board& board, wire::Bytes q, wire::MutableBytes r) {
 }
 
 std::int8_t FillSetPid(Board& board, wire::Bytes q, wire::MutableBytes) {
-  if (q.size() == 26) {
-    if (!StageAxis(q)) return kReasonBadArgument;
-    AxisTuning& t = M(board).axes[GetByte(q, 1)].tuning;
-    t = {GetWord(q, 2),  GetWord(q, 4),  GetWord(q, 6),  GetWord(q, 8),
-         GetWord(q, 10), GetWord(q, 12), GetWord(q, 14), wire::GetSignedWord(q, 16),
-         GetLong(q, 18), GetLong(q, 22)};
+  if (NoMotorRecords(board, q)) return kReasonBadArgument;
+  // The stage axes take the 26-byte record, the channels the 42-byte one.
+  if ((q.size() == 26) != StageAxis(q))
+    return IsChannel(GetByte(q, 1)) || StageAxis(q) ? kReasonBadLength : kReasonBadArgument;
+  if (StageAxis(q)) {
+    Axis& a = M(board).axes[GetByte(q, 1)];
+    a.tuning = {GetWord(q, 2),  GetWord(q, 4),  GetWord(q, 6),  GetWord(q, 8),
+                GetWord(q, 10), GetWord(q, 12), GetWord(q, 14), wire::GetSignedWord(q, 16),
+                GetLong(q, 18), GetLong(q, 22)};
+    // A new record resets the amplifier of an axis that had failed.
+    a.failed = false;
+    a.stalledFor = 0;
     return 0;
   }
   Channel* c = ChannelOf(board, q);
@@ -403,22 +478,9 @@ std::int8_t FillSetPid(Board& board, wire::Bytes q, wire::MutableBytes) {
 }
 
 std::int8_t FillAxisDefine(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  if (NoMotorRecords(board, q)) return kReasonBadArgument;
   if (StageAxis(q)) {
-    const std::size_t i = GetByte(q, 1);
-    const AxisSetup& s = board.profile().axes[i];
-    // The older boards keep the axis real as counts per inch; the current ones its reciprocal.
-    const bool older = board.profile().version.protocolVersion < 2;
-    const float real = older && s.axisReal != 0 ? 25.4f / s.axisReal : s.axisReal;
-    wire::PutReal(r, 2, real);
-    for (std::size_t k = 0; k < 5; ++k)
-      PutWord(r, 6 + 2 * k, static_cast<std::uint16_t>(100 * (k + 1) + i));
-    PutLong(r, 16, static_cast<std::uint32_t>(100000 + i));
-    PutWord(r, 20, s.motorMaximum);
-    PutFlag(r, 28, i == 3);
-    PutLong(r, 31, static_cast<std::uint32_t>(s.countsPerMm));
-    PutByte(r, 38, static_cast<std::uint8_t>(0x10 + i));
-    PutLong(r, 40, static_cast<std::uint32_t>(200000 + i));
-    if (Fw(board.profile()) >= 1.139) PutWord(r, 45, static_cast<std::uint16_t>(1100 + i));
+    PutAxisDefine(board, GetByte(q, 1), r);
     return 0;
   }
   Channel* c = ChannelOf(board, q);
@@ -449,18 +511,21 @@ std::int8_t FillSetExtra(Board& board, wire::Bytes q, wire::MutableBytes) {
   return 0;
 }
 
+// Extents 1 and 2 are the end switches; 3 and 4, where the limit test expects them, sit a
+// millimetre inside. The short form has room for one pair only: the expected places.
 std::int8_t FillExtents(Board& board, wire::Bytes, wire::MutableBytes r) {
   const Machine& m = M(board);
+  const bool longForm = r.size() == 120;
   for (std::size_t i = 0; i < kStageAxes; ++i) {
     const Axis& a = m.axes[i];
     const auto end = static_cast<std::uint32_t>(std::lround(a.travel * a.countsPerMm));
+    const auto inside = static_cast<std::uint32_t>(std::lround(a.countsPerMm));
     PutFlag(r, 1 + i, true);
-    PutLong(r, 5 + 4 * i, 0);
-    PutLong(r, 21 + 4 * i, end);
-    if (r.size() == 120) {
-      // The soft limits sit a millimetre inside the switches.
-      PutLong(r, 37 + 4 * i, static_cast<std::uint32_t>(std::lround(a.countsPerMm)));
-      PutLong(r, 53 + 4 * i, end - static_cast<std::uint32_t>(std::lround(a.countsPerMm)));
+    PutLong(r, 5 + 4 * i, longForm ? 0 : inside);
+    PutLong(r, 21 + 4 * i, longForm ? end : end - inside);
+    if (longForm) {
+      PutLong(r, 37 + 4 * i, inside);
+      PutLong(r, 53 + 4 * i, end - inside);
     }
   }
   return 0;
@@ -492,10 +557,11 @@ std::int8_t FillStatusLight(Board& board, wire::Bytes q, wire::MutableBytes) {
   return 0;
 }
 
+constexpr std::uint16_t kSensitivityMaximum = 1023;
+
 std::int8_t FillSetSensitivity(Board& board, wire::Bytes q, wire::MutableBytes) {
-  const std::uint16_t v = GetWord(q, 1);
-  if (v > 100) return kReasonBadArgument;
-  M(board).probeSensitivity = v;
+  // Like the slider that sets it, the probe takes anything and stops at its maximum.
+  M(board).probeSensitivity = std::min(GetWord(q, 1), kSensitivityMaximum);
   return 0;
 }
 
@@ -505,7 +571,7 @@ std::int8_t FillGetSensitivity(Board& board, wire::Bytes, wire::MutableBytes r) 
 }
 
 std::int8_t FillSensitivityMax(Board&, wire::Bytes, wire::MutableBytes r) {
-  PutWord(r, 1, 100);
+  PutWord(r, 1, kSensitivityMaximum);
   return 0;
 }
 
@@ -532,26 +598,43 @@ std::int8_t FillMachineData(Board&, wire::Bytes, wire::MutableBytes r) {
 
 // ---- fills: lights, probes, laser, interrupts ---------------------------------------------------
 
-constexpr std::uint32_t kLightMaximum = 4095;
+// Each channel's largest value; they differ a little so that a channel mixed up shows.
+std::uint32_t LightMaximum(std::size_t channel) {
+  return 4095 - 5 * static_cast<std::uint32_t>(channel);
+}
 
 std::int8_t FillLightMaxOneWord(Board&, wire::Bytes, wire::MutableBytes r) {
-  PutWord(r, 2, static_cast<std::uint16_t>(kLightMaximum));
+  PutWord(r, 2, static_cast<std::uint16_t>(LightMaximum(0)));
   return 0;
+}
+
+// Behind the first driver a packet carries 21 channels; behind the newer one 42. Byte 2 of the
+// request names the packet size the host expects (0: 21, 1: 42).
+std::size_t ChannelsPerPacket(const Profile& p) {
+  return OldDriver(p) ? 21 : 42;
+}
+
+bool PacketSizeAgrees(const Profile& p, wire::Bytes q) {
+  return GetByte(q, 2) == (OldDriver(p) ? 0 : 1);
 }
 
 std::int8_t FillLightMax(Board& board, wire::Bytes q, wire::MutableBytes r) {
+  const Profile& p = board.profile();
+  if (!PacketSizeAgrees(p, q)) return kReasonBadArgument;
   const std::size_t first = GetByte(q, 1);
   const std::size_t n = M(board).lights.size();
-  const std::size_t perPacket = (r.size() - 2) / 4;
-  for (std::size_t i = 0; i < perPacket && first + i < n; ++i)
-    PutLong(r, 2 + 4 * i, kLightMaximum - 5 * static_cast<std::uint32_t>(first + i));
+  if (first > n) return kReasonBadArgument;
+  for (std::size_t i = 0; i < ChannelsPerPacket(p) && first + i < n; ++i)
+    PutLong(r, 2 + 4 * i, LightMaximum(first + i));
   return 0;
 }
 
+// A channel whose byte is set takes the word; the board's one maximum bounds it.
 std::int8_t FillSetLightsOneWord(Board& board, wire::Bytes q, wire::MutableBytes) {
   auto& lights = M(board).lights;
   for (std::size_t i = 0; i < lights.size() && i < 42; ++i) {
-    if (GetByte(q, 1 + i) != 0) lights[i] = GetWord(q, 43 + 2 * i);
+    if (GetByte(q, 1 + i) != 0)
+      lights[i] = std::min<std::uint32_t>(GetWord(q, 43 + 2 * i), LightMaximum(0));
   }
   return 0;
 }
@@ -560,9 +643,8 @@ std::int8_t FillSetLights(Board& board, wire::Bytes q, wire::MutableBytes) {
   auto& lights = M(board).lights;
   const std::size_t first = GetByte(q, 1);
   if (first > lights.size()) return kReasonBadArgument;
-  const std::size_t perPacket = (q.size() - 2) / 4;
-  for (std::size_t i = 0; i < perPacket && first + i < lights.size(); ++i)
-    lights[first + i] = std::min(GetLong(q, 2 + 4 * i), kLightMaximum);
+  for (std::size_t i = 0; i < ChannelsPerPacket(board.profile()) && first + i < lights.size(); ++i)
+    lights[first + i] = std::min(GetLong(q, 2 + 4 * i), LightMaximum(first + i));
   return 0;
 }
 
@@ -571,30 +653,36 @@ std::int8_t FillTouchEnable(Board& board, wire::Bytes q, wire::MutableBytes) {
   return 0;
 }
 
+// Where the probe tripped (the capture) and where it last let go; fetching it ends the capture.
 std::int8_t FillTouchCapture(Board& board, wire::Bytes, wire::MutableBytes r) {
-  const Machine& m = M(board);
-  PutFlag(r, 1, m.probeCaptured);
+  Machine& m = M(board);
+  PutFlag(r, 1, m.touchCapture.pending);
   for (std::size_t i = 0; i < 4; ++i) {
-    PutLong(r, 4 + 4 * i, m.probeTrip[i]);
+    PutLong(r, 4 + 4 * i, m.touchCapture.position[i]);
     PutLong(r, 20 + 4 * i, m.probeRelease[i]);
   }
+  m.touchCapture.pending = false;
   return 0;
 }
 
-// Fields from byte 0: which sources have a capture, which are valid, their kinds and positions.
+// Four capture sources, fields from byte 0: 0 the camera's frame trigger, 1 the touch probe; the
+// laser (2) and the spare input (3) capture nothing here. A source that is asked for and has a
+// capture hands it out once.
 std::int8_t FillProbeCapture(Board& board, wire::Bytes q, wire::MutableBytes r) {
   Machine& m = M(board);
+  Capture* sources[4] = {&m.videoCapture, &m.touchCapture, nullptr, nullptr};
   for (std::size_t i = 0; i < 4; ++i) {
-    const bool wanted = GetByte(q, 1 + i) != 0;
-    const bool available = wanted && m.probeCaptured;
+    Capture* c = sources[i];
+    const bool available = GetByte(q, 1 + i) != 0 && c && c->pending;
     PutFlag(r, i, available);
     PutFlag(r, 4 + i, available);
     PutByte(r, 8 + i, GetByte(q, 5 + i));
-    for (std::size_t j = 0; available && j < 4; ++j)
-      PutLong(r, 12 + 16 * i + 4 * j, m.probeTrip[j]);
-    if (r.size() == 92) PutLong(r, 76 + 4 * i, available ? 1 : 0);
+    if (!available) continue;
+    for (std::size_t j = 0; j < 4; ++j)
+      PutLong(r, 12 + 16 * i + 4 * j, c->position[j]);
+    if (r.size() == 92) PutLong(r, 76 + 4 * i, c->time);
+    c->pending = false;
   }
-  if (GetByte(q, 1) != 0) m.probeCaptured = false;
   return 0;
 }
 
@@ -610,13 +698,19 @@ std::int8_t FillLaserPoints(Board& board, wire::Bytes q, wire::MutableBytes r) {
   if (f.pendingWord) {
     PutWord(r, 1, pending);
   } else {
-    PutByte(r, 1, static_cast<std::uint8_t>(pending));
+    PutByte(r, 1, static_cast<std::uint8_t>(std::min<std::uint16_t>(pending, 255)));
   }
+  // The oldest point first, one sample period apart, ending now; the laser reads the stage's
+  // position with a few counts of its own scatter.
+  const double period =
+      std::ldexp(1.0, static_cast<int>(m.laserSettings[kLaserRateWord] % 16)) / 2.5;
   for (std::uint16_t i = 0; i < count; ++i) {
-    const std::uint32_t time = m.laserTime + 10 * i;
+    const auto time = static_cast<std::uint32_t>(
+        std::max(0.0, m.Millis() - period * (m.laserPointsReady - 1 - i)));
     std::uint32_t position[3];
     for (std::size_t j = 0; j < 3; ++j)
-      position[j] = static_cast<std::uint32_t>(m.axes[j].LinearCounts()) + i;
+      position[j] = static_cast<std::uint32_t>(m.axes[j].LinearCounts() +
+                                               static_cast<std::int32_t>(std::lround(m.Noise(3))));
     if (f.stride == 0) {
       PutLong(r, f.time + 4 * i, time);
       for (std::size_t j = 0; j < 3; ++j)
@@ -628,15 +722,19 @@ std::int8_t FillLaserPoints(Board& board, wire::Bytes q, wire::MutableBytes r) {
     PutLong(r, at + f.time, time);
     for (std::size_t j = 0; j < 3; ++j)
       PutLong(r, at + f.position + 4 * j, position[j]);
-    if (f.extra >= 0) PutLong(r, at + f.extra, 7);
+    if (f.extra >= 0) PutLong(r, at + f.extra, 200 + i);  // the return's intensity
   }
   m.laserPointsReady = pending;
   return 0;
 }
 
+// Byte 1 tells the two apart: 0 asks for the settings (2 bytes), 1 sets them (126 bytes).
 std::int8_t FillLaserSettings(Board& board, wire::Bytes q, wire::MutableBytes r) {
   Machine& m = M(board);
-  if (q.size() == 126) {
+  if (!m.laserReady) return kReasonBadArgument;
+  const bool set = q.size() == 126;
+  if (GetByte(q, 1) != (set ? 1 : 0)) return kReasonBadArgument;
+  if (set) {
     for (std::size_t i = 0; i < kLaserSettings; ++i)
       m.laserSettings[i] = GetLong(q, 2 + 4 * i);
     return 0;
@@ -704,6 +802,7 @@ std::int8_t FillCommandL(Board& board, wire::Bytes q, wire::MutableBytes) {
   return 0;
 }
 
+// Boards before protocol 2 send no channel with the serial record; they answer for the W axis.
 std::int8_t FillGetSerial(Board& board, wire::Bytes q, wire::MutableBytes r) {
   Channel* c = q.size() == 1 ? &M(board).w : ChannelOf(board, q);
   if (!c || !c->fitted) return kReasonBadArgument;
@@ -712,10 +811,12 @@ std::int8_t FillGetSerial(Board& board, wire::Bytes q, wire::MutableBytes r) {
 }
 
 std::int8_t FillSetSerial(Board& board, wire::Bytes q, wire::MutableBytes) {
-  Channel* c = q.size() == 97 ? &M(board).w : ChannelOf(board, q, 108);
+  constexpr std::size_t kChannelAt = 108;
+  Channel* c = q.size() == 97 ? &M(board).w : ChannelOf(board, q, kChannelAt);
   if (!c || !c->fitted) return kReasonBadArgument;
+  // The record keeps the identity's fields only; the short form leaves the later ones zero.
   std::fill(c->serial.begin(), c->serial.end(), 0);
-  std::copy_n(q.begin(), std::min<std::size_t>(q.size(), 108), c->serial.begin());
+  std::copy_n(q.begin() + 1, std::min(q.size(), kChannelAt) - 1, c->serial.begin() + 1);
   return 0;
 }
 
@@ -764,18 +865,21 @@ std::vector<std::uint8_t>& WArea(Machine& m, bool machineArea) {
   return machineArea ? m.wEeprom.machine : m.wEeprom.user;
 }
 
+// Byte 1 of the current forms is 2 (the W axis's EEPROM) rather than a channel number.
 std::int8_t FillWRead(Board& board, wire::Bytes q, wire::MutableBytes r) {
   Machine& m = M(board);
   const bool old = q.size() == 5;
+  if (!m.w.fitted) return kReasonBadArgument;
+  if (!old && GetByte(q, 1) != 2) return kReasonBadArgument;
   const std::uint32_t address = old ? GetWord(q, 1) : GetWord(q, 3);
   const std::uint32_t length = old ? GetWord(q, 3) : GetWord(q, 5);
   const std::size_t dataAt = old ? 4 : 32;
   auto& area = WArea(m, !old && GetByte(q, 2) != 0);
-  std::uint8_t status = 0;
-  if (length > r.size() - dataAt || length > 64) {
-    status = 2;
+  std::uint8_t status = kEepromOk;
+  if (length > r.size() - dataAt) {
+    status = kEepromTooLong;
   } else if (std::uint64_t{address} + length > area.size()) {
-    status = 1;
+    status = kEepromOutOfRange;
   } else {
     std::copy_n(area.begin() + address, length, r.begin() + dataAt);
   }
@@ -783,24 +887,37 @@ std::int8_t FillWRead(Board& board, wire::Bytes q, wire::MutableBytes r) {
   return 0;
 }
 
-// A page takes 5 ms to write; the result is in `kind` once `present` has gone.
+// A page of 32 bytes takes 5 ms to write; `present` of the channel's EEPROM info stays set until
+// then, and `kind` holds the result (0 written, 1 out of range or too long).
 std::int8_t FillWWrite(Board& board, wire::Bytes q, wire::MutableBytes) {
   Machine& m = M(board);
   const bool old = q.size() == 69;
+  if (!m.w.fitted) return kReasonBadArgument;
+  if (!old && GetByte(q, 1) != 2) return kReasonBadArgument;
   const std::uint32_t address = old ? GetWord(q, 1) : GetWord(q, 3);
   const std::uint32_t length = old ? GetWord(q, 3) : GetWord(q, 5);
   const std::size_t dataAt = old ? 5 : 32;
   auto& area = WArea(m, !old && GetByte(q, 2) != 0);
-  if (length > 64 || dataAt + length > q.size() || std::uint64_t{address} + length > area.size()) {
+  // A write that comes while one is under way waits behind it, as the channel's queue does.
+  const platform::TimePoint start = std::max(m.Now(), m.wEeprom.busyUntil);
+  if (length > q.size() - dataAt || std::uint64_t{address} + length > area.size()) {
     m.wEeprom.kind = 1;
+    m.wEeprom.busyUntil = start + std::chrono::milliseconds(1);
     return 0;
   }
   std::copy_n(q.begin() + dataAt, length, area.begin() + address);
   const auto pages = static_cast<int>((address % 32 + length + 31) / 32);
-  // A write that comes while one is under way waits behind it, as the channel's queue does.
-  m.wEeprom.busyUntil = std::max(m.Now(), m.wEeprom.busyUntil) +
-                        std::chrono::milliseconds(5 * std::max(1, pages));
+  m.wEeprom.busyUntil = start + std::chrono::milliseconds(5 * std::max(1, pages));
   m.wEeprom.kind = 0;
+  return 0;
+}
+
+// 0x4D: the channel runs to the position given in counts (the W axis has no other move).
+std::int8_t FillCommandM(Board& board, wire::Bytes q, wire::MutableBytes) {
+  Channel* c = ChannelOf(board, q);
+  if (!c) return kReasonBadArgument;
+  const double mm = static_cast<std::int32_t>(GetLong(q, 2)) / c->countsPerMm;
+  c->target = c->travel > 0 ? std::clamp(mm, 0.0, c->travel) : mm;
   return 0;
 }
 
@@ -828,7 +945,8 @@ constexpr CommandForm kMachineCommands[] = {
   {0x72, "named record",         NamedRecordGate,   {1, 0},    65,          FillNamedRecord},
   {0x31, "machine data",         MachineDataGate,   {1, 0},    32,          FillMachineData},
   {0x70, "light maxima",         OneWordLights,     {2, 0},    4,           FillLightMaxOneWord},
-  {0x70, "light maxima",         PacketLights,      {16, 0},   0,           FillLightMax,     LightMaxLength},
+  {0x70, "light maxima",         PacketLightsOldDriver, {16, 0}, 86,        FillLightMax},
+  {0x70, "light maxima",         PacketLightsNewDriver, {16, 0}, 254,       FillLightMax},
   {0x6E, "set lights",           OneWordLights,     {127, 0},  kSetReply,   FillSetLightsOneWord},
   {0x6E, "set lights",           PacketLightsOldDriver, {86, 0}, kTwoReply,  FillSetLights},
   {0x6E, "set lights",           PacketLightsNewDriver, {254, 0}, kTwoReply, FillSetLights},
@@ -847,7 +965,7 @@ constexpr CommandForm kMachineCommands[] = {
   {0x44, "channel D",            AnyController,     {2, 0},    3,           FillChannelFlag},
   {0x4A, "channel J",            AnyController,     {2, 0},    16,          FillChannelLong},
   {0x4C, "channel L / platen",   AnyController,     {31, 32},  kSetReply,   FillCommandL},
-  {0x4D, "channel M",            AnyController,     {6, 0},    kSetReply,   FillChannelSet},
+  {0x4D, "channel M",            AnyController,     {6, 0},    kSetReply,   FillCommandM},
   {0x7A, "channel Z",            AnyController,     {2, 0},    kSetReply,   FillChannelSet},
   {0x4F, "channel O",            AnyController,     {3, 0},    kSetReply,   FillChannelSet},
   {0x7D, "channel serial",       SerialShort,       {1, 0},    97,          FillGetSerial},

@@ -69,7 +69,7 @@ std::string AxisReport(Machine& m, const std::string& name, int axis) {
   }
   const Channel& c = axis == -1 ? m.w : m.platen;
   if (!c.fitted) return Error(name + " is not fitted");
-  return Describe(name, c.position, c.Counts(), c.Moving(), c.blocked && c.Moving(), c.Limit());
+  return Describe(name, c.position, c.Counts(), c.Moving(), c.Stalled(), c.Limit());
 }
 
 using MachineVerb = std::string (*)(Board&, const Words&);
@@ -89,14 +89,27 @@ std::string RunSleep(Board& b, const Words& a) {
   return Switch(b.machine().sleep, a, "sleep");
 }
 
-std::string RunButton(Board& b, const Words& a, bool down) {
+// A button by its input number (0-15) or by the name the pendant gives it: b1 to b8 are inputs
+// 0 to 7 on the current pendant; the first generation's pendant has b1 on input 3 and b2 on 2.
+long ButtonInput(const Profile& p, const std::string& word) {
+  if (word.size() == 2 && word[0] == 'b' && word[1] >= '1' && word[1] <= '8') {
+    const long n = word[1] - '1';
+    const bool firstPendant = p.version.isServo && p.version.firmwareName != u"Auto Vision";
+    if (!firstPendant) return n;
+    return n == 0 ? 3 : n == 1 ? 2 : -1;
+  }
   char* end = nullptr;
-  const long n = a.empty() ? -1 : std::strtol(a[0].c_str(), &end, 10);
-  if (a.empty() || *end != '\0' || n < 0 || n >= static_cast<long>(kInputs)) {
-    return Error("buttons are numbered 0 to 15");
+  const long n = std::strtol(word.c_str(), &end, 10);
+  return !word.empty() && *end == '\0' ? n : -1;
+}
+
+std::string RunButton(Board& b, const Words& a, bool down) {
+  const long n = a.size() == 1 ? ButtonInput(b.profile(), a[0]) : -1;
+  if (n < 0 || n >= static_cast<long>(kInputs)) {
+    return Error("name a button: 0 to 15, or b1 to b8 (b1, b2 on a first-generation pendant)");
   }
   b.machine().inputs[static_cast<std::size_t>(n)] = down;
-  return "ok button " + a[0] + (down ? " pressed" : " released");
+  return "ok button " + a[0] + " input=" + std::to_string(n) + (down ? " pressed" : " released");
 }
 std::string RunPress(Board& b, const Words& a) {
   return RunButton(b, a, true);
@@ -179,15 +192,21 @@ std::string RunAxis(Board& b, const Words& a) {
 std::string RunPlace(Board& b, const Words& a) {
   int axis = 0;
   double mm = 0;
-  if (a.size() != 2 || !ParseAxis(a[0], axis) || axis < 0 || !ParseReal(a[1], mm)) {
-    return Error("place takes a stage axis (x y z zoom) and a position in mm");
+  if (a.size() != 2 || !ParseAxis(a[0], axis) || !ParseReal(a[1], mm)) {
+    return Error("place takes an axis (x y z zoom w platen) and a position in mm");
   }
-  Axis& x = b.machine().axes[static_cast<std::size_t>(axis)];
+  Machine& m = b.machine();
+  if (axis < 0) {
+    Channel& c = axis == -1 ? m.w : m.platen;
+    if (!c.fitted) return Error(a[0] + " is not fitted");
+    if (mm < 0 || (c.travel > 0 && mm > c.travel)) return Error("outside the travel of " + a[0]);
+    c.PlaceAt(mm);
+    return AxisReport(m, a[0], axis);
+  }
+  Axis& x = m.axes[static_cast<std::size_t>(axis)];
   if (mm < 0 || mm > x.travel) return Error("outside the travel of " + a[0]);
-  x.position = mm;
-  x.velocity = 0;
-  x.lastTurn = static_cast<std::int64_t>(std::floor(mm / x.mmPerTurn));
-  return AxisReport(b.machine(), a[0], axis);
+  x.PlaceAt(mm);
+  return AxisReport(m, a[0], axis);
 }
 
 std::string RunPlug(Board& b, const Words& a, bool platen) {
@@ -217,15 +236,19 @@ std::string RunLights(Board& b, const Words& a) {
   return "ok lights " + a[0];
 }
 
+// Sensors 0 to 7 of the board, or w; a reading below -100 °C takes the sensor away.
 std::string RunTemp(Board& b, const Words& a) {
   char* end = nullptr;
   double c = 0;
-  const long n = a.size() == 2 ? std::strtol(a[0].c_str(), &end, 10) : -1;
-  if (a.size() != 2 || *end != '\0' || n < 0 || n > 4 || !ParseReal(a[1], c)) {
-    return Error("temp takes a sensor 0 to 3 (4 is the W axis) and degrees");
+  const bool w = a.size() == 2 && a[0] == "w";
+  const long n = a.size() == 2 && !w ? std::strtol(a[0].c_str(), &end, 10) : -1;
+  const bool sensor =
+      !w && a.size() == 2 && *end == '\0' && n >= 0 && n < static_cast<long>(kTemperatureSensors);
+  if ((!w && !sensor) || !ParseReal(a[1], c)) {
+    return Error("temp takes a sensor 0 to 7 or w, and degrees");
   }
   Machine& m = b.machine();
-  (n == 4 ? m.wTemperature : m.temperatures[static_cast<std::size_t>(n)]) = c;
+  (w ? m.wTemperature : m.temperatures[static_cast<std::size_t>(n)]) = c;
   return "ok temp " + a[0] + " " + a[1];
 }
 
@@ -239,11 +262,24 @@ std::string RunState(Board& b, const Words&) {
                   m.axes[i].stalled ? "!" : "");
     s += part;
   }
-  if (m.platen.fitted) s += m.platen.position > 0 ? " platen=open" : " platen=closed";
+  if (m.w.fitted) s += " w=" + std::to_string(m.w.position).substr(0, 8);
+  if (m.platen.fitted) {
+    s += m.platen.Limit() > 0   ? " platen=open"
+         : m.platen.Limit() < 0 ? " platen=closed"
+                                : " platen=between";
+  }
+  std::string pressed;
+  for (std::size_t i = 0; i < kInputs; ++i) {
+    if (m.inputs[i]) pressed += (pressed.empty() ? "" : ",") + std::to_string(i);
+  }
+  s += " inputs=" + (pressed.empty() ? std::string("none") : pressed);
+  s += std::string(" footswitch=") + (m.footswitch ? "on" : "off");
   s += std::string(" estop=") + (m.estop ? "on" : "off");
   s += std::string(" sleep=") + (m.sleep ? "on" : "off");
   s += std::string(" probe=") + (m.probeTripped ? "tripped" : "free");
   s += " lights=" + std::to_string(m.lights.size());
+  s += std::string(" laser=") + (m.laserReady ? "ready" : "notready") +
+       " points=" + std::to_string(m.laserPointsReady);
   return s;
 }
 

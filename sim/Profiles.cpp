@@ -212,6 +212,24 @@ Profile ManualVisionProtocol4() {
   return p;
 }
 
+// The oldest manual-vision board: protocol 0, yet every set command still answers two bytes.
+Profile ManualVisionProtocol0() {
+  Profile p = ManualVision();
+  p.name = "manualvision-pv0";
+  p.description = "manual-vision board, protocol 0: short identity, no diagnostic text";
+  p.version.firmwareVersion = 1.50f;
+  p.version.protocolVersion = 0;
+  p.version.laserType = 0;
+  p.version.lightChannelCount = 8;
+  p.identity.serialNumber = u"MV-14-00102";
+  p.identity.identityWord = 0;
+  p.identity.identityLong1 = 0;
+  p.identity.identityLong2 = 0;
+  p.identity.identityFlag = false;
+  p.driverWord = kOldDriverWord;
+  return p;
+}
+
 // A board from a firmware generation newer than the host knows.
 Profile NextGeneration() {
   Profile p = AutoVision();
@@ -246,9 +264,9 @@ Profile NeitherKind() {
 
 const std::vector<Profile>& Profiles() {
   static const std::vector<Profile> profiles = {
-      AutoVision(),     FirstGenerationServo(), ManualVision(),   OldestServo(),
-      NextGeneration(), NeitherKind(),          ServoWithLaser(), ServoProtocol3(),
-      ServoProtocol2(), ManualVisionProtocol4()};
+      AutoVision(),     FirstGenerationServo(),  ManualVision(),         OldestServo(),
+      NextGeneration(), NeitherKind(),           ServoWithLaser(),       ServoProtocol3(),
+      ServoProtocol2(), ManualVisionProtocol4(), ManualVisionProtocol0()};
   return profiles;
 }
 

@@ -126,7 +126,7 @@ TEST_F(MachineTest, AnOpenLoopDriveOutsideTheDeadBandRunsTheAxisIntoItsEndSwitch
 
 TEST_F(MachineTest, TheZoomIndexIsCapturedOnceATurn) {
   Use("autovision");
-  Drive(3, 3000);
+  Drive(3, 300);  // a crawl: 0.7 mm/s, a turn of the zoom motor is 0.5 mm
   Wait(milliseconds(100));
   EXPECT_EQ(Run(Request(0x4E, 2, {3}))[2], 0);  // not a turn yet
   Wait(seconds(2));

@@ -1,0 +1,321 @@
+// The machine's command forms per board generation, what the per-axis records of the older boards
+// say against the machine image, the sensors and captures, and the physics a motion test meets.
+// The board runs without sockets; time is whatever the test hands to Advance.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+
+#include "sim/Board.h"
+#include "sim/MachineImage.h"
+#include "sim/Profiles.h"
+#include "tests/sim/SimTestSupport.h"
+
+namespace sim::testing {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+class MachineFormsTest : public ::testing::Test {
+ protected:
+  void Use(const char* profile) {
+    board_ = std::make_unique<Board>(*FindProfile(profile), platform::Duration::zero(), now_);
+  }
+  Packet Run(const Packet& request) { return board_->Execute(request).bytes; }
+  void Wait(platform::Duration d) {
+    now_ += d;
+    board_->Advance(now_);
+  }
+  Packet SetPid(std::uint8_t axis, std::int16_t mb, std::uint16_t kp = 0) {
+    Packet q = Request(0x73, 26, {axis});
+    wire::PutWord(q, 2, kp);
+    wire::PutWord(q, 16, static_cast<std::uint16_t>(mb));
+    return Run(q);
+  }
+  std::int32_t Linear(std::size_t axis) {
+    return wire::GetSignedLong(Run(Request(0x59, 16)), 59 + 4 * axis);
+  }
+
+  platform::TimePoint now_{};
+  std::unique_ptr<Board> board_;
+};
+
+Packet Refusal(std::int8_t reason) {
+  return {0x3F, static_cast<std::uint8_t>(reason)};
+}
+
+TEST_F(MachineFormsTest, AFormTheGenerationLacksIsRefusedAsUnknownOrOfTheWrongLength) {
+  struct Case {
+    const char* profile;
+    Packet request;
+    std::int8_t reason;
+  };
+  const Case cases[] = {
+      {"autovision", Request(0x59, 15), -2},  // poll is 16 bytes
+      {"autovision", Request(0x5E, 2), -2},
+      {"autovision", Request(0x6E, 86), -2},         // 42-channel packets behind this driver
+      {"autovision", Request(0x66, 5, {0, 0}), -2},  // the 5-byte W read is older
+      {"autovision", Request(0x6A, 1), -1},          // interrupts are one packet here
+      {"autovision", Request(0x64, 1), -1},
+      {"servo", Request(0x69, 16), -2},  // below 1.829 each interrupt is one byte
+      {"servo", Request(0x66, 32, {2}), -2},
+      {"servo", Request(0x7B, 126), -2},
+      {"servo", Request(0x5A, 16), -1},  // no clear sleep, board data, hash, laser
+      {"servo", Request(0x57, 15), -1},
+      {"servo", Request(0x23, 16), -1},
+      {"servo", Request(0x5F, 16), -1},
+      {"servo", Request(0x5D, 2), -1},  // no temperatures before 1.729
+      {"servo-pv0", Request(0x32, 16), -1},
+      {"servo-pv0", Request(0x36, 1), -1},
+      {"servo-pv0", Request(0x31, 1), -1},  // machine data from 1.139
+      {"servo-pv0", Request(0x65, 32, {16}), -1},
+      {"manualvision", Request(0x69, 1), -2},
+      {"manualvision", Request(0x5E, 1), -1},
+      {"manualvision", Request(0x2C, 16), -1},
+      {"manualvision", Request(0x77, 3), -1},
+      {"manualvision", Request(0x74, 2, {0}), -3},  // no tuning of the stage axes
+      {"manualvision-pv4", Request(0x57, 15, {0, 2}), -1},
+      {"neither", Request(0x59, 16), -1},
+  };
+  for (const Case& c : cases) {
+    Use(c.profile);
+    EXPECT_EQ(Run(c.request), Refusal(c.reason))
+        << c.profile << " code 0x" << std::hex << int{c.request[0]} << " length " << std::dec
+        << c.request.size();
+  }
+}
+
+TEST_F(MachineFormsTest, ManualVisionAnswersEverySetWithTwoBytesEvenAtProtocol0) {
+  Use("manualvision-pv0");
+  EXPECT_EQ(Run(Request(0x32, 16, {1})).size(), 2u);
+  EXPECT_EQ(Run(Request(0x4D, 6, {16})).size(), 2u);
+  EXPECT_EQ(Run(Request(0x73, 42, {16})).size(), 2u);
+  EXPECT_EQ(Run(Request(0x59, 16)).size(), 62u);
+  EXPECT_EQ(Run(Request(0x60, 1)).size(), 97u);
+  Use("servo-pv0");
+  EXPECT_EQ(SetPid(0, 0).size(), 0u);
+  EXPECT_EQ(Run(Request(0x4D, 6, {16})).size(), 0u);
+  EXPECT_EQ(Run(Request(0x3A, 2, {16})).size(), 0u);
+}
+
+TEST_F(MachineFormsTest, LightPacketsCarryAsManyChannelsAsTheDriverPasses) {
+  Use("autovision");  // 48 channels behind the newer driver: 42, then 6
+  Packet r = Run(Request(0x70, 16, {0, 1}));
+  ASSERT_EQ(r.size(), 254u);
+  EXPECT_EQ(wire::GetLong(r, 2), 4095u);
+  EXPECT_NE(wire::GetLong(r, 2 + 4 * 41), 0u);
+  EXPECT_EQ(wire::GetLong(r, 2 + 4 * 42), 0u);
+  r = Run(Request(0x70, 16, {42, 1}));
+  EXPECT_EQ(wire::GetLong(r, 2), 4095u - 5 * 42);
+  EXPECT_EQ(wire::GetLong(r, 2 + 4 * 6), 0u);
+  EXPECT_EQ(Run(Request(0x70, 16, {0, 0})), Refusal(-3));  // asks for 21-channel packets
+
+  Packet set = Request(0x6E, 254, {0});
+  for (std::size_t i = 0; i < 60; ++i)
+    wire::PutLong(set, 2 + 4 * i, 1000 + static_cast<std::uint32_t>(i));
+  EXPECT_EQ(Run(set), (Packet{0x6E, 0}));
+  EXPECT_EQ(board_->machine().lights[41], 1041u);
+  EXPECT_EQ(board_->machine().lights[42], 0u);  // the packet's 43rd long is no channel's
+
+  Use("servo-pv3");  // 24 channels behind the first driver: 21, then 3
+  r = Run(Request(0x70, 16, {21, 0}));
+  ASSERT_EQ(r.size(), 86u);
+  EXPECT_NE(wire::GetLong(r, 2 + 4 * 2), 0u);
+  EXPECT_EQ(wire::GetLong(r, 2 + 4 * 3), 0u);
+  Use("servo");  // one maximum for all, one word a channel
+  EXPECT_EQ(wire::GetWord(Run(Request(0x70, 2)), 2), 4095u);
+}
+
+// The older boards have no image to read: the host builds it from 0x62, 0x74, 0x72 and 0x31. What
+// they answer must be the machine whose image the newer boards keep.
+TEST_F(MachineFormsTest, OlderBoardsPerAxisRecordsAreTheMachineOfTheImage) {
+  Use("servo-laser");
+  const std::vector<std::uint8_t> image = BuildMachineImage(board_->profile());
+  for (std::uint8_t axis = 0; axis < 4; ++axis) {
+    const Packet d = Run(Request(0x62, 2, {axis}));
+    ASSERT_EQ(d.size(), 47u);
+    EXPECT_EQ(wire::GetWord(d, 20), wire::GetWord(image, 306 + 2 * axis));  // MotorMaximum
+    EXPECT_EQ(wire::GetLong(d, 31), wire::GetLong(image, 486 + 4 * axis));  // CountsPerMm
+    EXPECT_EQ(wire::GetLong(d, 16), wire::GetLong(image, 290 + 4 * axis));  // AxisLong1
+    EXPECT_EQ(wire::GetLong(d, 40), wire::GetLong(image, 354 + 4 * axis));  // AxisLong2
+    EXPECT_EQ(wire::GetWord(d, 24), wire::GetWord(image, 322 + 2 * axis));  // AxisWord7
+    EXPECT_EQ(d[38], image[514 + axis]);                                    // AxisByte2
+    EXPECT_EQ(d[28], image[338 + axis]);                                    // AxisFlag3
+    EXPECT_EQ(wire::GetWord(d, 45), wire::GetWord(image, 374 + 2 * axis));  // AxisWord8
+    // The real goes out as inches per count unless the axis keeps it; the host's upgrade turns
+    // it back with 1 / real x 25.4.
+    const float stored = wire::GetReal(image, 234 + 4 * axis);
+    const float sent = wire::GetReal(d, 2);
+    EXPECT_FLOAT_EQ(d[28] ? sent : 1.0f / sent * 25.4f, stored);
+
+    const Packet t = Run(Request(0x74, 2, {axis}));
+    EXPECT_EQ(wire::GetWord(t, 2), wire::GetWord(image, 646 + 2 * axis));   // Kp
+    EXPECT_EQ(wire::GetWord(t, 4), wire::GetWord(image, 662 + 2 * axis));   // Ki
+    EXPECT_EQ(wire::GetWord(t, 6), wire::GetWord(image, 654 + 2 * axis));   // Kd
+    EXPECT_EQ(wire::GetLong(t, 22), wire::GetLong(image, 686 + 4 * axis));  // Fe
+    EXPECT_EQ(wire::GetWord(t, 16), wire::GetWord(image, 734 + 2 * axis));  // Mb
+  }
+  const Packet data = Run(Request(0x31, 1));
+  EXPECT_EQ(data[1] != 0, image[556] != 0);
+  EXPECT_EQ(wire::GetReal(data, 6), wire::GetReal(image, 561));
+  // Firmware before 1.139 leaves the definition's last word out.
+  Use("servo-pv0");
+  EXPECT_EQ(wire::GetWord(Run(Request(0x62, 2, {1})), 45), 0u);
+  Use("servo-pv2");
+  const Packet named = Run(Request(0x72, 1));
+  const std::vector<std::uint8_t> image2 = BuildMachineImage(board_->profile());
+  EXPECT_TRUE(std::equal(named.begin() + 2, named.begin() + 48, image2.begin() + 164));
+}
+
+TEST_F(MachineFormsTest, SensorsAndRailsReadNearWhatTheReadingsPageExpects) {
+  Use("autovision");
+  for (std::uint8_t sensor = 0; sensor < 8; ++sensor) {
+    const Packet r = Run(Request(0x5D, 2, {sensor}));
+    ASSERT_EQ(r.size(), 32u) << int{sensor};
+    const double celsius = wire::GetSignedLong(r, 1) * double{wire::GetReal(r, 5)};
+    if (sensor < 6) {
+      EXPECT_GT(celsius, 15.0);
+      EXPECT_LT(celsius, 50.0);
+    } else {
+      EXPECT_EQ(wire::GetSignedLong(r, 1), 0);  // not fitted: no reading
+    }
+  }
+  EXPECT_EQ(Run(Request(0x5D, 2, {8})), Refusal(-3));
+  EXPECT_EQ(Run(Request(0x5D, 2, {16})).size(), 32u);
+  // Full scale is the nominal voltage over the divider: every rail within 5 % of nominal.
+  const double divider[16] = {1,      0.9324, 0.7576, 0.8503, 0.3636, 0.7576, 0.9186, 1,
+                              0.9324, 0.9324, 0.9324, 0.9324, 0.9324, 0.9324, 0.9324, 0.9324};
+  const Packet rails = Run(Request(0x57, 15, {0, 3}));
+  for (std::size_t i = 0; i < 16; ++i) {
+    const double share = wire::GetWord(rails, 1 + 2 * i) / (65535.0 * divider[i]);
+    EXPECT_NEAR(share, 1.0, 0.05) << i;
+  }
+  Use("servo-laser");  // first generation: only the W axis's sensor, from 1.729
+  EXPECT_EQ(Run(Request(0x5D, 2, {16})).size(), 32u);
+}
+
+TEST_F(MachineFormsTest, CapturesAreAnnouncedToAHostThatAsksAndHandedOutOnce) {
+  Use("autovision");
+  board_->machine().TripProbe();
+  Packet poll = Run(Request(0x59, 16, {1}));
+  EXPECT_EQ(poll[3], 1);  // capture ready
+  EXPECT_EQ(poll[4], 1);  // from the touch probe
+  EXPECT_EQ(Run(Request(0x59, 16, {0}))[3], 0);
+  const Packet touch = Run(Request(0x36, 1));
+  EXPECT_EQ(wire::GetLong(touch, 4), 150u * 2000);  // X in the middle of its 300 mm
+  EXPECT_EQ(Run(Request(0x59, 16, {1}))[4], 0);
+
+  // Video: the frame trigger latches positions while armed.
+  EXPECT_EQ(Run(Request(0x69, 16, {0, 0, 1})), (Packet{0x69, 0}));
+  Wait(milliseconds(300));
+  EXPECT_EQ(Run(Request(0x59, 16, {1}))[3], 1);
+  Packet r = Run(Request(0x6B, 9, {1, 0, 0, 0, 7}));
+  ASSERT_EQ(r.size(), 92u);
+  EXPECT_EQ((Packet{r[0], r[4], r[8]}), (Packet{1, 1, 7}));
+  EXPECT_EQ(wire::GetLong(r, 12 + 4), 100u * 2000);  // Y
+  EXPECT_EQ(Run(Request(0x6B, 9, {1}))[0], 0);       // handed out once
+}
+
+TEST_F(MachineFormsTest, TheStandardVoltageLimitReachesTheLimitTestsSpeedBand) {
+  Use("autovision");
+  const std::uint16_t maxima[3] = {12000, 12000, 9000};
+  const std::int32_t perMm[3] = {2000, 2000, 2500};
+  for (std::uint8_t axis = 0; axis < 3; ++axis) {
+    board_->machine().axes[axis].PlaceAt(10);
+    const auto standard = static_cast<std::int16_t>((maxima[axis] - 250) / 4);
+    SetPid(axis, standard);
+    Wait(seconds(1));
+    const std::int32_t before = Linear(axis);
+    Wait(milliseconds(100));
+    // Faster than 1.5 mm a pass of 100 ms, so the seek can settle in its band below the limit.
+    EXPECT_GT(Linear(axis) - before, 3 * perMm[axis] / 2) << int{axis};
+    SetPid(axis, 1200);
+    Wait(seconds(1));
+    const std::int32_t slow = Linear(axis);
+    Wait(milliseconds(100));
+    EXPECT_LT(Linear(axis) - slow, 3 * perMm[axis]) << int{axis};
+  }
+}
+
+TEST_F(MachineFormsTest, AnAxisHeldAgainstItsSwitchFailsUntilItsTuningIsWritten) {
+  Use("autovision");
+  SetPid(2, 4000);
+  Wait(seconds(10));
+  Packet poll = Run(Request(0x59, 16));
+  EXPECT_EQ(static_cast<std::int8_t>(poll[27 + 2]), 1);
+  EXPECT_EQ(poll[35 + 2], 1);  // stalled
+  EXPECT_EQ(poll[39 + 2], 1);  // failed
+  // A closed-loop record holds the axis where it is and clears the failure.
+  SetPid(2, 0, 180);
+  Wait(seconds(1));
+  const std::int32_t held = Linear(2);
+  Wait(seconds(5));
+  poll = Run(Request(0x59, 16));
+  EXPECT_EQ(poll[39 + 2], 0);
+  EXPECT_EQ(poll[31 + 2], 1);  // settled
+  EXPECT_EQ(Linear(2), held);
+  // Firmware before 1.119 has no failure to report.
+  Use("servo-pv0");
+  SetPid(0, 4000);
+  Wait(seconds(30));
+  poll = Run(Request(0x59, 16));
+  EXPECT_EQ(poll[20], 1);
+  EXPECT_EQ(poll[24], 0);
+}
+
+TEST_F(MachineFormsTest, EStopHaltsADrivenAxis) {
+  Use("autovision");
+  SetPid(1, 3000);
+  Wait(seconds(1));
+  board_->machine().estop = true;
+  Wait(milliseconds(10));
+  const std::int32_t stopped = Linear(1);
+  Wait(seconds(2));
+  EXPECT_EQ(Linear(1), stopped);
+}
+
+TEST_F(MachineFormsTest, TheWAxisRunsToACommandedCountAndPassesItsIndex) {
+  Use("autovision");
+  Packet move = Request(0x4D, 6, {16});
+  wire::PutLong(move, 2, 19000);  // 19 mm, past the mark at 15 mm
+  EXPECT_EQ(Run(move), (Packet{0x4D, 0}));
+  Wait(seconds(2));
+  const Packet at = Run(Request(0x43, 2, {16}));
+  EXPECT_EQ(wire::GetLong(at, 2), 19000u);
+  const Packet index = Run(Request(0x4E, 2, {16}));
+  EXPECT_EQ((Packet{index[1], index[2]}), (Packet{1, 1}));
+  EXPECT_EQ(wire::GetLong(index, 3), 15000u);
+}
+
+TEST_F(MachineFormsTest, AMinuteOfMotionSimulatesInMilliseconds) {
+  Use("autovision");
+  for (std::uint8_t axis = 0; axis < 4; ++axis)
+    SetPid(axis, 600);
+  const auto began = std::chrono::steady_clock::now();
+  Wait(seconds(60));
+  const auto cpu = std::chrono::steady_clock::now() - began;
+  EXPECT_LT(cpu, milliseconds(200));
+  EXPECT_NE(Linear(0), 150 * 2000);
+}
+
+class MachineControlCommandsTest : public SimTest {};
+
+TEST_F(MachineControlCommandsTest, ButtonsByNameFollowThePendantOfTheGeneration) {
+  StartBoard("servo");
+  EXPECT_EQ(Control("press b1"), "ok button b1 input=3 pressed");
+  EXPECT_EQ(Control("press b2"), "ok button b2 input=2 pressed");
+  EXPECT_EQ(sim_->Command("press b3").rfind("error:", 0), 0u);
+  const std::string state = Control("state");
+  EXPECT_NE(state.find("inputs=2,3"), std::string::npos) << state;
+  EXPECT_NE(state.find("platen=closed"), std::string::npos) << state;
+  EXPECT_EQ(Control("place platen 80"),
+            "ok axis=platen pos=80.000 counts=40000 moving=0 stalled=0 limit=high");
+  Control("temp w 41.5");
+  EXPECT_EQ(sim_->Command("temp 8 20").rfind("error:", 0), 0u);
+  Control("profile autovision");
+  EXPECT_EQ(Control("press b8"), "ok button b8 input=7 pressed");
+}
+
+}  // namespace
+}  // namespace sim::testing

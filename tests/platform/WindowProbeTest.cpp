@@ -1,0 +1,79 @@
+#include "platform/WindowProbe.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/DeviceIo.h"
+
+namespace platform {
+namespace {
+
+class WindowProbeTest : public ::testing::Test {
+ protected:
+  WindowProbeTest() {
+    char pattern[] = "/tmp/tavro-windows-XXXXXX";
+    dir_ = ::mkdtemp(pattern);
+    SetDeviceDirectory(dir_);
+  }
+  ~WindowProbeTest() override { std::filesystem::remove_all(dir_); }
+  std::string dir_;
+};
+
+TEST_F(WindowProbeTest, AWindowExistsWhileItsHolderKeepsIt) {
+  EXPECT_EQ(WindowDirectory(), dir_ + "/.windows");
+  EXPECT_FALSE(FindWindowOfClass("MiravaAppFrame"));
+  {
+    WindowOfClass app("MiravaAppFrame");
+    ASSERT_TRUE(app.Open());
+    EXPECT_TRUE(FindWindowOfClass("MiravaAppFrame"));
+    EXPECT_FALSE(FindWindowOfClass("OtherFrame"));
+    WindowOfClass second("MiravaAppFrame");
+    EXPECT_FALSE(second.Open());  // one holder at a time
+  }
+  // The file stays behind; without its holder it is no window.
+  EXPECT_TRUE(std::filesystem::exists(dir_ + "/.windows/MiravaAppFrame"));
+  EXPECT_FALSE(FindWindowOfClass("MiravaAppFrame"));
+}
+
+TEST_F(WindowProbeTest, AHolderThatDiesTakesItsWindowWithIt) {
+  int toChild[2];
+  int fromChild[2];
+  ASSERT_EQ(::pipe(toChild), 0);
+  ASSERT_EQ(::pipe(fromChild), 0);
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    ::close(toChild[1]);  // or the read below never sees the parent hang up
+    WindowOfClass app("MiravaAppFrame");
+    const char ready = app.Open() ? 'y' : 'n';
+    (void)!::write(fromChild[1], &ready, 1);
+    char go;
+    (void)!::read(toChild[0], &go, 1);  // until the parent hangs up
+    std::_Exit(0);                      // without closing: the kernel drops the lock
+  }
+  char ready = 0;
+  ASSERT_EQ(::read(fromChild[0], &ready, 1), 1);
+  EXPECT_EQ(ready, 'y');
+  EXPECT_TRUE(FindWindowOfClass("MiravaAppFrame"));
+  ::close(toChild[1]);
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_FALSE(FindWindowOfClass("MiravaAppFrame"));
+  ::close(toChild[0]);
+  ::close(fromChild[0]);
+  ::close(fromChild[1]);
+}
+
+TEST_F(WindowProbeTest, TestsCanStandInForTheWholeProbe) {
+  SetWindowProbe([](const std::string& c) { return c == "MiravaAppFrame"; });
+  EXPECT_TRUE(FindWindowOfClass("MiravaAppFrame"));
+  SetWindowProbe(nullptr);
+  EXPECT_FALSE(FindWindowOfClass("MiravaAppFrame"));
+}
+
+}  // namespace
+}  // namespace platform

@@ -4,7 +4,10 @@ set -euo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 BUILD_DIR="${TAVRO_BUILD_DIR:-$ROOT/build}"
 
-PACKAGES=(g++ cmake ninja-build ccache libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev)
+PACKAGES=(g++ cmake ninja-build ccache libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
+  libboost-dev nlohmann-json3-dev chromium nodejs)
+# Debian's npm only where no npm came with node (a Node.js build of its own brings one).
+command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
 
 install_missing() {
   local missing=()

@@ -13,10 +13,14 @@ void SetMessageBoxPresenter(MessageBoxPresenter* presenter) {
   g_presenter.store(presenter);
 }
 
-int MessageBox(const std::string& text, const std::string& title, unsigned style) {
+void EchoToStderr(const std::string& text, const std::string& title) {
   std::fprintf(stderr, "%s: %s", title.c_str(), text.c_str());
   if (text.empty() || text.back() != '\n') std::fputc('\n', stderr);
   std::fflush(stderr);
+}
+
+int MessageBox(const std::string& text, const std::string& title, unsigned style) {
+  EchoToStderr(text, title);
   if (MessageBoxPresenter* presenter = g_presenter.load()) {
     return presenter->Show(text, title, style);
   }

@@ -29,6 +29,9 @@ class MessageBoxPresenter {
 // Installs the presenter (null: none). The caller keeps it alive while installed.
 void SetMessageBoxPresenter(MessageBoxPresenter* presenter);
 
+// Writes a box's title and text to stderr, as every box does.
+void EchoToStderr(const std::string& text, const std::string& title);
+
 // Shows a box with no owner window. Callable from any thread.
 int MessageBox(const std::string& text, const std::string& title, unsigned style);
 

@@ -1,0 +1,201 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "tests/ui/UiFixture.h"
+
+namespace testing_support {
+namespace {
+
+using DialogTest = WindowFixture;
+
+json Answer(int dialog, int result, int choice = 0) {
+  return {{"t", "answer"}, {"dialog", dialog}, {"result", result}, {"choice", choice}};
+}
+
+TEST_F(DialogTest, AWorkersBoxBlocksItUntilAnsweredWhileTheUiThreadKeepsTicking) {
+  ui::Window::ClientId id;
+  auto browser = Connect(&id);
+  std::atomic<int> ticks{0};
+  OnUi([&] {
+    loop.SetTimer(1, platform::Milliseconds(20), [&](unsigned) {
+      ++ticks;
+      clock.NotifyAll();
+    });
+  });
+  std::atomic<int> result{0};
+  std::thread worker = platform::ParticipantThread([&] {
+    result = window.Show("Did the machine move correctly?", "TavroTest", ui::kMbYesNo);
+    clock.NotifyAll();
+  });
+
+  const json box = browser->WaitFor("dialog");
+  EXPECT_EQ(box["kind"], "box");
+  EXPECT_EQ(box["buttons"], "yesno");
+  EXPECT_EQ(box["text"], "Did the machine move correctly?");
+  Await([&] { return ticks >= 50; });  // a second of timer 1 behind the box
+  EXPECT_EQ(result, 0) << "the worker still waits";
+
+  Receive(id, Answer(box["id"], ui::kIdYes));
+  platform::Join(worker);
+  EXPECT_EQ(result, ui::kIdYes);
+  EXPECT_EQ(browser->WaitFor("closeDialog")["id"], box["id"]);
+}
+
+TEST_F(DialogTest, OnTheUiThreadABoxReturnsTheCautiousAnswerAtOnceAndStaysUp) {
+  ui::Window::ClientId id;
+  auto browser = Connect(&id);
+  int yesNo = 0, okCancel = 0, ok = 0;
+  OnUi([&] {
+    yesNo = window.Show("q", "t", ui::kMbYesNo);
+    okCancel = window.Show("q", "t", ui::kMbOkCancel);
+    ok = window.Show("SetTimer failed", "Error", ui::kMbOk | ui::kMbIconStop);
+  });
+  EXPECT_EQ(yesNo, ui::kIdNo);
+  EXPECT_EQ(okCancel, ui::kIdCancel);
+  EXPECT_EQ(ok, ui::kIdOk);
+  const auto boxes = browser->OfType("dialog");
+  ASSERT_EQ(boxes.size(), 3u);
+  EXPECT_EQ(boxes[2]["stop"], true);
+
+  // UI code that needs the answer takes it asynchronously.
+  int answered = 0;
+  OnUi([&] { window.ShowBoxAsync("Sure?", "t", ui::kMbYesNo, [&](int r) { answered = r; }); });
+  const json box = browser->WaitFor("dialog", browser->Count() - 1);
+  Receive(id, Answer(box["id"], ui::kIdYes));
+  OnUi();
+  EXPECT_EQ(answered, ui::kIdYes);
+}
+
+TEST_F(DialogTest, ABrowserThatVanishesLeavesTheBoxForTheNextOne) {
+  ui::Window::ClientId a;
+  auto gone = Connect(&a);
+  std::atomic<int> result{0};
+  std::thread worker = platform::ParticipantThread([&] {
+    result = window.Show("Test finished.", "TavroTest", ui::kMbOk);
+    clock.NotifyAll();
+  });
+  gone->WaitFor("dialog");
+  window.Detach(a);
+
+  ui::Window::ClientId b;
+  auto next = Connect(&b);
+  const auto boxes = next->OfType("dialog");
+  ASSERT_EQ(boxes.size(), 1u) << "the full state carries the open box";
+  EXPECT_EQ(boxes[0]["text"], "Test finished.");
+  EXPECT_EQ(result, 0);
+  Receive(b, Answer(boxes[0]["id"], ui::kIdOk));
+  platform::Join(worker);
+  EXPECT_EQ(result, ui::kIdOk);
+}
+
+TEST_F(DialogTest, AnAnswerThatTheBoxDoesNotOfferIsRefusedAndTheBoxStays) {
+  ui::Window::ClientId id;
+  auto browser = Connect(&id);
+  int answered = 0;
+  OnUi([&] { window.ShowBoxAsync("q", "t", ui::kMbYesNo, [&](int r) { answered = r; }); });
+  const int box = browser->WaitFor("dialog")["id"];
+  Receive(id, Answer(box, ui::kIdOk));
+  Receive(id, Answer(box, ui::kIdCancel));
+  OnUi();
+  EXPECT_EQ(answered, 0);
+  EXPECT_EQ(log.Messages().size(), 2u);
+  Receive(id, Answer(box, ui::kIdNo));
+  Receive(id, Answer(box, ui::kIdYes));  // a second browser's late click
+  OnUi();
+  EXPECT_EQ(answered, ui::kIdNo);
+  EXPECT_EQ(log.Messages().size(), 3u);
+}
+
+TEST_F(DialogTest, AChoiceDialogGivesTheTickedOptionAtOkAndTheFirstAtCancel) {
+  ui::Window::ClientId id;
+  auto browser = Connect(&id);
+  const ui::ChoiceDialog dialog{"Dialog",
+                                {"Position will begin moving."},
+                                "Voltage Limit",
+                                {"Standard", "High", "No Limit"},
+                                0};
+  ui::ChoiceResult picked{0, 0}, cancelled{0, 0};
+  std::thread worker = platform::ParticipantThread([&] {
+    picked = window.ShowChoice(dialog);
+    cancelled = window.ShowChoice(dialog);
+  });
+  const json shown = browser->WaitFor("dialog");
+  const std::size_t mark = browser->Count();
+  EXPECT_EQ(shown["kind"], "choice");
+  EXPECT_EQ(shown["options"][2], "No Limit");
+  Receive(id, Answer(shown["id"], ui::kIdOk, 3));  // no such option
+  Receive(id, Answer(shown["id"], ui::kIdOk, 2));
+  const json again = browser->WaitFor("dialog", mark);
+  Receive(id, Answer(again["id"], ui::kIdCancel, 1));
+  platform::Join(worker);
+  EXPECT_EQ(picked.result, ui::kIdOk);
+  EXPECT_EQ(picked.choice, 2);
+  EXPECT_EQ(cancelled.result, ui::kIdCancel);
+  EXPECT_EQ(cancelled.choice, 0);
+  EXPECT_EQ(log.Messages().size(), 1u);
+}
+
+TEST_F(DialogTest, ShutdownReleasesABlockedWorkerWithTheCautiousAnswer) {
+  auto browser = Connect();
+  std::atomic<int> result{0};
+  std::thread worker =
+      platform::ParticipantThread([&] { result = window.Show("q", "t", ui::kMbOkCancel); });
+  browser->WaitFor("dialog");
+  window.Shutdown();
+  platform::Join(worker);
+  EXPECT_EQ(result, ui::kIdCancel);
+
+  std::thread late =
+      platform::ParticipantThread([&] { result = window.Show("q", "t", ui::kMbYesNo); });
+  platform::Join(late);
+  EXPECT_EQ(result, ui::kIdNo);
+}
+
+TEST_F(DialogTest, AMessageWindowSendsItsChangesBatchedAndReportsClicksWithoutClosing) {
+  ui::Window::ClientId id;
+  auto browser = Connect(&id);
+  std::vector<int> clicks;
+  std::shared_ptr<ui::MessageWindowView> view;
+  ui::MessageWindowContent content;
+  content.title = "Copying";
+  content.text = "Moving files";
+  content.buttons = {"Stop", "Close"};
+  content.progressBar = true;
+  content.width = 300;
+  OnUi([&] { view = window.OpenMessageWindow(content, [&](int b) { clicks.push_back(b); }); });
+  const json opened = browser->WaitFor("dialog");
+  EXPECT_EQ(opened["kind"], "window");
+  EXPECT_EQ(opened["progress"], 0);
+  EXPECT_EQ(opened["width"], 300);
+
+  browser->Clear();
+  OnUi([&] {
+    view->SetProgress(50);
+    view->SetProgress(250);  // kept to the bar's range
+    view->EnableButton(0, false);
+    view->SetText("Moving files");  // unchanged
+  });
+  OnUi();
+  auto updates = browser->OfType("dialog");
+  ASSERT_EQ(updates.size(), 1u);
+  EXPECT_EQ(updates[0]["progress"], ui::kProgressMax);
+  EXPECT_EQ(updates[0]["enabled"], json::parse("[false,true]"));
+
+  Receive(id, Answer(opened["id"], 0));  // disabled: refused
+  Receive(id, Answer(opened["id"], 1));
+  Receive(id, Answer(opened["id"], ui::kWindowClosed));
+  OnUi();
+  EXPECT_EQ(clicks, (std::vector<int>{1, ui::kWindowClosed}));
+  EXPECT_EQ(log.Messages().size(), 1u);
+
+  auto late = Connect();
+  EXPECT_EQ(late->OfType("dialog")[0]["progress"], ui::kProgressMax);
+  OnUi([&] { view->Close(); });
+  EXPECT_EQ(browser->WaitFor("closeDialog")["id"], opened["id"]);
+  OnUi([&] { view->SetText("after close"); });
+  EXPECT_FALSE(view->IsOpen());
+}
+
+}  // namespace
+}  // namespace testing_support

@@ -1,0 +1,188 @@
+#include "ui/Window.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/ui/UiFixture.h"
+
+namespace testing_support {
+namespace {
+
+using WindowTest = WindowFixture;
+
+TEST_F(WindowTest, ABrowserThatConnectsLateGetsTabsFullStateAndThenOnlyChanges) {
+  OnUi([&] {
+    window.SetTitle("TavroTest : Connected");
+    first.Doc().SetText("Serial", "A123");
+    second.Doc().SetChecked("Copy", true);
+  });
+  auto browser = Connect();
+
+  const auto all = browser->Messages();
+  ASSERT_GE(all.size(), 4u);
+  EXPECT_EQ(all[0]["t"], "tabs");
+  EXPECT_EQ(all[0]["tabs"][1]["title"], "Second");
+  EXPECT_EQ(all[0]["tabs"][1]["src"], "/pages/second.html");
+  EXPECT_EQ(all[1]["page"], -1);
+  EXPECT_EQ(all[1]["el"]["title"]["v"], "TavroTest : Connected");
+  EXPECT_EQ(all[2]["full"], true);
+  EXPECT_EQ(all[2]["el"]["Serial"]["v"], "A123");
+  EXPECT_EQ(all[3]["el"]["Copy"]["c"], true);
+
+  browser->Clear();
+  OnUi([&] {
+    first.Doc().SetText("Serial", "A123");  // unchanged
+    first.Doc().SetText("Model", "M1");
+    first.Doc().SetText("Name", "N1");
+  });
+  OnUi();
+  const auto docs = browser->OfType("doc");
+  ASSERT_EQ(docs.size(), 1u) << "changes of one task go out as one batch";
+  EXPECT_EQ(docs[0]["page"], 0);
+  EXPECT_EQ(docs[0]["full"], false);
+  EXPECT_EQ(docs[0]["el"].size(), 2u);
+  EXPECT_EQ(docs[0]["el"]["Model"]["v"], "M1");
+}
+
+TEST_F(WindowTest, EveryConnectedBrowserGetsTheSameChanges) {
+  auto a = Connect();
+  auto b = Connect();
+  a->Clear();
+  b->Clear();
+  OnUi([&] { second.Doc().Enable("Go", false); });
+  OnUi();
+  ASSERT_EQ(a->OfType("doc").size(), 1u);
+  EXPECT_EQ(a->OfType("doc"), b->OfType("doc"));
+  EXPECT_EQ(a->OfType("doc")[0]["el"]["Go"]["d"], true);
+}
+
+TEST_F(WindowTest, AnEventGoesToTheTableOfItsPageWithTheBrowsersValueInTheDocument) {
+  std::vector<std::string> calls;
+  first.Events().OnClick("Go", [&](const ui::Event&) { calls.push_back("first Go"); });
+  second.Events().OnClick("Go", [&](const ui::Event&) { calls.push_back("second Go"); });
+  second.Events().OnChange("Raw", [&](const ui::Event& e) {
+    calls.push_back("second Raw " + second.Doc().Text("Raw") + " " + e.value.value_or("?"));
+  });
+  bool closed = false;
+  window.SetCloseHandler([&] { closed = true; });
+  ui::Window::ClientId id;
+  auto browser = Connect(&id);
+
+  Receive(id, {{"t", "event"}, {"page", 1}, {"id", "Go"}, {"kind", "click"}});
+  Receive(id, {{"t", "event"}, {"page", 1}, {"id", "Raw"}, {"kind", "change"}, {"value", " 12 "}});
+  Receive(id, {{"t", "event"}, {"page", 0}, {"id", "Go"}, {"kind", "click"}});
+  Receive(id, {{"t", "event"}, {"page", -1}, {"id", "menu-close"}, {"kind", "click"}});
+  OnUi();
+  EXPECT_EQ(calls, (std::vector<std::string>{"second Go", "second Raw  12   12 ", "first Go"}));
+  EXPECT_TRUE(closed);
+  EXPECT_TRUE(log.Messages().empty());
+}
+
+// Foreign input of every kind: each costs one log line and runs nothing; the window goes on.
+TEST_F(WindowTest, MalformedOrUnknownInputIsDroppedWithOneLogLineEach) {
+  int clicks = 0;
+  first.Events().OnClick("Go", [&](const ui::Event&) { ++clicks; });
+  ui::Window::ClientId id;
+  auto browser = Connect(&id);
+
+  const std::vector<std::string> bad = {
+      "not json",
+      "[1,2,3]",
+      R"({"page":0,"id":"Go","kind":"click"})",
+      R"({"t":"launch"})",
+      R"({"t":"event","page":7,"id":"Go","kind":"click"})",
+      R"({"t":"event","page":-2,"id":"Go","kind":"click"})",
+      R"({"t":"event","page":0,"id":"Nope","kind":"click"})",
+      R"({"t":"event","page":0,"id":"Go","kind":"dblclick"})",
+      R"({"t":"event","page":0,"id":"Go","kind":"change"})",
+      R"({"t":"event","page":"0","id":"Go","kind":"click"})",
+      R"({"t":"event","page":0,"id":"Go","kind":"click","value":5})",
+      R"({"t":"event","page":4294967296,"id":"Go","kind":"click"})",
+      R"({"t":"event","page":0,"id":"Go","kind":"click","x":[[[[[[1]]]]]]})",
+      R"({"t":"shown","page":9})",
+      R"({"t":"scroll","page":0,"id":"Unwatched","height":1,"top":0,"client":1})",
+      R"({"t":"answer","dialog":99,"result":1})",
+      std::string(ui::Window::kMaxMessage + 1, ' '),
+  };
+  for (const std::string& text : bad)
+    window.Receive(id, text);
+  OnUi();
+  EXPECT_EQ(log.Messages().size(), bad.size());
+  EXPECT_EQ(clicks, 0);
+
+  Receive(id, {{"t", "event"}, {"page", 0}, {"id", "Go"}, {"kind", "click"}});
+  OnUi();
+  EXPECT_EQ(clicks, 1);
+}
+
+TEST_F(WindowTest, APageIsShownWhileAtLeastOneBrowserShowsIt) {
+  ui::Window::ClientId a, b;
+  Connect(&a);
+  Connect(&b);
+  Receive(a, {{"t", "shown"}, {"page", 0}});
+  Receive(b, {{"t", "shown"}, {"page", 0}});
+  OnUi();
+  EXPECT_TRUE(window.PageShown(0));
+  Receive(a, {{"t", "shown"}, {"page", 1}});
+  OnUi();
+  EXPECT_TRUE(window.PageShown(0)) << "b still shows it";
+  window.Detach(b);
+  OnUi();
+  EXPECT_FALSE(window.PageShown(0));
+  EXPECT_TRUE(window.PageShown(1));
+  EXPECT_EQ(first.notices, (std::vector<std::string>{"shown", "hidden"}));
+  EXPECT_EQ(second.notices, (std::vector<std::string>{"shown"}));
+}
+
+TEST_F(WindowTest, TheFirstLoadOfAPageDocumentIsToldOnce) {
+  ui::Window::ClientId a, b;
+  Connect(&a);
+  Connect(&b);
+  Receive(a, {{"t", "loaded"}, {"page", 1}});
+  Receive(b, {{"t", "loaded"}, {"page", 1}});
+  OnUi();
+  EXPECT_EQ(second.notices, (std::vector<std::string>{"complete"}));
+  EXPECT_TRUE(first.notices.empty());
+}
+
+TEST_F(WindowTest, ScrollReportsReachTheDocumentAndScrollOrdersFollowTheText) {
+  OnUi([&] { second.Doc().WatchScroll("Log"); });
+  ui::Window::ClientId id;
+  auto browser = Connect(&id);
+  EXPECT_EQ(browser->OfType("tabs")[0]["tabs"][1]["scroll"][0], "Log");
+
+  Receive(id, {{"t", "scroll"},
+               {"page", 1},
+               {"id", "Log"},
+               {"height", 900},
+               {"top", 500},
+               {"client", 400}});
+  std::optional<ui::ScrollInfo> seen;
+  OnUi([&] { seen = second.Doc().Scroll("Log"); });
+  ASSERT_TRUE(seen);
+  EXPECT_EQ(seen->scrollHeight - seen->scrollTop, seen->clientHeight);
+
+  browser->Clear();
+  OnUi([&] {
+    second.Doc().SetText("Log", "more text");
+    second.Doc().PageDown("Log");
+  });
+  OnUi();
+  const auto docs = browser->OfType("doc");
+  ASSERT_EQ(docs.size(), 1u);
+  EXPECT_EQ(docs[0]["el"]["Log"]["v"], "more text");
+  EXPECT_EQ(docs[0]["scroll"], json::parse(R"([["Log","pageDown"]])"));
+}
+
+TEST_F(WindowTest, ABrowserThatLeftIsSentNothingMore) {
+  ui::Window::ClientId id;
+  auto browser = Connect(&id);
+  window.Detach(id);
+  OnUi();
+  const auto before = browser->Count();
+  OnUi([&] { first.Doc().SetText("A", "1"); });
+  OnUi();
+  EXPECT_EQ(browser->Count(), before);
+}
+
+}  // namespace
+}  // namespace testing_support

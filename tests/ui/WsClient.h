@@ -1,0 +1,43 @@
+// A bare loopback HTTP and WebSocket client for the server tests: plain sockets, so that a test
+// can send what no browser would (no token, a foreign Origin, oversized frames). Every wait goes
+// through the current Clock with no deadline; a server that never answers fails the test by
+// the test program's time-out.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace testing_support {
+
+// Sends `request` (a whole HTTP request) and returns everything the server sends until it
+// closes. Add "Connection: close" to the request.
+std::string HttpExchange(std::uint16_t port, const std::string& request);
+// The status code of a response ("HTTP/1.1 403 ..." gives 403); 0 when there is none.
+int StatusOf(const std::string& response);
+
+class WsClient {
+ public:
+  WsClient() = default;
+  ~WsClient();
+  WsClient(const WsClient&) = delete;
+  WsClient& operator=(const WsClient&) = delete;
+
+  // Connects and asks for the upgrade of `target` with the given Host and Origin headers (an
+  // empty origin sends none). Returns the HTTP status: 101 when the socket is a WebSocket now.
+  int Open(std::uint16_t port, const std::string& target, const std::string& origin,
+           const std::string& host = "");
+  void SendText(const std::string& text);
+  // The next text message; nullopt when the server closed the connection.
+  std::optional<std::string> Receive();
+  // Reads messages until one contains `fragment`; nullopt when the connection closed first.
+  std::optional<std::string> ReceiveContaining(const std::string& fragment);
+  void Close();
+
+ private:
+  bool ReadExact(void* out, std::size_t n);
+  int fd_ = -1;
+  std::string pending_;  // bytes read past the HTTP response
+};
+
+}  // namespace testing_support

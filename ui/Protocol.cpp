@@ -1,0 +1,257 @@
+#include "ui/Protocol.h"
+
+#include <nlohmann/json.hpp>
+
+#include <climits>
+
+#include "ui/MessageBox.h"
+
+namespace ui::protocol {
+
+using nlohmann::json;
+
+namespace {
+
+// Messages from the shell are flat; anything nested deeper is not ours and is refused before
+// the parser sees it.
+constexpr int kMaxDepth = 4;
+
+bool NestingWithin(const std::string& text, int limit) {
+  int depth = 0;
+  bool inString = false;
+  bool escaped = false;
+  for (const char c : text) {
+    if (inString) {
+      if (escaped) {
+        escaped = false;
+      } else if (c == '\\') {
+        escaped = true;
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '{' || c == '[') {
+      if (++depth > limit) return false;
+    } else if (c == '}' || c == ']') {
+      --depth;
+    }
+  }
+  return true;
+}
+
+bool GetInt(const json& j, const char* key, int& out) {
+  const auto it = j.find(key);
+  if (it == j.end() || !it->is_number_integer()) return false;
+  const auto v = it->get<std::int64_t>();
+  if (v < INT_MIN || v > INT_MAX) return false;
+  out = static_cast<int>(v);
+  return true;
+}
+
+bool GetString(const json& j, const char* key, std::string& out) {
+  const auto it = j.find(key);
+  if (it == j.end() || !it->is_string()) return false;
+  out = it->get<std::string>();
+  return true;
+}
+
+// An optional member: absent is fine, present with the wrong type is not.
+template <typename T>
+bool GetOptional(const json& j, const char* key, std::optional<T>& out) {
+  const auto it = j.find(key);
+  if (it == j.end()) return true;
+  if constexpr (std::is_same_v<T, bool>) {
+    if (!it->is_boolean()) return false;
+  } else {
+    if (!it->is_string()) return false;
+  }
+  out = it->get<T>();
+  return true;
+}
+
+bool DecodeEvent(const json& j, Incoming& in, std::string& error) {
+  std::string kind;
+  if (!GetInt(j, "page", in.page) || !GetString(j, "id", in.id) || !GetString(j, "kind", kind)) {
+    error = "event without page, id or kind";
+    return false;
+  }
+  const auto parsed = ParseEventKind(kind);
+  if (!parsed) {
+    error = "unknown event kind '" + kind + "'";
+    return false;
+  }
+  in.eventKind = *parsed;
+  if (!GetOptional(j, "value", in.value) || !GetOptional(j, "checked", in.checked)) {
+    error = "event with a mistyped value or checked";
+    return false;
+  }
+  return true;
+}
+
+bool DecodeFields(const std::string& type, const json& j, Incoming& in, std::string& error) {
+  using K = Incoming::Kind;
+  if (type == "event") {
+    in.kind = K::kEvent;
+    return DecodeEvent(j, in, error);
+  }
+  if (type == "shown" || type == "loaded") {
+    in.kind = type == "shown" ? K::kShown : K::kLoaded;
+    if (GetInt(j, "page", in.page)) return true;
+    error = type + " without page";
+    return false;
+  }
+  if (type == "scroll") {
+    in.kind = K::kScroll;
+    if (GetInt(j, "page", in.page) && GetString(j, "id", in.id) &&
+        GetInt(j, "height", in.scroll.scrollHeight) && GetInt(j, "top", in.scroll.scrollTop) &&
+        GetInt(j, "client", in.scroll.clientHeight)) {
+      return true;
+    }
+    error = "scroll report with missing fields";
+    return false;
+  }
+  if (type == "answer") {
+    in.kind = K::kAnswer;
+    if (!GetInt(j, "dialog", in.dialog) || !GetInt(j, "result", in.result)) {
+      error = "answer without dialog or result";
+      return false;
+    }
+    if (j.contains("choice") && !GetInt(j, "choice", in.choice)) {
+      error = "answer with a mistyped choice";
+      return false;
+    }
+    return true;
+  }
+  error = "unknown message type '" + type + "'";
+  return false;
+}
+
+const char* ButtonsOf(unsigned style) {
+  switch (style & 0xF) {
+    case kMbOkCancel:
+      return "okcancel";
+    case kMbYesNo:
+      return "yesno";
+    default:
+      return "ok";
+  }
+}
+
+json Element(const ElementState& e) {
+  json o = json::object();
+  if (e.value) o["v"] = *e.value;
+  if (e.checked) o["c"] = *e.checked;
+  if (e.disabled) o["d"] = *e.disabled;
+  if (e.display) o["s"] = *e.display;
+  if (e.background) o["b"] = *e.background;
+  if (e.min) o["min"] = *e.min;
+  if (e.max) o["max"] = *e.max;
+  if (e.lineStep) o["line"] = *e.lineStep;
+  if (e.pageStep) o["pageStep"] = *e.pageStep;
+  if (e.tickSpacing) o["tick"] = *e.tickSpacing;
+  return o;
+}
+
+// Text from the program is UTF-8 as a rule, but a board's bytes may not be: replace what is
+// not valid rather than fail the whole message.
+std::string Dump(const json& j) {
+  return j.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+}  // namespace
+
+std::optional<Incoming> Decode(const std::string& text, std::string& error) {
+  if (!NestingWithin(text, kMaxDepth)) {
+    error = "message nested too deeply";
+    return std::nullopt;
+  }
+  const json j = json::parse(text, nullptr, false);
+  if (j.is_discarded() || !j.is_object()) {
+    error = "not a JSON object";
+    return std::nullopt;
+  }
+  std::string type;
+  if (!GetString(j, "t", type)) {
+    error = "message without a type";
+    return std::nullopt;
+  }
+  Incoming in{};
+  if (!DecodeFields(type, j, in, error)) return std::nullopt;
+  return in;
+}
+
+std::string EncodeTabs(const std::vector<TabInfo>& tabs) {
+  json list = json::array();
+  for (const TabInfo& tab : tabs) {
+    json events = json::array();
+    for (const auto& [id, kind] : tab.events)
+      events.push_back({id, EventKindName(kind)});
+    list.push_back({{"title", tab.title},
+                    {"src", tab.src},
+                    {"events", events},
+                    {"scroll", tab.scrollWatched}});
+  }
+  return Dump({{"t", "tabs"}, {"tabs", list}});
+}
+
+std::string EncodeDoc(int page, const DocumentDelta& delta, bool full) {
+  json elements = json::object();
+  for (const auto& [id, state] : delta.elements)
+    elements[id] = Element(state);
+  json scrolls = json::array();
+  for (const ScrollOrder& s : delta.scrolls) {
+    scrolls.push_back({s.id, s.command == ScrollCommand::kPageDown ? "pageDown" : "end"});
+  }
+  return Dump(
+      {{"t", "doc"}, {"page", page}, {"full", full}, {"el", elements}, {"scroll", scrolls}});
+}
+
+std::string EncodeBox(int id, const std::string& text, const std::string& title, unsigned style) {
+  return Dump({{"t", "dialog"},
+               {"id", id},
+               {"kind", "box"},
+               {"title", title},
+               {"text", text},
+               {"buttons", ButtonsOf(style)},
+               {"stop", (style & kMbIconStop) != 0}});
+}
+
+std::string EncodeChoice(int id, const ChoiceDialog& dialog) {
+  return Dump({{"t", "dialog"},
+               {"id", id},
+               {"kind", "choice"},
+               {"title", dialog.title},
+               {"texts", dialog.texts},
+               {"group", dialog.group},
+               {"options", dialog.options},
+               {"initial", dialog.initial}});
+}
+
+std::string EncodeMessageWindow(int id, const MessageWindowContent& c, int progress,
+                                const std::vector<bool>& enabled, const std::vector<bool>& shown,
+                                int scrollLine) {
+  json j = {{"t", "dialog"},
+            {"id", id},
+            {"kind", "window"},
+            {"title", c.title},
+            {"text", c.text},
+            {"buttons", c.buttons},
+            {"enabled", enabled},
+            {"shown", shown},
+            {"selectable", c.selectableText},
+            {"fixedFont", c.fixedFont},
+            {"wrap", c.wrap},
+            {"closeBox", c.closeBox},
+            {"width", c.width},
+            {"height", c.height}};
+  if (c.progressBar) j["progress"] = progress;
+  if (scrollLine >= 0) j["scrollToLine"] = scrollLine;
+  return Dump(j);
+}
+
+std::string EncodeCloseDialog(int id) {
+  return Dump({{"t", "closeDialog"}, {"id", id}});
+}
+
+}  // namespace ui::protocol

@@ -1,0 +1,63 @@
+// The JSON messages between the window and the shell's script, one WebSocket text frame each.
+//
+// To the browser ("t" names the kind):
+//   tabs      {"t":"tabs","tabs":[{"title","src","events":[[id,kind]...],"scroll":[id...]}]}
+//   doc       {"t":"doc","page":p,"full":bool,"el":{id:{"v","c","d","s","b","min","max",
+//              "line","pageStep","tick"}},"scroll":[[id,"pageDown"|"end"]...]}   (p -1: shell)
+//   dialog    {"t":"dialog","id":n,"kind":"box"|"choice"|"window",...}
+//   closeDialog {"t":"closeDialog","id":n}
+// From the browser:
+//   event     {"t":"event","page":p,"id":s,"kind":"click"|"change","value"?:s,"checked"?:b}
+//   shown     {"t":"shown","page":p}           the tab this browser shows (-1: none)
+//   loaded    {"t":"loaded","page":p}          the page's HTML has loaded in this browser
+//   scroll    {"t":"scroll","page":p,"id":s,"height":n,"top":n,"client":n}
+//   answer    {"t":"answer","dialog":n,"result":r,"choice"?:k}
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ui/Dialogs.h"
+#include "ui/Document.h"
+#include "ui/Events.h"
+
+namespace ui::protocol {
+
+struct Incoming {
+  enum class Kind { kEvent, kShown, kLoaded, kScroll, kAnswer };
+  Kind kind;
+  int page = 0;
+  std::string id;
+  EventKind eventKind = EventKind::kClick;
+  std::optional<std::string> value;
+  std::optional<bool> checked;
+  ScrollInfo scroll;
+  int dialog = 0;
+  int result = 0;
+  int choice = 0;
+};
+
+// Parses one message from a browser. On failure returns nullopt and says why in `error`.
+std::optional<Incoming> Decode(const std::string& text, std::string& error);
+
+struct TabInfo {
+  std::string title;
+  std::string src;
+  std::vector<std::pair<std::string, EventKind>> events;
+  std::vector<std::string> scrollWatched;
+};
+
+std::string EncodeTabs(const std::vector<TabInfo>& tabs);
+std::string EncodeDoc(int page, const DocumentDelta& delta, bool full);
+std::string EncodeBox(int id, const std::string& text, const std::string& title, unsigned style);
+std::string EncodeChoice(int id, const ChoiceDialog& dialog);
+// `scrollLine` -1: no scroll order.
+std::string EncodeMessageWindow(int id, const MessageWindowContent& content, int progress,
+                                const std::vector<bool>& enabled, const std::vector<bool>& shown,
+                                int scrollLine);
+std::string EncodeCloseDialog(int id);
+
+}  // namespace ui::protocol

@@ -1,0 +1,489 @@
+// Boost 1.74's Asio needs <utility> first under C++20 with g++ 12.
+#include <utility>
+
+#include "ui/WebServer.h"
+
+#include <boost/asio.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/websocket.hpp>
+
+#include <cstdlib>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <set>
+#include <thread>
+
+#include "config/ErrorLog.h"
+#include "ui/Window.h"
+
+namespace ui {
+
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace websocket = beast::websocket;
+namespace net = boost::asio;
+using tcp = net::ip::tcp;
+using boost::system::error_code;
+
+#define WEB_LOG(...) ErrorLog("WebServer.cpp", __LINE__)(__VA_ARGS__)
+
+namespace {
+
+constexpr std::uint16_t kStandardPort = 7570;
+constexpr int kPortsToTry = 100;
+constexpr std::size_t kRequestLimit = 8 * 1024;
+// A browser that falls this far behind (messages queued, not yet written) is dropped; it comes
+// back with a fresh full state when it reconnects.
+constexpr std::size_t kMaxQueued = 4096;
+
+std::string RandomToken() {
+  std::random_device random;
+  static const char kHex[] = "0123456789abcdef";
+  std::string token;
+  for (int i = 0; i < 8; ++i) {
+    const unsigned v = random();
+    for (int b = 0; b < 4; ++b) {
+      const unsigned byte = (v >> (8 * b)) & 0xFF;
+      token += kHex[byte >> 4];
+      token += kHex[byte & 0xF];
+    }
+  }
+  return token;
+}
+
+bool SameSecret(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  unsigned char diff = 0;
+  for (std::size_t i = 0; i < a.size(); ++i)
+    diff |= static_cast<unsigned char>(a[i] ^ b[i]);
+  return diff == 0;
+}
+
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// Percent-decodes `in`; false on a broken escape.
+bool PercentDecode(std::string_view in, std::string& out) {
+  out.clear();
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    if (in[i] != '%') {
+      out += in[i];
+      continue;
+    }
+    if (i + 2 >= in.size()) return false;
+    const int hi = HexValue(in[i + 1]);
+    const int lo = HexValue(in[i + 2]);
+    if (hi < 0 || lo < 0) return false;
+    out += static_cast<char>(hi * 16 + lo);
+    i += 2;
+  }
+  return true;
+}
+
+// The decoded path of a request target, or nullopt when it tries to leave the served tree or
+// is not a plain path: no "." or ".." segments, no empty segments, no backslashes or NULs.
+std::optional<std::string> SafePath(std::string_view target) {
+  const std::string_view raw = target.substr(0, target.find('?'));
+  std::string path;
+  if (!PercentDecode(raw, path) || path.empty() || path[0] != '/') return std::nullopt;
+  if (path == "/") return std::string("/shell.html");
+  if (path.find('\\') != std::string::npos || path.find('\0') != std::string::npos) {
+    return std::nullopt;
+  }
+  std::size_t start = 1;
+  while (start <= path.size()) {
+    const std::size_t end = std::min(path.find('/', start), path.size());
+    const std::string_view segment(path.data() + start, end - start);
+    if (segment.empty() || segment == "." || segment == "..") return std::nullopt;
+    start = end + 1;
+  }
+  return path;
+}
+
+// The value of query parameter `name` (undecoded: tokens are plain hex).
+std::string_view QueryParam(std::string_view target, std::string_view name) {
+  const std::size_t q = target.find('?');
+  if (q == std::string_view::npos) return {};
+  std::string_view query = target.substr(q + 1);
+  while (!query.empty()) {
+    const std::size_t amp = query.find('&');
+    const std::string_view pair = query.substr(0, amp);
+    const std::size_t eq = pair.find('=');
+    if (eq != std::string_view::npos && pair.substr(0, eq) == name) return pair.substr(eq + 1);
+    if (amp == std::string_view::npos) break;
+    query = query.substr(amp + 1);
+  }
+  return {};
+}
+
+std::string_view CookieValue(std::string_view header, std::string_view name) {
+  while (!header.empty()) {
+    const std::size_t semi = header.find(';');
+    std::string_view pair = header.substr(0, semi);
+    while (!pair.empty() && pair.front() == ' ')
+      pair.remove_prefix(1);
+    const std::size_t eq = pair.find('=');
+    if (eq != std::string_view::npos && pair.substr(0, eq) == name) return pair.substr(eq + 1);
+    if (semi == std::string_view::npos) break;
+    header = header.substr(semi + 1);
+  }
+  return {};
+}
+
+// Blocks of the server shared with the window's connections, which outlive it: sending after
+// Stop finds the gate shut instead of a destroyed io_context.
+struct Gate {
+  std::mutex mutex;
+  bool open = true;
+  net::io_context* io;
+};
+
+}  // namespace
+
+std::uint16_t DefaultPort() {
+  const char* env = std::getenv("TAVROTEST_PORT");
+  if (!env || !*env) return kStandardPort;
+  char* end = nullptr;
+  const long v = std::strtol(env, &end, 10);
+  if (*end != '\0' || v < 1 || v > 65535) return kStandardPort;
+  return static_cast<std::uint16_t>(v);
+}
+
+struct WebServer::Impl {
+  Window& window;
+  std::vector<const ResourceTable*> tables;
+  net::io_context io{1};
+  tcp::acceptor acceptor{io};
+  std::thread thread;
+  std::string token = RandomToken();
+  std::uint16_t port = 0;
+  std::shared_ptr<Gate> gate = std::make_shared<Gate>();
+  std::set<Window::ClientId> clients;  // I/O thread; read after the thread ended
+  bool started = false;
+
+  Impl(Window& w, std::vector<const ResourceTable*> t) : window(w), tables(std::move(t)) {
+    gate->io = &io;
+  }
+
+  bool Listen(std::uint16_t firstPort);
+  void Accept();
+  std::string CookieName() const { return "tavro_" + std::to_string(port); }
+  bool HostAllowed(std::string_view host) const {
+    const std::string p = ":" + std::to_string(port);
+    return host == "127.0.0.1" + p || host == "localhost" + p;
+  }
+  bool OriginAllowed(std::string_view origin) const {
+    const std::string p = ":" + std::to_string(port);
+    return origin == "http://127.0.0.1" + p || origin == "http://localhost" + p;
+  }
+  template <typename Request>
+  bool Authorized(const Request& req) const {
+    const std::string_view target(req.target().data(), req.target().size());
+    if (SameSecret(QueryParam(target, "token"), token)) return true;
+    const auto cookie = req[http::field::cookie];
+    return SameSecret(CookieValue({cookie.data(), cookie.size()}, CookieName()), token);
+  }
+  const Resource* Find(const std::string& path) const {
+    for (const ResourceTable* table : tables) {
+      if (const Resource* r = table->Find(path)) return r;
+    }
+    return nullptr;
+  }
+};
+
+namespace {
+
+class WsSession;
+
+class WsConnection final : public Connection {
+ public:
+  WsConnection(std::shared_ptr<Gate> gate, std::weak_ptr<WsSession> session)
+      : gate_(std::move(gate)), session_(std::move(session)) {}
+  void Send(std::shared_ptr<const std::string> message) override;
+
+ private:
+  std::shared_ptr<Gate> gate_;
+  std::weak_ptr<WsSession> session_;
+};
+
+class WsSession : public std::enable_shared_from_this<WsSession> {
+ public:
+  WsSession(tcp::socket&& socket, WebServer::Impl& server)
+      : ws_(std::move(socket)), server_(server) {}
+
+  void Start(http::request<http::string_body> request) {
+    ws_.read_message_max(Window::kMaxMessage);
+    ws_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+    ws_.async_accept(request, [self = shared_from_this()](error_code ec) { self->OnAccept(ec); });
+  }
+
+  // On the I/O thread.
+  void Enqueue(std::shared_ptr<const std::string> message) {
+    if (closed_) return;
+    if (queue_.size() >= kMaxQueued) {
+      WEB_LOG("UI browser %llu too slow, disconnected\r\n", static_cast<unsigned long long>(id_));
+      Fail();
+      return;
+    }
+    queue_.push_back(std::move(message));
+    if (queue_.size() == 1) Write();
+  }
+
+ private:
+  void OnAccept(error_code ec) {
+    if (ec) return;
+    id_ = server_.window.Attach(std::make_shared<WsConnection>(server_.gate, weak_from_this()));
+    server_.clients.insert(id_);
+    Read();
+  }
+
+  void Read() {
+    ws_.async_read(buffer_,
+                   [self = shared_from_this()](error_code ec, std::size_t) { self->OnRead(ec); });
+  }
+
+  void OnRead(error_code ec) {
+    if (ec) {
+      if (ec == websocket::error::message_too_big) {
+        WEB_LOG("UI message above %zu bytes; browser %llu disconnected\r\n", Window::kMaxMessage,
+                static_cast<unsigned long long>(id_));
+      }
+      Fail();
+      return;
+    }
+    if (ws_.got_text()) {
+      server_.window.Receive(id_, beast::buffers_to_string(buffer_.data()));
+    } else {
+      WEB_LOG("UI binary message dropped\r\n");
+    }
+    buffer_.consume(buffer_.size());
+    Read();
+  }
+
+  void Write() {
+    ws_.text(true);
+    ws_.async_write(net::buffer(*queue_.front()),
+                    [self = shared_from_this()](error_code ec, std::size_t) {
+                      if (ec) {
+                        self->Fail();
+                        return;
+                      }
+                      self->queue_.pop_front();
+                      if (!self->queue_.empty()) self->Write();
+                    });
+  }
+
+  // Ends the session once: the window forgets the browser, the socket closes, and the pending
+  // read or write ends with an error that finds the session closed.
+  void Fail() {
+    if (closed_) return;
+    closed_ = true;
+    queue_.clear();
+    if (id_ != 0) {
+      server_.window.Detach(id_);
+      server_.clients.erase(id_);
+    }
+    error_code ignored;
+    beast::get_lowest_layer(ws_).socket().close(ignored);
+  }
+
+  websocket::stream<beast::tcp_stream> ws_;
+  WebServer::Impl& server_;
+  Window::ClientId id_ = 0;
+  beast::flat_buffer buffer_;
+  std::deque<std::shared_ptr<const std::string>> queue_;
+  bool closed_ = false;
+};
+
+void WsConnection::Send(std::shared_ptr<const std::string> message) {
+  std::lock_guard lock(gate_->mutex);
+  if (!gate_->open) return;
+  net::post(*gate_->io, [session = session_, message = std::move(message)]() mutable {
+    if (auto s = session.lock()) s->Enqueue(std::move(message));
+  });
+}
+
+class HttpSession : public std::enable_shared_from_this<HttpSession> {
+ public:
+  HttpSession(tcp::socket&& socket, WebServer::Impl& server)
+      : stream_(std::move(socket)), server_(server) {}
+
+  void Read() {
+    parser_.emplace();
+    parser_->header_limit(kRequestLimit);
+    parser_->body_limit(kRequestLimit);
+    stream_.expires_after(std::chrono::seconds(60));
+    http::async_read(stream_, buffer_, *parser_,
+                     [self = shared_from_this()](error_code ec, std::size_t) { self->OnRead(ec); });
+  }
+
+ private:
+  void OnRead(error_code ec) {
+    if (ec) {
+      error_code ignored;
+      stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
+      return;
+    }
+    http::request<http::string_body> req = parser_->release();
+    if (websocket::is_upgrade(req)) {
+      if (UpgradeAllowed(req)) {
+        stream_.expires_never();
+        std::make_shared<WsSession>(stream_.release_socket(), server_)->Start(std::move(req));
+        return;
+      }
+      WEB_LOG("UI WebSocket upgrade refused\r\n");
+      Respond(req, http::status::forbidden, "text/plain", "Forbidden\n");
+      return;
+    }
+    Serve(req);
+  }
+
+  bool UpgradeAllowed(const http::request<http::string_body>& req) const {
+    const std::string_view target(req.target().data(), req.target().size());
+    const auto origin = req[http::field::origin];
+    const auto host = req[http::field::host];
+    return target.substr(0, target.find('?')) == "/ws" && server_.Authorized(req) &&
+           server_.HostAllowed({host.data(), host.size()}) &&
+           (origin.empty() || server_.OriginAllowed({origin.data(), origin.size()}));
+  }
+
+  void Serve(const http::request<http::string_body>& req) {
+    const auto host = req[http::field::host];
+    if (!server_.HostAllowed({host.data(), host.size()}) || !server_.Authorized(req)) {
+      Respond(req, http::status::forbidden, "text/plain", "Forbidden\n");
+      return;
+    }
+    if (req.method() != http::verb::get && req.method() != http::verb::head) {
+      Respond(req, http::status::method_not_allowed, "text/plain", "Method not allowed\n");
+      return;
+    }
+    const std::string_view target(req.target().data(), req.target().size());
+    const std::optional<std::string> path = SafePath(target);
+    const Resource* resource = path ? server_.Find(*path) : nullptr;
+    if (!resource) {
+      Respond(req, http::status::not_found, "text/plain", "Not found\n");
+      return;
+    }
+    Respond(req, http::status::ok, resource->mime,
+            std::string(reinterpret_cast<const char*>(resource->data), resource->size),
+            *path == "/shell.html");
+  }
+
+  void Respond(const http::request<http::string_body>& req, http::status status,
+               const std::string& mime, std::string body, bool setCookie = false) {
+    auto res = std::make_shared<http::response<http::string_body>>(status, req.version());
+    res->set(http::field::content_type, mime);
+    res->set(http::field::cache_control, "no-store");
+    res->set("X-Content-Type-Options", "nosniff");
+    res->set("Referrer-Policy", "no-referrer");
+    const std::string p = std::to_string(server_.port);
+    res->set("Content-Security-Policy",
+             "default-src 'self'; style-src 'self' 'unsafe-inline'; connect-src 'self' "
+             "ws://127.0.0.1:" +
+                 p + " ws://localhost:" + p + "; frame-ancestors 'self'");
+    if (setCookie) {
+      res->set(http::field::set_cookie,
+               server_.CookieName() + "=" + server_.token + "; Path=/; HttpOnly; SameSite=Strict");
+    }
+    const bool head = req.method() == http::verb::head;
+    res->body() = head ? std::string() : std::move(body);
+    res->prepare_payload();
+    if (head) res->content_length(body.size());
+    res->keep_alive(req.keep_alive() && status == http::status::ok);
+    http::async_write(stream_, *res, [self = shared_from_this(), res](error_code ec, std::size_t) {
+      if (ec || !res->keep_alive()) {
+        error_code ignored;
+        self->stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
+        return;
+      }
+      self->Read();
+    });
+  }
+
+  beast::tcp_stream stream_;
+  WebServer::Impl& server_;
+  beast::flat_buffer buffer_;
+  std::optional<http::request_parser<http::string_body>> parser_;
+};
+
+}  // namespace
+
+bool WebServer::Impl::Listen(std::uint16_t firstPort) {
+  const int tries = firstPort == 0 ? 1 : kPortsToTry;
+  for (int i = 0; i < tries && firstPort + i <= 65535; ++i) {
+    error_code ec;
+    const tcp::endpoint endpoint(net::ip::make_address_v4("127.0.0.1"),
+                                 static_cast<std::uint16_t>(firstPort + i));
+    acceptor.open(endpoint.protocol(), ec);
+    if (!ec) acceptor.set_option(net::socket_base::reuse_address(true), ec);
+    if (!ec) acceptor.bind(endpoint, ec);
+    if (!ec) acceptor.listen(net::socket_base::max_listen_connections, ec);
+    if (!ec) {
+      port = acceptor.local_endpoint().port();
+      return true;
+    }
+    error_code ignored;
+    acceptor.close(ignored);
+  }
+  WEB_LOG("UI server: no free port from %u\r\n", static_cast<unsigned>(firstPort));
+  return false;
+}
+
+void WebServer::Impl::Accept() {
+  acceptor.async_accept([this](error_code ec, tcp::socket socket) {
+    if (!ec) std::make_shared<HttpSession>(std::move(socket), *this)->Read();
+    if (acceptor.is_open()) Accept();
+  });
+}
+
+WebServer::WebServer(Window& window, std::vector<const ResourceTable*> tables)
+    : impl_(std::make_unique<Impl>(window, std::move(tables))) {}
+
+WebServer::~WebServer() {
+  Stop();
+}
+
+bool WebServer::Start(std::uint16_t firstPort) {
+  if (impl_->started || !impl_->Listen(firstPort)) return false;
+  impl_->started = true;
+  impl_->Accept();
+  impl_->thread = std::thread([this] { impl_->io.run(); });
+  return true;
+}
+
+void WebServer::Stop() {
+  if (!impl_->started) return;
+  impl_->started = false;
+  {
+    std::lock_guard lock(impl_->gate->mutex);
+    impl_->gate->open = false;
+  }
+  impl_->io.stop();
+  if (impl_->thread.joinable()) impl_->thread.join();
+  error_code ignored;
+  impl_->acceptor.close(ignored);
+  for (const Window::ClientId id : impl_->clients)
+    impl_->window.Detach(id);
+  impl_->clients.clear();
+}
+
+std::uint16_t WebServer::Port() const {
+  return impl_->port;
+}
+
+const std::string& WebServer::Token() const {
+  return impl_->token;
+}
+
+std::string WebServer::Url() const {
+  return "http://127.0.0.1:" + std::to_string(impl_->port) + "/?token=" + impl_->token;
+}
+
+}  // namespace ui

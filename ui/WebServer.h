@@ -1,0 +1,57 @@
+// The local web server that shows the window: HTTP for the shell and the page documents, one
+// WebSocket per browser for the window's state and the browsers' events. It listens on
+// 127.0.0.1 only and runs one I/O thread of its own.
+//
+// Access: a random token made per run must come with every request, as the query parameter
+// `token` (the URL the program prints carries it). The shell page's response also sets it as a
+// cookie (HttpOnly, SameSite=Strict, named for the port), so that the documents, scripts and
+// style sheets the shell loads by relative URL carry it too. A WebSocket upgrade needs the token
+// and, when it has an Origin, one of http://127.0.0.1:<port> or http://localhost:<port>; the
+// Host header must name the same two. Everything else gets 403.
+//
+// Browser messages larger than Window::kMaxMessage close that browser's connection, with a log
+// line; the window copes with what remains (malformed JSON and the like).
+//
+// Beast and Asio stay inside WebServer.cpp: they cost seconds per translation unit.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ui/Resources.h"
+
+namespace ui {
+
+class Window;
+
+// $TAVROTEST_PORT when it holds a port number, else 7570.
+std::uint16_t DefaultPort();
+
+class WebServer {
+ public:
+  // Serves the files of `tables` (the first that has a path wins); "/" is "/shell.html".
+  WebServer(Window& window, std::vector<const ResourceTable*> tables);
+  ~WebServer();
+  WebServer(const WebServer&) = delete;
+  WebServer& operator=(const WebServer&) = delete;
+
+  // Listens on `firstPort`, or the next free one of the 100 after it (0: a port the system
+  // picks), and starts the I/O thread. False when no port could be had (logged).
+  bool Start(std::uint16_t firstPort);
+  // Closes every connection and ends the I/O thread. Idempotent.
+  void Stop();
+
+  std::uint16_t Port() const;
+  const std::string& Token() const;
+  // "http://127.0.0.1:<port>/?token=<token>"
+  std::string Url() const;
+
+  struct Impl;  // the Beast side, in WebServer.cpp
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace ui

@@ -1,0 +1,491 @@
+#include "ui/Window.h"
+
+#include <algorithm>
+
+#include "config/ErrorLog.h"
+#include "ui/Protocol.h"
+
+namespace ui {
+
+namespace {
+
+#define UI_LOG(...) ErrorLog("Window.cpp", __LINE__)(__VA_ARGS__)
+
+std::string DefaultAboutText() {
+  return "TavroTest Version " TAVRO_PRODUCT_VERSION;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// MessageWindowView
+
+MessageWindowView::MessageWindowView(Window* window, int id, MessageWindowContent content)
+    : window_(window), id_(id) {
+  state_.enabled.assign(content.buttons.size(), true);
+  state_.shown.assign(content.buttons.size(), true);
+  state_.content = std::move(content);
+}
+
+void MessageWindowView::Changed() {
+  if (!window_) return;
+  window_->dirtyWindows_.insert(id_);
+  window_->ScheduleFlush();
+}
+
+void MessageWindowView::SetTitle(const std::string& title) {
+  if (state_.content.title == title) return;
+  state_.content.title = title;
+  Changed();
+}
+
+void MessageWindowView::SetText(const std::string& text) {
+  if (state_.content.text == text) return;
+  state_.content.text = text;
+  Changed();
+}
+
+void MessageWindowView::SetProgress(int position) {
+  position = std::clamp(position, 0, kProgressMax);
+  if (state_.progress == position) return;
+  state_.progress = position;
+  Changed();
+}
+
+void MessageWindowView::EnableButton(int index, bool enabled) {
+  if (index < 0 || index >= static_cast<int>(state_.enabled.size())) return;
+  if (state_.enabled[index] == enabled) return;
+  state_.enabled[index] = enabled;
+  Changed();
+}
+
+void MessageWindowView::ShowButton(int index, bool shown) {
+  if (index < 0 || index >= static_cast<int>(state_.shown.size())) return;
+  if (state_.shown[index] == shown) return;
+  state_.shown[index] = shown;
+  Changed();
+}
+
+void MessageWindowView::SetSize(int width, int height) {
+  if (state_.content.width == width && state_.content.height == height) return;
+  state_.content.width = width;
+  state_.content.height = height;
+  Changed();
+}
+
+void MessageWindowView::ScrollToLine(int line) {
+  if (line < 0) return;
+  scrollLine_ = line;
+  Changed();
+}
+
+void MessageWindowView::Close() {
+  if (!window_) return;
+  Window* window = window_;
+  window_ = nullptr;
+  window->CloseDialog(id_);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Window: set-up and pages
+
+Window::Window(platform::TaskLoop& loop) : loop_(loop), uiThread_(std::this_thread::get_id()) {
+  shell_.SetObserver([this] { ScheduleFlush(); });
+  aboutText_ = DefaultAboutText();
+  shellEvents_.OnClick("menu-about",
+                       [this](const Event&) { OpenBox(aboutText_, "About TavroTest", kMbOk, {}); });
+  shellEvents_.OnClick("menu-close", [this](const Event&) {
+    if (onClose_) {
+      onClose_();
+    } else {
+      loop_.Quit(kIdCancel);
+    }
+  });
+}
+
+Window::~Window() {
+  Shutdown();
+  for (auto& [id, dialog] : dialogs_) {
+    if (dialog.view) dialog.view->window_ = nullptr;
+  }
+}
+
+int Window::AddPage(const std::string& tabTitle, HtmlPage& page) {
+  const int index = static_cast<int>(pages_.size());
+  pages_.push_back(Page{tabTitle, &page});
+  page.Doc().SetObserver([this] { ScheduleFlush(); });
+  for (auto& [id, client] : clients_) {
+    SendTabs(client);
+    client.connection->Send(std::make_shared<const std::string>(
+        protocol::EncodeDoc(index, page.Doc().Snapshot(), true)));
+  }
+  return index;
+}
+
+bool Window::PageShown(int index) const {
+  return index >= 0 && index < PageCount() && pages_[index].shownBy > 0;
+}
+
+Document* Window::DocOf(int page) {
+  if (page == kShellPage) return &shell_;
+  if (page >= 0 && page < PageCount()) return &pages_[page].page->Doc();
+  return nullptr;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Pushing state to browsers
+
+void Window::ScheduleFlush() {
+  if (flushPosted_) return;
+  flushPosted_ = true;
+  loop_.Post([this] { Flush(); });
+}
+
+void Window::Broadcast(const std::string& message) {
+  if (clients_.empty()) return;
+  const auto shared = std::make_shared<const std::string>(message);
+  for (auto& [id, client] : clients_)
+    client.connection->Send(shared);
+}
+
+void Window::Flush() {
+  flushPosted_ = false;
+  for (int page = kShellPage; page < PageCount(); ++page) {
+    Document& doc = *DocOf(page);
+    if (!doc.Dirty()) continue;
+    const DocumentDelta delta = doc.TakeChanges();
+    if (!delta.Empty()) Broadcast(protocol::EncodeDoc(page, delta, false));
+  }
+  for (const int id : dirtyWindows_) {
+    const auto it = dialogs_.find(id);
+    if (it == dialogs_.end() || !it->second.view) continue;
+    MessageWindowView& v = *it->second.view;
+    Broadcast(protocol::EncodeMessageWindow(id, v.state_.content, v.state_.progress,
+                                            v.state_.enabled, v.state_.shown, v.scrollLine_));
+    v.scrollLine_ = -1;
+  }
+  dirtyWindows_.clear();
+}
+
+void Window::SendTabs(Client& client) {
+  std::vector<protocol::TabInfo> tabs;
+  for (const Page& p : pages_) {
+    tabs.push_back(
+        {p.title, p.page->DocumentPath(), p.page->Events().Rows(), p.page->Doc().ScrollWatched()});
+  }
+  client.connection->Send(std::make_shared<const std::string>(protocol::EncodeTabs(tabs)));
+}
+
+void Window::SendFullState(Client& client) {
+  auto send = [&](std::string m) {
+    client.connection->Send(std::make_shared<const std::string>(std::move(m)));
+  };
+  SendTabs(client);
+  for (int page = kShellPage; page < PageCount(); ++page) {
+    send(protocol::EncodeDoc(page, DocOf(page)->Snapshot(), true));
+  }
+  for (const auto& [id, dialog] : dialogs_) {
+    if (dialog.view) {
+      const auto& s = dialog.view->state_;
+      send(protocol::EncodeMessageWindow(id, s.content, s.progress, s.enabled, s.shown, -1));
+    } else {
+      send(dialog.message);
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Browsers coming, talking and going
+
+Window::ClientId Window::Attach(std::shared_ptr<Connection> connection) {
+  const ClientId id = nextClient_++;
+  loop_.Post([this, id, connection = std::move(connection)]() mutable {
+    Client& client = clients_[id];
+    client.connection = std::move(connection);
+    SendFullState(client);
+  });
+  return id;
+}
+
+void Window::Detach(ClientId client) {
+  loop_.Post([this, client] {
+    const auto it = clients_.find(client);
+    if (it == clients_.end()) return;
+    HandleShown(client, -1);
+    clients_.erase(it);
+  });
+}
+
+void Window::Receive(ClientId client, std::string text) {
+  if (text.size() > kMaxMessage) {
+    UI_LOG("UI message of %zu bytes refused\r\n", text.size());
+    return;
+  }
+  std::string error;
+  std::optional<protocol::Incoming> in = protocol::Decode(text, error);
+  if (!in) {
+    UI_LOG("UI message dropped: %s\r\n", error.c_str());
+    return;
+  }
+  loop_.Post([this, client, in = std::move(*in)] { Handle(client, in); });
+}
+
+void Window::Handle(ClientId client, const protocol::Incoming& in) {
+  using K = protocol::Incoming::Kind;
+  switch (in.kind) {
+    case K::kEvent:
+      HandleEvent(in);
+      return;
+    case K::kAnswer:
+      HandleAnswer(in);
+      return;
+    case K::kShown:
+      if (in.page < -1 || in.page >= PageCount()) {
+        UI_LOG("UI: shown for unknown page %d\r\n", in.page);
+        return;
+      }
+      HandleShown(client, in.page);
+      return;
+    case K::kLoaded:
+      if (in.page < 0 || in.page >= PageCount()) {
+        if (in.page != kShellPage) UI_LOG("UI: loaded for unknown page %d\r\n", in.page);
+        return;
+      }
+      if (!pages_[in.page].loaded) {
+        pages_[in.page].loaded = true;
+        pages_[in.page].page->OnDocumentComplete();
+      }
+      return;
+    case K::kScroll: {
+      Document* doc = DocOf(in.page);
+      const auto* watched = doc ? &doc->ScrollWatched() : nullptr;
+      if (!watched || std::find(watched->begin(), watched->end(), in.id) == watched->end()) {
+        UI_LOG("UI: scroll report for unknown element %d/%s\r\n", in.page, in.id.c_str());
+        return;
+      }
+      doc->TakeScrollReport(in.id, in.scroll);
+      return;
+    }
+  }
+}
+
+void Window::HandleEvent(const protocol::Incoming& in) {
+  Document* doc = DocOf(in.page);
+  if (!doc) {
+    UI_LOG("UI: event for unknown page %d\r\n", in.page);
+    return;
+  }
+  const EventTable& table = in.page == kShellPage ? shellEvents_ : pages_[in.page].page->Events();
+  if (!table.Has(in.id, in.eventKind)) {
+    UI_LOG("UI: no %s handler for %d/%s\r\n", EventKindName(in.eventKind), in.page, in.id.c_str());
+    return;
+  }
+  doc->TakeBrowserValue(in.id, in.value, in.checked);
+  table.Dispatch(Event{in.page, in.id, in.eventKind, in.value, in.checked});
+}
+
+void Window::HandleShown(ClientId client, int page) {
+  const auto it = clients_.find(client);
+  if (it == clients_.end()) return;
+  const int before = it->second.shownPage;
+  if (before == page) return;
+  it->second.shownPage = page;
+  if (before >= 0 && before < PageCount() && --pages_[before].shownBy == 0) {
+    pages_[before].page->OnShowWindow(false);
+  }
+  if (page >= 0 && ++pages_[page].shownBy == 1) pages_[page].page->OnShowWindow(true);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Dialogs
+
+int Window::CautiousAnswer(unsigned style) {
+  switch (style & 0xF) {
+    case kMbOkCancel:
+      return kIdCancel;
+    case kMbYesNo:
+      return kIdNo;
+    default:
+      return kIdOk;
+  }
+}
+
+bool Window::OnUiThread() {
+  return std::this_thread::get_id() == uiThread_ || loop_.OnLoopThread();
+}
+
+int Window::OpenBox(const std::string& text, const std::string& title, unsigned style,
+                    std::function<void(int)> done) {
+  const int id = nextDialog_++;
+  OpenDialog& d = dialogs_[id];
+  d.kind = DialogKind::kBox;
+  d.style = style;
+  d.message = protocol::EncodeBox(id, text, title, style);
+  d.done = [done = std::move(done)](int result, int) {
+    if (done) done(result);
+  };
+  Broadcast(d.message);
+  return id;
+}
+
+int Window::OpenChoice(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done) {
+  const int id = nextDialog_++;
+  OpenDialog& d = dialogs_[id];
+  d.kind = DialogKind::kChoice;
+  d.options = static_cast<int>(dialog.options.size());
+  d.initial = dialog.initial;
+  d.message = protocol::EncodeChoice(id, dialog);
+  d.done = [done = std::move(done)](int result, int choice) {
+    if (done) done({result, choice});
+  };
+  Broadcast(d.message);
+  return id;
+}
+
+void Window::ShowBoxAsync(const std::string& text, const std::string& title, unsigned style,
+                          std::function<void(int)> done) {
+  EchoToStderr(text, title);
+  OpenBox(text, title, style, std::move(done));
+}
+
+void Window::ShowChoiceAsync(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done) {
+  OpenChoice(dialog, std::move(done));
+}
+
+std::shared_ptr<MessageWindowView> Window::OpenMessageWindow(const MessageWindowContent& content,
+                                                             std::function<void(int)> onButton) {
+  const int id = nextDialog_++;
+  std::shared_ptr<MessageWindowView> view(new MessageWindowView(this, id, content));
+  OpenDialog& d = dialogs_[id];
+  d.kind = DialogKind::kWindow;
+  d.view = view;
+  d.done = [onButton = std::move(onButton)](int result, int) {
+    if (onButton) onButton(result);
+  };
+  const auto& s = view->state_;
+  Broadcast(protocol::EncodeMessageWindow(id, s.content, s.progress, s.enabled, s.shown, -1));
+  return view;
+}
+
+void Window::CloseDialog(int id) {
+  if (dialogs_.erase(id) == 0) return;
+  dirtyWindows_.erase(id);
+  Broadcast(protocol::EncodeCloseDialog(id));
+}
+
+void Window::HandleAnswer(const protocol::Incoming& in) {
+  const auto it = dialogs_.find(in.dialog);
+  if (it == dialogs_.end()) {
+    // Two browsers may answer the same box; the second finds it closed.
+    UI_LOG("UI: answer %d to dialog %d, which is not open\r\n", in.result, in.dialog);
+    return;
+  }
+  OpenDialog& d = it->second;
+  bool valid = false;
+  int choice = 0;
+  switch (d.kind) {
+    case DialogKind::kBox: {
+      const unsigned buttons = d.style & 0xF;
+      valid = buttons == kMbOkCancel ? (in.result == kIdOk || in.result == kIdCancel)
+              : buttons == kMbYesNo  ? (in.result == kIdYes || in.result == kIdNo)
+                                     : in.result == kIdOk;
+      break;
+    }
+    case DialogKind::kChoice:
+      valid =
+          (in.result == kIdOk && in.choice >= 0 && in.choice < d.options) || in.result == kIdCancel;
+      choice = in.result == kIdOk ? in.choice : d.initial;
+      break;
+    case DialogKind::kWindow: {
+      const auto& s = d.view->state_;
+      const int count = static_cast<int>(s.content.buttons.size());
+      valid = (in.result == kWindowClosed && s.content.closeBox) ||
+              (in.result >= 0 && in.result < count && s.enabled[in.result] && s.shown[in.result]);
+      break;
+    }
+  }
+  if (!valid) {
+    UI_LOG("UI: answer %d/%d refused for dialog %d\r\n", in.result, in.choice, in.dialog);
+    return;
+  }
+  if (d.kind == DialogKind::kWindow) {
+    // A message window stays open; its owner decides what a click means.
+    const auto done = d.done;
+    done(in.result, 0);
+    return;
+  }
+  const auto done = std::move(d.done);
+  dialogs_.erase(it);
+  Broadcast(protocol::EncodeCloseDialog(in.dialog));
+  done(in.result, choice);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Blocking callers
+
+void Window::Resolve(const std::shared_ptr<Waiter>& waiter, ChoiceResult answer) {
+  {
+    std::lock_guard lock(waitMutex_);
+    if (waiter->done) return;
+    waiter->done = true;
+    waiter->answer = answer;
+  }
+  platform::Clock::Current().NotifyAll();
+}
+
+ChoiceResult Window::WaitForAnswer(ChoiceResult cautious, std::function<void(Answer)> open) {
+  auto waiter = std::make_shared<Waiter>();
+  waiter->cautious = cautious;
+  {
+    std::lock_guard lock(waitMutex_);
+    if (shutDown_) return cautious;
+    waiters_.insert(waiter);
+  }
+  const bool posted = loop_.Post([this, waiter, open = std::move(open)] {
+    open([this, waiter](ChoiceResult answer) { Resolve(waiter, answer); });
+  });
+  if (!posted) Resolve(waiter, cautious);
+  std::unique_lock lock(waitMutex_);
+  platform::Clock::Current().WaitUntil(lock, platform::kNever, [&] { return waiter->done; });
+  waiters_.erase(waiter);
+  return waiter->answer;
+}
+
+void Window::Shutdown() {
+  {
+    std::lock_guard lock(waitMutex_);
+    shutDown_ = true;
+    for (const auto& w : waiters_) {
+      if (w->done) continue;
+      w->done = true;
+      w->answer = w->cautious;
+    }
+  }
+  platform::Clock::Current().NotifyAll();
+}
+
+int Window::Show(const std::string& text, const std::string& title, unsigned style) {
+  const int cautious = CautiousAnswer(style);
+  if (OnUiThread()) {
+    OpenBox(text, title, style, {});
+    return cautious;
+  }
+  return WaitForAnswer({cautious, 0},
+                       [this, text, title, style](Answer answer) {
+                         OpenBox(text, title, style, [answer](int r) { answer({r, 0}); });
+                       })
+      .result;
+}
+
+ChoiceResult Window::ShowChoice(const ChoiceDialog& dialog) {
+  const ChoiceResult cautious{kIdCancel, dialog.initial};
+  if (OnUiThread()) {
+    OpenChoice(dialog, {});
+    return cautious;
+  }
+  return WaitForAnswer(cautious, [this, dialog](Answer answer) {
+    OpenChoice(dialog, [answer](ChoiceResult r) { answer(r); });
+  });
+}
+
+}  // namespace ui

@@ -1,0 +1,236 @@
+// The program's window as the web server shows it: the shell (title, tab strip, menu, dialogs)
+// and one HTML page per tab. It owns nothing that the browsers hold; it is the C++ side that
+// every connected browser mirrors.
+//
+// Threads. Pages, documents, event dispatch and the opening of dialogs belong to the UI thread
+// (the thread that runs the TaskLoop; the window must be made on that thread). The web server's
+// I/O thread hands in browsers and their messages through Attach / Receive / Detach, which only
+// parse and post to the loop. Message boxes and choice dialogs may be asked from any thread: a
+// worker blocks until a browser answers; the UI thread never blocks (see Show).
+//
+// The window must outlive the loop's Run and the server.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/TaskLoop.h"
+#include "ui/Dialogs.h"
+#include "ui/Document.h"
+#include "ui/Events.h"
+#include "ui/MessageBox.h"
+
+namespace ui {
+
+namespace protocol {
+struct Incoming;
+}
+
+// One browser as the server hands it over: a way to send it text. Thread-safe; sending to a
+// browser that has gone does nothing.
+class Connection {
+ public:
+  virtual ~Connection() = default;
+  virtual void Send(std::shared_ptr<const std::string> message) = 0;
+};
+
+// What the window needs of a tab page: its document model, its event table, its HTML document's
+// path on the server, and two notices. Page classes derive from it.
+class HtmlPage {
+ public:
+  explicit HtmlPage(std::string documentPath) : path_(std::move(documentPath)) {}
+  virtual ~HtmlPage() = default;
+  HtmlPage(const HtmlPage&) = delete;
+  HtmlPage& operator=(const HtmlPage&) = delete;
+
+  Document& Doc() { return doc_; }
+  EventTable& Events() { return events_; }
+  const std::string& DocumentPath() const { return path_; }
+
+  // The first browser has loaded the page's HTML (once per run): the moment to push the fields
+  // that were set while no document was there.
+  virtual void OnDocumentComplete() {}
+  // Some browser shows the page now (true), or none does any more (false).
+  virtual void OnShowWindow(bool /*shown*/) {}
+
+ private:
+  std::string path_;
+  Document doc_;
+  EventTable events_;
+};
+
+class Window;
+
+// The UI thread's handle on an open message window. Every setter sends only what changed; the
+// changes go out with the next batch of document changes. Calls after Close do nothing.
+class MessageWindowView {
+ public:
+  void SetTitle(const std::string& title);
+  void SetText(const std::string& text);
+  void SetProgress(int position);  // 0 to kProgressMax
+  void EnableButton(int index, bool enabled);
+  void ShowButton(int index, bool shown);
+  void SetSize(int width, int height);
+  // Scrolls the text so that `line` (from 0) can be seen; sent once, not kept as state.
+  void ScrollToLine(int line);
+  // Takes the window off every browser. The button callback is not called.
+  void Close();
+  bool IsOpen() const { return window_ != nullptr; }
+  int Id() const { return id_; }
+
+ private:
+  friend class Window;
+  struct State {
+    MessageWindowContent content;
+    int progress = 0;
+    std::vector<bool> enabled;
+    std::vector<bool> shown;
+  };
+  MessageWindowView(Window* window, int id, MessageWindowContent content);
+  void Changed();
+
+  Window* window_;
+  int id_;
+  State state_;
+  int scrollLine_ = -1;  // pending ScrollToLine, -1: none
+};
+
+class Window : public MessageBoxPresenter {
+ public:
+  using ClientId = std::uint64_t;
+  // Larger messages from a browser are refused (the server closes such a connection).
+  static constexpr std::size_t kMaxMessage = 64 * 1024;
+
+  explicit Window(platform::TaskLoop& loop);
+  ~Window() override;
+  Window(const Window&) = delete;
+  Window& operator=(const Window&) = delete;
+
+  // --- UI thread ---
+  // Adds a tab; returns its index. Pages are added before the browsers matter (in the dialog's
+  // creation); a browser that is already there is told the new tab list.
+  int AddPage(const std::string& tabTitle, HtmlPage& page);
+  int PageCount() const { return static_cast<int>(pages_.size()); }
+  // The shell's document: element "title" is the window title; "menu-about" and "menu-close"
+  // are the menu items (hide one with Shell().Show(id, false)).
+  Document& Shell() { return shell_; }
+  EventTable& ShellEvents() { return shellEvents_; }
+  void SetTitle(const std::string& title) { shell_.SetText("title", title); }
+  // Runs when a browser picks Close in the menu. Without one, the loop quits with kIdCancel.
+  void SetCloseHandler(std::function<void()> handler) { onClose_ = std::move(handler); }
+  // The about box's text (the menu item shows it in an OK box titled "About TavroTest").
+  void SetAboutText(const std::string& text) { aboutText_ = text; }
+  // Whether some browser shows page `index` now.
+  bool PageShown(int index) const;
+
+  // Opens a message box without waiting; `done` (may be empty) runs on the UI thread with the
+  // answer. Writes the text to stderr, as every box does.
+  void ShowBoxAsync(const std::string& text, const std::string& title, unsigned style,
+                    std::function<void(int)> done);
+  void ShowChoiceAsync(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done);
+  // Opens a message window; `onButton` runs on the UI thread with a button's index for each
+  // click (the window stays open: the caller decides whether a click ends it) or kWindowClosed
+  // for the close box.
+  std::shared_ptr<MessageWindowView> OpenMessageWindow(const MessageWindowContent& content,
+                                                       std::function<void(int)> onButton);
+
+  // --- Any thread ---
+  // The message box presenter. On a worker thread it blocks until a browser answers (a browser
+  // that goes away leaves the box for the next one). On the UI thread it cannot wait, as the
+  // loop would stop: the box is opened as with ShowBoxAsync and the call returns at once with
+  // the cautious answer (OK for a notice, Cancel or No for a question). UI code that needs the
+  // answer uses ShowBoxAsync.
+  int Show(const std::string& text, const std::string& title, unsigned style) override;
+  // A choice dialog, with the same rules: a worker blocks; on the UI thread it returns Cancel at
+  // once and leaves the dialog open.
+  ChoiceResult ShowChoice(const ChoiceDialog& dialog);
+  // Ends every wait: each blocked caller gets the cautious answer, and later calls return it at
+  // once. For the end of the run (after the loop's Run returned).
+  void Shutdown();
+
+  // --- Transport (the server's I/O thread, or a test) ---
+  ClientId Attach(std::shared_ptr<Connection> connection);
+  void Receive(ClientId client, std::string text);
+  void Detach(ClientId client);
+
+ private:
+  friend class MessageWindowView;
+  struct Page {
+    std::string title;
+    HtmlPage* page;
+    bool loaded = false;
+    int shownBy = 0;  // browsers that show it
+  };
+  struct Client {
+    std::shared_ptr<Connection> connection;
+    int shownPage = -1;
+  };
+  enum class DialogKind { kBox, kChoice, kWindow };
+  struct OpenDialog {
+    DialogKind kind;
+    unsigned style = 0;   // kBox
+    int options = 0;      // kChoice
+    int initial = 0;      // kChoice
+    std::string message;  // what a browser that connects is sent (boxes and choices)
+    std::function<void(int result, int choice)> done;
+    std::shared_ptr<MessageWindowView> view;  // kWindow
+  };
+  struct Waiter {
+    bool done = false;
+    ChoiceResult answer;
+    ChoiceResult cautious;  // what Shutdown answers
+  };
+  using Answer = std::function<void(ChoiceResult)>;
+
+  bool OnUiThread();
+  int OpenBox(const std::string& text, const std::string& title, unsigned style,
+              std::function<void(int)> done);
+  int OpenChoice(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done);
+  // Blocks a worker until the dialog that `open` opens (on the UI thread, handing it the
+  // completion) is answered, or until Shutdown.
+  ChoiceResult WaitForAnswer(ChoiceResult cautious, std::function<void(Answer)> open);
+  void Resolve(const std::shared_ptr<Waiter>& waiter, ChoiceResult answer);
+  void Handle(ClientId client, const protocol::Incoming& in);
+  void HandleEvent(const protocol::Incoming& in);
+  void HandleAnswer(const protocol::Incoming& in);
+  void HandleShown(ClientId client, int page);
+  void SendFullState(Client& client);
+  void SendTabs(Client& client);
+  void Broadcast(const std::string& message);
+  void ScheduleFlush();
+  void Flush();
+  void CloseDialog(int id);
+  Document* DocOf(int page);
+  static int CautiousAnswer(unsigned style);
+
+  platform::TaskLoop& loop_;
+  const std::thread::id uiThread_;
+  std::atomic<ClientId> nextClient_{1};
+
+  // UI thread only.
+  Document shell_;
+  EventTable shellEvents_;
+  std::vector<Page> pages_;
+  std::map<ClientId, Client> clients_;
+  std::map<int, OpenDialog> dialogs_;
+  std::set<int> dirtyWindows_;
+  int nextDialog_ = 1;
+  bool flushPosted_ = false;
+  std::function<void()> onClose_;
+  std::string aboutText_;
+
+  // Blocked callers; guarded by waitMutex_.
+  std::mutex waitMutex_;
+  std::set<std::shared_ptr<Waiter>> waiters_;
+  bool shutDown_ = false;
+};
+
+}  // namespace ui

@@ -12,15 +12,18 @@ bool TaskLoop::Post(Task task) {
   return true;
 }
 
-void TaskLoop::SetTimer(unsigned id, Duration period, TimerHandler handler) {
+bool TaskLoop::SetTimer(unsigned id, Duration period, TimerHandler handler) {
+  if (id == 0 || period < std::chrono::milliseconds(1)) return false;
   Clock& clock = Clock::Current();
   const TimePoint due = clock.Deadline(period);
   {
     std::lock_guard lock(mutex_);
+    if (ended_) return false;
     timers_[id] = Timer{period, due, std::move(handler)};
     ++timerChanges_;
   }
   clock.NotifyAll();
+  return true;
 }
 
 void TaskLoop::KillTimer(unsigned id) {
@@ -58,16 +61,43 @@ unsigned TaskLoop::DueTimer(TimePoint now, TimePoint& next) {
 }
 
 int TaskLoop::Run() {
+  Loop(nullptr);
+  std::lock_guard lock(mutex_);
+  ended_ = true;
+  tasks_.clear();
+  return quitCode_;
+}
+
+bool TaskLoop::RunUntil(const std::function<bool()>& done) {
+  {
+    std::lock_guard lock(mutex_);
+    if (running_) return false;
+  }
+  if (Loop(&done)) return true;
+  std::lock_guard lock(mutex_);
+  ended_ = true;
+  tasks_.clear();
+  return false;
+}
+
+bool TaskLoop::Running() {
+  std::lock_guard lock(mutex_);
+  return running_;
+}
+
+bool TaskLoop::Loop(const std::function<bool()>* done) {
   Clock& clock = Clock::Current();
   std::unique_lock lock(mutex_);
   running_ = true;
   loopThread_ = std::this_thread::get_id();
-  while (!quit_) {
+  bool finished = done != nullptr && (*done)();
+  while (!quit_ && !finished) {
     if (!tasks_.empty()) {
       Task task = std::move(tasks_.front());
       tasks_.pop_front();
       lock.unlock();
       task();
+      finished = done != nullptr && (*done)();
       lock.lock();
       continue;
     }
@@ -81,6 +111,7 @@ int TaskLoop::Run() {
       TimerHandler handler = timer.handler;
       lock.unlock();
       handler(id);
+      finished = done != nullptr && (*done)();
       lock.lock();
       continue;
     }
@@ -88,9 +119,7 @@ int TaskLoop::Run() {
     clock.WaitUntil(lock, next, [&] { return quit_ || !tasks_.empty() || timerChanges_ != seen; });
   }
   running_ = false;
-  ended_ = true;
-  tasks_.clear();
-  return quitCode_;
+  return finished;
 }
 
 }  // namespace platform

@@ -31,11 +31,19 @@ class TaskLoop {
   bool Post(Task task);
 
   // Starts or restarts timer `id` (ids are 1 and up); its first tick comes one period from now.
-  void SetTimer(unsigned id, Duration period, TimerHandler handler);
+  // False, and no timer, for id 0, a period below 1 ms, or a loop that has ended.
+  bool SetTimer(unsigned id, Duration period, TimerHandler handler);
   void KillTimer(unsigned id);
 
   // Runs tasks and timers on the calling thread until Quit; returns Quit's code.
   int Run();
+  // Runs tasks and timers, as Run does, until `done` holds after a task or a tick (true), or
+  // until Quit (false; a later Run then returns at once). For a modal wait on the loop's own
+  // thread before the loop proper runs, such as a message box at start-up; not while Run or
+  // another RunUntil is under way on this loop (returns false at once).
+  bool RunUntil(const std::function<bool()>& done);
+  // True while Run or RunUntil is under way.
+  bool Running();
   // Ends Run after the task under way; callable from any thread.
   void Quit(int code);
 
@@ -50,6 +58,8 @@ class TaskLoop {
   };
   // The next timer to fire at `now`, or 0 when none is due; the earliest due time goes to `next`.
   unsigned DueTimer(TimePoint now, TimePoint& next);
+  // The loop of Run and RunUntil; `done` may be null. Returns true when `done` ended it.
+  bool Loop(const std::function<bool()>* done);
 
   std::mutex mutex_;
   std::deque<Task> tasks_;

@@ -1,6 +1,7 @@
 #include "ui/Window.h"
 
 #include <algorithm>
+#include <optional>
 
 #include "config/ErrorLog.h"
 #include "ui/Protocol.h"
@@ -467,8 +468,15 @@ void Window::Shutdown() {
 int Window::Show(const std::string& text, const std::string& title, unsigned style) {
   const int cautious = CautiousAnswer(style);
   if (OnUiThread()) {
-    OpenBox(text, title, style, {});
-    return cautious;
+    if (loop_.Running()) {
+      OpenBox(text, title, style, {});
+      return cautious;
+    }
+    // Before the loop runs (start-up): wait modally, serving the loop until a browser answers.
+    std::optional<int> answer;
+    OpenBox(text, title, style, [&answer](int r) { answer = r; });
+    loop_.RunUntil([&answer] { return answer.has_value(); });
+    return answer.value_or(cautious);
   }
   return WaitForAnswer({cautious, 0},
                        [this, text, title, style](Answer answer) {
@@ -480,8 +488,14 @@ int Window::Show(const std::string& text, const std::string& title, unsigned sty
 ChoiceResult Window::ShowChoice(const ChoiceDialog& dialog) {
   const ChoiceResult cautious{kIdCancel, dialog.initial};
   if (OnUiThread()) {
-    OpenChoice(dialog, {});
-    return cautious;
+    if (loop_.Running()) {
+      OpenChoice(dialog, {});
+      return cautious;
+    }
+    std::optional<ChoiceResult> answer;
+    OpenChoice(dialog, [&answer](ChoiceResult r) { answer = r; });
+    loop_.RunUntil([&answer] { return answer.has_value(); });
+    return answer.value_or(cautious);
   }
   return WaitForAnswer(cautious, [this, dialog](Answer answer) {
     OpenChoice(dialog, [answer](ChoiceResult r) { answer(r); });

@@ -144,13 +144,15 @@ class Window : public MessageBoxPresenter {
 
   // --- Any thread ---
   // The message box presenter. On a worker thread it blocks until a browser answers (a browser
-  // that goes away leaves the box for the next one). On the UI thread it cannot wait, as the
-  // loop would stop: the box is opened as with ShowBoxAsync and the call returns at once with
-  // the cautious answer (OK for a notice, Cancel or No for a question). UI code that needs the
-  // answer uses ShowBoxAsync.
+  // that goes away leaves the box for the next one). On the UI thread before the loop runs
+  // (start-up), it waits modally: it serves the loop until a browser answers, or returns the
+  // cautious answer when the loop is told to quit (SIGINT, SIGTERM). Inside the running loop it
+  // cannot wait without stopping every timer: the box is opened as with ShowBoxAsync and the call
+  // returns at once with the cautious answer (OK for a notice, Cancel or No for a question). UI
+  // code that needs the answer there uses ShowBoxAsync.
   int Show(const std::string& text, const std::string& title, unsigned style) override;
-  // A choice dialog, with the same rules: a worker blocks; on the UI thread it returns Cancel at
-  // once and leaves the dialog open.
+  // A choice dialog, with the same rules: a worker blocks, start-up waits modally, and inside the
+  // running loop it returns Cancel at once and leaves the dialog open.
   ChoiceResult ShowChoice(const ChoiceDialog& dialog);
   // Ends every wait: each blocked caller gets the cautious answer, and later calls return it at
   // once. For the end of the run (after the loop's Run returned).

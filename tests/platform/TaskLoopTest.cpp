@@ -49,6 +49,38 @@ TEST_F(TaskLoopTest, FourTimersTickAtTheirRatesAndInIdOrderWhenDueTogether) {
   EXPECT_EQ(atOneSecond, (std::vector<unsigned>{1, 2, 3, 4}));
 }
 
+TEST_F(TaskLoopTest, RunUntilServesTheLoopForAModalWaitAndLeavesItUsable) {
+  int ticks = 0;
+  EXPECT_TRUE(loop.SetTimer(1, milliseconds(20), [&](unsigned) { ++ticks; }));
+  EXPECT_TRUE(loop.RunUntil([&] { return ticks == 3; }));
+  EXPECT_EQ(ElapsedMs(), 60);
+  EXPECT_FALSE(loop.Running());
+  EXPECT_TRUE(loop.RunUntil([] { return true; })) << "a wait already over returns at once";
+  EXPECT_EQ(ElapsedMs(), 60);
+
+  // The loop proper runs afterwards; a nested modal wait inside it is refused.
+  bool nested = true;
+  loop.Post([&] {
+    nested = loop.RunUntil([] { return false; });
+    loop.Quit(4);
+  });
+  EXPECT_EQ(loop.Run(), 4);
+  EXPECT_FALSE(nested);
+}
+
+TEST_F(TaskLoopTest, AQuitDuringAModalWaitEndsTheLoopForGood) {
+  loop.SetTimer(1, milliseconds(20), [&](unsigned) { loop.Quit(9); });
+  EXPECT_FALSE(loop.RunUntil([] { return false; }));
+  EXPECT_EQ(loop.Run(), 9);
+  EXPECT_FALSE(loop.Post([] {}));
+  EXPECT_FALSE(loop.SetTimer(2, milliseconds(20), [](unsigned) {}));
+}
+
+TEST_F(TaskLoopTest, TimersNeedAnIdAndAPeriod) {
+  EXPECT_FALSE(loop.SetTimer(0, milliseconds(20), [](unsigned) {}));
+  EXPECT_FALSE(loop.SetTimer(1, milliseconds(0), [](unsigned) {}));
+}
+
 TEST_F(TaskLoopTest, PostedTasksRunFirstAndInOrder) {
   std::string order;
   loop.SetTimer(1, milliseconds(10), [&](unsigned) {

@@ -197,5 +197,39 @@ TEST_F(DialogTest, AMessageWindowSendsItsChangesBatchedAndReportsClicksWithoutCl
   EXPECT_FALSE(view->IsOpen());
 }
 
+// Start-up: the window exists but the loop does not run yet. A box on the UI thread then waits
+// modally, serving the loop, so that a browser can answer it; a quit (SIGINT) ends the wait.
+TEST(StartUpBoxTest, WaitsOnTheUiThreadUntilABrowserAnswersOrTheRunIsEnded) {
+  platform::VirtualClock clock;
+  platform::ScopedClock scoped{clock};
+  platform::ClockParticipant self{clock};
+  LogRecorder log;
+  platform::TaskLoop loop;
+  ui::Window window(loop);
+  auto browser = std::make_shared<FakeBrowser>();
+
+  std::thread late = platform::ParticipantThread([&] {
+    clock.SleepFor(std::chrono::seconds(30));  // the user opens the page half a minute later
+    const auto id = window.Attach(browser);
+    const json box = browser->WaitFor("dialog");
+    EXPECT_EQ(box["text"], "Could not open the device.");
+    window.Receive(id, Answer(box["id"], ui::kIdOk).dump());
+  });
+  EXPECT_EQ(window.Show("Could not open the device.", "Error", ui::kMbOk | ui::kMbIconStop),
+            ui::kIdOk);
+  platform::Join(late);
+  EXPECT_FALSE(loop.Running());
+
+  const std::size_t seen = browser->Count();
+  std::thread signal = platform::ParticipantThread([&] {
+    browser->WaitFor("dialog", seen);
+    loop.Quit(ui::kIdCancel);
+  });
+  EXPECT_EQ(window.Show("Go on?", "TavroTest", ui::kMbYesNo), ui::kIdNo);
+  platform::Join(signal);
+  EXPECT_EQ(loop.Run(), ui::kIdCancel) << "the ended run does not start again";
+  window.Shutdown();
+}
+
 }  // namespace
 }  // namespace testing_support

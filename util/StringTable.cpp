@@ -9,7 +9,9 @@ namespace {
 // The table holds the texts the program shows by id. The link's message ids (19905 to 19913)
 // belong to a translated table this build does not carry, so their lookups fall back.
 const std::map<unsigned, std::string>& Table() {
-  static const std::map<unsigned, std::string> table = {};
+  static const std::map<unsigned, std::string> table = {
+      {101, "&About TavroTest..."},
+  };
   return table;
 }
 

@@ -108,4 +108,15 @@ bool EqualsNoCase(const std::string& a, const std::string& b) {
   return true;
 }
 
+void KeepLastCharacters(std::string& utf8, std::size_t count) {
+  // Walk back from the end over `count` lead bytes (continuation bytes are 10xxxxxx).
+  std::size_t at = utf8.size();
+  std::size_t kept = 0;
+  while (at > 0 && kept < count) {
+    --at;
+    if ((static_cast<unsigned char>(utf8[at]) & 0xC0) != 0x80) ++kept;
+  }
+  if (kept == count && at > 0) utf8.erase(0, at);
+}
+
 }  // namespace text

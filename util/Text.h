@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstddef>
 #include <string>
 
 namespace text {
@@ -16,6 +17,9 @@ std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2))
 std::string FormatV(const char* format, va_list args) __attribute__((format(printf, 1, 0)));
 // The same for a format that is only known at run time (from the string table).
 std::string FormatRuntime(const char* format, ...);
+
+// Cuts UTF-8 text to its last `count` characters (code points), never inside one.
+void KeepLastCharacters(std::string& utf8, std::size_t count);
 
 // Compares ASCII letters without regard to case.
 bool EqualsNoCase(const std::string& a, const std::string& b);

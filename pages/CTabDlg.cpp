@@ -1,0 +1,51 @@
+#include "pages/CTabDlg.h"
+
+#include "platform/WindowProbe.h"
+
+namespace {
+
+struct DocumentOfId {
+  std::uint32_t htmlId;
+  const char* path;
+};
+
+// The documents of the pages there are, by resource id.
+constexpr DocumentOfId kDocuments[] = {
+    {104, "/pages/BoardInformation.html"},
+    {105, "/pages/UsbSerial.html"},
+    {110, "/pages/V1BoardInformation.html"},
+    {113, "/pages/ManualVisionBoardInformation.html"},
+};
+
+}  // namespace
+
+std::string PageDocumentPath(std::uint32_t htmlId) {
+  for (const auto& d : kDocuments) {
+    if (d.htmlId == htmlId) return d.path;
+  }
+  return {};
+}
+
+CTabPage::CTabPage(std::uint32_t templateId, std::uint32_t htmlId, const BoardVersionInfo& version)
+    : ui::HtmlPage(PageDocumentPath(htmlId)),
+      versionInfo(version),
+      templateId_(templateId),
+      htmlId_(htmlId) {}
+
+void CTabPage::UpdateData() {
+  DataExchange dx(Doc());
+  DoDataExchange(dx);
+}
+
+bool CTabPage::UpdateWarning(std::uint32_t state) {
+  const bool running = platform::FindWindowOfClass(kMeasuringAppWindowClass);
+  return ShowWarning(running, state);
+}
+
+bool CTabPage::ShowWarning(bool running, std::uint32_t state) {
+  // The document model keeps the style even before a browser has loaded the page, so a banner
+  // raised on the first tick is there when the document arrives.
+  if (running && state == 0) Doc().SetDisplay("WarningLabel", "inline");
+  if (!running && state == 2) Doc().SetDisplay("WarningLabel", "none");
+  return running;
+}

@@ -1,0 +1,49 @@
+// Pages against the simulated board, in virtual time: a board of a profile, its controller, and
+// the document a page fills.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+#include "link/CTavroUsbManualVision.h"
+#include "link/CTavroUsbServo.h"
+#include "sim/Simulator.h"
+#include "tests/support/Recorders.h"
+
+namespace testing_support {
+
+class PageFixture : public LinkFixture {
+ protected:
+  void Start(const std::string& profile) {
+    board_ = std::make_unique<sim::Simulator>(sim::SimulatorOptions{
+        .profile = profile, .deviceDir = dir.Path(), .diagPeriod = platform::Duration::zero()});
+    std::string error;
+    ASSERT_TRUE(board_->Start(&error)) << error;
+    ASSERT_EQ(link_.Open(true, false), 0);
+    ASSERT_TRUE(link_.ReadBoardVersion(version_));
+    link_.SetReportErrors(false);
+  }
+  CTavroUsbServo& Servo() {
+    if (!servo_) servo_ = std::make_unique<CTavroUsbServo>(link_);
+    return *servo_;
+  }
+  CTavroUsbManualVision& Manual() {
+    if (!manual_) manual_ = std::make_unique<CTavroUsbManualVision>(link_);
+    return *manual_;
+  }
+  std::string Control(const std::string& line) {
+    const std::string answer = board_->Command(line);
+    EXPECT_EQ(answer.rfind("ok", 0), 0u) << line << " -> " << answer;
+    return answer;
+  }
+
+  std::unique_ptr<sim::Simulator> board_;
+  CTavroUsb link_;
+  BoardVersionInfo version_;
+  std::unique_ptr<CTavroUsbServo> servo_;
+  std::unique_ptr<CTavroUsbManualVision> manual_;
+};
+
+}  // namespace testing_support

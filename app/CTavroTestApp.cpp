@@ -1,32 +1,26 @@
 #include "app/CTavroTestApp.h"
 
-#include <cstdio>
-
+#include "app/CTavroTestDlg.h"
 #include "link/CTavroUsb.h"
 #include "link/CTavroUsbManualVision.h"
 #include "link/CTavroUsbServo.h"
 
-namespace {
-
-// Until the main window exists, start-up says how far it got and ends there.
-void ReportReached(const char* controller, const BoardVersionInfo& v) {
-  std::printf(
-      "TavroTest: board \"%s\" (firmware %.2f, protocol %u) opened with %s; the main "
-      "window is not available in this build.\n",
-      v.firmwareName.c_str(), static_cast<double>(v.firmwareVersion), v.protocolVersion,
-      controller);
-  std::fflush(stdout);
+template <class Dialog, class Controller>
+void CTavroTestApp::RunDialog(Controller& controller, const BoardVersionInfo& versionInfo) {
+  if (!frame_) return;
+  Dialog dialog(frame_->window, frame_->loop, &controller, versionInfo);
+  frame_->mainWindow = &dialog;
+  dialog.DoModal();  // its result is not looked at
+  frame_->mainWindow = nullptr;
 }
 
-}  // namespace
-
-void CTavroTestApp::RunServoDialog(CTavroUsbServo&, const BoardVersionInfo& versionInfo) {
-  ReportReached("CTavroUsbServo", versionInfo);
+void CTavroTestApp::RunServoDialog(CTavroUsbServo& servo, const BoardVersionInfo& versionInfo) {
+  RunDialog<CTavroTestDlg>(servo, versionInfo);
 }
 
-void CTavroTestApp::RunManualVisionDialog(CTavroUsbManualVision&,
+void CTavroTestApp::RunManualVisionDialog(CTavroUsbManualVision& manual,
                                           const BoardVersionInfo& versionInfo) {
-  ReportReached("CTavroUsbManualVision", versionInfo);
+  RunDialog<CTavroTestManualVisionDlg>(manual, versionInfo);
 }
 
 bool CTavroTestApp::InitInstance() {

@@ -9,9 +9,28 @@
 
 class CTavroUsbServo;
 class CTavroUsbManualVision;
+class CTavroTestDlgBase;
+
+namespace platform {
+class TaskLoop;
+}
+namespace ui {
+class Window;
+}
+
+// What the framework gives the application: the UI thread's loop and the window the browsers
+// show, both made before InitInstance so that a start-up failure's box reaches a browser.
+// `mainWindow` is the running main dialog (UI thread only), for the system's broadcasts.
+struct AppFrame {
+  platform::TaskLoop& loop;
+  ui::Window& window;
+  CTavroTestDlgBase* mainWindow = nullptr;
+};
 
 class CTavroTestApp {
  public:
+  // Without a frame the dialogs cannot run: InitInstance ends after the machine selection.
+  explicit CTavroTestApp(AppFrame* frame = nullptr) : frame_(frame) {}
   virtual ~CTavroTestApp() = default;
 
   bool InitInstance();
@@ -21,4 +40,10 @@ class CTavroTestApp {
   virtual void RunServoDialog(CTavroUsbServo& servo, const BoardVersionInfo& versionInfo);
   virtual void RunManualVisionDialog(CTavroUsbManualVision& manual,
                                      const BoardVersionInfo& versionInfo);
+
+ private:
+  template <class Dialog, class Controller>
+  void RunDialog(Controller& controller, const BoardVersionInfo& versionInfo);
+
+  AppFrame* frame_;
 };

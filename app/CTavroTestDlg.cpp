@@ -1,0 +1,237 @@
+#include "app/CTavroTestDlg.h"
+
+#include <algorithm>
+
+#include "link/CTavroUsbManualVision.h"
+#include "link/CTavroUsbServo.h"
+#include "pages/BoardInformation.h"
+#include "pages/UsbSerial.h"
+#include "platform/Clock.h"
+#include "ui/MessageBox.h"
+#include "util/StringTable.h"
+
+namespace {
+
+constexpr const char* kConnected = " : Connected";
+constexpr const char* kDisconnected = " : Disconnected";
+
+struct TimerPeriod {
+  unsigned id;
+  int milliseconds;
+};
+constexpr TimerPeriod kTimers[] = {{1, 20}, {2, 50}, {3, 200}, {4, 1000}};
+
+// The menu item without its keyboard mark ("&About" shows as "About").
+std::string MenuText(std::string text) {
+  text.erase(std::remove(text.begin(), text.end(), '&'), text.end());
+  return text;
+}
+
+template <class Page, class Controller>
+std::unique_ptr<CTabPage> Make(Controller* controller, const BoardVersionInfo& v) {
+  return std::make_unique<Page>(controller, v);
+}
+
+}  // namespace
+
+CTavroTestDlgBase::CTavroTestDlgBase(ui::Window& parent, platform::TaskLoop& uiLoop,
+                                     CTavroUsbController* link, const BoardVersionInfo& record)
+    : window(parent), loop(uiLoop), controller(link), versionInfo(record) {}
+
+CTavroTestDlgBase::~CTavroTestDlgBase() = default;
+
+int CTavroTestDlgBase::PageCount() const {
+  return static_cast<int>(
+      std::count_if(pages.begin(), pages.end(), [](const auto& p) { return p != nullptr; }));
+}
+
+int CTavroTestDlgBase::DoModal() {
+  if (OnCreate() != 0) return -1;
+  OnInitDialog();
+  const int result = loop.Run();
+  OnDestroy();
+  return result;
+}
+
+int CTavroTestDlgBase::OnCreate() {
+  std::vector<PageRow> rows = MakePages();
+  // The window of a page is its document; a page without one cannot be made.
+  for (const PageRow& row : rows) {
+    if (row.page->DocumentPath().empty()) return -1;
+  }
+  for (std::size_t i = 0; i < rows.size() && i < pages.size(); ++i) {
+    window.AddPage(rows[i].title, *rows[i].page);
+    pages[i] = std::move(rows[i].page);
+  }
+  // The browsers lay the tabs out and show the first; every page gets its first reset.
+  for (auto& page : pages) {
+    if (page) page->ResetPage(versionInfo);
+  }
+  return 0;
+}
+
+bool CTavroTestDlgBase::OnInitDialog() {
+  const std::string about = strings::Load(101);
+  if (!about.empty()) {
+    window.Shell().SetText("menu-about", MenuText(about));
+    window.ShellEvents().OnClick("menu-about",
+                                 [this](const ui::Event&) { OnSysCommand(kSysCommandAbout); });
+  } else {
+    window.Shell().Show("menu-about", false);
+  }
+  // The window's Close ends the modal run, as the dialog's cancel does.
+  window.SetCloseHandler([this] { loop.Quit(ui::kIdCancel); });
+
+  SetTitleSuffix(kConnected);
+  for (const TimerPeriod& t : kTimers) {
+    if (!loop.SetTimer(t.id, platform::Milliseconds(t.milliseconds),
+                       [this](unsigned id) { OnTimer(id); })) {
+      ui::MessageBox("SetTimer failed", "Error", ui::kMbOk | ui::kMbIconStop);
+      break;
+    }
+    timersStarted[t.id] = true;
+  }
+  return true;
+}
+
+void CTavroTestDlgBase::OnTimer(unsigned id) {
+  if (suspended) return;  // the timers go on firing and do nothing
+
+  bool tickPages = true;
+  if (id == PollTimer()) {
+    if (connected) {
+      bool wantCapture = false;
+      for (auto& page : pages) {
+        if (page && page->WantsCaptureData()) wantCapture = true;
+      }
+      if (!controller->PollStatus(status, wantCapture ? 1 : 0, 1)) {
+        // No page is told; they keep their last values, and the stale record stays.
+        connected = false;
+        SetTitleSuffix(kDisconnected);
+      }
+    }
+  } else if (id == 4) {
+    if (!connected) Reconnect();
+  } else if (id < 1 || id > 4) {
+    tickPages = false;
+  }
+
+  if (connected && tickPages) {
+    for (auto& page : pages) {
+      if (page) page->UpdatePage(id, status);
+    }
+  }
+  if (pages[0]) RunBanner();
+}
+
+// The link, as the dialog sees it: connected (" : Connected", polls, pages ticked) or
+// disconnected (" : Disconnected", no poll, no page ticks, a reopen once a second). A failed poll
+// leads from the first to the second; a reopen of the same kind of machine leads back.
+void CTavroTestDlgBase::Reconnect() {
+  if (controller->IsOpen()) return;
+  bool ok = false;
+  // Silently: the dialogs of a failed transfer belong to start-up only.
+  if (controller->Open(false, false) == 0) {
+    BoardVersionInfo fresh;
+    if (controller->ReadBoardVersion(fresh) && IsSameMachine(fresh)) {
+      versionInfo = fresh;
+      ok = true;
+    }
+  }
+  if (ok) {
+    connected = true;
+    SetTitleSuffix(kConnected);
+    for (auto& page : pages) {
+      if (page) page->ResetPage(versionInfo);
+    }
+  } else if (controller->IsOpen()) {
+    controller->Close();  // another machine, or half a start: the next attempt starts clean
+  }
+}
+
+// The banner's states, the same whether the link is up or not:
+//   0  no banner; the application was not seen
+//   1  banner up; the application was there on the last tick
+//   2  banner up; the application was missing on the last tick (one more miss takes it down)
+// A page raises the banner on the tick that leaves 0 and takes it down on the tick that leaves 2,
+// so a window that closes and reopens within two ticks keeps the banner up.
+void CTavroTestDlgBase::RunBanner() {
+  const bool running = pages[0]->UpdateWarning(warningState);
+  for (int tab = 1; tab < kMaxPages; ++tab) {
+    if (pages[tab]) pages[tab]->ShowWarning(running, warningState);
+  }
+  if (warningState == 0 && running) {
+    warningState = 1;
+  } else if (warningState == 1 && !running) {
+    warningState = 2;
+  } else if (warningState == 2 && !running) {
+    warningState = 0;
+  }
+}
+
+bool CTavroTestDlgBase::OnPowerBroadcast(unsigned event) {
+  if (controller->IsOpen()) {
+    if (event == kPowerSuspend) suspended = true;
+    if (event == kPowerResume) suspended = false;
+  }
+  return true;
+}
+
+void CTavroTestDlgBase::OnSysCommand(unsigned id) {
+  if ((id & 0xFFF0) == kSysCommandAbout) CAboutDlg(window).DoModal();
+}
+
+void CTavroTestDlgBase::OnDestroy() {
+  for (unsigned id = 4; id >= 1; --id) {
+    if (timersStarted[id]) loop.KillTimer(id);
+    timersStarted[id] = false;
+  }
+  window.SetCloseHandler(nullptr);
+}
+
+void CTavroTestDlgBase::SetTitleSuffix(const char* suffix) {
+  window.SetTitle(baseTitle + suffix);
+}
+
+CTavroTestDlg::CTavroTestDlg(ui::Window& parent, platform::TaskLoop& uiLoop, CTavroUsbServo* link,
+                             const BoardVersionInfo& record)
+    : CTavroTestDlgBase(parent, uiLoop, link, record), servo(link) {}
+
+bool CTavroTestDlg::IsSameMachine(const BoardVersionInfo& fresh) {
+  // Open has learnt the kind again from the board's name.
+  return fresh.isServo && servo->MachineKind() == machineKind;
+}
+
+std::vector<CTavroTestDlgBase::PageRow> CTavroTestDlg::MakePages() {
+  machineKind = servo->MachineKind();
+  std::vector<PageRow> rows;
+  if (machineKind == 2) {
+    rows.push_back({"Board Information", Make<CTabBoardInformationDlg>(servo, versionInfo)});
+    rows.push_back({"Diag Output", Make<CTabUsbSerialDlg>(servo, versionInfo)});
+  } else if (machineKind == 1) {
+    rows.push_back({"Board Information", Make<CTabV1BoardInformationDlg>(servo, versionInfo)});
+    rows.push_back({"Diag Output", Make<CTabUsbSerialDlg>(servo, versionInfo)});
+  }
+  return rows;
+}
+
+CTavroTestManualVisionDlg::CTavroTestManualVisionDlg(ui::Window& parent, platform::TaskLoop& uiLoop,
+                                                     CTavroUsbManualVision* link,
+                                                     const BoardVersionInfo& record)
+    : CTavroTestDlgBase(parent, uiLoop, link, record), manual(link) {}
+
+bool CTavroTestManualVisionDlg::IsSameMachine(const BoardVersionInfo& fresh) {
+  return !fresh.isServo && fresh.isManualVision;
+}
+
+std::vector<CTavroTestDlgBase::PageRow> CTavroTestManualVisionDlg::MakePages() {
+  std::vector<PageRow> rows;
+  rows.push_back(
+      {"Board Information", Make<CTabManualVisionBoardInformationDlg>(manual, versionInfo)});
+  rows.push_back({"Diag Output", Make<CTabManualVisionUsbSerialDlg>(manual, versionInfo)});
+  return rows;
+}
+
+void CAboutDlg::DoModal() {
+  window_.ShowBoxAsync("TavroTest, Version 1.0", "About TavroTest", ui::kMbOk, {});
+}

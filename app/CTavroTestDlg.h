@@ -1,0 +1,143 @@
+// The main dialogs: a tab host with up to seven pages, driven by four timers on the UI thread. On
+// its poll timer the dialog reads the board's status and hands it, on every tick of every timer,
+// to every page; it notices when the link drops and comes back, shows that in its title, and
+// runs the banner that warns while the measuring application runs.
+//
+// CTavroTestDlg (servo machines) and CTavroTestManualVisionDlg (manual vision) share the text of
+// CTavroTestDlgBase and differ by: the poll timer, the same-machine test on reconnection, and
+// the page families.
+//
+// All members run on the UI thread (the thread of the loop).
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "link/BoardRecords.h"
+#include "link/ControllerRecords.h"
+#include "pages/CTabDlg.h"
+#include "platform/TaskLoop.h"
+#include "ui/Window.h"
+
+class CTavroUsbController;
+class CTavroUsbServo;
+class CTavroUsbManualVision;
+
+// The power broadcast's events: the computer is about to sleep, and it woke again.
+inline constexpr unsigned kPowerSuspend = 4;
+inline constexpr unsigned kPowerResume = 7;
+// The system menu's about item.
+inline constexpr unsigned kSysCommandAbout = 16;
+
+inline constexpr int kMaxPages = 7;
+
+class CTavroTestDlgBase {
+ public:
+  virtual ~CTavroTestDlgBase();
+  CTavroTestDlgBase(const CTavroTestDlgBase&) = delete;
+  CTavroTestDlgBase& operator=(const CTavroTestDlgBase&) = delete;
+
+  // The modal run: creation, the loop until the window's Close or SIGINT/SIGTERM ends it, then
+  // the destruction of the window. Returns the loop's code, or -1 when creation failed.
+  int DoModal();
+
+  // The dialog's message handlers, in the order a run calls them. Public so that a test can run
+  // them one by one in virtual time.
+  // Makes the pages of the family and the tabs; -1 when a page has no document.
+  int OnCreate();
+  // Title, menu, and the four timers; a timer that cannot start shows "SetTimer failed".
+  bool OnInitDialog();
+  // One tick of timer `id`: poll, reconnection, UpdatePage to every page, the banner.
+  void OnTimer(unsigned id);
+  // kPowerSuspend / kPowerResume while the controller is open; always true.
+  bool OnPowerBroadcast(unsigned event);
+  void OnSysCommand(unsigned id);
+  // Kills the timers, 4 to 1.
+  void OnDestroy();
+
+  // What tests look at.
+  bool IsConnected() const { return connected; }
+  bool IsSuspended() const { return suspended; }
+  std::uint32_t WarningState() const { return warningState; }
+  std::string Title() { return window.Shell().Text("title"); }
+  int PageCount() const;
+  CTabPage* Page(int tab) const { return tab >= 0 && tab < kMaxPages ? pages[tab].get() : nullptr; }
+  const BoardVersionInfo& VersionRecord() const { return versionInfo; }
+
+ protected:
+  CTavroTestDlgBase(ui::Window& window, platform::TaskLoop& loop, CTavroUsbController* controller,
+                    const BoardVersionInfo& versionInfo);
+
+  // The timer on which the status is polled.
+  virtual unsigned PollTimer() const = 0;
+  // Whether a freshly read version record is the machine this dialog was made for.
+  virtual bool IsSameMachine(const BoardVersionInfo& fresh) = 0;
+  // The pages of the family in tab order, without holes; none for an unknown machine.
+  struct PageRow {
+    std::string title;
+    std::unique_ptr<CTabPage> page;
+  };
+  virtual std::vector<PageRow> MakePages() = 0;
+
+  ui::Window& window;
+  platform::TaskLoop& loop;
+  CTavroUsbController* controller;  // not owned
+  BoardVersionInfo versionInfo;
+
+ private:
+  void Reconnect();
+  void RunBanner();
+  void SetTitleSuffix(const char* suffix);
+
+  std::string baseTitle = "TavroTest";  // the template's caption
+  bool connected = true;
+  std::uint32_t warningState = 0;
+  std::array<std::unique_ptr<CTabPage>, kMaxPages> pages;
+  bool suspended = false;
+  bool timersStarted[5] = {};
+  ServoStatus status{};  // zeroed: a tick may come before the first poll
+};
+
+class CTavroTestDlg final : public CTavroTestDlgBase {
+ public:
+  CTavroTestDlg(ui::Window& window, platform::TaskLoop& loop, CTavroUsbServo* servo,
+                const BoardVersionInfo& versionInfo);
+
+  std::uint32_t MachineKind() const { return machineKind; }
+
+ protected:
+  unsigned PollTimer() const override { return 2; }
+  bool IsSameMachine(const BoardVersionInfo& fresh) override;
+  std::vector<PageRow> MakePages() override;
+
+ private:
+  CTavroUsbServo* servo;
+  std::uint32_t machineKind = 0;
+};
+
+class CTavroTestManualVisionDlg final : public CTavroTestDlgBase {
+ public:
+  CTavroTestManualVisionDlg(ui::Window& window, platform::TaskLoop& loop,
+                            CTavroUsbManualVision* manual, const BoardVersionInfo& versionInfo);
+
+ protected:
+  unsigned PollTimer() const override { return 3; }
+  bool IsSameMachine(const BoardVersionInfo& fresh) override;
+  std::vector<PageRow> MakePages() override;
+
+ private:
+  CTavroUsbManualVision* manual;
+};
+
+// The about box: the program's name and version, and OK.
+class CAboutDlg {
+ public:
+  explicit CAboutDlg(ui::Window& window) : window_(window) {}
+  // Opens the box; the UI thread goes on while it is shown.
+  void DoModal();
+
+ private:
+  ui::Window& window_;
+};

@@ -16,14 +16,14 @@ constexpr std::size_t kDiagBufferBytes = 4096;
 // After a long silence (hours of virtual time) the firmware does not replay every missed line.
 constexpr std::uint32_t kMaxCatchUpLines = 8;
 
+}  // namespace
+
 std::string ToNarrow(const std::u16string& text) {
   std::string out;
   for (char16_t c : text)
     out.push_back(c < 0x80 ? static_cast<char>(c) : '?');
   return out;
 }
-
-}  // namespace
 
 Board::Board(const Profile& profile, platform::Duration diagPeriod, platform::TimePoint now)
     : diagPeriod_(diagPeriod) {

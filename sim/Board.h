@@ -36,6 +36,9 @@ struct BoardReply {
   bool refused = false;
 };
 
+// A profile's text as ASCII, '?' for anything else: for messages and the control language.
+std::string ToNarrow(const std::u16string& text);
+
 class Board {
  public:
   // `diagPeriod` is how often the firmware emits a line of diagnostic text by itself (zero or

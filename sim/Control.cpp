@@ -1,6 +1,7 @@
 #include "sim/Control.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 
 #include "sim/Profiles.h"
@@ -161,6 +162,39 @@ std::string RunCount(Simulator& sim, const Words& args) {
   return Error("count takes a command byte, link or malformed");
 }
 
+std::string FormatVersion(float v) {
+  char out[32];
+  std::snprintf(out, sizeof out, "%.2f", static_cast<double>(v));
+  return out;
+}
+
+// What the board says about itself, as Board Information shows it: for tests that compare.
+std::string RunBoard(Simulator& sim, const Words&) {
+  const Profile p = sim.CurrentProfile();
+  const auto q = [](const std::u16string& s) { return "\"" + ToNarrow(s) + "\""; };
+  std::string answer =
+      "ok firmware=" + q(p.version.firmwareName) +
+      " version=" + FormatVersion(p.version.firmwareVersion) +
+      " revision=" + std::to_string(p.version.boardRevision) +
+      " fpga=" + std::to_string(p.fpgaWord) + " serial=" + q(p.identity.serialNumber) +
+      " machine=" + q(p.identity.machineName) + " model=" + q(p.identity.modelName);
+  // The EEPROM sizes as the board's answer carries them: the short form of the older boards
+  // has the user size, and from protocol 2 the machine size and copy flag; "-" for the rest.
+  const EepromGeometry& e = p.eeprom;
+  const bool all = p.version.eepromInfoLong;
+  const bool machine = all || p.version.protocolVersion >= 2;
+  const auto said = [](bool carried, std::uint32_t v) { return carried ? std::to_string(v) : "-"; };
+  answer += " eeprom=" + std::to_string(e.userSize) + "," + said(machine, e.machineSize) + "," +
+            said(all, e.updateSize) + "," + said(all, e.pageSize) + "," +
+            said(all, e.maxReadWrite) + "," + (machine ? (e.hasCopy ? "1" : "0") : "-");
+  for (std::size_t i = 0; i < p.chips.size(); ++i) {
+    answer += " chip" + std::to_string(i) + "=";
+    for (std::size_t k = 0; k < p.chips[i].size(); ++k)
+      answer += (k ? "," : "") + std::to_string(p.chips[i][k]);
+  }
+  return answer;
+}
+
 std::string RunQuit(Simulator& sim, const Words&) {
   if (!sim.CanQuit()) return Error("quit is not available here");
   sim.Quit();
@@ -187,6 +221,7 @@ constexpr Verb kVerbs[] = {
     {"faults", "faults", RunFaults},
     {"diag", "diag [raw] \"TEXT\"", RunDiag},
     {"count", "count [CODE|link|malformed]", RunCount},
+    {"board", "board", RunBoard},
     {"quit", "quit", RunQuit},
 };
 

@@ -346,7 +346,7 @@ std::int8_t FillBoardData(Board& board, wire::Bytes q, wire::MutableBytes r) {
       }
       return 0;
     case 2:
-      PutWord(r, 1, Mv(p) ? 0x0207 : 0x0312);
+      PutWord(r, 1, p.fpgaWord);
       return 0;
     case 3:
       if (Mv(p) && Fw(p) < 2.0199) return kReasonUnknownCommand;
@@ -534,9 +534,8 @@ std::int8_t FillExtents(Board& board, wire::Bytes, wire::MutableBytes r) {
 std::int8_t FillPmd(Board& board, wire::Bytes q, wire::MutableBytes r) {
   const std::uint8_t chip = GetByte(q, 2);
   if (chip > (CurrentServo(board.profile()) ? 1 : 0)) return kReasonBadArgument;
-  const std::uint16_t words[7] = {
-      0x0005, 0x0002, 4, 0x0011, 0, 2, static_cast<std::uint16_t>(40 + chip)};
-  for (std::size_t i = 0; i < 7; ++i)
+  const auto& words = board.profile().chips[chip];
+  for (std::size_t i = 0; i < words.size(); ++i)
     PutWord(r, 2 * i, words[i]);
   return 0;
 }

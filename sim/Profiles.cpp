@@ -128,6 +128,7 @@ Profile OldestServo() {
 Profile ManualVision() {
   Profile p;
   p.name = "manualvision";
+  p.fpgaWord = 0x0207;
   p.description = "manual-vision board, protocol 5";
   VersionRecord& v = p.version;
   v.firmwareName = u"Manual Vision";

@@ -101,6 +101,12 @@ struct Profile {
   std::uint32_t driverWord = 0;
   std::array<AxisSetup, 4> axes{};
   NamedRecord namedRecord;
+  // What the motion chips report (command 0x2C): family, motor, axes, attributes, customer and
+  // the version's major and minor; a family of 0 is a chip that is not there. The second chip
+  // answers only on current servo boards.
+  std::array<std::array<std::uint16_t, 7>, 2> chips = {
+      {{5, 2, 4, 0x11, 0, 2, 40}, {5, 2, 4, 0x11, 0, 2, 41}}};
+  std::uint16_t fpgaWord = 0x0312;  // the FPGA's version (command 0x57, selector 2)
 };
 
 // The built-in profiles, in the order `profiles` lists them. The first is the default.

@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# Runs the browser tests of the shell against the demo server.
-#   tests/browser/run.sh <path to ui_demo> [--screenshot <png>]
+# Runs one browser test file with Node's test runner, after making sure playwright-core is there.
+#   tests/browser/run.sh <test file> [NAME=VALUE ...]
+# The NAME=VALUE pairs go to the test's environment (the programs it drives, a screenshot folder).
 # Exits 77 (skipped) when node, chromium or playwright-core cannot be had.
 set -euo pipefail
 HERE="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-DEMO="$(realpath "${1:?usage: run.sh <ui_demo> [--screenshot <png>]}")"
+TEST="${1:?usage: run.sh <test file> [NAME=VALUE ...]}"
 shift
-if [[ "${1:-}" == "--screenshot" ]]; then
-  export TAVRO_SCREENSHOT="$(realpath -m "${2:?}")"
-fi
+for pair in "$@"; do
+  export "${pair?}"
+done
 
 command -v node >/dev/null || { echo "node not found: skipped"; exit 77; }
 [[ -x /usr/bin/chromium ]] || { echo "/usr/bin/chromium not found: skipped"; exit 77; }
@@ -18,5 +19,4 @@ if [[ ! -d node_modules/playwright-core ]]; then
   npm ci --no-audit --no-fund --ignore-scripts >/dev/null 2>&1 ||
     { echo "playwright-core could not be installed: skipped"; exit 77; }
 fi
-export TAVRO_UI_DEMO="$DEMO"
-exec node --test --test-concurrency=1 shell.test.mjs
+exec node --test --test-concurrency=1 "$TEST"

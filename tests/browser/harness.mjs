@@ -1,0 +1,138 @@
+// What the browser tests and the window benchmark share: a simulated board with its control
+// socket, TavroTest against it, and Debian's chromium driven by playwright-core.
+import { spawn } from 'node:child_process';
+import { mkdtempSync, rmSync } from 'node:fs';
+import { createConnection } from 'node:net';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import assert from 'node:assert/strict';
+import { chromium } from 'playwright-core';
+
+export const CHROMIUM_ARGS = ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic',
+  '--no-first-run', '--disable-background-networking', '--disable-component-update',
+  '--disable-sync'];
+
+export async function launchBrowser() {
+  const profile = mkdtempSync(join(tmpdir(), 'tavro-browser-'));
+  const context = await chromium.launchPersistentContext(profile, {
+    executablePath: '/usr/bin/chromium',
+    headless: true,
+    viewport: { width: 1000, height: 640 },
+    args: CHROMIUM_ARGS,
+  });
+  return {
+    context,
+    async close() {
+      await context.close();
+      rmSync(profile, { recursive: true, force: true });
+    },
+  };
+}
+
+// Waits for the first line of `child`'s stream that matches `pattern`; rejects if it ends first.
+function lineOf(child, stream, pattern, what) {
+  return new Promise((resolve, reject) => {
+    let text = '';
+    const onData = (chunk) => {
+      text += chunk;
+      const m = text.match(pattern);
+      if (m) {
+        child[stream].off('data', onData);
+        resolve(m);
+      }
+    };
+    child[stream].on('data', onData);
+    child.once('exit', (code) => reject(new Error(`${what} ended (${code}) before: ${pattern}\n${text}`)));
+  });
+}
+
+// A simulated board of `profile` in a fresh device folder, with its control socket.
+export async function startBoard(profile, extraArgs = []) {
+  const dir = mkdtempSync(join(tmpdir(), 'tavro-dev-'));
+  const controlPath = join(dir, 'control.sock');
+  const child = spawn(process.env.TAVROSIM,
+    ['--profile', profile, '--dir', dir, '--control', controlPath, ...extraArgs],
+    { stdio: ['ignore', 'pipe', 'pipe'] });
+  child.stderr.on('data', () => {});
+  await lineOf(child, 'stdout', /^tavrosim: serving .*$/m, 'tavrosim');
+  return {
+    dir,
+    child,
+    // One control command; resolves with the answer line, and fails the test on an error.
+    control(line) {
+      return new Promise((resolve, reject) => {
+        const socket = createConnection(controlPath);
+        let answer = '';
+        socket.on('data', (chunk) => {
+          answer += chunk;
+          const end = answer.indexOf('\n');
+          if (end >= 0) {
+            socket.end();
+            const text = answer.slice(0, end);
+            if (text.startsWith('ok')) resolve(text);
+            else reject(new Error(`tavrosim: ${line} -> ${text}`));
+          }
+        });
+        socket.on('error', reject);
+        socket.write(`${line}\n`);
+      });
+    },
+    async stop() {
+      if (child.exitCode === null) {
+        child.kill('SIGTERM');
+        await new Promise((r) => child.once('exit', r));
+      }
+      rmSync(dir, { recursive: true, force: true });
+    },
+  };
+}
+
+// TavroTest against the device folder `dir`; resolves once it printed its UI line.
+export async function startTavroTest(dir) {
+  const port = 20000 + Math.floor(Math.random() * 30000);
+  const child = spawn(process.env.TAVROTEST, [], {
+    stdio: ['ignore', 'pipe', 'pipe'],
+    env: { ...process.env, TAVRO_DEVICE_DIR: dir, TAVROTEST_PORT: String(port) },
+  });
+  let stderr = '';
+  child.stderr.on('data', (chunk) => { stderr += chunk; });
+  const m = await lineOf(child, 'stdout',
+    /^TavroTest UI: (http:\/\/127\.0\.0\.1:\d+\/\?token=[0-9a-f]+)$/m, 'tavrotest');
+  return {
+    url: m[1],
+    child,
+    stderr: () => stderr,
+    exited: () => new Promise((r) => {
+      if (child.exitCode !== null) r(child.exitCode);
+      else child.once('exit', (code) => r(code));
+    }),
+    async stop() {
+      if (child.exitCode === null) {
+        child.kill('SIGTERM');
+        await new Promise((r) => child.once('exit', r));
+      }
+    },
+  };
+}
+
+// Polls until `read` gives `expected`; fails with the last value after the time-out.
+export async function eventually(read, expected, timeout = 10000) {
+  const end = Date.now() + timeout;
+  let last;
+  while (Date.now() < end) {
+    last = await read();
+    if (last === expected) return;
+    await new Promise((r) => setTimeout(r, 20));
+  }
+  assert.equal(last, expected);
+}
+
+// The milliseconds until `read` gives `expected`, polled every 20 ms; fails after the time-out.
+export async function timeUntil(read, expected, timeout = 10000) {
+  const start = Date.now();
+  await eventually(read, expected, timeout);
+  return Date.now() - start;
+}
+
+export const frameOf = (page, tab) => page.frameLocator(`#page-${tab}`);
+export const field = (page, tab, id) => frameOf(page, tab).locator(`#${id}`);

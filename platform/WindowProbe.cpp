@@ -52,9 +52,10 @@ bool FindWindowOfClass(const std::string& windowClass) {
 
 bool WindowOfClass::Open() {
   if (fd_ >= 0) return true;
-  const std::string dir = WindowDirectory();
+  const std::string dir = directory_.empty() ? WindowDirectory() : directory_;
   ::mkdir(dir.c_str(), 0777);  // may exist; a failure shows at open
-  const int fd = ::open(PathOf(class_).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0666);
+  const std::string path = dir + "/" + class_;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0666);
   if (fd < 0) return false;
   if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
     ::close(fd);

@@ -25,7 +25,9 @@ void SetWindowProbe(std::function<bool(const std::string&)> probe);
 // another holder has the class already.
 class WindowOfClass {
  public:
-  explicit WindowOfClass(std::string windowClass) : class_(std::move(windowClass)) {}
+  // The window is held in `directory`, WindowDirectory() when empty.
+  explicit WindowOfClass(std::string windowClass, std::string directory = {})
+      : class_(std::move(windowClass)), directory_(std::move(directory)) {}
   ~WindowOfClass() { Close(); }
   WindowOfClass(const WindowOfClass&) = delete;
   WindowOfClass& operator=(const WindowOfClass&) = delete;
@@ -36,6 +38,7 @@ class WindowOfClass {
 
  private:
   std::string class_;
+  std::string directory_;
   int fd_ = -1;
 };
 

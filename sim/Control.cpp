@@ -126,6 +126,16 @@ std::string RunProfile(Simulator& sim, const Words& args) {
   return "ok profile " + args[0];
 }
 
+std::string RunApp(Simulator& sim, const Words& args) {
+  if (args.size() != 1 || (args[0] != "on" && args[0] != "off")) {
+    return Error("app takes on or off");
+  }
+  std::string why;
+  if (!sim.PoseAsApplication(args[0] == "on", &why)) return Error(why);
+  return args[0] == "on" ? "ok the measuring application runs"
+                         : "ok the measuring application ended";
+}
+
 std::string RunProfiles(Simulator&, const Words&) {
   return "ok " + ProfileNames();
 }
@@ -222,6 +232,7 @@ constexpr Verb kVerbs[] = {
     {"diag", "diag [raw] \"TEXT\"", RunDiag},
     {"count", "count [CODE|link|malformed]", RunCount},
     {"board", "board", RunBoard},
+    {"app", "app on|off", RunApp},
     {"quit", "quit", RunQuit},
 };
 

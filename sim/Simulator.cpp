@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "platform/DeviceIo.h"
 #include "sim/Control.h"
@@ -36,6 +37,32 @@ Simulator::Simulator(SimulatorOptions options)
 
 Simulator::~Simulator() {
   Stop();
+}
+
+bool Simulator::PoseAsApplication(bool on, std::string* error) {
+  std::lock_guard lifecycle(lifecycle_);
+  if (!on) {
+    appWindow_.reset();
+    return true;
+  }
+  if (appWindow_) return true;
+  std::string dir;
+  if (const char* env = std::getenv("TAVRO_WINDOW_DIR"); !env || !*env) {
+    dir = (options_.deviceDir.empty() ? platform::DeviceDirectory() : options_.deviceDir) +
+          "/.windows";
+  }
+  auto window = std::make_unique<platform::WindowOfClass>("MiravaAppFrame", dir);
+  if (!window->Open()) {
+    if (error) *error = "the measuring application's window is held by another program";
+    return false;
+  }
+  appWindow_ = std::move(window);
+  return true;
+}
+
+bool Simulator::PosingAsApplication() const {
+  std::lock_guard lifecycle(lifecycle_);
+  return appWindow_ != nullptr;
 }
 
 bool Simulator::Start(std::string* error) {

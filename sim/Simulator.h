@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "platform/Clock.h"
+#include "platform/WindowProbe.h"
 #include "sim/Board.h"
 #include "sim/Driver.h"
 #include "sim/Faults.h"
@@ -78,6 +79,11 @@ class Simulator {
   // does at the machine. Returns what `act` returns.
   std::string AtMachine(const std::function<std::string(Board&)>& act);
   void Quit();  // runs onQuit, if given
+  // Poses as the running measuring application (holds a window of its class), or stops. The
+  // window is seen by programs whose window folder is this board's: $TAVRO_WINDOW_DIR, else the
+  // folder ".windows" in the device folder. False when the window cannot be held.
+  bool PoseAsApplication(bool on, std::string* error = nullptr);
+  bool PosingAsApplication() const;
 
   bool CanQuit() const { return static_cast<bool>(options_.onQuit); }
   bool Plugged() const;
@@ -94,8 +100,9 @@ class Simulator {
   void AnswerControlLine(int fd, std::string line);
 
   SimulatorOptions options_;
+  std::unique_ptr<platform::WindowOfClass> appWindow_;  // guarded by lifecycle_
   std::string entryPath_;
-  std::mutex lifecycle_;  // Start, Stop, Unplug and Replug one at a time
+  mutable std::mutex lifecycle_;  // Start, Stop, Unplug and Replug one at a time
   mutable std::mutex boardMutex_;
   std::unique_ptr<Board> board_;  // guarded by boardMutex_, like faults_ and traffic_
   FaultTable faults_;

@@ -6,7 +6,9 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -20,12 +22,13 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: tavrosim [--profile NAME] [--dir DIR] [--entry class1:N|class2:N|HnUsbaN|HnUsbbN]\n"
-    "                [--control PATH] [--stdin]\n";
+    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS]\n";
 
 struct Arguments {
   sim::SimulatorOptions options;
   bool stdinControl = false;
   bool help = false;
+  bool poseAsApplication = false;
 };
 
 int BadArguments(const std::string& why) {
@@ -42,7 +45,10 @@ int ParseArguments(int argc, char** argv, Arguments& args) {
       args.stdinControl = true;
     } else if (arg == "--help" || arg == "-h") {
       args.help = true;
-    } else if (arg != "--profile" && arg != "--dir" && arg != "--entry" && arg != "--control") {
+    } else if (arg == "--app") {
+      args.poseAsApplication = true;
+    } else if (arg != "--profile" && arg != "--dir" && arg != "--entry" && arg != "--control" &&
+               arg != "--diag-every") {
       return BadArguments("unknown argument '" + arg + "'");
     } else if (!hasValue) {
       return BadArguments(arg + " needs a value");
@@ -52,6 +58,15 @@ int ParseArguments(int argc, char** argv, Arguments& args) {
       if (arg == "--dir") args.options.deviceDir = value;
       if (arg == "--entry") args.options.entry = value;
       if (arg == "--control") args.options.controlPath = value;
+      if (arg == "--diag-every") {
+        char* end = nullptr;
+        const double seconds = std::strtod(value.c_str(), &end);
+        if (*end != '\0' || !(seconds >= 0) || seconds > 86400) {
+          return BadArguments("--diag-every takes seconds from 0 (never) to 86400");
+        }
+        args.options.diagPeriod =
+            std::chrono::duration_cast<platform::Duration>(std::chrono::duration<double>(seconds));
+      }
     }
   }
   std::string why;
@@ -144,6 +159,10 @@ int main(int argc, char** argv) {
   sim::Simulator simulator(args.options);
   std::string why;
   if (!simulator.Start(&why)) {
+    std::fprintf(stderr, "tavrosim: %s\n", why.c_str());
+    return 1;
+  }
+  if (args.poseAsApplication && !simulator.PoseAsApplication(true, &why)) {
     std::fprintf(stderr, "tavrosim: %s\n", why.c_str());
     return 1;
   }

@@ -6,6 +6,8 @@
 #include <cstring>
 
 #include "SimTestSupport.h"
+#include "platform/DeviceIo.h"
+#include "platform/WindowProbe.h"
 #include "sim/Control.h"
 #include "sim/DeviceEntry.h"
 
@@ -44,6 +46,26 @@ TEST_F(SimTest, ControlAnswersAndErrors) {
     EXPECT_EQ(answer.rfind(c.answer, 0), 0u) << c.line << " -> " << answer;
   }
   EXPECT_GE(quits, 1);
+}
+
+TEST_F(SimTest, PosesAsTheMeasuringApplicationInItsDeviceFolder) {
+  StartBoard("autovision");
+  platform::SetDeviceDirectory(dir_);  // where TavroTest against this board looks
+  EXPECT_FALSE(platform::FindWindowOfClass("MiravaAppFrame"));
+  EXPECT_EQ(sim_->Command("app on"), "ok the measuring application runs");
+  EXPECT_TRUE(platform::FindWindowOfClass("MiravaAppFrame"));
+  EXPECT_EQ(sim_->Command("app on"), "ok the measuring application runs") << "already on";
+  EXPECT_EQ(sim_->Command("app off"), "ok the measuring application ended");
+  EXPECT_FALSE(platform::FindWindowOfClass("MiravaAppFrame"));
+  EXPECT_EQ(sim_->Command("app maybe"), "error: app takes on or off");
+
+  // A second board in the same folder cannot hold the same window.
+  ASSERT_TRUE(sim_->PoseAsApplication(true));
+  Simulator other({.deviceDir = dir_, .entry = "class1:1"});
+  std::string why;
+  EXPECT_FALSE(other.PoseAsApplication(true, &why));
+  EXPECT_NE(why.find("held by another program"), std::string::npos);
+  platform::SetDeviceDirectory("");
 }
 
 TEST_F(SimTest, QuitNeedsAHandler) {

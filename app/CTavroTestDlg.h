@@ -18,6 +18,7 @@
 #include "link/BoardRecords.h"
 #include "link/ControllerRecords.h"
 #include "pages/CTabDlg.h"
+#include "platform/PowerEvents.h"
 #include "platform/TaskLoop.h"
 #include "ui/Window.h"
 
@@ -26,8 +27,8 @@ class CTavroUsbServo;
 class CTavroUsbManualVision;
 
 // The power broadcast's events: the computer is about to sleep, and it woke again.
-inline constexpr unsigned kPowerSuspend = 4;
-inline constexpr unsigned kPowerResume = 7;
+inline constexpr unsigned kPowerSuspend = platform::kPowerEventSuspend;  // 4
+inline constexpr unsigned kPowerResume = platform::kPowerEventResume;    // 7
 // The system menu's about item.
 inline constexpr unsigned kSysCommandAbout = 16;
 

@@ -12,6 +12,8 @@
 #include <thread>
 
 #include "app/CTavroTestApp.h"
+#include "app/CTavroTestDlg.h"
+#include "platform/PowerEvents.h"
 #include "platform/TaskLoop.h"
 #include "ui/MessageBox.h"
 #include "ui/StopSignals.h"
@@ -66,9 +68,18 @@ int main() {
   ui::SetMessageBoxPresenter(&window);
 
   AppFrame frame{loop, window};
+  // The computer's sleep and wake go to the main dialog that runs at the time, on the UI thread.
+  // Without a system bus there are no such notices, and nothing else changes.
+  platform::SleepWatcher sleepWatcher([&loop, &frame](unsigned event) {
+    loop.Post([&frame, event] {
+      if (frame.mainWindow) frame.mainWindow->OnPowerBroadcast(event);
+    });
+  });
+  sleepWatcher.Start();
   CTavroTestApp app(&frame);
   app.InitInstance();
 
+  sleepWatcher.Stop();
   ui::SetMessageBoxPresenter(nullptr);
   window.Shutdown();
   server.Stop();

@@ -5,7 +5,7 @@ ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 BUILD_DIR="${TAVRO_BUILD_DIR:-$ROOT/build}"
 
 PACKAGES=(g++ cmake ninja-build ccache libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev
-  libboost-dev nlohmann-json3-dev chromium nodejs)
+  libboost-dev nlohmann-json3-dev chromium nodejs pkg-config libsystemd-dev dbus-daemon)
 # Debian's npm only where no npm came with node (a Node.js build of its own brings one).
 command -v npm >/dev/null 2>&1 || PACKAGES+=(npm)
 

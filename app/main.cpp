@@ -23,7 +23,7 @@
 namespace {
 
 // In a desktop session the window opens in the user's browser by itself; anywhere else the
-// printed address is the way in. The opener runs detached and is never waited for.
+// printed address is the way in. The opener runs detached; the run never waits on it.
 void OpenBrowser(const std::string& url) {
   const char* x = std::getenv("DISPLAY");
   const char* wayland = std::getenv("WAYLAND_DISPLAY");

@@ -30,12 +30,12 @@ void BoardInformationPage<Base, kForm>::ResetPage(const BoardVersionInfo& record
 }
 
 template <class Base, const BoardInformationForm& kForm>
-bool BoardInformationPage<Base, kForm>::ReadChips() {
+void BoardInformationPage<Base, kForm>::ReadChips() {
   if constexpr (kForm.chips > 0) {
     for (unsigned chip = 0; chip < kForm.chips; ++chip) {
       if (!this->controller->GetPmdVersion(pmd[chip], chip)) {
         this->Connected = false;
-        return false;
+        return;
       }
       const PmdVersion& v = pmd[chip];
       if (v.family != 0) {
@@ -48,7 +48,6 @@ bool BoardInformationPage<Base, kForm>::ReadChips() {
       }
     }
   }
-  return true;
 }
 
 template <class Base, const BoardInformationForm& kForm>

@@ -33,15 +33,11 @@ class BoardInformationPage : public Base {
 
   void ResetPage(const BoardVersionInfo& record) override;
 
-  // The texts as shown, for whoever needs them besides the document.
-  const std::string& FpgaText() const { return fpgaText; }
-  const std::string& ChipName(unsigned chip) const { return chipName[chip]; }
-
  protected:
   void DoDataExchange(DataExchange& dx) override;
 
  private:
-  bool ReadChips();
+  void ReadChips();
   void ReadFpga();
 
   float firmwareVersion = 0;

@@ -26,11 +26,9 @@ std::string PageDocumentPath(std::uint32_t htmlId) {
   return {};
 }
 
-CTabPage::CTabPage(std::uint32_t templateId, std::uint32_t htmlId, const BoardVersionInfo& version)
-    : ui::HtmlPage(PageDocumentPath(htmlId)),
-      versionInfo(version),
-      templateId_(templateId),
-      htmlId_(htmlId) {}
+CTabPage::CTabPage(std::uint32_t /*templateId*/, std::uint32_t htmlId,
+                   const BoardVersionInfo& version)
+    : ui::HtmlPage(PageDocumentPath(htmlId)), versionInfo(version) {}
 
 void CTabPage::UpdateData() {
   DataExchange dx(Doc());

@@ -24,7 +24,8 @@ inline constexpr const char* kMeasuringAppWindowClass = "MiravaAppFrame";
 
 class CTabPage : public ui::HtmlPage {
  public:
-  // `htmlId` names the page's document (PageDocumentPath).
+  // `htmlId` names the page's document (PageDocumentPath). The dialog template a page names has
+  // nothing to lay out here: the document is the whole page.
   CTabPage(std::uint32_t templateId, std::uint32_t htmlId, const BoardVersionInfo& version);
 
   // Asked before each poll: true asks the board to add its capture data to the status reply.
@@ -43,8 +44,6 @@ class CTabPage : public ui::HtmlPage {
   // The update to the document: every bound field to its element.
   void UpdateData();
 
-  std::uint32_t TemplateId() const { return templateId_; }
-  std::uint32_t HtmlId() const { return htmlId_; }
   const BoardVersionInfo& VersionInfo() const { return versionInfo; }
 
   // The page's last reads worked. A page that gets a false result clears it and reads nothing
@@ -85,9 +84,6 @@ class CTabPage : public ui::HtmlPage {
   // first ResetPage reach it, since PageReady was clear then.
   void OnDocumentComplete() override { UpdateData(); }
   void OnShowWindow(bool shown) override { PageReady = shown; }
-
-  std::uint32_t templateId_;
-  std::uint32_t htmlId_;
 };
 
 // The URL path of a page document by its resource id; empty for an id no page has.

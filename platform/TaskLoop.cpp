@@ -62,6 +62,10 @@ unsigned TaskLoop::DueTimer(TimePoint now, TimePoint& next) {
 
 int TaskLoop::Run() {
   Loop(nullptr);
+  return End();
+}
+
+int TaskLoop::End() {
   std::lock_guard lock(mutex_);
   ended_ = true;
   tasks_.clear();
@@ -74,9 +78,7 @@ bool TaskLoop::RunUntil(const std::function<bool()>& done) {
     if (running_) return false;
   }
   if (Loop(&done)) return true;
-  std::lock_guard lock(mutex_);
-  ended_ = true;
-  tasks_.clear();
+  End();
   return false;
 }
 

@@ -60,6 +60,8 @@ class TaskLoop {
   unsigned DueTimer(TimePoint now, TimePoint& next);
   // The loop of Run and RunUntil; `done` may be null. Returns true when `done` ended it.
   bool Loop(const std::function<bool()>* done);
+  // After a quit: no more tasks or timers; returns the quit's code.
+  int End();
 
   std::mutex mutex_;
   std::deque<Task> tasks_;

@@ -81,9 +81,7 @@ int ParseArguments(int argc, char** argv, Arguments& args) {
 
 void PrintServing(sim::Simulator& simulator, const Arguments& args) {
   const sim::Profile p = simulator.CurrentProfile();
-  std::string name;
-  for (char16_t c : p.version.firmwareName)
-    name += static_cast<char>(c);
+  const std::string name = sim::ToNarrow(p.version.firmwareName);
   std::string control;
   if (!args.options.controlPath.empty()) control += ", control at " + args.options.controlPath;
   if (args.stdinControl) control += ", control on stdin";

@@ -24,6 +24,10 @@ int MessageBox(const std::string& text, const std::string& title, unsigned style
   if (MessageBoxPresenter* presenter = g_presenter.load()) {
     return presenter->Show(text, title, style);
   }
+  return CautiousAnswer(style);
+}
+
+int CautiousAnswer(unsigned style) {
   switch (style & 0xF) {
     case kMbOkCancel:
       return kIdCancel;

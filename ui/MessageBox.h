@@ -29,6 +29,9 @@ class MessageBoxPresenter {
 // Installs the presenter (null: none). The caller keeps it alive while installed.
 void SetMessageBoxPresenter(MessageBoxPresenter* presenter);
 
+// The answer of a box that nobody can answer: OK for a notice, Cancel or No for a question.
+int CautiousAnswer(unsigned style);
+
 // Writes a box's title and text to stderr, as every box does.
 void EchoToStderr(const std::string& text, const std::string& title);
 

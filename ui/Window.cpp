@@ -300,17 +300,6 @@ void Window::HandleShown(ClientId client, int page) {
 // ---------------------------------------------------------------------------------------------
 // Dialogs
 
-int Window::CautiousAnswer(unsigned style) {
-  switch (style & 0xF) {
-    case kMbOkCancel:
-      return kIdCancel;
-    case kMbYesNo:
-      return kIdNo;
-    default:
-      return kIdOk;
-  }
-}
-
 bool Window::OnUiThread() {
   return std::this_thread::get_id() == uiThread_ || loop_.OnLoopThread();
 }
@@ -465,41 +454,31 @@ void Window::Shutdown() {
   platform::Clock::Current().NotifyAll();
 }
 
-int Window::Show(const std::string& text, const std::string& title, unsigned style) {
-  const int cautious = CautiousAnswer(style);
-  if (OnUiThread()) {
-    if (loop_.Running()) {
-      OpenBox(text, title, style, {});
-      return cautious;
-    }
-    // Before the loop runs (start-up): wait modally, serving the loop until a browser answers.
-    std::optional<int> answer;
-    OpenBox(text, title, style, [&answer](int r) { answer = r; });
-    loop_.RunUntil([&answer] { return answer.has_value(); });
-    return answer.value_or(cautious);
+ChoiceResult Window::AnswerOnUi(ChoiceResult cautious, const std::function<void(Answer)>& open) {
+  if (loop_.Running()) {
+    open([](ChoiceResult) {});
+    return cautious;
   }
-  return WaitForAnswer({cautious, 0},
-                       [this, text, title, style](Answer answer) {
-                         OpenBox(text, title, style, [answer](int r) { answer({r, 0}); });
-                       })
-      .result;
+  // Before the loop runs (start-up): wait modally, serving the loop until a browser answers. The
+  // answer is shared, as the dialog outlives this call when a quit ends the wait.
+  auto answer = std::make_shared<std::optional<ChoiceResult>>();
+  open([answer](ChoiceResult r) { *answer = r; });
+  loop_.RunUntil([&answer] { return answer->has_value(); });
+  return answer->value_or(cautious);
+}
+
+int Window::Show(const std::string& text, const std::string& title, unsigned style) {
+  const ChoiceResult cautious{CautiousAnswer(style), 0};
+  const auto open = [this, text, title, style](Answer answer) {
+    OpenBox(text, title, style, [answer](int r) { answer({r, 0}); });
+  };
+  return (OnUiThread() ? AnswerOnUi(cautious, open) : WaitForAnswer(cautious, open)).result;
 }
 
 ChoiceResult Window::ShowChoice(const ChoiceDialog& dialog) {
   const ChoiceResult cautious{kIdCancel, dialog.initial};
-  if (OnUiThread()) {
-    if (loop_.Running()) {
-      OpenChoice(dialog, {});
-      return cautious;
-    }
-    std::optional<ChoiceResult> answer;
-    OpenChoice(dialog, [&answer](ChoiceResult r) { answer = r; });
-    loop_.RunUntil([&answer] { return answer.has_value(); });
-    return answer.value_or(cautious);
-  }
-  return WaitForAnswer(cautious, [this, dialog](Answer answer) {
-    OpenChoice(dialog, [answer](ChoiceResult r) { answer(r); });
-  });
+  const auto open = [this, dialog](Answer answer) { OpenChoice(dialog, std::move(answer)); };
+  return OnUiThread() ? AnswerOnUi(cautious, open) : WaitForAnswer(cautious, open);
 }
 
 }  // namespace ui

@@ -211,7 +211,9 @@ class Window : public MessageBoxPresenter {
   void Flush();
   void CloseDialog(int id);
   Document* DocOf(int page);
-  static int CautiousAnswer(unsigned style);
+  // On the UI thread: opens the dialog through `open` and waits modally before the loop runs, or
+  // answers `cautious` at once inside the running loop (the dialog stays up).
+  ChoiceResult AnswerOnUi(ChoiceResult cautious, const std::function<void(Answer)>& open);
 
   platform::TaskLoop& loop_;
   const std::thread::id uiThread_;

@@ -12,12 +12,12 @@ export const CHROMIUM_ARGS = ['--headless', '--no-sandbox', '--disable-gpu', '--
   '--no-first-run', '--disable-background-networking', '--disable-component-update',
   '--disable-sync'];
 
-export async function launchBrowser() {
+export async function launchBrowser(viewport = { width: 1000, height: 640 }) {
   const profile = mkdtempSync(join(tmpdir(), 'tavro-browser-'));
   const context = await chromium.launchPersistentContext(profile, {
     executablePath: '/usr/bin/chromium',
     headless: true,
-    viewport: { width: 1000, height: 640 },
+    viewport,
     args: CHROMIUM_ARGS,
   });
   return {

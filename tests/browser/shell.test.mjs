@@ -4,15 +4,12 @@
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { spawn } from 'node:child_process';
-import { mkdtempSync, rmSync } from 'node:fs';
-import { tmpdir } from 'node:os';
-import { join } from 'node:path';
-import { chromium } from 'playwright-core';
+import { launchBrowser, eventually, field } from './harness.mjs';
 
 let demo;
 let url;
+let browser;
 let context;
-let profile;
 let first;
 
 function startDemo() {
@@ -29,18 +26,6 @@ function startDemo() {
   });
 }
 
-// Polls until `read` gives `expected`; fails with the last value after the time-out.
-async function eventually(read, expected, timeout = 10000) {
-  const end = Date.now() + timeout;
-  let last;
-  while (Date.now() < end) {
-    last = await read();
-    if (last === expected) return;
-    await new Promise((r) => setTimeout(r, 50));
-  }
-  assert.equal(last, expected);
-}
-
 async function openShell() {
   const page = await context.newPage();
   await page.goto(url);
@@ -48,25 +33,16 @@ async function openShell() {
   return page;
 }
 
-const field = (page, tab, id) => page.frameLocator(`#page-${tab}`).locator(`#${id}`);
-
 before(async () => {
   url = await startDemo();
-  profile = mkdtempSync(join(tmpdir(), 'tavro-browser-'));
-  context = await chromium.launchPersistentContext(profile, {
-    executablePath: '/usr/bin/chromium',
-    headless: true,
-    viewport: { width: 1100, height: 700 },
-    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
-      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
-  });
+  browser = await launchBrowser({ width: 1100, height: 700 });
+  ({ context } = browser);
   first = await openShell();
 });
 
 after(async () => {
-  if (context) await context.close();
+  if (browser) await browser.close();
   if (demo) { demo.removeAllListeners('exit'); demo.kill('SIGTERM'); }
-  if (profile) rmSync(profile, { recursive: true, force: true });
 });
 
 test('the shell shows the title, the tabs and the values the program set', async () => {

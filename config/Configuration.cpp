@@ -1,0 +1,377 @@
+#include "config/Configuration.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "config/ErrorLog.h"
+#include "config/FileAccess.h"
+#include "platform/Files.h"
+#include "util/Text.h"
+#include "util/WinX.h"
+
+namespace {
+
+constexpr char16_t kMark = 0xFEFF;
+constexpr char16_t kCr = u'\r';
+constexpr char16_t kLf = u'\n';
+
+bool IsLineEnd(char16_t c) {
+  return c == kCr || c == kLf;
+}
+
+char16_t FromLittleEndian(char16_t unit) {
+  if constexpr (std::endian::native == std::endian::big) {
+    return static_cast<char16_t>((unit >> 8) | (unit << 8));
+  }
+  return unit;
+}
+
+// Steps over at most one CR and at most one LF, in whichever order they come.
+std::size_t StepOverLineEnd(std::u16string_view text, std::size_t at) {
+  bool cr = false;
+  bool lf = false;
+  while (at < text.size()) {
+    if (text[at] == kCr && !cr) {
+      cr = true;
+    } else if (text[at] == kLf && !lf) {
+      lf = true;
+    } else {
+      break;
+    }
+    ++at;
+  }
+  return at;
+}
+
+// Reads up to `bytes` bytes into `out`; false on a read error.
+bool ReadAll(int fd, void* out, std::size_t bytes) {
+  auto* p = static_cast<char*>(out);
+  while (bytes > 0) {
+    const ssize_t n = ::read(fd, p, bytes);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    if (n == 0) return true;  // the file shrank under us: the rest stays zero
+    p += n;
+    bytes -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+bool WriteAll(int fd, const void* data, std::size_t bytes) {
+  const auto* p = static_cast<const char*>(data);
+  while (bytes > 0) {
+    const ssize_t n = ::write(fd, p, bytes);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    p += n;
+    bytes -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+// Opens for reading with the sequential-scan hint. Linux has no share modes: writers of these
+// files are kept out by the file's mutex, and every writer replaces the file in one step, so a
+// reader never sees a half-written one.
+int OpenForReading(const std::string& path, bool create) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
+  if (fd >= 0) ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  return fd;
+}
+
+// The file's size in bytes plus one, halved: an odd byte count asks for one byte more than the
+// file has, and that byte reads as zero.
+std::uint32_t UnitsOf(int fd) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || st.st_size < 0) return 0;
+  const auto units = (static_cast<std::uint64_t>(st.st_size) + 1) / 2;
+  return static_cast<std::uint32_t>(std::min<std::uint64_t>(units, 0x7FFFFFFF));
+}
+
+}  // namespace
+
+Configuration::Configuration(bool keepBackupFile) : keepBackup(keepBackupFile) {}
+
+Configuration::~Configuration() {
+  Store();
+  text.reset();
+  if (mutex) {
+    mutex->Release();
+    mutex.reset();
+  }
+}
+
+std::string Configuration::MutexName(const std::string& filePath) {
+  std::string name = filePath;
+  std::replace(name.begin(), name.end(), '\\', '/');
+  return name;
+}
+
+std::u16string Configuration::Text() const {
+  return text ? std::u16string(text.get(), length) : std::u16string();
+}
+
+bool Configuration::Lock() {
+  if (mutex) return true;
+  auto candidate = std::make_unique<WinX::Mutex>(MutexName(path));
+  const std::uint32_t wait = candidate->Wait(WinX::kInfinite);
+  // An owner that died left the mutex abandoned; the file it guarded is still whole, since every
+  // store replaces the file in one step, so the lock is taken and the work goes on.
+  if (wait != WinX::kWaitObject0 && wait != WinX::kWaitAbandoned) return false;
+  mutex = std::move(candidate);
+  return true;
+}
+
+// Reads an open file: `length` from its size, the mark, then the text. A first unit that is not
+// the mark, or (with `checkFirstUnit`, for a main file) a text that begins with a zero unit, makes
+// the file corrupt. kFailed is a read error after a good open.
+Configuration::ReadResult Configuration::ReadFile(int fd, bool checkFirstUnit) {
+  length = UnitsOf(fd);
+  if (length >= 1) {
+    char16_t first = 0;
+    if (!ReadAll(fd, &first, std::min<std::size_t>(2, std::size_t{length} * 2))) {
+      length = 0;
+      return ReadResult::kFailed;
+    }
+    --length;
+    if (FromLittleEndian(first) != kMark) {
+      length = 0;
+      return ReadResult::kCorrupt;
+    }
+  }
+  text = std::make_unique<char16_t[]>(std::size_t{length} + 1);  // zero-filled
+  if (!ReadAll(fd, text.get(), std::size_t{length} * 2)) {
+    text.reset();
+    length = 0;
+    return ReadResult::kFailed;
+  }
+  for (std::uint32_t i = 0; i < length; ++i)
+    text[i] = FromLittleEndian(text[i]);
+  if (checkFirstUnit && length != 0 && text[0] == 0) {
+    text.reset();
+    length = 0;
+    return ReadResult::kCorrupt;
+  }
+  return ReadResult::kGood;
+}
+
+void Configuration::Recover() {
+  const std::string corruptName = path + ".corrupt";
+  const std::string backupName = path + ".backup";
+  ErrorLog("Configuration.cpp", __LINE__)("%s is corrupt and will be renamed as %s\r\n",
+                                          path.c_str(), corruptName.c_str());
+  length = 0;
+  const int fd = OpenForReading(backupName, false);
+  if (fd >= 0) {
+    ErrorLog("Configuration.cpp", __LINE__)("Using %s\r\n", backupName.c_str());
+    const ReadResult read = ReadFile(fd, false);
+    ::close(fd);
+    if (read == ReadResult::kCorrupt) {
+      ErrorLog("Configuration.cpp", __LINE__)("%s is corrupt and will be deleted\r\n",
+                                              backupName.c_str());
+      ::unlink(backupName.c_str());
+    }
+  }
+  // The object goes on with the backup's text, or with an empty one; `corrupt` stays set so
+  // that the store moves the bad file aside as ".corrupt".
+  if (!text) {
+    length = 0;
+    text = std::make_unique<char16_t[]>(1);
+  }
+}
+
+bool Configuration::Load(bool create) {
+  if (path.empty() || corrupt) return false;
+  if (!Lock()) return false;
+  const int fd = OpenForReading(path, create);
+  if (fd < 0) {
+    if (create) {
+      const std::string reason = std::strerror(errno);
+      config::ReportFileAccessError(path, reason,
+                                    config::kModeRead | config::kShareDenyWrite |
+                                        config::kOsSequentialScan | config::kModeCreate |
+                                        config::kModeNoTruncate);
+      ErrorLog("Configuration.cpp", __LINE__)("Failed to open or create file for reading: %s\r\n",
+                                              path.c_str());
+    }
+    return false;
+  }
+  const ReadResult read = ReadFile(fd, true);
+  ::close(fd);
+  // A read that fails after a good open says nothing about the content: the object stays without
+  // text, as after a failed open, rather than taking a good file for a corrupt one.
+  if (read == ReadResult::kFailed) return false;
+  if (read == ReadResult::kCorrupt) {
+    corrupt = true;
+    if (!keepBackup) {
+      ErrorLog("Configuration.cpp", __LINE__)("%s is corrupt\r\n", path.c_str());
+      return false;
+    }
+    Recover();
+  }
+  return true;
+}
+
+bool Configuration::OpenSection(const std::string& name, bool create) {
+  if (name.empty()) return false;
+  if (!text && !Load(create)) return false;
+
+  const std::u16string header = u"[" + text::ToUtf16(name) + u"]";
+  const std::u16string_view all(text.get(), length);
+  for (std::size_t hit = all.find(header); hit != std::u16string_view::npos;
+       hit = all.find(header, hit + 1)) {
+    std::size_t before = hit;
+    while (before > 0 && (all[before - 1] == u' ' || all[before - 1] == u'\t'))
+      --before;
+    if (before != 0 && !IsLineEnd(all[before - 1])) continue;
+    std::size_t at = hit + header.size();
+    while (at < length && !IsLineEnd(all[at]))
+      ++at;
+    section = StepOverLineEnd(all, at);
+    return true;
+  }
+  section = npos;
+  if (!create) return false;
+  section = length;
+  Insert(length, u"\r\n" + header + u"\r\n");
+  return true;
+}
+
+std::size_t Configuration::FindKey(const std::string& key) const {
+  if (key.empty() || section == npos || !text) return npos;
+  const std::u16string wide = text::ToUtf16(key);
+  const char16_t* t = text.get();
+  std::size_t at = section;
+  while (at < length) {
+    if (IsLineEnd(t[at])) ++at;
+    if (t[at] == u'[') return npos;
+    std::size_t i = 0;
+    while (i < wide.size() && t[at + i] == wide[i])
+      ++i;
+    if (i == wide.size() && t[at + i] == u'=') {
+      at += i + 1;
+      break;
+    }
+    while (at < length && !IsLineEnd(t[at]))
+      ++at;
+  }
+  return at < length ? at : npos;
+}
+
+bool Configuration::GetValue(const std::string& key, std::string& value) {
+  const std::size_t at = FindKey(key);
+  if (at == npos) return false;
+  std::size_t end = at;
+  while (end < length && !IsLineEnd(text[end]))
+    ++end;
+  value = text::ToUtf8(std::u16string(text.get() + at, end - at));
+  return true;
+}
+
+bool Configuration::SetValue(const std::string& key, const std::string& value) {
+  if (section == npos || !text) return false;
+  const std::size_t at = FindKey(key);
+  const std::u16string wide = text::ToUtf16(value);
+  if (at == npos) {
+    Insert(section, text::ToUtf16(key) + u"=" + wide + u"\r\n");
+    return true;
+  }
+  std::size_t end = at;
+  while (end < length && !IsLineEnd(text[end]))
+    ++end;
+  const std::u16string_view old(text.get() + at, end - at);
+  if (old == wide) return true;
+
+  const std::size_t newLength = length - old.size() + wide.size();
+  auto replaced = std::make_unique<char16_t[]>(newLength + 1);
+  std::copy_n(text.get(), at, replaced.get());
+  std::copy(wide.begin(), wide.end(), replaced.get() + at);
+  std::copy(text.get() + end, text.get() + length, replaced.get() + at + wide.size());
+  replaced[newLength] = 0;
+  if (section >= at) section = section - old.size() + wide.size();
+  text = std::move(replaced);
+  length = static_cast<std::uint32_t>(newLength);
+  dirty = true;
+  return true;
+}
+
+std::string Configuration::GetValueOrDefault(const std::string& key,
+                                             const std::string& defaultValue) {
+  std::string value;
+  if (GetValue(key, value)) return value;
+  SetValue(key, defaultValue);
+  return defaultValue;
+}
+
+bool Configuration::DeleteValue(const std::string& key) {
+  const std::size_t at = FindKey(key);
+  if (at == npos) return false;
+  char16_t* t = text.get();
+  std::size_t end = at;
+  while (end < length && !IsLineEnd(t[end]))
+    ++end;
+  end = StepOverLineEnd(std::u16string_view(t, length), end);
+  std::size_t start = at;
+  while (start > section && !IsLineEnd(t[start - 1]))
+    --start;
+  // Moves the rest down over the line, terminator included; the array keeps its size.
+  std::memmove(t + start, t + end, (length - end + 1) * sizeof(char16_t));
+  length -= static_cast<std::uint32_t>(end - start);
+  dirty = true;
+  return true;
+}
+
+void Configuration::Insert(std::size_t at, const std::u16string& insertion) {
+  const std::size_t newLength = length + insertion.size();
+  auto grown = std::make_unique<char16_t[]>(newLength + 1);
+  if (text) std::copy_n(text.get(), at, grown.get());
+  std::copy(insertion.begin(), insertion.end(), grown.get() + at);
+  if (text) std::copy(text.get() + at, text.get() + length, grown.get() + at + insertion.size());
+  grown[newLength] = 0;
+  length = static_cast<std::uint32_t>(newLength);
+  if (section != npos && section >= at) section += insertion.size();
+  text = std::move(grown);
+  dirty = true;
+}
+
+void Configuration::Store() {
+  if (!text || !(dirty || (corrupt && keepBackup))) return;
+  const std::string temporary = path + ".tmp";
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd < 0) {
+    const std::string reason = std::strerror(errno);
+    config::ReportFileAccessError(temporary, reason,
+                                  config::kModeWrite | config::kModeCreate |
+                                      config::kShareDenyWrite | config::kOsSequentialScan);
+    ErrorLog("Configuration.cpp", __LINE__)("Failure to store configuration to %s\r\n",
+                                            path.c_str());
+    return;
+  }
+  std::vector<char16_t> bytes;
+  bytes.reserve(std::size_t{length} + 1);
+  if (length >= 1) bytes.push_back(FromLittleEndian(kMark));
+  for (std::uint32_t i = 0; i < length; ++i)
+    bytes.push_back(FromLittleEndian(text[i]));
+  // The new file must be whole on the disk before it takes the old one's place; a write that
+  // fails leaves the old file as it is and the change is lost, with the same log line as a
+  // temporary file that can't be made.
+  bool good = WriteAll(fd, bytes.data(), bytes.size() * sizeof(char16_t));
+  good = ::fsync(fd) == 0 && good;
+  good = ::close(fd) == 0 && good;
+  if (!good) {
+    ::unlink(temporary.c_str());
+    ErrorLog("Configuration.cpp", __LINE__)("Failure to store configuration to %s\r\n",
+                                            path.c_str());
+    return;
+  }
+  std::string backup;
+  if (keepBackup) backup = path + (corrupt ? ".corrupt" : ".backup");
+  platform::ReplaceFile(path, temporary, backup);
+}

@@ -1,0 +1,85 @@
+#include "platform/Files.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <mutex>
+
+namespace platform {
+
+namespace {
+
+std::mutex g_baseMutex;
+std::string g_base;  // empty: the system's base
+
+constexpr char kSystemBase[] = "/var/lib/";
+
+// Keeps `path` as `backup` too, replacing what was there in one step: a hard link to a temporary
+// name renamed over the backup. Where the file system has no hard links, a copy does.
+bool KeepAs(const std::string& path, const std::string& backup) {
+  const std::string staging = backup + ".new";
+  ::unlink(staging.c_str());
+  if (::link(path.c_str(), staging.c_str()) != 0) {
+    std::FILE* in = std::fopen(path.c_str(), "rb");
+    if (!in) return false;
+    std::FILE* out = std::fopen(staging.c_str(), "wb");
+    bool good = out != nullptr;
+    char buffer[65536];
+    std::size_t n;
+    while (good && (n = std::fread(buffer, 1, sizeof buffer, in)) > 0) {
+      good = std::fwrite(buffer, 1, n, out) == n;
+    }
+    good = good && !std::ferror(in);
+    std::fclose(in);
+    if (out && std::fclose(out) != 0) good = false;
+    if (!good) {
+      ::unlink(staging.c_str());
+      return false;
+    }
+  }
+  return ::rename(staging.c_str(), backup.c_str()) == 0;
+}
+
+}  // namespace
+
+bool ReplaceFile(const std::string& replaced, const std::string& replacement,
+                 const std::string& backup) {
+  // The backup is made before the rename, from the old file's own name, so that at every moment
+  // `replaced` is a whole file: the old one until the rename, the new one after it.
+  if (!backup.empty() && FileExists(replaced)) KeepAs(replaced, backup);
+  return ::rename(replacement.c_str(), replaced.c_str()) == 0;
+}
+
+std::string ProgramFolder() {
+  char buffer[PATH_MAX];
+  const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+  if (n <= 0) return {};
+  std::string path(buffer, static_cast<std::size_t>(n));
+  return path.substr(0, path.rfind('/') + 1);
+}
+
+std::string CommonDataBase() {
+  std::lock_guard lock(g_baseMutex);
+  return g_base.empty() ? kSystemBase : g_base;
+}
+
+void SetCommonDataBase(const std::string& base) {
+  std::lock_guard lock(g_baseMutex);
+  g_base = base;
+  if (!g_base.empty() && g_base.back() != '/') g_base += '/';
+}
+
+bool IsDirectory(const std::string& path) {
+  struct stat st {};
+  return !path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool FileExists(const std::string& path) {
+  struct stat st {};
+  return !path.empty() && ::stat(path.c_str(), &st) == 0;
+}
+
+}  // namespace platform

@@ -13,7 +13,8 @@ namespace platform {
 namespace {
 
 std::mutex g_baseMutex;
-std::string g_base;  // empty: the system's base
+std::string g_base;           // empty: the system's base
+std::string g_programFolder;  // empty: the folder of /proc/self/exe
 
 constexpr char kSystemBase[] = "/var/lib/";
 
@@ -54,11 +55,21 @@ bool ReplaceFile(const std::string& replaced, const std::string& replacement,
 }
 
 std::string ProgramFolder() {
+  {
+    std::lock_guard lock(g_baseMutex);
+    if (!g_programFolder.empty()) return g_programFolder;
+  }
   char buffer[PATH_MAX];
   const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
   if (n <= 0) return {};
   std::string path(buffer, static_cast<std::size_t>(n));
   return path.substr(0, path.rfind('/') + 1);
+}
+
+void SetProgramFolder(const std::string& folder) {
+  std::lock_guard lock(g_baseMutex);
+  g_programFolder = folder;
+  if (!g_programFolder.empty() && g_programFolder.back() != '/') g_programFolder += '/';
 }
 
 std::string CommonDataBase() {

@@ -16,6 +16,8 @@ bool ReplaceFile(const std::string& replaced, const std::string& replacement,
 
 // The folder of the running program's file, ending in '/'.
 std::string ProgramFolder();
+// For tests: another folder stands for the program's; "" restores the real one.
+void SetProgramFolder(const std::string& folder);
 
 // The base of the shared data folders ("/var/lib/" unless SetCommonDataBase changed it), ending
 // in '/'.

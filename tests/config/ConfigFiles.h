@@ -5,9 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <cstdio>
 #include <string>
 
 namespace config_test {
@@ -39,7 +39,8 @@ inline std::string ReadBytes(const std::string& path) {
   if (std::FILE* in = std::fopen(path.c_str(), "rb")) {
     char buffer[65536];
     std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0) bytes.append(buffer, n);
+    while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0)
+      bytes.append(buffer, n);
     std::fclose(in);
   }
   return bytes;

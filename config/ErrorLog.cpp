@@ -1,5 +1,6 @@
 #include "config/ErrorLog.h"
 
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -7,31 +8,97 @@
 #include <cstdio>
 #include <mutex>
 
+#include "config/Folders.h"
 #include "util/Text.h"
+#include "util/WinX.h"
 
 namespace {
 
-std::mutex g_logMutex;  // held from ErrorLog to the end of WriteLogMessage
+constexpr char kMutexName[] = "_Mirava_ErrorLog_Mutex_";
+// A log above this size at the first entry of a run becomes error.bak.
+constexpr long kRotateAbove = 512000;
+
+// Process-wide state. `g_logPath` is worked out under the log's mutex at the first entry; the
+// sink is for tests and tools that catch entries instead of writing the file.
+std::mutex g_stateMutex;
+std::unique_ptr<WinX::Mutex> g_logMutex;
+std::string g_logPath;
+std::mutex g_sinkMutex;  // held from ErrorLog to the end of the message while a sink is set
 std::function<void(const std::string&)> g_sink;
+
+// Per thread: inside the prefix step (so entries the log's own set-up causes are dropped), and
+// the entry under way.
 thread_local bool t_inErrorLog = false;
+thread_local bool t_toSink = false;
+thread_local std::FILE* t_logFile = nullptr;
 thread_local std::string t_entry;
 
 void WriteLogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void SkipLogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+WinX::Mutex& LogMutex() {
+  std::lock_guard lock(g_stateMutex);
+  if (!g_logMutex) g_logMutex = std::make_unique<WinX::Mutex>(kMutexName);
+  return *g_logMutex;
+}
+
+// error.trl in `folder` (the program folder when that is empty). A log grown above the limit
+// becomes error.bak first, replacing the old one; failures here go unreported and the log goes
+// on where it is.
+std::string RotatedLogPath(std::string folder) {
+  if (folder.empty()) folder = config::GetProgramFolder();
+  const std::string log = folder + "error.trl";
+  struct stat st {};
+  if (::stat(log.c_str(), &st) == 0 && st.st_size > kRotateAbove) {
+    const std::string previous = folder + "error.bak";
+    ::unlink(previous.c_str());
+    ::rename(log.c_str(), previous.c_str());
+  }
+  return log;
+}
+
+// Opens the log for this entry, unbuffered, with the byte order mark in an empty file. The path
+// (and with it the rotation) is worked out once per process.
+bool OpenLog() {
+  if (t_logFile) return true;
+  if (g_logPath.empty()) g_logPath = RotatedLogPath(config::GetConfigFolder(false));
+  t_logFile = std::fopen(g_logPath.c_str(), "a+b");
+  if (!t_logFile) return false;
+  std::setvbuf(t_logFile, nullptr, _IONBF, 0);
+  if (std::fseek(t_logFile, 0, SEEK_END) == 0 && std::ftell(t_logFile) == 0) {
+    std::fwrite("\xFF\xFE", 1, 2, t_logFile);
+  }
+  return true;
+}
+
+// The entry in UTF-16LE, in one write: a reader never sees part of an entry.
+void WriteEntry(const std::string& entry) {
+  const std::u16string wide = text::ToUtf16(entry);
+  std::string bytes;
+  bytes.reserve(wide.size() * 2);
+  for (char16_t unit : wide) {
+    bytes += static_cast<char>(unit & 0xFF);
+    bytes += static_cast<char>(unit >> 8);
+  }
+  std::fwrite(bytes.data(), 1, bytes.size(), t_logFile);
+}
 
 void WriteLogMessage(const char* format, ...) {
   va_list args;
   va_start(args, format);
   t_entry += text::FormatV(format, args);
   va_end(args);
-  if (g_sink) {
-    g_sink(t_entry);
-  } else {
-    std::fwrite(t_entry.data(), 1, t_entry.size(), stderr);
-    std::fflush(stderr);
+  if (t_toSink) {
+    if (g_sink) g_sink(t_entry);
+    t_entry.clear();
+    g_sinkMutex.unlock();
+    return;
   }
+  WriteEntry(t_entry);
   t_entry.clear();
-  g_logMutex.unlock();
+  std::fclose(t_logFile);
+  t_logFile = nullptr;
+  LogMutex().Release();
 }
 
 void SkipLogMessage(const char*, ...) {}
@@ -39,18 +106,40 @@ void SkipLogMessage(const char*, ...) {}
 std::string CurrentTime() {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
+  ::tzset();  // the zone is read anew, so a changed TZ takes effect at the next entry
   if (now == static_cast<std::time_t>(-1) || !localtime_r(&now, &local)) return {};
-  return errorlog::FormatTime(local, local.tm_gmtoff / 60);
+  return errorlog::FormatTime(local, (local.tm_isdst > 0 ? 60 : 0) - ::timezone / 60);
+}
+
+// Takes the log for one entry: the sink's lock, or the shared mutex and the open file.
+bool BeginEntry() {
+  g_sinkMutex.lock();
+  t_toSink = static_cast<bool>(g_sink);
+  if (t_toSink) return true;
+  g_sinkMutex.unlock();
+  WinX::Mutex& mutex = LogMutex();
+  // An owner that died left the mutex abandoned; entries are whole writes, so the log is fine
+  // and the lock is taken.
+  const std::uint32_t wait = mutex.Wait(WinX::kInfinite);
+  if (wait != WinX::kWaitObject0 && wait != WinX::kWaitAbandoned) return false;
+  if (!OpenLog()) {
+    mutex.Release();
+    return false;
+  }
+  return true;
 }
 
 }  // namespace
 
 LogWriter ErrorLog(const char* sourceFile, int line) {
   // An entry begun while this thread is already preparing one (the log's own set-up failing and
-  // logging about it) is dropped rather than deadlocking on the lock this thread holds.
+  // logging about it) is dropped rather than waiting on itself.
   if (t_inErrorLog) return SkipLogMessage;
   t_inErrorLog = true;
-  g_logMutex.lock();
+  if (!BeginEntry()) {
+    t_inErrorLog = false;
+    return SkipLogMessage;
+  }
   t_entry =
       errorlog::FormatPrefix(CurrentTime(), TAVRO_PRODUCT_VERSION,
                              static_cast<unsigned long>(::syscall(SYS_gettid)), sourceFile, line);
@@ -61,8 +150,13 @@ LogWriter ErrorLog(const char* sourceFile, int line) {
 namespace errorlog {
 
 void SetErrorLogSink(std::function<void(const std::string&)> sink) {
-  std::lock_guard lock(g_logMutex);
+  std::lock_guard lock(g_sinkMutex);
   g_sink = std::move(sink);
+}
+
+void ForgetLogPath() {
+  std::lock_guard lock(g_stateMutex);
+  g_logPath.clear();
 }
 
 std::string FormatTime(const std::tm& t, long offsetMinutes) {

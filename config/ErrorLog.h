@@ -7,7 +7,9 @@
 // message and lets go of the lock, so the second call must follow at once, on the same thread,
 // with arguments worked out beforehand. An entry that cannot be written is dropped in silence.
 //
-// Entries go to stderr until the shared log file is set up; SetErrorLogSink redirects them.
+// Entries go to error.trl in the configuration folder (UTF-16LE with its mark), shared with the
+// measuring application under the system-wide mutex "_Mirava_ErrorLog_Mutex_". A log above
+// 512,000 bytes at the first entry of a run becomes error.bak. SetErrorLogSink redirects entries.
 #pragma once
 
 #include <ctime>
@@ -20,8 +22,12 @@ LogWriter ErrorLog(const char* sourceFile, int line);
 
 namespace errorlog {
 
-// Receives each whole entry (prefix and message). An empty function restores stderr.
+// Receives each whole entry (prefix and message) instead of the file. An empty function restores
+// the file.
 void SetErrorLogSink(std::function<void(const std::string&)> sink);
+
+// For tests: the next entry works the log's path out again (and rotates).
+void ForgetLogPath();
 
 // "2026-11-22T20:15:07+05:30", or with an offset of 0 "2026-11-22T20:15:07Z".
 std::string FormatTime(const std::tm& local, long offsetMinutes);

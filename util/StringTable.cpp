@@ -11,6 +11,11 @@ namespace {
 const std::map<unsigned, std::string>& Table() {
   static const std::map<unsigned, std::string> table = {
       {101, "&About TavroTest..."},
+      // Lead-ins of the file access warning, one for each way an open can fail, and its button.
+      {19092, "Could not open for reading: "},
+      {19093, "Could not open for writing (the file can be read): "},
+      {19094, "Could not open for writing or reading: "},
+      {36301, "OK"},
   };
   return table;
 }

@@ -1,0 +1,238 @@
+#include "link/ParameterBlocks.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <string>
+#include <string_view>
+
+#include "config/Configuration.h"
+#include "util/Text.h"
+
+namespace {
+
+// Texts are written with at most 16 characters, the size of the board's field, and read into a
+// field of 16 with its terminator, so at most 15 come back.
+constexpr std::size_t kTextWritten = 16;
+constexpr std::size_t kTextRead = 15;
+
+// A number as the C runtime's wide atoi reads it, which is what the other programs on these files
+// use: leading blanks, an optional sign, decimal digits up to the first other character; no digit
+// gives 0. The result is a signed 32-bit int that sticks at its limits on overflow, as that
+// runtime documents, so an unsigned value above 2147483647 is written in full but reads back as
+// 2147483647.
+std::int32_t ToInt(const std::string& text) {
+  std::size_t at = text.find_first_not_of(" \t\n\v\f\r");
+  if (at == std::string::npos) return 0;
+  bool negative = false;
+  if (text[at] == '+' || text[at] == '-') negative = text[at++] == '-';
+  constexpr std::int64_t kMax = std::numeric_limits<std::int32_t>::max();
+  std::int64_t magnitude = 0;
+  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at)
+    magnitude = std::min(magnitude * 10 + (text[at] - '0'), kMax + 1);
+  return static_cast<std::int32_t>(negative ? -magnitude : std::min(magnitude, kMax));
+}
+
+// At most `units` UTF-16 units of the text, which is how the file's other readers and writers
+// count characters; the record holds UTF-8. The text ends at a NUL, as a C string does, and at a
+// line end, which would split the key's line. A character is never cut in two: a surrogate pair
+// that would lose its second half goes as a whole.
+std::string Cut(const std::string& utf8, std::size_t units) {
+  std::u16string wide = text::ToUtf16(utf8);
+  constexpr std::u16string_view kEnds(u"\0\r\n", 3);
+  wide.resize(std::min({wide.find_first_of(kEnds), units, wide.size()}));
+  if (!wide.empty() && wide.back() >= 0xD800 && wide.back() <= 0xDBFF) wide.pop_back();
+  return text::ToUtf8(wide);
+}
+
+// Writers, one for each form of a field; the result of SetValue is not looked at, as a failed
+// set can only mean that no section is open, which the caller has checked.
+void Put(Configuration& file, const std::string& key, std::uint32_t value) {
+  file.SetValue(key, std::to_string(value));
+}
+void Put(Configuration& file, const std::string& key, std::int32_t value) {
+  file.SetValue(key, std::to_string(value));
+}
+void Put(Configuration& file, const std::string& key, std::uint16_t value) {
+  file.SetValue(key, std::to_string(value));
+}
+void Put(Configuration& file, const std::string& key, std::int16_t value) {
+  file.SetValue(key, std::to_string(value));
+}
+void Put(Configuration& file, const std::string& key, bool value) {
+  file.SetValue(key, value ? "1" : "0");
+}
+// Six decimals, so a ratio with more does not come back exactly.
+void Put(Configuration& file, const std::string& key, double value) {
+  file.SetValue(key, text::Format("%lf", value));
+}
+void PutText(Configuration& file, const std::string& key, const std::string& value) {
+  file.SetValue(key, Cut(value, kTextWritten));
+}
+
+// Readers: a missing key leaves the field alone and gives false. Numbers go through ToInt and
+// keep the low bits that fit the field, so a negative Offset comes back as it went.
+bool Get(Configuration& file, const std::string& key, std::uint32_t& field) {
+  std::string text;
+  if (!file.GetValue(key, text)) return false;
+  field = static_cast<std::uint32_t>(ToInt(text));
+  return true;
+}
+bool Get(Configuration& file, const std::string& key, std::int32_t& field) {
+  std::string text;
+  if (!file.GetValue(key, text)) return false;
+  field = ToInt(text);
+  return true;
+}
+bool Get(Configuration& file, const std::string& key, std::uint16_t& field) {
+  std::string text;
+  if (!file.GetValue(key, text)) return false;
+  field = static_cast<std::uint16_t>(ToInt(text));
+  return true;
+}
+bool Get(Configuration& file, const std::string& key, std::int16_t& field) {
+  std::string text;
+  if (!file.GetValue(key, text)) return false;
+  field = static_cast<std::int16_t>(ToInt(text));
+  return true;
+}
+bool Get(Configuration& file, const std::string& key, bool& field) {
+  std::string text;
+  if (!file.GetValue(key, text)) return false;
+  field = ToInt(text) != 0;
+  return true;
+}
+// As the C library's strtod: the program stays in the "C" locale, so the decimal point is '.'
+// on both sides; text that is no number gives 0.
+bool Get(Configuration& file, const std::string& key, double& field) {
+  std::string text;
+  if (!file.GetValue(key, text)) return false;
+  field = std::strtod(text.c_str(), nullptr);
+  return true;
+}
+bool GetText(Configuration& file, const std::string& key, std::string& field) {
+  std::string text;
+  if (!file.GetValue(key, text)) return false;
+  field = Cut(text, kTextRead);
+  return true;
+}
+
+constexpr char kAxisLetters[] = {'X', 'Y', 'Z'};
+
+std::string AxisKey(const char* stem, std::size_t axis) {
+  return stem + std::string(1, kAxisLetters[axis]);
+}
+
+}  // namespace
+
+void ParameterBlocks::StorePid(Configuration& file, const ChannelPid& in) const {
+  if (!file.OpenSection(pidSection_, true)) return;
+  Put(file, "Kp", in.Kp);
+  Put(file, "Kd", in.Kd);
+  Put(file, "Ki", in.Ki);
+  Put(file, "Il", in.Il);
+  Put(file, "Fe", in.Fe);
+  Put(file, "Kvff", in.Kvff);
+  Put(file, "Kaff", in.Kaff);
+  Put(file, "Dt", in.Dt);
+  Put(file, "Kout", in.Kout);
+  Put(file, "Mb", in.Mb);
+}
+
+void ParameterBlocks::StoreDefine(Configuration& file, const ChannelDefine& in) const {
+  if (!file.OpenSection(defineSection_, true)) return;
+  Put(file, "Speed", in.Speed);
+  Put(file, "SlowSpeed", in.SlowSpeed);
+  Put(file, "Accel", in.Accel);
+  Put(file, "Jerk", in.Jerk);
+  Put(file, "RotaryEncoderRes", in.RotaryEncoderRes);
+  Put(file, "Gear", in.Gear);
+  Put(file, "Current", in.Current);
+  Put(file, "SettleWindow", in.SettleWindow);
+  Put(file, "SettleTime", in.SettleTime);
+  Put(file, "MotorPoles", in.MotorPoles);
+  Put(file, "MotorSaturationCounter", in.MotorSaturationCounter);
+  Put(file, "EncoderSwap", in.EncoderSwap);
+  Put(file, "MotorSwap", in.MotorSwap);
+  // IndexType has two keys: whether the mark is inverted and whether there is a mark at all.
+  Put(file, "InvertIndex", in.IndexType == kIndexMarkInverted);
+  Put(file, "IndexMarkExists", in.IndexType < kNoIndexMark);
+  if (!platenDefine_) return;
+  for (std::size_t axis = 0; axis < 3; ++axis)
+    Put(file, AxisKey("Size", axis), in.Size[axis]);
+  for (std::size_t axis = 0; axis < 3; ++axis)
+    Put(file, AxisKey("Offset", axis), in.Offset[axis]);
+  Put(file, "SlowSpeedTurns", in.SlowSpeedTurns);
+}
+
+void ParameterBlocks::StoreSerial(Configuration& file, const BoardIdentity& in,
+                                  bool withSerial) const {
+  if (!file.OpenSection(serialSection_, true)) return;
+  // Without withSerial the parameters are written without the unit's serial number, and a
+  // number the section already holds stays as it is.
+  if (withSerial) PutText(file, "SerialNumber", in.serialNumber);
+  PutText(file, "MachineName", in.machineName);
+  PutText(file, "ModelName", in.modelName);
+}
+
+void ParameterBlocks::LoadPid(Configuration& file, ChannelPid& out) const {
+  if (!file.OpenSection(pidSection_, false)) return;
+  Get(file, "Kp", out.Kp);
+  Get(file, "Kd", out.Kd);
+  Get(file, "Ki", out.Ki);
+  Get(file, "Il", out.Il);
+  Get(file, "Fe", out.Fe);
+  Get(file, "Kvff", out.Kvff);
+  Get(file, "Kaff", out.Kaff);
+  Get(file, "Dt", out.Dt);
+  Get(file, "Kout", out.Kout);
+  Get(file, "Mb", out.Mb);
+}
+
+void ParameterBlocks::LoadDefine(Configuration& file, ChannelDefine& out) const {
+  if (!file.OpenSection(defineSection_, false)) return;
+  Get(file, "Speed", out.Speed);
+  Get(file, "SlowSpeed", out.SlowSpeed);
+  Get(file, "Accel", out.Accel);
+  Get(file, "Jerk", out.Jerk);
+  Get(file, "RotaryEncoderRes", out.RotaryEncoderRes);
+  Get(file, "Gear", out.Gear);
+  Get(file, "Current", out.Current);
+  Get(file, "SettleWindow", out.SettleWindow);
+  Get(file, "SettleTime", out.SettleTime);
+  Get(file, "MotorPoles", out.MotorPoles);
+  Get(file, "MotorSaturationCounter", out.MotorSaturationCounter);
+  Get(file, "EncoderSwap", out.EncoderSwap);
+  Get(file, "MotorSwap", out.MotorSwap);
+  // The two keys are always written together. When a file lacks one of them, the missing flag
+  // is taken from IndexType as the caller passed it in, so that a lone key changes only what it
+  // says; with both missing IndexType stays as it was, like any other field without its key.
+  bool inverted = out.IndexType == kIndexMarkInverted;
+  bool markExists = out.IndexType < kNoIndexMark;
+  const bool gotInverted = Get(file, "InvertIndex", inverted);
+  const bool gotMarkExists = Get(file, "IndexMarkExists", markExists);
+  if (gotInverted || gotMarkExists)
+    out.IndexType = !markExists ? kNoIndexMark : inverted ? kIndexMarkInverted : kIndexMark;
+  if (!platenDefine_) return;
+  for (std::size_t axis = 0; axis < 3; ++axis)
+    Get(file, AxisKey("Size", axis), out.Size[axis]);
+  for (std::size_t axis = 0; axis < 3; ++axis)
+    Get(file, AxisKey("Offset", axis), out.Offset[axis]);
+  Get(file, "SlowSpeedTurns", out.SlowSpeedTurns);
+}
+
+void ParameterBlocks::LoadSerial(Configuration& file, BoardIdentity& out, bool withSerial) const {
+  if (!file.OpenSection(serialSection_, false)) return;
+  if (withSerial) GetText(file, "SerialNumber", out.serialNumber);
+  GetText(file, "MachineName", out.machineName);
+  GetText(file, "ModelName", out.modelName);
+  Get(file, "ModelType", out.identityWord);
+  if (!withSerial) return;
+  // No writer of these blocks writes the two identity longs; they come only from files made
+  // elsewhere or by hand, and their keys are named after the record's fields so that such a
+  // file reads plainly.
+  Get(file, "IdentityLong1", out.identityLong1);
+  Get(file, "IdentityLong2", out.identityLong2);
+  Get(file, "IsEngineeringModel", out.identityFlag);
+}

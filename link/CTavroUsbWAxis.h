@@ -13,6 +13,7 @@
 #include "link/ControllerRecords.h"
 
 class CTavroUsb;
+class Configuration;
 
 class CTavroUsbWAxis {
  public:
@@ -63,6 +64,18 @@ class CTavroUsbWAxis {
   virtual bool ReadParameters(WAxisParameters& out) = 0;
   virtual bool WriteParameters(const WAxisParameters& in) = 0;
 
+  // Parameter blocks: the three records as sections PID:WAXIS, DEFINE:WAXIS and
+  // DEFINE:WAXIS_SERIAL of a keyed file (link/ParameterBlocks.h). No lock and no transfer; a
+  // store creates its section, a load of a missing section or key leaves the record alone.
+  // `withSerial` matters only to the serial block. The file is written when `file` ends.
+  virtual void StoreParameters(Configuration& file, const WAxisParameters& in, bool withSerial) = 0;
+  virtual void StorePid(Configuration& file, const ChannelPid& in, bool withSerial) = 0;
+  virtual void StoreDefine(Configuration& file, const ChannelDefine& in, bool withSerial) = 0;
+  virtual void StoreSerial(Configuration& file, const BoardIdentity& in, bool withSerial) = 0;
+  virtual void LoadPid(Configuration& file, ChannelPid& out, bool withSerial) = 0;
+  virtual void LoadDefine(Configuration& file, ChannelDefine& out, bool withSerial) = 0;
+  virtual void LoadSerial(Configuration& file, BoardIdentity& out, bool withSerial) = 0;
+
  protected:
   CTavroUsbWAxis() = default;
   CTavroUsbWAxis(const CTavroUsbWAxis&) = default;
@@ -99,6 +112,19 @@ class CTavroUsbPlaten {
   virtual bool GetEepromInfo(EepromInfo& out) = 0;
   virtual bool ReadParameters(PlatenParameters& out) = 0;
   virtual bool WriteParameters(const PlatenParameters& in) = 0;
+
+  // Parameter blocks as for the W axis, in the sections PID:PLATEN, DEFINE:PLATEN (with Size,
+  // Offset and SlowSpeedTurns as well) and DEFINE:PLATEN_SERIAL.
+  virtual void StoreParameters(Configuration& file, const PlatenParameters& in,
+                               bool withSerial) = 0;
+  virtual void StorePid(Configuration& file, const ChannelPid& in, bool withSerial) = 0;
+  virtual void StoreDefine(Configuration& file, const ChannelDefine& in, bool withSerial) = 0;
+  virtual void StoreSerial(Configuration& file, const BoardIdentity& in, bool withSerial) = 0;
+  // Serial, definition, tuning, in this order.
+  virtual void LoadParameters(Configuration& file, PlatenParameters& out, bool withSerial) = 0;
+  virtual void LoadPid(Configuration& file, ChannelPid& out, bool withSerial) = 0;
+  virtual void LoadDefine(Configuration& file, ChannelDefine& out, bool withSerial) = 0;
+  virtual void LoadSerial(Configuration& file, BoardIdentity& out, bool withSerial) = 0;
 
  protected:
   CTavroUsbPlaten() = default;

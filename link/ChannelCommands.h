@@ -8,6 +8,7 @@
 
 #include "link/CTavroUsbController.h"
 #include "link/CTavroUsbWAxis.h"
+#include "link/ParameterBlocks.h"
 
 class ChannelCommands {
  public:
@@ -134,6 +135,27 @@ class WAxisBridge : public CTavroUsbWAxis {
   }
   bool ReadParameters(WAxisParameters& out) override { return w_.ReadParameters(out); }
   bool WriteParameters(const WAxisParameters& in) override { return w_.WriteParameters(in); }
+  void StoreParameters(Configuration& file, const WAxisParameters& in, bool withSerial) override {
+    kWAxisBlocks.StoreParameters(file, in, withSerial);
+  }
+  void StorePid(Configuration& file, const ChannelPid& in, bool) override {
+    kWAxisBlocks.StorePid(file, in);
+  }
+  void StoreDefine(Configuration& file, const ChannelDefine& in, bool) override {
+    kWAxisBlocks.StoreDefine(file, in);
+  }
+  void StoreSerial(Configuration& file, const BoardIdentity& in, bool withSerial) override {
+    kWAxisBlocks.StoreSerial(file, in, withSerial);
+  }
+  void LoadPid(Configuration& file, ChannelPid& out, bool) override {
+    kWAxisBlocks.LoadPid(file, out);
+  }
+  void LoadDefine(Configuration& file, ChannelDefine& out, bool) override {
+    kWAxisBlocks.LoadDefine(file, out);
+  }
+  void LoadSerial(Configuration& file, BoardIdentity& out, bool withSerial) override {
+    kWAxisBlocks.LoadSerial(file, out, withSerial);
+  }
 
  private:
   ChannelCommands w_;
@@ -177,6 +199,30 @@ class PlatenBridge : public CTavroUsbPlaten {
   bool GetEepromInfo(EepromInfo& out) override { return p_.GetEepromInfo(out); }
   bool ReadParameters(PlatenParameters& out) override { return p_.ReadParameters(out); }
   bool WriteParameters(const PlatenParameters& in) override { return p_.WriteParameters(in); }
+  void StoreParameters(Configuration& file, const PlatenParameters& in, bool withSerial) override {
+    kPlatenBlocks.StoreParameters(file, in, withSerial);
+  }
+  void StorePid(Configuration& file, const ChannelPid& in, bool) override {
+    kPlatenBlocks.StorePid(file, in);
+  }
+  void StoreDefine(Configuration& file, const ChannelDefine& in, bool) override {
+    kPlatenBlocks.StoreDefine(file, in);
+  }
+  void StoreSerial(Configuration& file, const BoardIdentity& in, bool withSerial) override {
+    kPlatenBlocks.StoreSerial(file, in, withSerial);
+  }
+  void LoadParameters(Configuration& file, PlatenParameters& out, bool withSerial) override {
+    kPlatenBlocks.LoadParameters(file, out, withSerial);
+  }
+  void LoadPid(Configuration& file, ChannelPid& out, bool) override {
+    kPlatenBlocks.LoadPid(file, out);
+  }
+  void LoadDefine(Configuration& file, ChannelDefine& out, bool) override {
+    kPlatenBlocks.LoadDefine(file, out);
+  }
+  void LoadSerial(Configuration& file, BoardIdentity& out, bool withSerial) override {
+    kPlatenBlocks.LoadSerial(file, out, withSerial);
+  }
 
  private:
   ChannelCommands p_;

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "config/Configuration.h"
+#include "config/Folders.h"
 #include "util/Text.h"
 
 namespace {
@@ -17,22 +18,10 @@ namespace {
 constexpr std::size_t kTextWritten = 16;
 constexpr std::size_t kTextRead = 15;
 
-// A number as the C runtime's wide atoi reads it, which is what the other programs on these files
-// use: leading blanks, an optional sign, decimal digits up to the first other character; no digit
-// gives 0. The result is a signed 32-bit int that sticks at its limits on overflow, as that
-// runtime documents, so an unsigned value above 2147483647 is written in full but reads back as
-// 2147483647.
-std::int32_t ToInt(const std::string& text) {
-  std::size_t at = text.find_first_not_of(" \t\n\v\f\r");
-  if (at == std::string::npos) return 0;
-  bool negative = false;
-  if (text[at] == '+' || text[at] == '-') negative = text[at++] == '-';
-  constexpr std::int64_t kMax = std::numeric_limits<std::int32_t>::max();
-  std::int64_t magnitude = 0;
-  for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at)
-    magnitude = std::min(magnitude * 10 + (text[at] - '0'), kMax + 1);
-  return static_cast<std::int32_t>(negative ? -magnitude : std::min(magnitude, kMax));
-}
+// Numbers are read as the C runtime's atoi reads them (config::ToInt), which is what the other
+// programs on these files use. An unsigned value above 2147483647 is written in full but reads
+// back as 2147483647, where that reading sticks.
+using config::ToInt;
 
 // At most `units` UTF-16 units of the text, which is how the file's other readers and writers
 // count characters; the record holds UTF-8. The text ends at a NUL, as a C string does, and at a

@@ -223,7 +223,10 @@ bool Configuration::OpenSection(const std::string& name, bool create) {
   if (name.empty()) return false;
   if (!text && !Load(create)) return false;
 
-  const std::u16string header = u"[" + text::ToUtf16(name) + u"]";
+  // Built by appending: g++ 12 warns falsely (-Wrestrict) on "literal + temporary" when optimising.
+  std::u16string header(1, u'[');
+  header += text::ToUtf16(name);
+  header += u']';
   const std::u16string_view all(text.get(), length);
   for (std::size_t hit = all.find(header); hit != std::u16string_view::npos;
        hit = all.find(header, hit + 1)) {

@@ -31,6 +31,7 @@
     socket = ws;
     ws.onopen = () => {
       setLink('open', 'Live');
+      send({ t: 'viewport', width: innerWidth, height: innerHeight });
       send({ t: 'shown', page: tabs.length ? selected : -1 });
       tabs.forEach((tab, i) => { if (tab.loaded) send({ t: 'loaded', page: i }); });
     };
@@ -398,15 +399,56 @@
   function closeDialog(id) {
     const open = dialogs.get(id);
     if (!open) return;
+    if (open.observer) open.observer.disconnect();
     open.node.remove();
     dialogs.delete(id);
+    if (open.kind === 'window') updateBlocker();
     const layer = document.getElementById('dialog-layer');
     layer.hidden = layer.children.length === 0;
     const top = layer.lastElementChild;
     if (top) { const b = top.querySelector('.buttons button'); if (b) b.focus(); }
   }
 
-  // The non-modal message window: built once, then brought up to date by later messages.
+  // The non-modal message window: built once, then brought up to date by later messages. A
+  // window with a layout stands where the program placed it, its controls at the program's
+  // rectangles (client coordinates, below the caption); without one it arranges itself.
+  const ICON_SIGNS = { information: 'i', warning: '!', error: '\u2715', question: '?' };
+
+  function place(el, box) {
+    const [left, top, width, height] = box;
+    el.classList.toggle('hidden', !(width > 0 && height > 0));
+    Object.assign(el.style, { left: `${left}px`, top: `${top}px`, width: `${width}px`, height: `${height}px` });
+  }
+
+  function moveAlongButtons(node, step) {
+    const buttons = [...node.querySelectorAll('.buttons button')]
+      .filter((b) => !b.classList.contains('hidden'));
+    if (!buttons.length) return;
+    const at = buttons.indexOf(document.activeElement);
+    const next = at < 0 ? 0 : (at + step + buttons.length) % buttons.length;
+    buttons[next].focus();
+  }
+
+  function windowKeys(open, e) {
+    const m = open.last;
+    if (!m.keyboard) return;
+    const onButton = e.target.closest && e.target.closest('.buttons button');
+    if (e.type === 'keydown') {
+      // The keys act when they are let go; a focused button must not click on the press too.
+      if (e.key === 'Enter' || e.key === 'Escape') e.preventDefault();
+      return;
+    }
+    if (e.key === 'Escape') answer(m.id, -2);
+    else if (e.key === 'Enter' && onButton && !onButton.disabled) onButton.click();
+    else if (e.key === 'ArrowLeft') moveAlongButtons(open.node, -1);
+    else if (e.key === 'ArrowRight') moveAlongButtons(open.node, 1);
+  }
+
+  function updateBlocker() {
+    const blocking = [...dialogs.values()].some((d) => d.kind === 'window' && d.last && d.last.blocksPages);
+    document.getElementById('window-blocker').hidden = !blocking;
+  }
+
   function messageWindow(m) {
     let open = dialogs.get(m.id);
     if (!open) {
@@ -414,21 +456,30 @@
       node.id = `dialog-${m.id}`;
       node.setAttribute('role', 'dialog');
       document.getElementById('window-layer').appendChild(node);
-      open = { kind: 'window', node, built: null };
+      open = { kind: 'window', node, built: null, moved: false, last: m };
+      node.addEventListener('keydown', (e) => windowKeys(open, e));
+      node.addEventListener('keyup', (e) => windowKeys(open, e));
       dialogs.set(m.id, open);
     }
+    open.last = m;
     const node = open.node;
-    const shape = JSON.stringify([m.buttons, m.closeBox, 'progress' in m]);
-    if (open.built !== shape) {
+    const layout = m.layout;
+    const shape = JSON.stringify([m.buttons, m.closeBox, 'progress' in m, !!layout]);
+    const fresh = open.built !== shape;
+    if (fresh) {
       node.textContent = '';
       node.appendChild(caption(m.title, m.closeBox ? () => answer(m.id, -2) : null));
-      node.appendChild(make('div', 'wintext'));
-      if ('progress' in m) { const bar = make('progress'); bar.max = 200; node.appendChild(bar); }
-      node.appendChild(buttonRow(m.buttons.map((label, i) =>
+      const client = layout ? make('div', 'client') : node;
+      if (layout) node.appendChild(client);
+      client.appendChild(make('div', 'winicon hidden'));
+      client.appendChild(make('div', 'wintext'));
+      if ('progress' in m) { const bar = make('progress'); bar.max = 200; client.appendChild(bar); }
+      client.appendChild(buttonRow(m.buttons.map((label, i) =>
         [label, () => answer(m.id, i), String(i)])));
-      makeDraggable(node);
+      makeDraggable(node, open);
       open.built = shape;
     }
+    node.classList.toggle('placed', !!layout);
     node.querySelector('.caption-text').textContent = m.title;
     const text = node.querySelector('.wintext');
     text.classList.toggle('hidden', m.text === '');
@@ -437,32 +488,89 @@
     text.classList.toggle('fixed', m.fixedFont);
     text.classList.toggle('selectable', m.selectable);
     text.tabIndex = m.selectable ? 0 : -1;
+    const icon = node.querySelector('.winicon');
+    icon.textContent = ICON_SIGNS[m.icon] || '';
+    icon.className = `winicon ${m.icon || 'hidden'}`;
     const bar = node.querySelector('progress');
     if (bar) bar.value = m.progress;
     node.querySelectorAll('.buttons button').forEach((b, i) => {
       b.disabled = !m.enabled[i];
       b.classList.toggle('hidden', !m.shown[i]);
+      b.classList.toggle('checked', !!m.checks[i]);
+      b.setAttribute('aria-pressed', m.checks[i] ? 'true' : 'false');
     });
-    if (m.width > 0) node.style.width = `${m.width}px`;
-    if (m.height > 0) node.style.height = `${m.height}px`;
-    if (!node.style.left) {
-      node.style.left = `${Math.max(0, (innerWidth - node.offsetWidth) / 2)}px`;
-      node.style.top = `${Math.max(0, (innerHeight - node.offsetHeight) / 2)}px`;
+    if (layout) placeWindow(open, m, layout);
+    else {
+      if (m.width > 0) node.style.width = `${m.width}px`;
+      if (m.height > 0) node.style.height = `${m.height}px`;
+      if (!node.style.left) {
+        node.style.left = `${Math.max(0, (innerWidth - node.offsetWidth) / 2)}px`;
+        node.style.top = `${Math.max(0, (innerHeight - node.offsetHeight) / 2)}px`;
+      }
+    }
+    if (fresh && m.focusFirst) {
+      const first = [...node.querySelectorAll('.buttons button')].find((b) => !b.classList.contains('hidden'));
+      if (first) { first.classList.add('default'); first.focus(); }
     }
     if ('scrollToLine' in m) {
-      const lineHeight = parseFloat(getComputedStyle(text).lineHeight) || 18;
+      const lineHeight = parseFloat(getComputedStyle(text).lineHeight) || 17;
       const top = m.scrollToLine * lineHeight;
       if (top < text.scrollTop) text.scrollTop = top;
       else if (top + lineHeight > text.scrollTop + text.clientHeight) {
         text.scrollTop = top + lineHeight - text.clientHeight;
       }
     }
+    updateBlocker();
   }
 
-  function makeDraggable(node) {
+  function placeWindow(open, m, layout) {
+    const node = open.node;
+    const [left, top, width, height] = layout.window;
+    // A window the user has dragged stays where it was put; only its size follows.
+    if (!open.moved) Object.assign(node.style, { left: `${left}px`, top: `${top}px` });
+    open.size = [width, height];
+    Object.assign(node.style, { width: `${width}px`, height: `${height}px` });
+    node.classList.toggle('resizable', m.resizable);
+    if (m.resizable) {
+      Object.assign(node.style, {
+        minWidth: `${layout.min[0]}px`, minHeight: `${layout.min[1]}px`,
+        maxWidth: `${layout.max[0]}px`, maxHeight: `${layout.max[1]}px`,
+      });
+      if (!open.observer) {
+        // The user's new size goes to the program, which places the controls for it.
+        open.observer = new ResizeObserver(() => {
+          const w = node.offsetWidth;
+          const h = node.offsetHeight;
+          if (w === open.size[0] && h === open.size[1]) return;
+          open.size = [w, h];
+          send({ t: 'resize', dialog: m.id, width: w - 2, height: h - 32 });
+        });
+        open.observer.observe(node);
+      }
+    }
+    place(node.querySelector('.winicon'), m.icon ? layout.icon : [0, 0, 0, 0]);
+    const text = node.querySelector('.wintext');
+    if (m.text !== '') {
+      place(text, layout.text);
+      text.style.paddingRight = `${layout.textPadRight}px`;
+      text.style.overflowY = layout.vScroll ? 'scroll' : 'hidden';
+      text.style.overflowX = layout.hScroll ? 'scroll' : 'hidden';
+    }
+    const bar = node.querySelector('progress');
+    if (bar) place(bar, layout.progress);
+    node.querySelectorAll('.buttons button').forEach((b, i) => {
+      if (layout.buttons[i]) {
+        const [bl, bt, bw, bh] = layout.buttons[i];
+        Object.assign(b.style, { left: `${bl}px`, top: `${bt}px`, width: `${bw}px`, height: `${bh}px` });
+      }
+    });
+  }
+
+  function makeDraggable(node, open) {
     const bar = node.querySelector('.caption');
     bar.addEventListener('pointerdown', (e) => {
       if (e.target.closest('button')) return;
+      open.moved = true;
       const dx = e.clientX - node.offsetLeft;
       const dy = e.clientY - node.offsetTop;
       const move = (ev) => {
@@ -478,6 +586,8 @@
     });
   }
 
+  // The viewport is the work area that the program places message windows in.
+  addEventListener('resize', () => send({ t: 'viewport', width: innerWidth, height: innerHeight }));
   setUpMenu();
   connect();
 })();

@@ -123,6 +123,15 @@ bool DecodeFields(const std::string& type, const json& j, Incoming& in, std::str
     }
     return true;
   }
+  if (type == "resize" || type == "viewport") {
+    in.kind = type == "resize" ? K::kResize : K::kViewport;
+    if ((in.kind == K::kViewport || GetInt(j, "dialog", in.dialog)) &&
+        GetInt(j, "width", in.width) && GetInt(j, "height", in.height)) {
+      return true;
+    }
+    error = type + " with missing fields";
+    return false;
+  }
   error = "unknown message type '" + type + "'";
   return false;
 }
@@ -157,6 +166,10 @@ json Element(const ElementState& e) {
 // not valid rather than fail the whole message.
 std::string Dump(const json& j) {
   return j.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+json BoxJson(const Box& b) {
+  return json::array({b.left, b.top, b.width, b.height});
 }
 
 }  // namespace
@@ -228,25 +241,46 @@ std::string EncodeChoice(int id, const ChoiceDialog& dialog) {
                {"initial", dialog.initial}});
 }
 
-std::string EncodeMessageWindow(int id, const MessageWindowContent& c, int progress,
-                                const std::vector<bool>& enabled, const std::vector<bool>& shown,
-                                int scrollLine) {
+std::string EncodeMessageWindow(int id, const MessageWindowState& s, int scrollLine) {
+  const MessageWindowContent& c = s.content;
   json j = {{"t", "dialog"},
             {"id", id},
             {"kind", "window"},
             {"title", c.title},
             {"text", c.text},
             {"buttons", c.buttons},
-            {"enabled", enabled},
-            {"shown", shown},
+            {"enabled", s.enabled},
+            {"shown", s.shown},
+            {"checks", s.checks},
             {"selectable", c.selectableText},
             {"fixedFont", c.fixedFont},
             {"wrap", c.wrap},
             {"closeBox", c.closeBox},
+            {"resizable", c.resizable},
+            {"blocksPages", c.blocksPages},
+            {"keyboard", c.keyboard},
+            {"focusFirst", c.focusFirstButton},
+            {"icon", c.icon},
             {"width", c.width},
             {"height", c.height}};
-  if (c.progressBar) j["progress"] = progress;
+  if (c.progressBar) j["progress"] = s.progress;
   if (scrollLine >= 0) j["scrollToLine"] = scrollLine;
+  const MessageWindowGeometry& g = c.geometry;
+  if (g.placed) {
+    json buttons = json::array();
+    for (const Box& b : g.buttons)
+      buttons.push_back(BoxJson(b));
+    j["layout"] = {{"window", BoxJson(g.window)},
+                   {"min", {g.minWidth, g.minHeight}},
+                   {"max", {g.maxWidth, g.maxHeight}},
+                   {"icon", BoxJson(g.icon)},
+                   {"text", BoxJson(g.text)},
+                   {"progress", BoxJson(g.progress)},
+                   {"buttons", buttons},
+                   {"textPadRight", g.textPadRight},
+                   {"vScroll", g.vScroll},
+                   {"hScroll", g.hScroll}};
+  }
   return Dump(j);
 }
 

@@ -12,6 +12,8 @@
 //   loaded    {"t":"loaded","page":p}          the page's HTML has loaded in this browser
 //   scroll    {"t":"scroll","page":p,"id":s,"height":n,"top":n,"client":n}
 //   answer    {"t":"answer","dialog":n,"result":r,"choice"?:k}
+//   resize    {"t":"resize","dialog":n,"width":w,"height":h}   a message window's new client size
+//   viewport  {"t":"viewport","width":w,"height":h}           the browser's viewport
 #pragma once
 
 #include <cstdint>
@@ -27,7 +29,7 @@
 namespace ui::protocol {
 
 struct Incoming {
-  enum class Kind { kEvent, kShown, kLoaded, kScroll, kAnswer };
+  enum class Kind { kEvent, kShown, kLoaded, kScroll, kAnswer, kResize, kViewport };
   Kind kind;
   int page = 0;
   std::string id;
@@ -38,6 +40,8 @@ struct Incoming {
   int dialog = 0;
   int result = 0;
   int choice = 0;
+  int width = 0;  // kResize, kViewport
+  int height = 0;
 };
 
 // Parses one message from a browser. On failure returns nullopt and says why in `error`.
@@ -55,9 +59,7 @@ std::string EncodeDoc(int page, const DocumentDelta& delta, bool full);
 std::string EncodeBox(int id, const std::string& text, const std::string& title, unsigned style);
 std::string EncodeChoice(int id, const ChoiceDialog& dialog);
 // `scrollLine` -1: no scroll order.
-std::string EncodeMessageWindow(int id, const MessageWindowContent& content, int progress,
-                                const std::vector<bool>& enabled, const std::vector<bool>& shown,
-                                int scrollLine);
+std::string EncodeMessageWindow(int id, const MessageWindowState& state, int scrollLine);
 std::string EncodeCloseDialog(int id);
 
 }  // namespace ui::protocol

@@ -25,6 +25,7 @@ MessageWindowView::MessageWindowView(Window* window, int id, MessageWindowConten
     : window_(window), id_(id) {
   state_.enabled.assign(content.buttons.size(), true);
   state_.shown.assign(content.buttons.size(), true);
+  state_.checks.assign(content.buttons.size(), false);
   state_.content = std::move(content);
 }
 
@@ -46,6 +47,12 @@ void MessageWindowView::SetText(const std::string& text) {
   Changed();
 }
 
+void MessageWindowView::SetIcon(const std::string& kind) {
+  if (state_.content.icon == kind) return;
+  state_.content.icon = kind;
+  Changed();
+}
+
 void MessageWindowView::SetProgress(int position) {
   position = std::clamp(position, 0, kProgressMax);
   if (state_.progress == position) return;
@@ -64,6 +71,19 @@ void MessageWindowView::ShowButton(int index, bool shown) {
   if (index < 0 || index >= static_cast<int>(state_.shown.size())) return;
   if (state_.shown[index] == shown) return;
   state_.shown[index] = shown;
+  Changed();
+}
+
+void MessageWindowView::SetCheck(int index, bool checked) {
+  if (index < 0 || index >= static_cast<int>(state_.checks.size())) return;
+  if (state_.checks[index] == checked) return;
+  state_.checks[index] = checked;
+  Changed();
+}
+
+void MessageWindowView::SetGeometry(const MessageWindowGeometry& geometry) {
+  if (state_.content.geometry == geometry) return;
+  state_.content.geometry = geometry;
   Changed();
 }
 
@@ -161,8 +181,7 @@ void Window::Flush() {
     const auto it = dialogs_.find(id);
     if (it == dialogs_.end() || !it->second.view) continue;
     MessageWindowView& v = *it->second.view;
-    Broadcast(protocol::EncodeMessageWindow(id, v.state_.content, v.state_.progress,
-                                            v.state_.enabled, v.state_.shown, v.scrollLine_));
+    Broadcast(protocol::EncodeMessageWindow(id, v.state_, v.scrollLine_));
     v.scrollLine_ = -1;
   }
   dirtyWindows_.clear();
@@ -187,8 +206,7 @@ void Window::SendFullState(Client& client) {
   }
   for (const auto& [id, dialog] : dialogs_) {
     if (dialog.view) {
-      const auto& s = dialog.view->state_;
-      send(protocol::EncodeMessageWindow(id, s.content, s.progress, s.enabled, s.shown, -1));
+      send(protocol::EncodeMessageWindow(id, dialog.view->state_, -1));
     } else {
       send(dialog.message);
     }
@@ -239,6 +257,20 @@ void Window::Handle(ClientId client, const protocol::Incoming& in) {
       return;
     case K::kAnswer:
       HandleAnswer(in);
+      return;
+    case K::kResize: {
+      const auto it = dialogs_.find(in.dialog);
+      if (it == dialogs_.end() || !it->second.view) return;  // closed meanwhile
+      const MessageWindowView& view = *it->second.view;
+      if (!view.state_.content.resizable || in.width <= 0 || in.height <= 0) {
+        UI_LOG("UI: resize %dx%d refused for dialog %d\r\n", in.width, in.height, in.dialog);
+        return;
+      }
+      if (view.onResize_) view.onResize_(in.width, in.height);
+      return;
+    }
+    case K::kViewport:
+      if (in.width > 0 && in.height > 0) viewport_ = {in.width, in.height};
       return;
     case K::kShown:
       if (in.page < -1 || in.page >= PageCount()) {
@@ -352,8 +384,7 @@ std::shared_ptr<MessageWindowView> Window::OpenMessageWindow(const MessageWindow
   d.done = [onButton = std::move(onButton)](int result, int) {
     if (onButton) onButton(result);
   };
-  const auto& s = view->state_;
-  Broadcast(protocol::EncodeMessageWindow(id, s.content, s.progress, s.enabled, s.shown, -1));
+  Broadcast(protocol::EncodeMessageWindow(id, view->state_, -1));
   return view;
 }
 
@@ -389,7 +420,8 @@ void Window::HandleAnswer(const protocol::Incoming& in) {
     case DialogKind::kWindow: {
       const auto& s = d.view->state_;
       const int count = static_cast<int>(s.content.buttons.size());
-      valid = (in.result == kWindowClosed && s.content.closeBox) ||
+      // Escape closes a window with keyboard handling, close box or not.
+      valid = (in.result == kWindowClosed && (s.content.closeBox || s.content.keyboard)) ||
               (in.result >= 0 && in.result < count && s.enabled[in.result] && s.shown[in.result]);
       break;
     }

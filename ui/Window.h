@@ -20,6 +20,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "platform/TaskLoop.h"
@@ -75,10 +76,20 @@ class MessageWindowView {
  public:
   void SetTitle(const std::string& title);
   void SetText(const std::string& text);
-  void SetProgress(int position);  // 0 to kProgressMax
+  void SetIcon(const std::string& kind);  // "" for none
+  void SetProgress(int position);         // 0 to kProgressMax
   void EnableButton(int index, bool enabled);
   void ShowButton(int index, bool shown);
+  // A pressed look for button `index`.
+  void SetCheck(int index, bool checked);
   void SetSize(int width, int height);
+  // Places the window and its controls (see MessageWindowGeometry).
+  void SetGeometry(const MessageWindowGeometry& geometry);
+  // Runs on the UI thread with the client area's new size when a browser's user resizes a
+  // resizable window.
+  void SetResizeHandler(std::function<void(int width, int height)> handler) {
+    onResize_ = std::move(handler);
+  }
   // Scrolls the text so that `line` (from 0) can be seen; sent once, not kept as state.
   void ScrollToLine(int line);
   // Takes the window off every browser. The button callback is not called.
@@ -88,19 +99,14 @@ class MessageWindowView {
 
  private:
   friend class Window;
-  struct State {
-    MessageWindowContent content;
-    int progress = 0;
-    std::vector<bool> enabled;
-    std::vector<bool> shown;
-  };
   MessageWindowView(Window* window, int id, MessageWindowContent content);
   void Changed();
 
   Window* window_;
   int id_;
-  State state_;
+  MessageWindowState state_;
   int scrollLine_ = -1;  // pending ScrollToLine, -1: none
+  std::function<void(int, int)> onResize_;
 };
 
 class Window : public MessageBoxPresenter {
@@ -130,6 +136,9 @@ class Window : public MessageBoxPresenter {
   void SetAboutText(const std::string& text) { aboutText_ = text; }
   // Whether some browser shows page `index` now.
   bool PageShown(int index) const;
+  // The size of the browser viewport the window is shown in: the last that a browser reported,
+  // or 1280 x 800 before any did. It is the work area that message windows are placed in.
+  std::pair<int, int> Viewport() const { return viewport_; }
 
   // Opens a message box without waiting; `done` (may be empty) runs on the UI thread with the
   // answer. Writes the text to stderr, as every box does.
@@ -230,6 +239,7 @@ class Window : public MessageBoxPresenter {
   bool flushPosted_ = false;
   std::function<void()> onClose_;
   std::string aboutText_;
+  std::pair<int, int> viewport_{1280, 800};
 
   // Blocked callers; guarded by waitMutex_.
   std::mutex waitMutex_;

@@ -8,17 +8,20 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <thread>
 
 #include "app/CTavroTestApp.h"
 #include "app/CTavroTestDlg.h"
+#include "config/FileAccessWarnings.h"
 #include "platform/PowerEvents.h"
 #include "platform/TaskLoop.h"
 #include "ui/MessageBox.h"
 #include "ui/StopSignals.h"
 #include "ui/WebServer.h"
 #include "ui/Window.h"
+#include "util/MessageWindow.h"
 
 namespace {
 
@@ -66,6 +69,9 @@ int main() {
   std::fflush(stdout);
   OpenBrowser(server.Url());
   ui::SetMessageBoxPresenter(&window);
+  Utility::SetMessageWindowHost(&loop, &window);
+  // Files of the shared folders that cannot be opened are told in one message window.
+  auto fileAccessWarnings = std::make_unique<FileAccessWarnings>();
 
   AppFrame frame{loop, window};
   // The computer's sleep and wake go to the main dialog that runs at the time, on the UI thread.
@@ -80,6 +86,8 @@ int main() {
   app.InitInstance();
 
   sleepWatcher.Stop();
+  fileAccessWarnings.reset();
+  Utility::SetMessageWindowHost(nullptr, nullptr);
   ui::SetMessageBoxPresenter(nullptr);
   window.Shutdown();
   server.Stop();

@@ -143,6 +143,36 @@ test('the message window shows progress and reports its buttons', async () => {
   await eventually(() => win.count(), 0);
 });
 
+test('the file access warning is placed by the program and answers the keyboard', async () => {
+  await field(first, 0, 'FileWarningButton').click();
+  const win = first.locator('.msgwin.placed');
+  await win.waitFor();
+  assert.equal(await win.locator('.caption-text').textContent(), 'File Access Warning');
+  // Both failures, the second added to the open window's text.
+  await eventually(async () => (await win.locator('.wintext').textContent()).includes('users.dat'), true);
+  const text = await win.locator('.wintext').textContent();
+  assert.match(text, /^Could not open for writing .*: '.*Mirava\.ini'\. Permission denied\n\nCould not open for reading: '.*users\.dat'\. No such file or directory\n$/);
+  // The program measured the text in the shell's font: every line fits, nothing scrolls.
+  const fits = await win.locator('.wintext').evaluate((el) =>
+    el.scrollWidth <= el.clientWidth && el.scrollHeight <= el.clientHeight);
+  assert.equal(fits, true);
+  // The window and its button stand inside the viewport, the button below the text.
+  const box = await win.boundingBox();
+  const button = await win.locator('.buttons button').boundingBox();
+  const textBox = await win.locator('.wintext').boundingBox();
+  assert.ok(box.x >= 0 && box.y >= 0 && box.x + box.width <= 1100 && box.y + box.height <= 700);
+  assert.ok(button.y >= textBox.y + textBox.height);
+  assert.equal(await win.locator('.buttons button').textContent(), 'OK');
+
+  if (process.env.TAVRO_SCREENSHOT_WINDOW) {
+    await first.screenshot({ path: process.env.TAVRO_SCREENSHOT_WINDOW });
+  }
+  // The text takes the focus; Escape, let go, closes the window.
+  await win.locator('.wintext').click();
+  await first.keyboard.press('Escape');
+  await eventually(() => first.locator('.msgwin.placed').count(), 0);
+});
+
 test('the log page follows its end once the reader is there, and stays put otherwise', async () => {
   await first.locator('#tab-1').click();
   const output = field(first, 1, 'Output');

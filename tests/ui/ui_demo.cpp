@@ -1,6 +1,7 @@
 // A small program on the window framework for the browser tests and for trying the shell by
 // hand: two pages, the four timers' kind of updates, a question from a worker thread, a choice
-// dialog, a message window, a slider with its raw text box, and a running text that follows its
+// dialog, a message window, the file access warning (the real message window, fed from a worker
+// thread), a slider with its raw text box, and a running text that follows its
 // end. Usage: ui_demo [--port N] [--warning]   (N 0: any free port). Ends on SIGINT/SIGTERM or
 // the menu's Close.
 #include <cstdio>
@@ -12,12 +13,15 @@
 #include <thread>
 #include <vector>
 
+#include "config/FileAccess.h"
+#include "config/FileAccessWarnings.h"
 #include "platform/Clock.h"
 #include "platform/TaskLoop.h"
 #include "ui/MessageBox.h"
 #include "ui/StopSignals.h"
 #include "ui/WebServer.h"
 #include "ui/Window.h"
+#include "util/MessageWindow.h"
 
 namespace ui {
 const ResourceTable& DemoResources();
@@ -55,6 +59,16 @@ class ControlsPage : public ui::HtmlPage {
     Events().OnClick("AskButton", [this](const ui::Event&) { Ask(); });
     Events().OnClick("ChooseButton", [this](const ui::Event&) { Choose(); });
     Events().OnClick("WindowButton", [this](const ui::Event&) { OpenWindow(); });
+    Events().OnClick("FileWarningButton", [this](const ui::Event&) {
+      // Two files that cannot be opened, told from another thread as a store would.
+      workers_.Start([] {
+        config::ReportFileAccessError(
+            "/var/lib/Halvern Corporation/Mirava for Windows/Configuration/Mirava.ini",
+            "Permission denied", config::kModeWrite);
+        config::ReportFileAccessError("/var/lib/Halvern Corporation/Mirava for Windows/users.dat",
+                                      "No such file or directory", 0);
+      });
+    });
     Events().OnClick("EnableBox", [this](const ui::Event&) {
       Doc().Enable("CountButton", Doc().Checked("EnableBox"));
     });
@@ -200,6 +214,8 @@ int main(int argc, char** argv) {
     output.Doc().SetDisplay("WarningLabel", "inline");
   }
   ui::SetMessageBoxPresenter(&window);
+  Utility::SetMessageWindowHost(&loop, &window);
+  auto fileWarnings = std::make_unique<FileAccessWarnings>();
 
   ui::WebServer server(window, {&ui::ShellResources(), &ui::DemoResources()});
   if (!server.Start(port)) return 1;
@@ -216,6 +232,8 @@ int main(int argc, char** argv) {
   loop.SetTimer(4, platform::Milliseconds(1000), tick);
   const int code = loop.Run();
 
+  fileWarnings.reset();
+  Utility::SetMessageWindowHost(nullptr, nullptr);
   ui::SetMessageBoxPresenter(nullptr);
   window.Shutdown();
   server.Stop();

@@ -129,22 +129,7 @@ bool MoveInto(const std::string& source, const std::string& folder) {
   const std::string destination = folder + NameOf(source);
   if (::rename(source.c_str(), destination.c_str()) == 0) return true;
   if (errno != EXDEV) return false;
-  std::FILE* in = std::fopen(source.c_str(), "rb");
-  if (!in) return false;
-  std::FILE* out = std::fopen(destination.c_str(), "wb");
-  bool good = out != nullptr;
-  char buffer[65536];
-  std::size_t n;
-  while (good && (n = std::fread(buffer, 1, sizeof buffer, in)) > 0) {
-    good = std::fwrite(buffer, 1, n, out) == n;
-  }
-  good = good && !std::ferror(in);
-  std::fclose(in);
-  if (out && std::fclose(out) != 0) good = false;
-  if (!good) {
-    ::unlink(destination.c_str());
-    return false;
-  }
+  if (!platform::CopyFile(source, destination)) return false;
   return ::unlink(source.c_str()) == 0;
 }
 

@@ -24,22 +24,7 @@ bool KeepAs(const std::string& path, const std::string& backup) {
   const std::string staging = backup + ".new";
   ::unlink(staging.c_str());
   if (::link(path.c_str(), staging.c_str()) != 0) {
-    std::FILE* in = std::fopen(path.c_str(), "rb");
-    if (!in) return false;
-    std::FILE* out = std::fopen(staging.c_str(), "wb");
-    bool good = out != nullptr;
-    char buffer[65536];
-    std::size_t n;
-    while (good && (n = std::fread(buffer, 1, sizeof buffer, in)) > 0) {
-      good = std::fwrite(buffer, 1, n, out) == n;
-    }
-    good = good && !std::ferror(in);
-    std::fclose(in);
-    if (out && std::fclose(out) != 0) good = false;
-    if (!good) {
-      ::unlink(staging.c_str());
-      return false;
-    }
+    if (!CopyFile(path, staging)) return false;
   }
   return ::rename(staging.c_str(), backup.c_str()) == 0;
 }
@@ -91,6 +76,23 @@ bool IsDirectory(const std::string& path) {
 bool FileExists(const std::string& path) {
   struct stat st {};
   return !path.empty() && ::stat(path.c_str(), &st) == 0;
+}
+
+bool CopyFile(const std::string& source, const std::string& destination) {
+  std::FILE* in = std::fopen(source.c_str(), "rb");
+  if (!in) return false;
+  std::FILE* out = std::fopen(destination.c_str(), "wb");
+  bool good = out != nullptr;
+  char buffer[65536];
+  std::size_t n;
+  while (good && (n = std::fread(buffer, 1, sizeof buffer, in)) > 0) {
+    good = std::fwrite(buffer, 1, n, out) == n;
+  }
+  good = good && !std::ferror(in);
+  std::fclose(in);
+  if (out && std::fclose(out) != 0) good = false;
+  if (!good && out) ::unlink(destination.c_str());
+  return good;
 }
 
 }  // namespace platform

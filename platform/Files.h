@@ -26,6 +26,10 @@ std::string CommonDataBase();
 void SetCommonDataBase(const std::string& base);
 
 // Whether `path` names an existing directory.
+// Copies the bytes of `source` to `destination` (made or emptied); on failure nothing is left at
+// `destination` that this call wrote.
+bool CopyFile(const std::string& source, const std::string& destination);
+
 bool IsDirectory(const std::string& path);
 bool FileExists(const std::string& path);
 

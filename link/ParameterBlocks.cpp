@@ -6,6 +6,7 @@
 #include <limits>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "config/Configuration.h"
 #include "config/Folders.h"
@@ -37,20 +38,10 @@ std::string Cut(const std::string& utf8, std::size_t units) {
 
 // Writers, one for each form of a field; the result of SetValue is not looked at, as a failed
 // set can only mean that no section is open, which the caller has checked.
-void Put(Configuration& file, const std::string& key, std::uint32_t value) {
+template <typename Int>
+requires std::is_integral_v<Int>
+void Put(Configuration& file, const std::string& key, Int value) {
   file.SetValue(key, std::to_string(value));
-}
-void Put(Configuration& file, const std::string& key, std::int32_t value) {
-  file.SetValue(key, std::to_string(value));
-}
-void Put(Configuration& file, const std::string& key, std::uint16_t value) {
-  file.SetValue(key, std::to_string(value));
-}
-void Put(Configuration& file, const std::string& key, std::int16_t value) {
-  file.SetValue(key, std::to_string(value));
-}
-void Put(Configuration& file, const std::string& key, bool value) {
-  file.SetValue(key, value ? "1" : "0");
 }
 // Six decimals, so a ratio with more does not come back exactly.
 void Put(Configuration& file, const std::string& key, double value) {
@@ -61,35 +52,14 @@ void PutText(Configuration& file, const std::string& key, const std::string& val
 }
 
 // Readers: a missing key leaves the field alone and gives false. Numbers go through ToInt and
-// keep the low bits that fit the field, so a negative Offset comes back as it went.
-bool Get(Configuration& file, const std::string& key, std::uint32_t& field) {
+// keep the low bits that fit the field, so a negative Offset comes back as it went; a flag is
+// any number but 0.
+template <typename Int>
+requires std::is_integral_v<Int>
+bool Get(Configuration& file, const std::string& key, Int& field) {
   std::string text;
   if (!file.GetValue(key, text)) return false;
-  field = static_cast<std::uint32_t>(ToInt(text));
-  return true;
-}
-bool Get(Configuration& file, const std::string& key, std::int32_t& field) {
-  std::string text;
-  if (!file.GetValue(key, text)) return false;
-  field = ToInt(text);
-  return true;
-}
-bool Get(Configuration& file, const std::string& key, std::uint16_t& field) {
-  std::string text;
-  if (!file.GetValue(key, text)) return false;
-  field = static_cast<std::uint16_t>(ToInt(text));
-  return true;
-}
-bool Get(Configuration& file, const std::string& key, std::int16_t& field) {
-  std::string text;
-  if (!file.GetValue(key, text)) return false;
-  field = static_cast<std::int16_t>(ToInt(text));
-  return true;
-}
-bool Get(Configuration& file, const std::string& key, bool& field) {
-  std::string text;
-  if (!file.GetValue(key, text)) return false;
-  field = ToInt(text) != 0;
+  field = static_cast<Int>(ToInt(text));
   return true;
 }
 // As the C library's strtod: the program stays in the "C" locale, so the decimal point is '.'
@@ -107,52 +77,71 @@ bool GetText(Configuration& file, const std::string& key, std::string& field) {
   return true;
 }
 
+// The keys of a block in their order in the file, each with its field, for the store and the
+// load alike. `Pid` and `Define` may be const.
+template <typename Pid, typename Fn>
+void EachPidKey(Pid& pid, Fn&& fn) {
+  fn("Kp", pid.Kp);
+  fn("Kd", pid.Kd);
+  fn("Ki", pid.Ki);
+  fn("Il", pid.Il);
+  fn("Fe", pid.Fe);
+  fn("Kvff", pid.Kvff);
+  fn("Kaff", pid.Kaff);
+  fn("Dt", pid.Dt);
+  fn("Kout", pid.Kout);
+  fn("Mb", pid.Mb);
+}
+
+// The definition's keys in front of IndexType's two.
+template <typename Define, typename Fn>
+void EachDefineKey(Define& define, Fn&& fn) {
+  fn("Speed", define.Speed);
+  fn("SlowSpeed", define.SlowSpeed);
+  fn("Accel", define.Accel);
+  fn("Jerk", define.Jerk);
+  fn("RotaryEncoderRes", define.RotaryEncoderRes);
+  fn("Gear", define.Gear);
+  fn("Current", define.Current);
+  fn("SettleWindow", define.SettleWindow);
+  fn("SettleTime", define.SettleTime);
+  fn("MotorPoles", define.MotorPoles);
+  fn("MotorSaturationCounter", define.MotorSaturationCounter);
+  fn("EncoderSwap", define.EncoderSwap);
+  fn("MotorSwap", define.MotorSwap);
+}
+
 constexpr char kAxisLetters[] = {'X', 'Y', 'Z'};
 
 std::string AxisKey(const char* stem, std::size_t axis) {
   return stem + std::string(1, kAxisLetters[axis]);
 }
 
+// The platen's keys behind IndexType's two.
+template <typename Define, typename Fn>
+void EachPlatenKey(Define& define, Fn&& fn) {
+  for (std::size_t axis = 0; axis < 3; ++axis)
+    fn(AxisKey("Size", axis), define.Size[axis]);
+  for (std::size_t axis = 0; axis < 3; ++axis)
+    fn(AxisKey("Offset", axis), define.Offset[axis]);
+  fn("SlowSpeedTurns", define.SlowSpeedTurns);
+}
+
 }  // namespace
 
 void ParameterBlocks::StorePid(Configuration& file, const ChannelPid& in) const {
   if (!file.OpenSection(pidSection_, true)) return;
-  Put(file, "Kp", in.Kp);
-  Put(file, "Kd", in.Kd);
-  Put(file, "Ki", in.Ki);
-  Put(file, "Il", in.Il);
-  Put(file, "Fe", in.Fe);
-  Put(file, "Kvff", in.Kvff);
-  Put(file, "Kaff", in.Kaff);
-  Put(file, "Dt", in.Dt);
-  Put(file, "Kout", in.Kout);
-  Put(file, "Mb", in.Mb);
+  EachPidKey(in, [&](const std::string& key, auto value) { Put(file, key, value); });
 }
 
 void ParameterBlocks::StoreDefine(Configuration& file, const ChannelDefine& in) const {
   if (!file.OpenSection(defineSection_, true)) return;
-  Put(file, "Speed", in.Speed);
-  Put(file, "SlowSpeed", in.SlowSpeed);
-  Put(file, "Accel", in.Accel);
-  Put(file, "Jerk", in.Jerk);
-  Put(file, "RotaryEncoderRes", in.RotaryEncoderRes);
-  Put(file, "Gear", in.Gear);
-  Put(file, "Current", in.Current);
-  Put(file, "SettleWindow", in.SettleWindow);
-  Put(file, "SettleTime", in.SettleTime);
-  Put(file, "MotorPoles", in.MotorPoles);
-  Put(file, "MotorSaturationCounter", in.MotorSaturationCounter);
-  Put(file, "EncoderSwap", in.EncoderSwap);
-  Put(file, "MotorSwap", in.MotorSwap);
+  const auto put = [&](const std::string& key, auto value) { Put(file, key, value); };
+  EachDefineKey(in, put);
   // IndexType has two keys: whether the mark is inverted and whether there is a mark at all.
   Put(file, "InvertIndex", in.IndexType == kIndexMarkInverted);
   Put(file, "IndexMarkExists", in.IndexType < kNoIndexMark);
-  if (!platenDefine_) return;
-  for (std::size_t axis = 0; axis < 3; ++axis)
-    Put(file, AxisKey("Size", axis), in.Size[axis]);
-  for (std::size_t axis = 0; axis < 3; ++axis)
-    Put(file, AxisKey("Offset", axis), in.Offset[axis]);
-  Put(file, "SlowSpeedTurns", in.SlowSpeedTurns);
+  if (platenDefine_) EachPlatenKey(in, put);
 }
 
 void ParameterBlocks::StoreSerial(Configuration& file, const BoardIdentity& in,
@@ -167,33 +156,13 @@ void ParameterBlocks::StoreSerial(Configuration& file, const BoardIdentity& in,
 
 void ParameterBlocks::LoadPid(Configuration& file, ChannelPid& out) const {
   if (!file.OpenSection(pidSection_, false)) return;
-  Get(file, "Kp", out.Kp);
-  Get(file, "Kd", out.Kd);
-  Get(file, "Ki", out.Ki);
-  Get(file, "Il", out.Il);
-  Get(file, "Fe", out.Fe);
-  Get(file, "Kvff", out.Kvff);
-  Get(file, "Kaff", out.Kaff);
-  Get(file, "Dt", out.Dt);
-  Get(file, "Kout", out.Kout);
-  Get(file, "Mb", out.Mb);
+  EachPidKey(out, [&](const std::string& key, auto& field) { Get(file, key, field); });
 }
 
 void ParameterBlocks::LoadDefine(Configuration& file, ChannelDefine& out) const {
   if (!file.OpenSection(defineSection_, false)) return;
-  Get(file, "Speed", out.Speed);
-  Get(file, "SlowSpeed", out.SlowSpeed);
-  Get(file, "Accel", out.Accel);
-  Get(file, "Jerk", out.Jerk);
-  Get(file, "RotaryEncoderRes", out.RotaryEncoderRes);
-  Get(file, "Gear", out.Gear);
-  Get(file, "Current", out.Current);
-  Get(file, "SettleWindow", out.SettleWindow);
-  Get(file, "SettleTime", out.SettleTime);
-  Get(file, "MotorPoles", out.MotorPoles);
-  Get(file, "MotorSaturationCounter", out.MotorSaturationCounter);
-  Get(file, "EncoderSwap", out.EncoderSwap);
-  Get(file, "MotorSwap", out.MotorSwap);
+  const auto get = [&](const std::string& key, auto& field) { Get(file, key, field); };
+  EachDefineKey(out, get);
   // The two keys are always written together. When a file lacks one of them, the missing flag
   // is taken from IndexType as the caller passed it in, so that a lone key changes only what it
   // says; with both missing IndexType stays as it was, like any other field without its key.
@@ -203,12 +172,7 @@ void ParameterBlocks::LoadDefine(Configuration& file, ChannelDefine& out) const 
   const bool gotMarkExists = Get(file, "IndexMarkExists", markExists);
   if (gotInverted || gotMarkExists)
     out.IndexType = !markExists ? kNoIndexMark : inverted ? kIndexMarkInverted : kIndexMark;
-  if (!platenDefine_) return;
-  for (std::size_t axis = 0; axis < 3; ++axis)
-    Get(file, AxisKey("Size", axis), out.Size[axis]);
-  for (std::size_t axis = 0; axis < 3; ++axis)
-    Get(file, AxisKey("Offset", axis), out.Offset[axis]);
-  Get(file, "SlowSpeedTurns", out.SlowSpeedTurns);
+  if (platenDefine_) EachPlatenKey(out, get);
 }
 
 void ParameterBlocks::LoadSerial(Configuration& file, BoardIdentity& out, bool withSerial) const {

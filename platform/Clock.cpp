@@ -361,6 +361,14 @@ void Event::Reset() {
   signalled_ = false;
 }
 
+void Event::Pulse() {
+  {
+    std::lock_guard guard(mutex_);
+    ++pulses_;
+  }
+  Clock::Current().NotifyAll();
+}
+
 bool Event::IsSet() {
   std::lock_guard guard(mutex_);
   return signalled_;
@@ -368,7 +376,8 @@ bool Event::IsSet() {
 
 bool Event::WaitUntil(TimePoint deadline) {
   std::unique_lock lock(mutex_);
-  return Clock::Current().WaitUntil(lock, deadline, [this] { return signalled_; });
+  const std::uint64_t seen = pulses_;
+  return Clock::Current().WaitUntil(lock, deadline, [&] { return signalled_ || pulses_ != seen; });
 }
 
 }  // namespace platform

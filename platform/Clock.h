@@ -12,6 +12,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -169,13 +170,16 @@ class Event {
   explicit Event(bool signalled = false) : signalled_(signalled) {}
   void Set();
   void Reset();
+  // Releases every thread waiting at this moment; the event stays as it was.
+  void Pulse();
   bool IsSet();
-  // True when the event was signalled before the deadline.
+  // True when the event was signalled, or pulsed while this call waited, before the deadline.
   bool WaitUntil(TimePoint deadline);
 
  private:
   std::mutex mutex_;
   bool signalled_;
+  std::uint64_t pulses_ = 0;
 };
 
 }  // namespace platform

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "util/DoneEvent.h"
+#include "platform/Clock.h"
 
 namespace Utility {
 
@@ -117,7 +117,7 @@ class MessageInteractionIFace {
   // window in this program; the binding is kept for a host that does.
   virtual void BindPendantButton(int button, int index) = 0;
   // Set when the message is over; pulsed for a click that leaves it open (kMsgKeepOpen).
-  virtual DoneEvent& GetDoneEvent() = 0;
+  virtual platform::Event& GetDoneEvent() = 0;
   virtual int GetResult() = 0;
   // The last result, which is then reset to -1.
   virtual int TakeResult() = 0;

@@ -157,7 +157,7 @@ class MessageInteractionImpl final : public MessageInteractionIFace,
   void EnableButton(int index, bool enable) override;
   void SetProgress(double fraction) override;
   void BindPendantButton(int button, int index) override;
-  DoneEvent& GetDoneEvent() override { return doneEvent; }
+  platform::Event& GetDoneEvent() override { return doneEvent; }
   int GetResult() override;
   int TakeResult() override;
   void SetTitle(const std::string& title) override;
@@ -188,7 +188,7 @@ class MessageInteractionImpl final : public MessageInteractionIFace,
   // Nothing is posted before the window exists: its creation runs what has been queued.
   bool wakePosted = true;
   std::list<Action> actions;
-  DoneEvent doneEvent;
+  platform::Event doneEvent;
   int result = -1;
   int progress = 0;
   std::array<int, 8> buttonChecks{};

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
-#include <vector>
 
 #include "config/ErrorLog.h"
 #include "config/FileAccess.h"
@@ -243,7 +242,7 @@ bool Configuration::OpenSection(const std::string& name, bool create) {
   section = npos;
   if (!create) return false;
   section = length;
-  Insert(length, u"\r\n" + header + u"\r\n");
+  Splice(length, 0, u"\r\n" + header + u"\r\n");
   return true;
 }
 
@@ -283,25 +282,14 @@ bool Configuration::SetValue(const std::string& key, const std::string& value) {
   const std::size_t at = FindKey(key);
   const std::u16string wide = text::ToUtf16(value);
   if (at == npos) {
-    Insert(section, text::ToUtf16(key) + u"=" + wide + u"\r\n");
+    Splice(section, 0, text::ToUtf16(key) + u"=" + wide + u"\r\n");
     return true;
   }
   std::size_t end = at;
   while (end < length && !IsLineEnd(text[end]))
     ++end;
-  const std::u16string_view old(text.get() + at, end - at);
-  if (old == wide) return true;
-
-  const std::size_t newLength = length - old.size() + wide.size();
-  auto replaced = std::make_unique<char16_t[]>(newLength + 1);
-  std::copy_n(text.get(), at, replaced.get());
-  std::copy(wide.begin(), wide.end(), replaced.get() + at);
-  std::copy(text.get() + end, text.get() + length, replaced.get() + at + wide.size());
-  replaced[newLength] = 0;
-  if (section >= at) section = section - old.size() + wide.size();
-  text = std::move(replaced);
-  length = static_cast<std::uint32_t>(newLength);
-  dirty = true;
+  if (std::u16string_view(text.get() + at, end - at) == wide) return true;
+  Splice(at, end - at, wide);
   return true;
 }
 
@@ -324,23 +312,25 @@ bool Configuration::DeleteValue(const std::string& key) {
   std::size_t start = at;
   while (start > section && !IsLineEnd(t[start - 1]))
     --start;
-  // Moves the rest down over the line, terminator included; the array keeps its size.
-  std::memmove(t + start, t + end, (length - end + 1) * sizeof(char16_t));
-  length -= static_cast<std::uint32_t>(end - start);
-  dirty = true;
+  Splice(start, end - start, {});
   return true;
 }
 
-void Configuration::Insert(std::size_t at, const std::u16string& insertion) {
-  const std::size_t newLength = length + insertion.size();
-  auto grown = std::make_unique<char16_t[]>(newLength + 1);
-  if (text) std::copy_n(text.get(), at, grown.get());
-  std::copy(insertion.begin(), insertion.end(), grown.get() + at);
-  if (text) std::copy(text.get() + at, text.get() + length, grown.get() + at + insertion.size());
-  grown[newLength] = 0;
+void Configuration::Splice(std::size_t at, std::size_t removed, std::u16string_view insertion) {
+  const std::size_t newLength = length - removed + insertion.size();
+  auto spliced = std::make_unique<char16_t[]>(newLength + 1);  // zero-filled: the terminator
+  if (text) {
+    std::copy_n(text.get(), at, spliced.get());
+    std::copy(text.get() + at + removed, text.get() + length,
+              spliced.get() + at + insertion.size());
+  }
+  std::copy(insertion.begin(), insertion.end(), spliced.get() + at);
+  // The open section moves with the text behind the splice. A splice at its very start (a key
+  // inserted in front of its lines) moves it too, so the new line is found after the next
+  // OpenSection only.
+  if (section != npos && section >= at + removed) section = section - removed + insertion.size();
+  text = std::move(spliced);
   length = static_cast<std::uint32_t>(newLength);
-  if (section != npos && section >= at) section += insertion.size();
-  text = std::move(grown);
   dirty = true;
 }
 
@@ -357,15 +347,14 @@ void Configuration::Store() {
                                             path.c_str());
     return;
   }
-  std::vector<char16_t> bytes;
-  bytes.reserve(std::size_t{length} + 1);
-  if (length >= 1) bytes.push_back(FromLittleEndian(kMark));
-  for (std::uint32_t i = 0; i < length; ++i)
-    bytes.push_back(FromLittleEndian(text[i]));
+  std::string bytes;
+  bytes.reserve((std::size_t{length} + 1) * 2);
+  if (length >= 1) text::AppendUtf16Le(bytes, std::u16string_view(&kMark, 1));
+  text::AppendUtf16Le(bytes, std::u16string_view(text.get(), length));
   // The new file must be whole on the disk before it takes the old one's place; a write that
   // fails leaves the old file as it is and the change is lost, with the same log line as a
   // temporary file that can't be made.
-  bool good = WriteAll(fd, bytes.data(), bytes.size() * sizeof(char16_t));
+  bool good = WriteAll(fd, bytes.data(), bytes.size());
   good = ::fsync(fd) == 0 && good;
   good = ::close(fd) == 0 && good;
   if (!good) {

@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace WinX {
 class Mutex;
@@ -75,7 +76,8 @@ class Configuration {
   void Store();
   // The position of the value of `key` in the open section, or npos.
   std::size_t FindKey(const std::string& key) const;
-  void Insert(std::size_t at, const std::u16string& insertion);
+  // Replaces `removed` units at `at` with `insertion`.
+  void Splice(std::size_t at, std::size_t removed, std::u16string_view insertion);
 
   static constexpr std::size_t npos = static_cast<std::size_t>(-1);
 

@@ -73,13 +73,8 @@ bool OpenLog() {
 
 // The entry in UTF-16LE, in one write: a reader never sees part of an entry.
 void WriteEntry(const std::string& entry) {
-  const std::u16string wide = text::ToUtf16(entry);
   std::string bytes;
-  bytes.reserve(wide.size() * 2);
-  for (char16_t unit : wide) {
-    bytes += static_cast<char>(unit & 0xFF);
-    bytes += static_cast<char>(unit >> 8);
-  }
+  text::AppendUtf16Le(bytes, text::ToUtf16(entry));
   std::fwrite(bytes.data(), 1, bytes.size(), t_logFile);
 }
 

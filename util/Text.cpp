@@ -36,6 +36,14 @@ std::string ToUtf8(const std::u16string& wide) {
   return out;
 }
 
+void AppendUtf16Le(std::string& out, std::u16string_view wide) {
+  out.reserve(out.size() + wide.size() * 2);
+  for (const char16_t unit : wide) {
+    out += static_cast<char>(unit & 0xFF);
+    out += static_cast<char>(unit >> 8);
+  }
+}
+
 std::u16string ToUtf16(const std::string& utf8) {
   std::u16string out;
   out.reserve(utf8.size());

@@ -5,11 +5,14 @@
 #include <cstdarg>
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 namespace text {
 
 std::string ToUtf8(const std::u16string& wide);
 std::u16string ToUtf16(const std::string& utf8);
+// Appends the units as the shared files hold them: two bytes each, low byte first.
+void AppendUtf16Le(std::string& out, std::u16string_view wide);
 
 // printf into a std::string: the system's message and report formats are C formats and must
 // come out exactly as the C library writes them.

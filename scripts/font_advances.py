@@ -95,6 +95,11 @@ def main(argv):
         file = path.rsplit("/", 1)[-1]
         print(f"// {file}")
         print(f"constexpr int {name}UnitsPerEm = {units_per_em};")
+        if len(set(values)) == 1:
+            # A fixed-pitch font: one advance serves the whole table.
+            print("// Every character of the table has the same advance.")
+            print(f"constexpr std::uint16_t {name}Advance = {values[0]};")
+            continue
         print(f"constexpr std::array<std::uint16_t, {len(values)}> {name}Advances = {{")
         for i in range(0, len(values), 12):
             print("    " + ", ".join(str(v) for v in values[i:i + 12]) + ",")

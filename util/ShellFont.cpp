@@ -27,20 +27,8 @@ constexpr std::array<std::uint16_t, 191> kSansAdvances = {
 };
 // DejaVuSansMono.ttf
 constexpr int kMonoUnitsPerEm = 2048;
-constexpr std::array<std::uint16_t, 191> kMonoAdvances = {
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-    1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233, 1233,
-};
+// Every character of the table has the same advance.
+constexpr std::uint16_t kMonoAdvance = 1233;
 
 constexpr char32_t kInvalid = 0xFFFFFFFF;
 
@@ -88,8 +76,10 @@ char32_t NextCodePoint(std::string_view text, std::size_t& i) {
 
 class AdvanceTableFont final : public TextMeasure {
  public:
-  constexpr AdvanceTableFont(const std::uint16_t* advances, int unitsPerEm)
-      : advances_(advances), unitsPerEm_(unitsPerEm) {}
+  // A fixed-pitch font has no table: `advances` null, `fixedAdvance` for every character of it.
+  constexpr AdvanceTableFont(const std::uint16_t* advances, std::uint16_t fixedAdvance,
+                             int unitsPerEm)
+      : advances_(advances), fixedAdvance_(fixedAdvance), unitsPerEm_(unitsPerEm) {}
 
   int LineWidth(std::string_view line) const override {
     const std::int64_t space = Advance(U' ');
@@ -118,24 +108,31 @@ class AdvanceTableFont final : public TextMeasure {
  private:
   // Characters that the table lacks come from a fallback font; an em is a safe bound for them.
   std::int64_t Advance(char32_t cp) const {
-    if (cp >= 0x20 && cp <= 0x7E) return advances_[cp - 0x20];
-    if (cp >= 0xA0 && cp <= 0xFF) return advances_[cp - 0xA0 + (0x7E - 0x20 + 1)];
-    return unitsPerEm_;
+    std::size_t index = 0;
+    if (cp >= 0x20 && cp <= 0x7E) {
+      index = cp - 0x20;
+    } else if (cp >= 0xA0 && cp <= 0xFF) {
+      index = cp - 0xA0 + (0x7E - 0x20 + 1);
+    } else {
+      return unitsPerEm_;
+    }
+    return advances_ ? advances_[index] : fixedAdvance_;
   }
 
   const std::uint16_t* advances_;
+  std::uint16_t fixedAdvance_;
   int unitsPerEm_;
 };
 
 }  // namespace
 
 const TextMeasure& ShellMainFont() {
-  static const AdvanceTableFont font(kSansAdvances.data(), kSansUnitsPerEm);
+  static const AdvanceTableFont font(kSansAdvances.data(), 0, kSansUnitsPerEm);
   return font;
 }
 
 const TextMeasure& ShellFixedFont() {
-  static const AdvanceTableFont font(kMonoAdvances.data(), kMonoUnitsPerEm);
+  static const AdvanceTableFont font(nullptr, kMonoAdvance, kMonoUnitsPerEm);
   return font;
 }
 

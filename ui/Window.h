@@ -95,6 +95,9 @@ class MessageWindowView {
   // Takes the window off every browser. The button callback is not called.
   void Close();
   bool IsOpen() const { return window_ != nullptr; }
+  bool ButtonEnabled(int index) const {
+    return index >= 0 && index < static_cast<int>(state_.enabled.size()) && state_.enabled[index];
+  }
   int Id() const { return id_; }
 
  private:

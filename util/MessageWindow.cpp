@@ -26,6 +26,15 @@ std::string TextOrId::Resolve() const {
 namespace {
 
 constexpr int kFirstButtonId = 1010;
+constexpr std::uint64_t kHorizontal = kMsgAlignLeft | kMsgAlignRight;
+constexpr std::uint64_t kVertical = kMsgAlignTop | kMsgAlignBottom;
+
+// Left with right (or top with bottom) means neither.
+std::uint64_t WithoutOpposedAlignment(std::uint64_t flags) {
+  if ((flags & kHorizontal) == kHorizontal) flags &= ~kHorizontal;
+  if ((flags & kVertical) == kVertical) flags &= ~kVertical;
+  return flags;
+}
 
 class CMessageWnd;
 
@@ -142,7 +151,6 @@ class CMessageWnd {
   MessageParams p_;
   std::shared_ptr<ui::MessageWindowView> view_;
   MessageLayout layout_;
-  std::vector<bool> enabled_;
   std::map<int, int> pendant_;  // pendant button number -> control id
   bool destroyed_ = false;
 };
@@ -416,12 +424,8 @@ MessageLayoutInput CMessageWnd::Input() const {
 void CMessageWnd::LayOut(bool replace, std::uint64_t hFlags, std::uint64_t vFlags) {
   MessageLayoutInput in = Input();
   if (replace) {
-    constexpr std::uint64_t kHorizontal = kMsgAlignLeft | kMsgAlignRight;
-    constexpr std::uint64_t kVertical = kMsgAlignTop | kMsgAlignBottom;
-    in.flags =
-        (in.flags & ~(kHorizontal | kVertical)) | (hFlags & kHorizontal) | (vFlags & kVertical);
-    if ((in.flags & kHorizontal) == kHorizontal) in.flags &= ~kHorizontal;
-    if ((in.flags & kVertical) == kVertical) in.flags &= ~kVertical;
+    in.flags = WithoutOpposedAlignment((in.flags & ~(kHorizontal | kVertical)) |
+                                       (hFlags & kHorizontal) | (vFlags & kVertical));
     in.replace = true;
     in.current = layout_.window;
     in.currentMaxTrack = layout_.maxTrack;
@@ -480,7 +484,6 @@ void CMessageWnd::Create(ui::Window& shell) {
     p_.text =
         AlignColumns(p_.text, (p_.flags & kMsgFixedFont) ? ShellFixedFont() : ShellMainFont());
   }
-  enabled_.assign(p_.buttons.size(), true);
   LayOut(false, 0, 0);
   view_ = shell.OpenMessageWindow(Content(), [this](int result) { OnShellAnswer(result); });
   view_->SetResizeHandler([this](int width, int height) { OnResize(width, height); });
@@ -537,7 +540,7 @@ void CMessageWnd::OnPendantButton(int number) {
   const auto it = pendant_.find(number);
   if (destroyed_ || it == pendant_.end()) return;
   const int index = it->second - kFirstButtonId;
-  if (index < 0 || index >= ButtonCount() || !enabled_[index]) return;
+  if (!view_->ButtonEnabled(index)) return;
   Click(index);
 }
 
@@ -578,7 +581,6 @@ void CMessageWnd::SetIcon(Icon icon, std::uint64_t hFlags, std::uint64_t vFlags)
 void CMessageWnd::EnableControl(int id, bool enable) {
   const int index = id - kFirstButtonId;
   if (index < 0 || index >= ButtonCount()) return;  // only buttons can be disabled here
-  enabled_[index] = enable;
   view_->EnableButton(index, enable);
 }
 
@@ -622,17 +624,11 @@ std::shared_ptr<MessageInteractionIFace> CreateMessage(
     const TextOrId& title, const TextOrId& text,
     const std::vector<std::shared_ptr<MsgIntrBase>>& /*controls*/, std::uint64_t flags, Icon icon,
     const std::array<TextOrId, 8>& buttons) {
-  if ((flags & (kMsgAlignLeft | kMsgAlignRight)) == (kMsgAlignLeft | kMsgAlignRight)) {
-    flags &= ~(kMsgAlignLeft | kMsgAlignRight);
-  }
-  if ((flags & (kMsgAlignTop | kMsgAlignBottom)) == (kMsgAlignTop | kMsgAlignBottom)) {
-    flags &= ~(kMsgAlignTop | kMsgAlignBottom);
-  }
   MessageParams params;
   params.title = title.Resolve();
   params.text = text.Resolve();
   if (params.text.empty()) flags |= kMsgNoText;
-  params.flags = flags;
+  params.flags = WithoutOpposedAlignment(flags);
   params.icon = std::move(icon);
   for (const TextOrId& button : buttons) {
     if (!button.IsNone()) params.buttons.push_back(button.Resolve());

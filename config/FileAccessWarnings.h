@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <tuple>
 
 #include "config/FileAccess.h"
 #include "util/WinX.h"
@@ -41,7 +42,7 @@ class FileAccessWarnings : public config::FileAccessSink {
   struct SameFailure {
     bool operator()(const std::shared_ptr<config::FileAccessInfo>& a,
                     const std::shared_ptr<config::FileAccessInfo>& b) const {
-      return a->path + a->errorText < b->path + b->errorText;
+      return std::tie(a->path, a->errorText) < std::tie(b->path, b->errorText);
     }
   };
 

@@ -20,6 +20,11 @@
     if (socket && socket.readyState === WebSocket.OPEN) socket.send(JSON.stringify(message));
   }
 
+  // The viewport is the work area that the program places message windows in.
+  function sendViewport() {
+    send({ t: 'viewport', width: innerWidth, height: innerHeight });
+  }
+
   function setLink(state, text) {
     const el = document.getElementById('link-state');
     el.dataset.state = state;
@@ -31,7 +36,7 @@
     socket = ws;
     ws.onopen = () => {
       setLink('open', 'Live');
-      send({ t: 'viewport', width: innerWidth, height: innerHeight });
+      sendViewport();
       send({ t: 'shown', page: tabs.length ? selected : -1 });
       tabs.forEach((tab, i) => { if (tab.loaded) send({ t: 'loaded', page: i }); });
     };
@@ -586,8 +591,7 @@
     });
   }
 
-  // The viewport is the work area that the program places message windows in.
-  addEventListener('resize', () => send({ t: 'viewport', width: innerWidth, height: innerHeight }));
+  addEventListener('resize', sendViewport);
   setUpMenu();
   connect();
 })();

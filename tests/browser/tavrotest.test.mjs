@@ -197,7 +197,7 @@ test('the banner shows on every page while the measuring application runs', asyn
     await eventually(() => title(s.page), 'TavroTest : Connected');
     assert.equal(await display(0), 'none');
     await s.board.control('app on');
-    await eventually(() => display(0), 'inline', 2000);
+    await eventually(() => display(0), 'inline', 5000);
     assert.equal(await display(1), 'inline', 'the hidden page too');
     assert.equal(await field(s.page, 0, 'MiravaIsRunning').textContent(),
       'Conflicts with Mirava may occur. We recommend closing Mirava before continuing.');

@@ -127,12 +127,5 @@ export async function eventually(read, expected, timeout = 10000) {
   assert.equal(last, expected);
 }
 
-// The milliseconds until `read` gives `expected`, polled every 20 ms; fails after the time-out.
-export async function timeUntil(read, expected, timeout = 10000) {
-  const start = Date.now();
-  await eventually(read, expected, timeout);
-  return Date.now() - start;
-}
-
 export const frameOf = (page, tab) => page.frameLocator(`#page-${tab}`);
 export const field = (page, tab, id) => frameOf(page, tab).locator(`#${id}`);

@@ -58,12 +58,8 @@ TEST_F(LightsTest, AnOldDriverCarries21ChannelsAPacket) {
 }
 
 TEST_F(LightsTest, ANewerDriverCarries42AndStopsAtTheFirstFailure) {
-  version.lightChannelCount = 42;
-  std::uint32_t values[50] = {};
-  ASSERT_TRUE(Servo().SetLightValues(values));
-  EXPECT_EQ(Only().bytes.size(), 254u);
-
   version.lightChannelCount = 50;
+  std::uint32_t values[50] = {};
   answer = [](const BoardRequest& r) {
     if (r.bytes.at(1) == 42) return BoardAnswer{.bytes = {0x3F, 0xFE}};
     Bytes out(254, 0);
@@ -74,15 +70,6 @@ TEST_F(LightsTest, ANewerDriverCarries42AndStopsAtTheFirstFailure) {
   EXPECT_EQ(values[0], 7u);  // the channels fetched so far stay
   EXPECT_EQ(values[42], 0u);
   EXPECT_EQ(Sent().front().bytes[2], 1);
-}
-
-TEST_F(LightsTest, ManualVisionNeverUsesTheOneWordForm) {
-  version = ManualVisionBoard(2);
-  version.lightChannelCount = 3;
-  std::uint32_t maxima[3] = {};
-  ASSERT_TRUE(ManualVision().GetLightMaxValues(maxima));
-  EXPECT_EQ(Only().bytes.size(), 16u);
-  EXPECT_EQ(Only().replyLength, 254u);
 }
 
 // ---- probes ----------------------------------------------------------------------------------
@@ -109,12 +96,6 @@ TEST_F(ProbesTest, ProbeCapturePositionsNeedBothFlags) {
   EXPECT_EQ(c.Position[0][2], 333u);
   EXPECT_EQ(c.Position[1][0], 9u);
   EXPECT_EQ(c.Extra[3], 555u);
-
-  version = FirstServoBoard(1.90f, 2);
-  replies[0x6B] = Bytes(r.begin(), r.begin() + 76);
-  ASSERT_TRUE(Servo().GetProbeCapture(want, select, c));
-  EXPECT_EQ(Only().replyLength, 76u);
-  EXPECT_EQ(c.Extra[3], 0u);
 }
 
 TEST_F(ProbesTest, LaserRequestsAreLimitedToWhatTheFormCarries) {
@@ -193,20 +174,6 @@ TEST_F(ProbesTest, FormAFillsEveryAskedPointAndTheOldestLaserFirmwareGetsZeros) 
   EXPECT_TRUE(Sent().empty());
 }
 
-TEST_F(ProbesTest, ManualVisionTakesFormDBelowProtocolFive) {
-  version = ManualVisionBoard(4);
-  version.firmwareVersion = 1.0f;  // no firmware gate on these boards
-  LaserPoints points;
-  ASSERT_TRUE(ManualVision().GetLaserPoints(2, points));
-  EXPECT_EQ(Only().replyLength, 17u * 2 + 3);
-  const std::uint32_t settings[21] = {};
-  Forget();
-  ASSERT_TRUE(manual_->SetLaserSettings(settings));
-  EXPECT_EQ(Only().bytes.size(), 126u);
-  EXPECT_EQ(Only().bytes[1], 1);
-  EXPECT_EQ(Only().replyLength, 2u);
-}
-
 TEST_F(ProbesTest, InterruptsHaveOneByteCodesOnOldFirmware) {
   version = FirstServoBoard(1.82f, 2);
   CTavroUsbServo& old = Servo();
@@ -241,9 +208,7 @@ TEST_F(ProbesTest, TouchProbeCommandsOfTheOldestBoardsFailWithoutSending) {
   wire::PutLong(r, 4 + 12, 41);
   wire::PutLong(r, 20, 42);
   replies[0x36] = r;
-  ASSERT_TRUE(ManualVision().SetTouchProbeEnable(true));
-  EXPECT_EQ(Only().replyLength, 2u);  // two bytes even at protocol 0
-  ASSERT_TRUE(manual_->GetTouchProbeCapture(a, b));
+  ASSERT_TRUE(ManualVision().GetTouchProbeCapture(a, b));
   EXPECT_EQ(a[3], 41u);
   EXPECT_EQ(b[0], 42u);
 }

@@ -1,5 +1,6 @@
 // The machine image: its host form, the upgrade of older sections, and how a servo board's image
 // is read or, on boards that keep none, put together from the per-axis commands.
+#include <array>
 #include <cmath>
 #include <cstring>
 
@@ -124,43 +125,19 @@ TEST(MachineImage, UpgradeOfACurrentImageOnlyZeroesTheTails) {
   EXPECT_EQ(Section(image, 7)[40], 9);
 }
 
-TEST(MachineImage, AccessorsReadTheirFieldsPerAxis) {
-  EepromImage image;
-  const std::uint16_t motor = 1500;
-  const std::int32_t counts = -2000;
-  std::memcpy(&image.bytes[232 + 74 + 2 * 3], &motor, 2);
-  std::memcpy(&image.bytes[484 + 2 + 4 * 3], &counts, 4);
-  EXPECT_EQ(image.MotorMaximum(3), 1500);
-  EXPECT_EQ(image.CountsPerMm(3), -2000);
-  EXPECT_EQ(image.MotorMaximum(4), 0);  // no fifth axis
-}
-
 // ---- reading it from a board ----------------------------------------------------------------
 
-class ServoImageTest : public ControllerTest {};
+using ServoImageTest = ControllerTest;
 
 TEST_F(ServoImageTest, ABoardWithAnImageIsReadInPiecesAndTurnedToHostForm) {
-  Bytes info(32, 0);
-  wire::PutLong(info, 7, 2048);  // machine area size
-  wire::PutLong(info, 15, 32);   // page size
-  wire::PutLong(info, 19, 256);  // at most 256 bytes a transfer
-  replies[0x28] = info;
-  answer = [](const BoardRequest& r) {
-    Bytes reply(288, 0);
-    const std::uint32_t address = wire::GetLong(r.bytes, 7);
-    const std::uint32_t length = wire::GetLong(r.bytes, 11);
-    for (std::uint32_t i = 0; i < length; ++i) {
-      const std::uint32_t at = address + i;
-      // Section 2 signed current, axis 0's MotorMaximum 0x0102 big-endian; the rest erased.
-      std::uint8_t b = 0xFF;
-      if (at == 232) b = 0x01;
-      if (at == 233) b = 0x01;
-      if (at == 232 + 74) b = 0x01;
-      if (at == 232 + 75) b = 0x02;
-      reply[32 + i] = b;
-    }
-    return BoardAnswer{.bytes = reply};
-  };
+  replies[0x28] = LongEepromInfo(2048, 32, 256);
+  // Section 2 signed current, axis 0's MotorMaximum 0x0102 big-endian; the rest erased.
+  std::array<std::uint8_t, 1024> memory;
+  memory.fill(0xFF);
+  memory[232] = memory[233] = 0x01;
+  memory[232 + 74] = 0x01;
+  memory[232 + 75] = 0x02;
+  answer = [&](const BoardRequest& r) { return EepromBlockRead(r, memory.data()); };
   CTavroUsbServo& servo = Servo();
   EepromImage image;
   std::uint32_t status = 9;
@@ -207,22 +184,19 @@ TEST_F(ServoImageTest, OlderBoardsPutTheImageTogetherFromTheirCommands) {
   EXPECT_EQ(RealAt(Section(image, 4) + 7), 3.5f);
   for (std::size_t section = 0; section < kImageSectionCount; ++section)
     EXPECT_EQ(image::SectionLayout(image, section), image::Layout::Current);
-
-  // Without the named-record command there is one command fewer; firmware below 1.139 has no
-  // machine data to ask for.
-  version.hasCommand72 = false;
-  version.firmwareVersion = 1.1f;
-  CTavroUsbServo& older = Servo();
-  ASSERT_TRUE(older.GetEepromImage(image, status, false));
-  EXPECT_EQ(Sent().size(), 1u + 8 + 4);
-  EXPECT_EQ(RealAt(Section(image, 4) + 7), -1.0f);
 }
 
-TEST_F(ServoImageTest, MachineDataIsMinusOneWhenAbsentOrNotANumber) {
+TEST_F(ServoImageTest, AbsentOrUnusableRecordsReadAsNothing) {
   version = FirstServoBoard(1.13f, 1);
+  version.hasCommand72 = false;
+  CTavroUsbServo& old = Servo();
   MachineData data;
-  ASSERT_TRUE(Servo().GetMachineData(data));
+  bool valid = true;
+  NamedRecord record;
+  ASSERT_TRUE(old.GetMachineData(data));
   EXPECT_EQ(data.Real, -1.0f);
+  ASSERT_TRUE(old.GetNamedRecord(valid, record));
+  EXPECT_FALSE(valid);
   EXPECT_TRUE(Sent().empty());
 
   version = AutoVisionBoard();
@@ -230,28 +204,19 @@ TEST_F(ServoImageTest, MachineDataIsMinusOneWhenAbsentOrNotANumber) {
   wire::PutReal(machine, 6, std::nanf(""));
   machine[10] = 1;
   replies[0x31] = machine;
-  ASSERT_TRUE(Servo().GetMachineData(data));
-  EXPECT_EQ(data.Real, -1.0f);
-  EXPECT_TRUE(data.Flag2);
-}
-
-TEST_F(ServoImageTest, AnErasedNamedRecordIsNotValid) {
   Bytes named(65, 0);
   named[1] = 1;
-  named[2] = 0xFF;
-  named[3] = 0xFF;
+  named[2] = named[3] = 0xFF;  // an erased name
   replies[0x72] = named;
-  bool valid = true;
-  NamedRecord record;
+  CTavroUsbServo& servo = Servo();
+  ASSERT_TRUE(servo.GetMachineData(data));
+  EXPECT_EQ(data.Real, -1.0f);
+  EXPECT_TRUE(data.Flag2);
+  valid = true;
   record.Name = "stale";
-  ASSERT_TRUE(Servo().GetNamedRecord(valid, record));
+  ASSERT_TRUE(servo.GetNamedRecord(valid, record));
   EXPECT_FALSE(valid);
   EXPECT_EQ(record, NamedRecord{});
-
-  version.hasCommand72 = false;
-  ASSERT_TRUE(Servo().GetNamedRecord(valid, record));
-  EXPECT_FALSE(valid);
-  EXPECT_TRUE(Sent().empty());
 }
 
 }  // namespace

@@ -33,23 +33,10 @@ PlatenParameters Sample() {
   p.Serial = {kFourteen + kEmoji + "tail", "", "P-200", 1, 2, 3, false};
   for (int i = 0; i < 20; ++i)
     p.Serial.machineName += kEAcute;
-  p.Define = {120000,
-              4000,
-              500,
-              25,
-              8000,
-              1.23456789,
-              1800,
-              10,
-              50,
-              8,
-              300,
-              true,
-              false,
-              kIndexMarkInverted,
-              {400, 300, 150},
-              {-100, 0, 25},
-              3};
+  // Size and Offset are the two triples before SlowSpeedTurns.
+  p.Define = {120000, 4000, 500, 25,   8000, 1.23456789, 1800,
+              10,     50,   8,   300,  true, false,      kIndexMarkInverted,
+              400,    300,  150, -100, 0,    25,         3};
   p.Pid = {3000000000u, 1200, 3, 1000, 65535, 0, 7, 1, 16, -5};
   return p;
 }
@@ -177,26 +164,15 @@ TEST_F(ParameterBlocksTest, NumbersFromElsewhereReadAsTheCRuntimeDoes) {
   EXPECT_EQ(out.Serial, Sample().Serial);
 }
 
-TEST_F(ParameterBlocksTest, ALoadCreatesNothingAndAStoreCreatesItsSection) {
-  ChannelPid pid{1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
-  {
-    FileConfiguration file(Path(), false);
-    kWAxisBlocks.LoadPid(file, pid);
-  }
-  EXPECT_FALSE(config_test::Exists(Path()));
-
+TEST_F(ParameterBlocksTest, ALoadWithoutItsSectionChangesNeitherFileNorRecord) {
   Write("[OTHER]\r\nA=1\r\n");
+  ChannelPid pid{1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
   {
     FileConfiguration file(Path(), false);
     kWAxisBlocks.LoadPid(file, pid);
   }
   EXPECT_EQ(ReadBytes(Path()), FileBytes("[OTHER]\r\nA=1\r\n"));
   EXPECT_EQ(pid, (ChannelPid{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
-  {
-    FileConfiguration file(Path(), false);
-    kWAxisBlocks.StorePid(file, pid);
-  }
-  EXPECT_EQ(Value("PID:WAXIS", "Mb"), "10");
 }
 
 // Both controller classes carry the same bodies, reached through the interfaces, without a

@@ -6,27 +6,6 @@
 
 namespace {
 
-// All bytes different, so a wrong offset or byte order cannot pass by accident.
-std::array<std::uint8_t, 40> Pattern() {
-  std::array<std::uint8_t, 40> b{};
-  for (std::size_t i = 0; i < b.size(); ++i)
-    b[i] = static_cast<std::uint8_t>(0x10 + i);
-  return b;
-}
-
-TEST(WireFormat, NumbersAreBigEndianAtTheirOffsets) {
-  const auto b = Pattern();
-  EXPECT_EQ(wire::GetWord(b, 3), 0x1314);
-  EXPECT_EQ(wire::GetLong(b, 5), 0x15161718u);
-  EXPECT_EQ(wire::GetSignedLong(std::array<std::uint8_t, 4>{0xFF, 0xFF, 0xFF, 0xFE}, 0), -2);
-  EXPECT_EQ(wire::GetSignedByte(std::array<std::uint8_t, 1>{0xFB}, 0), -5);
-
-  std::array<std::uint8_t, 8> out{};
-  wire::PutLong(out, 1, 0xA1B2C3D4);
-  wire::PutWord(out, 5, 0xE5F6);
-  EXPECT_EQ(out, (std::array<std::uint8_t, 8>{0, 0xA1, 0xB2, 0xC3, 0xD4, 0xE5, 0xF6, 0}));
-}
-
 TEST(WireFormat, RealsAndFixedPointRoundTripWithTheBoardsRounding) {
   std::array<std::uint8_t, 8> b{};
   wire::PutReal(b, 0, 2.30f);

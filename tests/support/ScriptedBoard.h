@@ -1,7 +1,6 @@
-// A board for tests whose answers a test writes by hand: it serves one device entry (one
-// connection at a time: a second waits until the first closes), records
-// every request (code and bytes), and answers each through a handler. Runs in virtual time like
-// the real transport: its thread is a participant of the current clock.
+// A board whose answers a test writes by hand: it serves one device entry (one connection at a
+// time: a second waits until the first closes), records every request and answers each through a
+// handler. Its thread is a participant of the current clock, so it runs in virtual time.
 #pragma once
 
 #include <cstdint>
@@ -41,7 +40,6 @@ class ScriptedBoard {
   // Requests other than link-opened.
   std::vector<BoardRequest> Commands();
   void ClearRequests();
-  const std::string& Path() const { return path_; }
 
  private:
   void Serve();

@@ -2,12 +2,11 @@
 #pragma once
 
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 namespace config_test {
@@ -26,8 +25,6 @@ class ScratchDir {
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;
 
-  // The folder, ending in '/'.
-  std::string Folder() const { return path_ + "/"; }
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
  private:
@@ -35,15 +32,9 @@ class ScratchDir {
 };
 
 inline std::string ReadBytes(const std::string& path) {
-  std::string bytes;
-  if (std::FILE* in = std::fopen(path.c_str(), "rb")) {
-    char buffer[65536];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, in)) > 0)
-      bytes.append(buffer, n);
-    std::fclose(in);
-  }
-  return bytes;
+  std::ostringstream bytes;
+  bytes << std::ifstream(path, std::ios::binary).rdbuf();
+  return bytes.str();
 }
 
 inline void WriteBytes(const std::string& path, const std::string& bytes) {
@@ -54,9 +45,9 @@ inline bool Exists(const std::string& path) {
   return ::access(path.c_str(), F_OK) == 0;
 }
 
-// ASCII text as UTF-16LE bytes, with the byte order mark in front when `mark`.
-inline std::string Utf16(const std::string& ascii, bool mark = true) {
-  std::string out = mark ? std::string("\xFF\xFE", 2) : std::string();
+// ASCII text as UTF-16LE bytes behind the byte order mark.
+inline std::string Utf16(const std::string& ascii) {
+  std::string out("\xFF\xFE", 2);
   for (char c : ascii) {
     out += c;
     out += '\0';

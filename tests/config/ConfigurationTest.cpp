@@ -24,7 +24,6 @@ using config_test::ReadBytes;
 using config_test::Utf16;
 using config_test::WriteBytes;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 class SinkRecorder : public config::FileAccessSink {
  public:
@@ -59,8 +58,15 @@ class ConfigurationTest : public testing::Test {
 
 // --- Load and corruption ---
 
-TEST_F(ConfigurationTest, AnEmptyFileGetsTheMarkTheNewSectionAndItsKeysInTheOrderAdded) {
-  WriteBytes(Ini(), "");
+TEST_F(ConfigurationTest, AFileIsMadeOnlyWhenAskedAndOneThatCannotBeMadeIsReported) {
+  {
+    FileConfiguration c(Ini(), true);
+    EXPECT_FALSE(c.OpenSection("Setup", false));
+  }
+  EXPECT_FALSE(Exists(Ini()));
+  EXPECT_TRUE(sink.reports.empty());
+
+  WriteBytes(Ini(), "");  // an empty file gets the mark, the new section and its keys in order
   {
     FileConfiguration c(Ini(), false);
     ASSERT_TRUE(c.OpenSection("Setup", true));
@@ -69,19 +75,7 @@ TEST_F(ConfigurationTest, AnEmptyFileGetsTheMarkTheNewSectionAndItsKeysInTheOrde
   }
   EXPECT_EQ(ReadBytes(Ini()), Utf16("\r\n[Setup]\r\nA=1\r\nB=2\r\n"));
   EXPECT_TRUE(log.Entries().empty());
-}
 
-TEST_F(ConfigurationTest, AMissingFileWithoutCreateIsNeitherMadeNorReported) {
-  {
-    FileConfiguration c(Ini(), true);
-    EXPECT_FALSE(c.OpenSection("Setup", false));
-  }
-  EXPECT_FALSE(Exists(Ini()));
-  EXPECT_TRUE(log.Entries().empty());
-  EXPECT_TRUE(sink.reports.empty());
-}
-
-TEST_F(ConfigurationTest, AFileThatCannotBeMadeIsReportedAsAWriteThatCannotReadEither) {
   const std::string path = dir / "missing-folder/Test.ini";
   FileConfiguration c(path, false);
   EXPECT_FALSE(c.OpenSection("Setup", true));
@@ -89,7 +83,7 @@ TEST_F(ConfigurationTest, AFileThatCannotBeMadeIsReportedAsAWriteThatCannotReadE
               ElementsAre("Failed to open or create file for reading: " + path + "\r\n"));
   ASSERT_EQ(sink.reports.size(), 1u);
   EXPECT_EQ(sink.reports[0].path, path);
-  EXPECT_EQ(sink.reports[0].accessKind, 2);
+  EXPECT_EQ(sink.reports[0].accessKind, 2);  // a write: the file was to be made
   EXPECT_FALSE(sink.reports[0].errorText.empty());
 }
 
@@ -110,12 +104,16 @@ TEST_F(ConfigurationTest, FilesWithoutTheMarkOrWithAZeroFirstUnitAreCorruptAndLe
     EXPECT_EQ(ReadBytes(Ini()), bytes);
   }
   EXPECT_EQ(log.Messages(), std::vector<std::string>(3, Ini() + " is corrupt\r\n"));
+
+  WriteBytes(Ini(), Utf16("[S]\r\nK=v") + "x");  // an odd byte count is no corruption
+  FileConfiguration c(Ini(), false);
+  ASSERT_TRUE(c.OpenSection("S", false));
+  EXPECT_EQ(Value(c, "K"), "vx") << "the last half unit reads as zero";
 }
 
-TEST_F(ConfigurationTest, ACorruptFileIsRecoveredFromTheBackupAndMovedAsideUnchanged) {
-  const std::string bad = "garbage";
+TEST_F(ConfigurationTest, ACorruptFileIsRecoveredFromAGoodBackupAndMovedAsideUnchanged) {
   const std::string good = Utf16("[Setup]\r\nA=1\r\n");
-  WriteBytes(Ini(), bad);
+  WriteBytes(Ini(), "garbage");
   WriteBytes(Ini() + ".backup", good);
   {
     FileConfiguration c(Ini(), true);
@@ -123,14 +121,13 @@ TEST_F(ConfigurationTest, ACorruptFileIsRecoveredFromTheBackupAndMovedAsideUncha
     EXPECT_EQ(Value(c, "A"), "1");
   }
   EXPECT_EQ(ReadBytes(Ini()), good) << "written back without any change";
-  EXPECT_EQ(ReadBytes(Ini() + ".corrupt"), bad);
+  EXPECT_EQ(ReadBytes(Ini() + ".corrupt"), "garbage");
   EXPECT_EQ(ReadBytes(Ini() + ".backup"), good);
   EXPECT_THAT(log.Messages(),
               ElementsAre(Ini() + " is corrupt and will be renamed as " + Ini() + ".corrupt\r\n",
                           "Using " + Ini() + ".backup\r\n"));
-}
 
-TEST_F(ConfigurationTest, ABackupWithoutTheMarkIsDeletedAndTheTextStartsEmpty) {
+  // A backup without the mark is deleted and the text starts empty.
   WriteBytes(Ini(), "bad");
   WriteBytes(Ini() + ".backup", "also bad");
   {
@@ -144,43 +141,28 @@ TEST_F(ConfigurationTest, ABackupWithoutTheMarkIsDeletedAndTheTextStartsEmpty) {
   EXPECT_EQ(log.Messages().back(), Ini() + ".backup is corrupt and will be deleted\r\n");
 }
 
-TEST_F(ConfigurationTest, AnOddByteCountReadsItsLastHalfUnitAsZero) {
-  WriteBytes(Ini(), Utf16("[S]\r\nK=v") + "x");
-  FileConfiguration c(Ini(), false);
-  ASSERT_TRUE(c.OpenSection("S", false));
-  EXPECT_EQ(Value(c, "K"), "vx");
-}
-
 // --- Section search ---
 
 TEST_F(ConfigurationTest, HeadersAreFoundAtLineStartsBehindBlanksAndOnlyTheFirstCounts) {
   auto c = With(
       "A=[Other]\r\n"
       "[First] trailing words\r\nK=first\r\n"
-      " \t[Indented]\r\nK=indented\r\n"
-      "[First]\r\nK=second\r\n");
+      " \t[Indented]\r\nK=indented\r\nY=behind\r\n"
+      "[First]\r\nK=second\r\nZ=last\r\n");
   ASSERT_TRUE(c->OpenSection("First", false));
   EXPECT_EQ(Value(*c, "K"), "first");
+  EXPECT_EQ(Value(*c, "Y"), "behind") << "an indented header does not end the section before it";
+  EXPECT_EQ(Value(*c, "Z"), "<missing>") << "a header at a line start does";
   ASSERT_TRUE(c->OpenSection("Indented", false));
   EXPECT_EQ(Value(*c, "K"), "indented");
   EXPECT_FALSE(c->OpenSection("Other", false)) << "a header's text inside a value is none";
-}
 
-TEST_F(ConfigurationTest, AnIndentedHeaderDoesNotEndTheSectionBeforeIt) {
-  auto c = With("[A]\r\nX=1\r\n  [B]\r\nY=2\r\n[C]\r\nZ=3\r\n");
-  ASSERT_TRUE(c->OpenSection("A", false));
-  EXPECT_EQ(Value(*c, "Y"), "2");
-  EXPECT_EQ(Value(*c, "Z"), "<missing>");
-}
-
-TEST_F(ConfigurationTest, AMissingSectionClosesTheOpenOneButAnEmptyNameChangesNothing) {
-  auto c = With("[A]\r\nX=1\r\n");
-  ASSERT_TRUE(c->OpenSection("A", false));
+  ASSERT_TRUE(c->OpenSection("Indented", false));
   EXPECT_FALSE(c->OpenSection("", true));
-  EXPECT_EQ(Value(*c, "X"), "1");
+  EXPECT_EQ(Value(*c, "K"), "indented") << "an empty name changes nothing";
   EXPECT_FALSE(c->OpenSection("Nowhere", false));
-  EXPECT_EQ(Value(*c, "X"), "<missing>");
-  EXPECT_FALSE(c->SetValue("X", "2"));
+  EXPECT_EQ(Value(*c, "K"), "<missing>") << "a missing section closes the open one";
+  EXPECT_FALSE(c->SetValue("K", "2"));
   EXPECT_FALSE(c->Dirty());
 }
 
@@ -189,68 +171,52 @@ TEST_F(ConfigurationTest, AMissingSectionClosesTheOpenOneButAnEmptyNameChangesNo
 TEST_F(ConfigurationTest, KeysMatchLiterallyAtTheLineStartAndValuesComeBackWhole) {
   auto c = With(
       "[S]\r\n K=blank before\r\nK =blank after\r\nOverride X=a=b= \r\n"
-      "K= padded \nK=second\rEmpty=\r\n");
+      "K= padded \nK=second\rEmpty=\r\nLast=");
   ASSERT_TRUE(c->OpenSection("S", false));
   EXPECT_EQ(Value(*c, "Override X"), "a=b= ");
   EXPECT_EQ(Value(*c, "K"), " padded ") << "the first of two lines, blanks kept";
   EXPECT_EQ(Value(*c, "Empty"), "");
   EXPECT_EQ(Value(*c, "k"), "<missing>") << "case-sensitive";
   EXPECT_EQ(Value(*c, ""), "<missing>");
-}
-
-TEST_F(ConfigurationTest, AKeyAndEqualsAtTheVeryEndWithoutALineEndIsMissing) {
-  auto c = With("[S]\r\nLast=");
-  ASSERT_TRUE(c->OpenSection("S", false));
-  EXPECT_EQ(Value(*c, "Last"), "<missing>");
+  EXPECT_EQ(Value(*c, "Last"), "<missing>") << "a key at the very end without a line end";
 }
 
 // --- Edits ---
 
-TEST_F(ConfigurationTest, ReplacingAValueTouchesNothingElseOfTheFile) {
+TEST_F(ConfigurationTest, ReplacingAValueTouchesNothingElseAndTheSameValueStoresNothing) {
   const std::string before =
       "; a comment\n\n[Other]\r\nKeep=this\r\nno equals here\r\n[S]\rA=old\rB=2\r\n";
   {
     auto c = With(before);
     ASSERT_TRUE(c->OpenSection("S", false));
     EXPECT_TRUE(c->SetValue("A", "new value"));
-    EXPECT_TRUE(c->SetValue("B", "2"));
   }
   std::string after = before;
   after.replace(after.find("old"), 3, "new value");
   EXPECT_EQ(ReadBytes(Ini()), Utf16(after));
-}
 
-TEST_F(ConfigurationTest, SettingTheValueThatIsThereStoresNothing) {
   {
     auto c = With("[S]\r\nA=1\r\n", true);
     ASSERT_TRUE(c->OpenSection("S", false));
     EXPECT_TRUE(c->SetValue("A", "1"));
     EXPECT_FALSE(c->Dirty());
   }
-  EXPECT_FALSE(Exists(Ini() + ".backup"));
+  EXPECT_FALSE(Exists(Ini() + ".backup")) << "no store, so no backup";
 }
 
 TEST_F(ConfigurationTest, NewKeysGoInFrontOfTheSectionAndAreSeenOnlyAfterReopening) {
   auto c = With("[S]\r\nOld=1\r\n[T]\r\n");
+  EXPECT_EQ(c->GetValueOrDefault("D", "7"), "7");
+  EXPECT_FALSE(c->Dirty()) << "a default is written only with a section open";
   ASSERT_TRUE(c->OpenSection("S", false));
   c->SetValue("First", "a");
-  c->SetValue("Second", "b");
+  EXPECT_EQ(c->GetValueOrDefault("D", "7"), "7");
   EXPECT_EQ(Value(*c, "First"), "<missing>");
   c->SetValue("First", "again");  // not found yet: a second line
-  EXPECT_EQ(c->Text(), u"[S]\r\nFirst=a\r\nSecond=b\r\nFirst=again\r\nOld=1\r\n[T]\r\n");
+  EXPECT_EQ(c->Text(), u"[S]\r\nFirst=a\r\nD=7\r\nFirst=again\r\nOld=1\r\n[T]\r\n");
   ASSERT_TRUE(c->OpenSection("S", false));
   EXPECT_EQ(Value(*c, "First"), "a") << "the older line wins";
-}
-
-TEST_F(ConfigurationTest, ReadingWithADefaultWritesTheDefaultOnlyWithASectionOpen) {
-  auto c = With("[S]\r\n");
-  EXPECT_EQ(c->GetValueOrDefault("K", "7"), "7");
-  EXPECT_FALSE(c->Dirty());
-  ASSERT_TRUE(c->OpenSection("S", false));
-  EXPECT_EQ(c->GetValueOrDefault("K", "7"), "7");
-  EXPECT_TRUE(c->Dirty());
-  ASSERT_TRUE(c->OpenSection("S", false));
-  EXPECT_EQ(c->GetValueOrDefault("K", "8"), "7");
+  EXPECT_EQ(c->GetValueOrDefault("D", "8"), "7");
 }
 
 TEST_F(ConfigurationTest, DeletingRemovesTheWholeLineWithItsLineEnd) {
@@ -268,7 +234,6 @@ TEST_F(ConfigurationTest, DeletingRemovesTheWholeLineWithItsLineEnd) {
 // --- Store, backup and lock ---
 
 TEST_F(ConfigurationTest, AStoreKeepsThePreviousFileAsBackupOnlyWhenAskedTo) {
-  const std::string original = Utf16("[S]\r\nA=1\r\n");
   for (bool keepBackup : {false, true}) {
     {
       auto c = With("[S]\r\nA=1\r\n", keepBackup);
@@ -276,23 +241,18 @@ TEST_F(ConfigurationTest, AStoreKeepsThePreviousFileAsBackupOnlyWhenAskedTo) {
       c->SetValue("A", "2");
     }
     EXPECT_EQ(ReadBytes(Ini()), Utf16("[S]\r\nA=2\r\n"));
+    EXPECT_EQ(ReadBytes(Ini() + ".backup"), keepBackup ? Utf16("[S]\r\nA=1\r\n") : "");
     EXPECT_EQ(Exists(Ini() + ".backup"), keepBackup);
-    if (keepBackup) {
-      EXPECT_EQ(ReadBytes(Ini() + ".backup"), original);
-    }
     EXPECT_FALSE(Exists(Ini() + ".tmp"));
   }
-}
 
-TEST_F(ConfigurationTest, AStoreThatCannotMakeItsTemporaryFileLeavesTheFileAlone) {
-  const std::string before = Utf16("[S]\r\nA=1\r\n");
-  ::mkdir((Ini() + ".tmp").c_str(), 0700);  // a folder in the way
+  ::mkdir((Ini() + ".tmp").c_str(), 0700);  // a folder in the way of the temporary file
   {
     auto c = With("[S]\r\nA=1\r\n");
     ASSERT_TRUE(c->OpenSection("S", false));
     c->SetValue("A", "2");
   }
-  EXPECT_EQ(ReadBytes(Ini()), before);
+  EXPECT_EQ(ReadBytes(Ini()), Utf16("[S]\r\nA=1\r\n")) << "the file is left alone";
   EXPECT_THAT(log.Messages(), ElementsAre("Failure to store configuration to " + Ini() + "\r\n"));
   ASSERT_EQ(sink.reports.size(), 1u);
   EXPECT_EQ(sink.reports[0].path, Ini() + ".tmp");
@@ -316,6 +276,7 @@ TEST_F(ConfigurationTest, ThePathsMutexIsHeldFromTheFirstOpenUntilTheEnd) {
   EXPECT_EQ(tryFromAnotherThread(), platform::NamedMutex::kWaitTimeout);
   c.reset();
   EXPECT_EQ(tryFromAnotherThread(), platform::NamedMutex::kWaitObject0);
+  // The measuring application names the mutex by the same path with '/' for '\'.
   EXPECT_EQ(Configuration::MutexName("C:\\Data\\Mirava.ini"), "C:/Data/Mirava.ini");
 }
 

@@ -55,20 +55,7 @@ class ErrorLogTest : public config_test::FolderFixture {
   std::string folder;
 };
 
-TEST_F(ErrorLogTest, ANewLogStartsWithTheMarkAndHoldsThePrefixAndTheMessageAsGiven) {
-  ErrorLog("CTavroUsb.cpp", 321)("USB Error %d - %s\r\n", 31, "failed");
-  ErrorLog("Other.cpp", 7)("ends in LF alone\n");
-  const std::string text = LogText(Log());
-  std::smatch m;
-  const std::string first = Lines(text)[0];
-  ASSERT_TRUE(std::regex_match(first, m, kEntry)) << first;
-  EXPECT_EQ(m[2], "CTavroUsb.cpp");
-  EXPECT_EQ(m[3], "321");
-  EXPECT_EQ(m[4], "USB Error 31 - failed");
-  EXPECT_TRUE(text.ends_with("): ends in LF alone\n")) << "the log adds no line end";
-}
-
-TEST_F(ErrorLogTest, TheTimeCarriesTheZonesOffsetOrZ) {
+TEST_F(ErrorLogTest, ANewLogHasTheMarkAndEntriesThePrefixWithTheZonesOffsetAndTheMessageAsGiven) {
   const char* saved = std::getenv("TZ");
   const std::string restore = saved ? saved : "";
   const std::pair<const char*, const char*> zones[] = {
@@ -79,13 +66,22 @@ TEST_F(ErrorLogTest, TheTimeCarriesTheZonesOffsetOrZ) {
   }
   saved ? ::setenv("TZ", restore.c_str(), 1) : ::unsetenv("TZ");
   ::tzset();
-  const std::vector<std::string> lines = Lines(LogText(Log()));
-  ASSERT_EQ(lines.size(), 3u);
+  ErrorLog("CTavroUsb.cpp", 321)("USB Error %d - %s\r\n", 31, "failed");
+  ErrorLog("Other.cpp", 7)("ends in LF alone\n");
+
+  const std::string text = LogText(Log());
+  const std::vector<std::string> lines = Lines(text);
+  ASSERT_EQ(lines.size(), 5u);
+  std::smatch m;
   for (std::size_t i = 0; i < 3; ++i) {
-    std::smatch m;
     ASSERT_TRUE(std::regex_match(lines[i], m, kEntry)) << lines[i];
     EXPECT_EQ(m[1], zones[i].second) << zones[i].first;
   }
+  ASSERT_TRUE(std::regex_match(lines[3], m, kEntry)) << lines[3];
+  EXPECT_EQ(m[2], "CTavroUsb.cpp");
+  EXPECT_EQ(m[3], "321");
+  EXPECT_EQ(m[4], "USB Error 31 - failed");
+  EXPECT_TRUE(text.ends_with("): ends in LF alone\n")) << "the log adds no line end";
 }
 
 TEST_F(ErrorLogTest, ALogAboveTheLimitAtTheFirstEntryOfARunBecomesTheBackup) {

@@ -2,8 +2,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -21,31 +19,6 @@ constexpr std::uint32_t kOwned = NamedMutex::kWaitObject0;
 constexpr std::uint32_t kAbandoned = NamedMutex::kWaitAbandoned;
 constexpr std::uint32_t kTimeout = NamedMutex::kWaitTimeout;
 constexpr std::uint32_t kInfinite = NamedMutex::kInfinite;
-// Long enough never to run out on a loaded machine; only reached when something is broken.
-constexpr std::uint32_t kGenerousMs = 10000;
-
-// One byte at a time between a test and its child process; reads give up after kGenerousMs.
-class Pipe {
- public:
-  Pipe() { EXPECT_EQ(pipe(fds_), 0); }
-  ~Pipe() {
-    CloseWrite();
-    close(fds_[0]);
-  }
-  void Signal() { (void)!write(fds_[1], "x", 1); }
-  bool Await() {
-    pollfd p{fds_[0], POLLIN, 0};
-    char c;
-    return poll(&p, 1, kGenerousMs) == 1 && read(fds_[0], &c, 1) == 1;
-  }
-  void CloseWrite() {
-    if (fds_[1] >= 0) close(fds_[1]);
-    fds_[1] = -1;
-  }
-
- private:
-  int fds_[2] = {-1, -1};
-};
 
 // Runs `body` in a child process, whose exit status is what `body` returns.
 template <typename Fn>
@@ -55,25 +28,18 @@ pid_t Fork(Fn body) {
   return pid;
 }
 
-// The child's exit status, or -1 when it did not exit by itself within 30 s.
+// The child's exit status, or -1 when it did not exit by itself.
 int Reap(pid_t pid) {
-  for (int i = 0; i < 3000; ++i) {
-    int status = 0;
-    const pid_t done = waitpid(pid, &status, WNOHANG);
-    if (done == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    if (done < 0) return -1;
-    usleep(10000);
-  }
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
-  return -1;
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // One try from a thread of its own, which releases what it got.
-std::uint32_t TryFromOtherThread(NamedMutex& mutex) {
+std::uint32_t TryFromOtherThread(NamedMutex& mutex, std::uint32_t timeoutMs = 0) {
   std::uint32_t result = NamedMutex::kWaitFailed;
   std::thread([&] {
-    result = mutex.Wait(0);
+    result = mutex.Wait(timeoutMs);
     if (result == kOwned || result == kAbandoned) mutex.Release();
   }).join();
   return result;
@@ -87,9 +53,10 @@ class NamedMutexTest : public ::testing::Test {
     }
   }
 
-  std::string NewName(const std::string& base = "TavroTest mutex") {
+  std::string NewName() {
     static int counter = 0;
-    names_.push_back(base + " " + std::to_string(getpid()) + "-" + std::to_string(++counter));
+    names_.push_back("TavroTest mutex " + std::to_string(getpid()) + "-" +
+                     std::to_string(++counter));
     return names_.back();
   }
 
@@ -112,7 +79,7 @@ TEST_F(NamedMutexTest, OwnerWaitsAgainThroughAnyHandleAndMustReleaseAsOften) {
 
   EXPECT_EQ(first->Wait(0), kOwned);
   EXPECT_EQ(second->Wait(kInfinite), kOwned);
-  EXPECT_EQ(TryFromOtherThread(*first), kTimeout);
+  EXPECT_EQ(TryFromOtherThread(*first, 50), kTimeout);
   bool releasedByOther = true;
   std::thread([&] { releasedByOther = first->Release(); }).join();
   EXPECT_FALSE(releasedByOther);
@@ -124,32 +91,8 @@ TEST_F(NamedMutexTest, OwnerWaitsAgainThroughAnyHandleAndMustReleaseAsOften) {
   EXPECT_FALSE(first->Release());
 }
 
-TEST_F(NamedMutexTest, ExcludesAnotherProcessUntilItReleases) {
-  auto mutex = Open(NewName());
-  ASSERT_TRUE(mutex);
-  Pipe held, release, released;
-  const pid_t child = Fork([&] {
-    if (mutex->Wait(kInfinite) != kOwned) return 1;
-    held.Signal();
-    if (!release.Await()) return 2;
-    if (!mutex->Release()) return 3;
-    released.Signal();
-    return 0;
-  });
-
-  ASSERT_TRUE(held.Await());
-  EXPECT_EQ(mutex->Wait(0), kTimeout);
-  EXPECT_EQ(mutex->Wait(50), kTimeout);
-  EXPECT_FALSE(mutex->Release());
-  release.Signal();
-  ASSERT_TRUE(released.Await());
-  EXPECT_EQ(mutex->Wait(kGenerousMs), kOwned);
-  EXPECT_TRUE(mutex->Release());
-  EXPECT_EQ(Reap(child), 0);
-}
-
 // The dead owner's recursion does not carry over: the new owner releases once.
-TEST_F(NamedMutexTest, ProcessThatDiesOwningItLeavesItAbandonedOnce) {
+TEST_F(NamedMutexTest, AProcessOrThreadThatEndsOwningItLeavesItAbandonedOnce) {
   auto mutex = Open(NewName());
   ASSERT_TRUE(mutex);
   const pid_t child = Fork([&] {
@@ -157,22 +100,14 @@ TEST_F(NamedMutexTest, ProcessThatDiesOwningItLeavesItAbandonedOnce) {
     return 0;
   });
   ASSERT_EQ(Reap(child), 0);
-
-  EXPECT_EQ(mutex->Wait(kGenerousMs), kAbandoned);
+  EXPECT_EQ(mutex->Wait(10000), kAbandoned);
   EXPECT_EQ(TryFromOtherThread(*mutex), kTimeout);
   EXPECT_TRUE(mutex->Release());
   EXPECT_EQ(TryFromOtherThread(*mutex), kOwned);
-  EXPECT_EQ(mutex->Wait(0), kOwned);
-  EXPECT_TRUE(mutex->Release());
-}
 
-TEST_F(NamedMutexTest, ThreadThatEndsOwningItLeavesItAbandoned) {
-  auto mutex = Open(NewName());
-  ASSERT_TRUE(mutex);
   std::uint32_t threadResult = NamedMutex::kWaitFailed;
   std::thread([&] { threadResult = mutex->Wait(0); }).join();
   ASSERT_EQ(threadResult, kOwned);
-
   EXPECT_EQ(mutex->Wait(0), kAbandoned);
   EXPECT_TRUE(mutex->Release());
   EXPECT_EQ(mutex->Wait(0), kOwned);
@@ -190,13 +125,14 @@ TEST_F(NamedMutexTest, ProcessesThatCreateItAtOnceLoseNoUpdateUnderIt) {
   volatile int* counter = static_cast<int*>(page);
   *counter = 0;
 
-  Pipe start;
+  int start[2];
+  ASSERT_EQ(pipe(start), 0);
   std::vector<pid_t> children;
-  children.reserve(kProcesses);
   for (int i = 0; i < kProcesses; ++i) {
     children.push_back(Fork([&] {
-      start.CloseWrite();
-      start.Await();  // ends for all at once when the test closes its end
+      close(start[1]);
+      char go;
+      (void)!read(start[0], &go, 1);  // ends for all at once when the test closes its end
       auto mutex = NamedMutex::OpenOrCreate(name);
       if (!mutex) return 1;
       for (int round = 0; round < kRounds; ++round) {
@@ -209,10 +145,11 @@ TEST_F(NamedMutexTest, ProcessesThatCreateItAtOnceLoseNoUpdateUnderIt) {
       return 0;
     }));
   }
-  start.CloseWrite();
+  close(start[1]);
   for (pid_t child : children) {
     EXPECT_EQ(Reap(child), 0);
   }
+  close(start[0]);
 
   EXPECT_EQ(*counter, kProcesses * kRounds);
   auto mutex = Open(name);
@@ -223,6 +160,7 @@ TEST_F(NamedMutexTest, ProcessesThatCreateItAtOnceLoseNoUpdateUnderIt) {
 }
 
 TEST_F(NamedMutexTest, AnyNameMapsToItsOwnValidObject) {
+  // The name other programs open the board's mutex by.
   EXPECT_EQ(NamedMutex::ShmName("CTavroUsb Access"), "/tavro-mx-CTavroUsb%20Access");
   const std::string longPath = "/var/lib/" + std::string(300, 'd') + "/Folders.ini";
   std::string otherLongPath = longPath;
@@ -236,19 +174,6 @@ TEST_F(NamedMutexTest, AnyNameMapsToItsOwnValidObject) {
     EXPECT_EQ(shm.find('/', 1), std::string::npos) << name;
     EXPECT_TRUE(seen.insert(shm).second) << name << " -> " << shm;
   }
-
-  const std::string path =
-      NewName("C:/ProgramData/Tavro Test/" + std::string(200, 'p') + "/Machine.ini");
-  const std::string similarPath =
-      NewName("C:/ProgramData/Tavro Test/" + std::string(200, 'p') + "/Machine.ini");
-  auto mutex = Open(path);
-  auto sameMutex = Open(path);
-  auto otherMutex = Open(similarPath);
-  ASSERT_TRUE(mutex && sameMutex && otherMutex);
-  ASSERT_EQ(mutex->Wait(0), kOwned);
-  EXPECT_EQ(TryFromOtherThread(*sameMutex), kTimeout);
-  EXPECT_EQ(TryFromOtherThread(*otherMutex), kOwned);
-  EXPECT_TRUE(mutex->Release());
 }
 
 TEST_F(NamedMutexTest, EveryUserCanOpenItWhateverTheUmask) {

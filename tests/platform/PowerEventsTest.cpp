@@ -16,7 +16,6 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -47,9 +46,6 @@ class PrivateBus {
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0) return;
     const std::string config = "--config-file=" + dir_ + "/bus.conf";
-    // Its complaints (such as a file limit it may not raise here) go to a log that a test shows
-    // only when the daemon did not start.
-    const std::string logPath = LogPath();
     pid_ = ::fork();
     if (pid_ == 0) {  // nothing that allocates from here on
       if (out[1] == 3) {
@@ -57,8 +53,9 @@ class PrivateBus {
       } else {
         ::dup2(out[1], 3);  // the copy is not closed on exec
       }
-      const int log = ::open(logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-      if (log >= 0) ::dup2(log, 2);
+      // Its complaints (a file limit it may not raise here) are only noise.
+      const int null = ::open("/dev/null", O_WRONLY);
+      if (null >= 0) ::dup2(null, 2);
       ::execl(kDaemon, "dbus-daemon", "--nofork", "--print-address=3", config.c_str(),
               static_cast<char*>(nullptr));
       std::_Exit(127);
@@ -89,12 +86,6 @@ class PrivateBus {
     pid_ = -1;
   }
   const std::string& Address() const { return address_; }
-  std::string LogPath() const { return dir_ + "/daemon.log"; }
-  std::string Log() const {
-    std::ostringstream text;
-    text << std::ifstream(LogPath()).rdbuf();
-    return text.str();
-  }
 
  private:
   std::string dir_;
@@ -146,11 +137,6 @@ class Client {
 // What the watcher's thread handed on.
 class Events {
  public:
-  void Add(unsigned event) {
-    std::lock_guard lock(mutex_);
-    events_.push_back(event);
-    changed_.notify_all();
-  }
   // The events once there are `count` of them, else what came within the patience.
   std::vector<unsigned> Await(std::size_t count) {
     std::unique_lock lock(mutex_);
@@ -158,7 +144,11 @@ class Events {
     return events_;
   }
   SleepWatcher::Callback Sink() {
-    return [this](unsigned event) { Add(event); };
+    return [this](unsigned event) {
+      std::lock_guard lock(mutex_);
+      events_.push_back(event);
+      changed_.notify_all();
+    };
   }
 
  private:
@@ -172,38 +162,24 @@ class SleepWatcherTest : public ::testing::Test {
   void SetUp() override {
     if (::access(kDaemon, X_OK) != 0) GTEST_SKIP() << "no dbus-daemon to play the system bus";
     bus_ = std::make_unique<PrivateBus>();
-    ASSERT_FALSE(bus_->Address().empty()) << "dbus-daemon did not start: " << bus_->Log();
+    ASSERT_FALSE(bus_->Address().empty()) << "dbus-daemon did not start";
   }
   std::unique_ptr<PrivateBus> bus_;
 };
 
-TEST_F(SleepWatcherTest, LogindsSleepAndWakeBecomeSuspendAndResume) {
+TEST_F(SleepWatcherTest, LogindsSleepAndWakeBecomeSuspendAndResumeAndLookAlikesAreIgnored) {
   Events events;
   SleepWatcher watcher(events.Sink());
   ASSERT_TRUE(watcher.Start(bus_->Address()));
   EXPECT_TRUE(watcher.Watching());
   EXPECT_TRUE(watcher.Start(bus_->Address())) << "already watching";
-
-  Client logind(bus_->Address(), "org.freedesktop.login1");
-  ASSERT_TRUE(logind.Connected());
-  logind.Emit(true);
-  logind.Emit(false);
-  EXPECT_EQ(events.Await(2), (std::vector<unsigned>{kPowerEventSuspend, kPowerEventResume}));
-  EXPECT_EQ(kPowerEventSuspend, 4u);
-  EXPECT_EQ(kPowerEventResume, 7u);
-}
-
-TEST_F(SleepWatcherTest, LookAlikesOfTheSignalAreIgnored) {
-  Events events;
-  SleepWatcher watcher(events.Sink());
-  ASSERT_TRUE(watcher.Start(bus_->Address()));
   Client logind(bus_->Address(), "org.freedesktop.login1");
   Client stranger(bus_->Address(), nullptr);
   ASSERT_TRUE(logind.Connected());
   ASSERT_TRUE(stranger.Connected());
 
-  // The look-alikes go first, and the stranger's are routed before logind's real one leaves, so
-  // any that got through would be seen before it.
+  // The look-alikes go first, and the stranger's are routed before logind's real ones leave, so
+  // any that got through would be seen before them.
   stranger.Emit(true);
   stranger.Settle();
   logind.Emit("/org/freedesktop/login1", "org.freedesktop.login1.Session", "PrepareForSleep", true);
@@ -212,23 +188,12 @@ TEST_F(SleepWatcherTest, LookAlikesOfTheSignalAreIgnored) {
   logind.Emit("/org/freedesktop/login1/session/c1", "org.freedesktop.login1.Manager",
               "PrepareForSleep", true);
   logind.EmitText("true");
-  logind.Emit(false);
-  EXPECT_EQ(events.Await(1), (std::vector<unsigned>{kPowerEventResume}));
-}
-
-TEST_F(SleepWatcherTest, StartWithoutAddressUsesTheSystemBus) {
-  ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus_->Address().c_str(), 1);
-  Events events;
-  SleepWatcher watcher(events.Sink());
-  const bool started = watcher.Start();
-  ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-  ASSERT_TRUE(started);
-  Client logind(bus_->Address(), "org.freedesktop.login1");
   logind.Emit(true);
-  EXPECT_EQ(events.Await(1), (std::vector<unsigned>{kPowerEventSuspend}));
+  logind.Emit(false);
+  EXPECT_EQ(events.Await(2), (std::vector<unsigned>{kPowerEventSuspend, kPowerEventResume}));
 }
 
-TEST_F(SleepWatcherTest, StopIsPromptAndTheWatchCanStartAgain) {
+TEST_F(SleepWatcherTest, StopIsPromptAndTheWatchCanStartAgainOnTheSystemBus) {
   Events events;
   SleepWatcher watcher(events.Sink());
   watcher.Stop();  // before any Start
@@ -239,7 +204,10 @@ TEST_F(SleepWatcherTest, StopIsPromptAndTheWatchCanStartAgain) {
   EXPECT_FALSE(watcher.Watching());
   watcher.Stop();
 
-  ASSERT_TRUE(watcher.Start(bus_->Address()));
+  ::setenv("DBUS_SYSTEM_BUS_ADDRESS", bus_->Address().c_str(), 1);
+  const bool started = watcher.Start();
+  ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+  ASSERT_TRUE(started);
   Client logind(bus_->Address(), "org.freedesktop.login1");
   logind.Emit(false);
   EXPECT_EQ(events.Await(1), (std::vector<unsigned>{kPowerEventResume}));
@@ -258,30 +226,22 @@ TEST_F(SleepWatcherTest, ABusThatGoesAwayEndsTheWatchQuietly) {
   watcher.Stop();
 
   PrivateBus next;
-  ASSERT_FALSE(next.Address().empty()) << next.Log();
+  ASSERT_FALSE(next.Address().empty());
   EXPECT_TRUE(watcher.Start(next.Address())) << "a new bus gives a new watch";
 }
 
 TEST(SleepWatcherNoBusTest, NoBusIsAQuietFalseAtOnce) {
-  char pattern[] = "/tmp/tavro-nobus-XXXXXX";
-  const std::string dir = ::mkdtemp(pattern);
-  const std::string missing = "unix:path=" + dir + "/no-such-bus";
+  const std::string missing = "unix:path=/tmp/tavro-no-such-bus-" + std::to_string(::getpid());
   SleepWatcher watcher([](unsigned) {});
   ::testing::internal::CaptureStderr();
   const auto before = steady_clock::now();
-  const bool started = watcher.Start(missing);
+  EXPECT_FALSE(watcher.Start(missing));
   ::setenv("DBUS_SYSTEM_BUS_ADDRESS", missing.c_str(), 1);
-  const bool startedOnSystemBus = watcher.Start();
+  EXPECT_FALSE(watcher.Start());
   ::unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-  const auto took = steady_clock::now() - before;
-  const std::string said = ::testing::internal::GetCapturedStderr();
-  std::filesystem::remove_all(dir);
-  EXPECT_FALSE(started);
-  EXPECT_FALSE(startedOnSystemBus);
+  EXPECT_LT(steady_clock::now() - before, 1s);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << "no bus is no error";
   EXPECT_FALSE(watcher.Watching());
-  EXPECT_LT(took, 1s);
-  EXPECT_EQ(said, "") << "no bus is no error";
-  watcher.Stop();
 }
 
 }  // namespace

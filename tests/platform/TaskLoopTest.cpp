@@ -24,6 +24,8 @@ class TaskLoopTest : public ::testing::Test {
 };
 
 TEST_F(TaskLoopTest, FourTimersTickAtTheirRatesAndInIdOrderWhenDueTogether) {
+  EXPECT_FALSE(loop.SetTimer(0, milliseconds(20), [](unsigned) {})) << "a timer needs an id";
+  EXPECT_FALSE(loop.SetTimer(1, milliseconds(0), [](unsigned) {})) << "and a period";
   std::vector<std::pair<std::int64_t, unsigned>> ticks;
   auto record = [&](unsigned id) {
     ticks.emplace_back(ElapsedMs(), id);
@@ -36,16 +38,15 @@ TEST_F(TaskLoopTest, FourTimersTickAtTheirRatesAndInIdOrderWhenDueTogether) {
   EXPECT_EQ(loop.Run(), 7);
 
   int counts[5] = {};
-  for (auto& [t, id] : ticks)
+  std::vector<unsigned> atOneSecond;
+  for (auto& [t, id] : ticks) {
     ++counts[id];
+    if (t == 1000) atOneSecond.push_back(id);
+  }
   EXPECT_EQ(counts[1], 50);
   EXPECT_EQ(counts[2], 20);
   EXPECT_EQ(counts[3], 5);
   EXPECT_EQ(counts[4], 1);
-  std::vector<unsigned> atOneSecond;
-  for (auto& [t, id] : ticks) {
-    if (t == 1000) atOneSecond.push_back(id);
-  }
   EXPECT_EQ(atOneSecond, (std::vector<unsigned>{1, 2, 3, 4}));
 }
 
@@ -68,17 +69,17 @@ TEST_F(TaskLoopTest, RunUntilServesTheLoopForAModalWaitAndLeavesItUsable) {
   EXPECT_FALSE(nested);
 }
 
-TEST_F(TaskLoopTest, AQuitDuringAModalWaitEndsTheLoopForGood) {
-  loop.SetTimer(1, milliseconds(20), [&](unsigned) { loop.Quit(9); });
+TEST_F(TaskLoopTest, AQuitFromAnotherThreadEndsAModalWaitAndTheLoopForGood) {
+  std::thread quitter = ParticipantThread([&] {
+    clock.SleepFor(milliseconds(100));
+    loop.Quit(3);
+  });
   EXPECT_FALSE(loop.RunUntil([] { return false; }));
-  EXPECT_EQ(loop.Run(), 9);
+  quitter.join();
+  EXPECT_EQ(ElapsedMs(), 100);
+  EXPECT_EQ(loop.Run(), 3);
   EXPECT_FALSE(loop.Post([] {}));
   EXPECT_FALSE(loop.SetTimer(2, milliseconds(20), [](unsigned) {}));
-}
-
-TEST_F(TaskLoopTest, TimersNeedAnIdAndAPeriod) {
-  EXPECT_FALSE(loop.SetTimer(0, milliseconds(20), [](unsigned) {}));
-  EXPECT_FALSE(loop.SetTimer(1, milliseconds(0), [](unsigned) {}));
 }
 
 TEST_F(TaskLoopTest, PostedTasksRunFirstAndInOrder) {
@@ -110,17 +111,6 @@ TEST_F(TaskLoopTest, ABusyLoopDoesNotReplayMissedTicks) {
   });
   loop.Run();
   EXPECT_EQ(at, (std::vector<std::int64_t>{50, 230, 280}));
-}
-
-TEST_F(TaskLoopTest, QuitFromAnotherThreadAndPostAfterTheEnd) {
-  std::thread quitter = ParticipantThread([&] {
-    clock.SleepFor(milliseconds(100));
-    loop.Quit(3);
-  });
-  EXPECT_EQ(loop.Run(), 3);
-  quitter.join();
-  EXPECT_EQ(ElapsedMs(), 100);
-  EXPECT_FALSE(loop.Post([] {}));
 }
 
 TEST_F(TaskLoopTest, ATimerSetWhileIdleIsHonouredEarly) {

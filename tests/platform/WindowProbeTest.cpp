@@ -23,22 +23,8 @@ class WindowProbeTest : public ::testing::Test {
   std::string dir_;
 };
 
-TEST_F(WindowProbeTest, AWindowExistsWhileItsHolderKeepsIt) {
-  EXPECT_EQ(WindowDirectory(), dir_ + "/.windows");
-  EXPECT_FALSE(FindWindowOfClass("MiravaAppFrame"));
-  {
-    WindowOfClass app("MiravaAppFrame");
-    ASSERT_TRUE(app.Open());
-    EXPECT_TRUE(FindWindowOfClass("MiravaAppFrame"));
-    EXPECT_FALSE(FindWindowOfClass("OtherFrame"));
-    WindowOfClass second("MiravaAppFrame");
-    EXPECT_FALSE(second.Open());  // one holder at a time
-  }
-  // The file stays behind; without its holder it is no window.
-  EXPECT_TRUE(std::filesystem::exists(dir_ + "/.windows/MiravaAppFrame"));
-  EXPECT_FALSE(FindWindowOfClass("MiravaAppFrame"));
-}
-
+// Keeping a window and closing it are met where the simulator poses as the application; here
+// its holder dies without closing it.
 TEST_F(WindowProbeTest, AHolderThatDiesTakesItsWindowWithIt) {
   int toChild[2];
   int fromChild[2];
@@ -66,13 +52,6 @@ TEST_F(WindowProbeTest, AHolderThatDiesTakesItsWindowWithIt) {
   ::close(toChild[0]);
   ::close(fromChild[0]);
   ::close(fromChild[1]);
-}
-
-TEST_F(WindowProbeTest, TestsCanStandInForTheWholeProbe) {
-  SetWindowProbe([](const std::string& c) { return c == "MiravaAppFrame"; });
-  EXPECT_TRUE(FindWindowOfClass("MiravaAppFrame"));
-  SetWindowProbe(nullptr);
-  EXPECT_FALSE(FindWindowOfClass("MiravaAppFrame"));
 }
 
 }  // namespace

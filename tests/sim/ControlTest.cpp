@@ -118,7 +118,7 @@ TEST_F(SimTest, ControlSocketAnswersEachLine) {
   ::close(fd);
 }
 
-TEST(DeviceEntry, PathsTheHostSearches) {
+TEST_F(SimTest, ServesAtTheEntryPathsTheHostSearches) {
   std::string why;
   EXPECT_EQ(DeviceEntryPath("/d", "class1:0", why), "/d/{9A231617-FEC3-48CF-816B-3AA928B12D1D}/0");
   EXPECT_EQ(DeviceEntryPath("/d/", "class2:3", why), "/d/{EEE31489-92D6-4E60-9809-CB54981F8CC5}/3");
@@ -127,9 +127,6 @@ TEST(DeviceEntry, PathsTheHostSearches) {
   for (const char* bad : {"class3:0", "class1:10", "class1:x", "HnUsbc0", "HnUsba", "hnusba0"}) {
     EXPECT_EQ(DeviceEntryPath("/d", bad, why), "") << bad;
   }
-}
-
-TEST_F(SimTest, ServesAtTheChosenEntry) {
   StartBoard("autovision", {.entry = "HnUsbb2"});
   EXPECT_EQ(sim_->EntryPath(), dir_ + "/HnUsbb2");
   EXPECT_EQ(Connect()->Command({0x2B}, 69).bytes.size(), 69u);

@@ -7,17 +7,6 @@ namespace {
 constexpr std::uint32_t kNormal = 0x80002000;
 constexpr std::uint32_t kCapture = 0x80002008;
 
-TEST_F(SimTest, LinkOpenedReturnsTheDriverWordAsItsCount) {
-  StartBoard("autovision");
-  auto client = Connect();
-  RawReply r = client->LinkOpened();
-  EXPECT_EQ(r.status, 0u);
-  EXPECT_EQ(r.count, 0x02040000u);
-  EXPECT_TRUE(r.bytes.empty());
-  Control("profile servo");
-  EXPECT_EQ(client->LinkOpened().count, 0x01020000u);
-}
-
 TEST_F(SimTest, TagsAreEchoedAndRequestsAnsweredInOrder) {
   StartBoard("autovision");
   auto client = Connect();

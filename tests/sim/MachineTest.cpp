@@ -1,12 +1,13 @@
-// The board's machine: the form each generation speaks, and the physics behind the status poll.
-// These run the board directly, without sockets; time is whatever the test hands to Advance.
+// The board's machine: the forms each generation speaks, what the per-axis records of the older
+// boards say against the machine image, the sensors and captures, and the physics a motion test
+// meets. The board runs without sockets; time is whatever the test hands to Advance.
 #include <gtest/gtest.h>
 
 #include <chrono>
 
 #include "sim/Board.h"
+#include "sim/MachineImage.h"
 #include "sim/Profiles.h"
-#include "sim/Simulator.h"
 #include "tests/sim/SimTestSupport.h"
 
 namespace sim::testing {
@@ -20,66 +21,189 @@ class MachineTest : public ::testing::Test {
   void Use(const char* profile) {
     board_ = std::make_unique<Board>(*FindProfile(profile), platform::Duration::zero(), now_);
   }
-  Packet Run(const Packet& request) {
-    const BoardReply r = board_->Execute(request);
-    return r.bytes;
-  }
+  Packet Run(const Packet& request) { return board_->Execute(request).bytes; }
   void Wait(platform::Duration d) {
     now_ += d;
     board_->Advance(now_);
   }
-  // The long-form poll's fields of axis `i`.
-  struct AxisView {
-    bool moving, settled, stalled;
-    std::int8_t limit;
-    std::int32_t counts;
-  };
-  AxisView Poll(std::size_t i) {
-    const Packet r = Run(Request(0x59, 16));
-    EXPECT_EQ(r.size(), 221u);
-    return {r[23 + i] != 0, r[31 + i] != 0, r[35 + i] != 0, static_cast<std::int8_t>(r[27 + i]),
-            wire::GetSignedLong(r, 59 + 4 * i)};
-  }
-  void Drive(std::uint8_t axis, std::int16_t mb) {
+  Packet SetPid(std::uint8_t axis, std::int16_t mb, std::uint16_t kp = 0) {
     Packet q = Request(0x73, 26, {axis});
+    wire::PutWord(q, 2, kp);
     wire::PutWord(q, 16, static_cast<std::uint16_t>(mb));
-    EXPECT_EQ(Run(q), (Packet{0x73, 0}));
+    return Run(q);
+  }
+  std::int32_t Linear(std::size_t axis) {
+    return wire::GetSignedLong(Run(Request(0x59, 16)), 59 + 4 * axis);
   }
 
   platform::TimePoint now_{};
   std::unique_ptr<Board> board_;
 };
 
-TEST_F(MachineTest, EachGenerationAnswersInItsOwnForm) {
+Packet Refusal(std::int8_t reason) {
+  return {0x3F, static_cast<std::uint8_t>(reason)};
+}
+
+TEST_F(MachineTest, AFormTheGenerationLacksIsRefusedAsUnknownOrOfTheWrongLength) {
   struct Case {
     const char* profile;
-    std::size_t poll, extents, probe;
+    Packet request;
+    std::int8_t reason;
   };
-  for (const Case& c :
-       {Case{"autovision", 221, 120, 92}, Case{"servo", 62, 37, 76}, Case{"servo-pv0", 28, 37, 76},
-        Case{"manualvision-pv4", 62, 0, 76}, Case{"manualvision", 221, 0, 92}}) {
+  const Case cases[] = {
+      {"autovision", Request(0x59, 15), -2},  // poll is 16 bytes
+      {"autovision", Request(0x5E, 2), -2},
+      {"autovision", Request(0x6E, 86), -2},         // 42-channel packets behind this driver
+      {"autovision", Request(0x66, 5, {0, 0}), -2},  // the 5-byte W read is older
+      {"autovision", Request(0x6A, 1), -1},          // interrupts are one packet here
+      {"autovision", Request(0x64, 1), -1},
+      {"servo", Request(0x69, 16), -2},  // below 1.829 each interrupt is one byte
+      {"servo", Request(0x66, 32, {2}), -2},
+      {"servo", Request(0x7B, 126), -2},
+      {"servo", Request(0x5A, 16), -1},  // no clear sleep, board data, hash, laser
+      {"servo", Request(0x57, 15), -1},
+      {"servo", Request(0x23, 16), -1},
+      {"servo", Request(0x5F, 16), -1},
+      {"servo", Request(0x5D, 2), -1},         // no temperatures before 1.729
+      {"servo", Request(0x68, 2), -1},         // no extra platen record at 1.60
+      {"servo", Request(0x7D, 16, {16}), -2},  // and the short serial record only
+      {"servo-pv3", Request(0x6E, 254), -2},   // 21 channels a packet behind the first driver
+      {"servo-pv0", Request(0x32, 16), -1},
+      {"servo-pv0", Request(0x36, 1), -1},
+      {"servo-pv0", Request(0x31, 1), -1},  // machine data from 1.139
+      {"servo-pv0", Request(0x65, 32, {16}), -1},
+      {"manualvision", Request(0x69, 1), -2},
+      {"manualvision", Request(0x5E, 1), -1},
+      {"manualvision", Request(0x2C, 16), -1},
+      {"manualvision", Request(0x77, 3), -1},
+      {"manualvision", Request(0x74, 2, {0}), -3},  // no tuning of the stage axes
+      {"manualvision-pv4", Request(0x57, 15, {0, 2}), -1},
+      {"neither", Request(0x59, 16), -1},
+  };
+  for (const Case& c : cases) {
     Use(c.profile);
-    EXPECT_EQ(Run(Request(0x59, 16)).size(), c.poll) << c.profile;
-    EXPECT_EQ(Run(Request(0x6B, 9)).size(), c.probe) << c.profile;
-    if (c.extents) {
-      EXPECT_EQ(Run(Request(0x5E, 1)).size(), c.extents) << c.profile;
+    EXPECT_EQ(Run(c.request), Refusal(c.reason))
+        << c.profile << " code 0x" << std::hex << int{c.request[0]} << " length " << std::dec
+        << c.request.size();
+  }
+}
+
+TEST_F(MachineTest, LightPacketsCarryAsManyChannelsAsTheDriverPasses) {
+  Use("autovision");  // 48 channels behind the newer driver: 42, then 6
+  Packet r = Run(Request(0x70, 16, {0, 1}));
+  ASSERT_EQ(r.size(), 254u);
+  EXPECT_EQ(wire::GetLong(r, 2), 4095u);
+  EXPECT_NE(wire::GetLong(r, 2 + 4 * 41), 0u);
+  EXPECT_EQ(wire::GetLong(r, 2 + 4 * 42), 0u);
+  r = Run(Request(0x70, 16, {42, 1}));
+  EXPECT_EQ(wire::GetLong(r, 2), 4095u - 5 * 42);
+  EXPECT_EQ(wire::GetLong(r, 2 + 4 * 6), 0u);
+  EXPECT_EQ(Run(Request(0x70, 16, {0, 0})), Refusal(-3));  // asks for 21-channel packets
+
+  Packet set = Request(0x6E, 254, {0});
+  for (std::size_t i = 0; i < 60; ++i)
+    wire::PutLong(set, 2 + 4 * i, 1000 + static_cast<std::uint32_t>(i));
+  EXPECT_EQ(Run(set), (Packet{0x6E, 0}));
+  EXPECT_EQ(board_->machine().lights[41], 1041u);
+  EXPECT_EQ(board_->machine().lights[42], 0u);  // the packet's 43rd long is no channel's
+
+  Use("servo-pv3");  // 24 channels behind the first driver: 21, then 3
+  r = Run(Request(0x70, 16, {21, 0}));
+  ASSERT_EQ(r.size(), 86u);
+  EXPECT_NE(wire::GetLong(r, 2 + 4 * 2), 0u);
+  EXPECT_EQ(wire::GetLong(r, 2 + 4 * 3), 0u);
+  Use("servo");  // one maximum for all, one word a channel
+  EXPECT_EQ(wire::GetWord(Run(Request(0x70, 2)), 2), 4095u);
+}
+
+// The older boards have no image to read: the host builds it from 0x62, 0x74, 0x72 and 0x31. What
+// they answer must be the machine whose image the newer boards keep.
+TEST_F(MachineTest, OlderBoardsPerAxisRecordsAreTheMachineOfTheImage) {
+  Use("servo-laser");
+  const std::vector<std::uint8_t> image = BuildMachineImage(board_->profile());
+  for (std::uint8_t axis = 0; axis < 4; ++axis) {
+    const Packet d = Run(Request(0x62, 2, {axis}));
+    ASSERT_EQ(d.size(), 47u);
+    EXPECT_EQ(wire::GetWord(d, 20), wire::GetWord(image, 306 + 2 * axis));  // MotorMaximum
+    EXPECT_EQ(wire::GetLong(d, 31), wire::GetLong(image, 486 + 4 * axis));  // CountsPerMm
+    EXPECT_EQ(wire::GetLong(d, 16), wire::GetLong(image, 290 + 4 * axis));  // AxisLong1
+    EXPECT_EQ(wire::GetLong(d, 40), wire::GetLong(image, 354 + 4 * axis));  // AxisLong2
+    EXPECT_EQ(wire::GetWord(d, 24), wire::GetWord(image, 322 + 2 * axis));  // AxisWord7
+    EXPECT_EQ(d[38], image[514 + axis]);                                    // AxisByte2
+    EXPECT_EQ(d[28], image[338 + axis]);                                    // AxisFlag3
+    EXPECT_EQ(wire::GetWord(d, 45), wire::GetWord(image, 374 + 2 * axis));  // AxisWord8
+    // The real goes out as inches per count unless the axis keeps it; the host's upgrade turns
+    // it back with 1 / real x 25.4.
+    const float stored = wire::GetReal(image, 234 + 4 * axis);
+    const float sent = wire::GetReal(d, 2);
+    EXPECT_FLOAT_EQ(d[28] ? sent : 1.0f / sent * 25.4f, stored);
+
+    const Packet t = Run(Request(0x74, 2, {axis}));
+    EXPECT_EQ(wire::GetWord(t, 2), wire::GetWord(image, 646 + 2 * axis));   // Kp
+    EXPECT_EQ(wire::GetWord(t, 4), wire::GetWord(image, 662 + 2 * axis));   // Ki
+    EXPECT_EQ(wire::GetWord(t, 6), wire::GetWord(image, 654 + 2 * axis));   // Kd
+    EXPECT_EQ(wire::GetLong(t, 22), wire::GetLong(image, 686 + 4 * axis));  // Fe
+    EXPECT_EQ(wire::GetWord(t, 16), wire::GetWord(image, 734 + 2 * axis));  // Mb
+  }
+  const Packet data = Run(Request(0x31, 1));
+  EXPECT_EQ(data[1] != 0, image[556] != 0);
+  EXPECT_EQ(wire::GetReal(data, 6), wire::GetReal(image, 561));
+  // Firmware before 1.139 leaves the definition's last word out.
+  Use("servo-pv0");
+  EXPECT_EQ(wire::GetWord(Run(Request(0x62, 2, {1})), 45), 0u);
+  Use("servo-pv2");
+  const Packet named = Run(Request(0x72, 1));
+  const std::vector<std::uint8_t> image2 = BuildMachineImage(board_->profile());
+  EXPECT_TRUE(std::equal(named.begin() + 2, named.begin() + 48, image2.begin() + 164));
+}
+
+TEST_F(MachineTest, SensorsAndRailsReadNearWhatTheReadingsPageExpects) {
+  Use("autovision");
+  for (std::uint8_t sensor = 0; sensor < 8; ++sensor) {
+    const Packet r = Run(Request(0x5D, 2, {sensor}));
+    ASSERT_EQ(r.size(), 32u) << int{sensor};
+    const double celsius = wire::GetSignedLong(r, 1) * double{wire::GetReal(r, 5)};
+    if (sensor < 6) {
+      EXPECT_GT(celsius, 15.0);
+      EXPECT_LT(celsius, 50.0);
+    } else {
+      EXPECT_EQ(wire::GetSignedLong(r, 1), 0);  // not fitted: no reading
     }
   }
-  // An axis and a channel share codes and differ in length.
-  Use("servo");
-  EXPECT_EQ(Run(Request(0x62, 2, {1})).size(), 47u);
-  EXPECT_EQ(Run(Request(0x62, 2, {16})).size(), 60u);
-  EXPECT_EQ(Run(Request(0x74, 2, {3})).size(), 26u);
-  EXPECT_EQ(Run(Request(0x74, 2, {17})).size(), 42u);
-  // Firmware 1.60 has no extra platen record, and its serial record is the short one.
-  EXPECT_EQ(Run(Request(0x68, 2)), (Packet{0x3F, 0xFF}));
-  EXPECT_EQ(Run(Request(0x7D, 16, {16})), (Packet{0x3F, 0xFE}));
-  EXPECT_EQ(Run(Request(0x7D, 1)).size(), 97u);
-  // The first driver carries 21 channels a packet: a 42-channel packet does not pass.
-  Use("servo-pv3");
-  EXPECT_EQ(Run(Request(0x6E, 254)), (Packet{0x3F, 0xFE}));
-  EXPECT_EQ(Run(Request(0x6E, 86)), (Packet{0x6E, 0}));
-  EXPECT_EQ(Run(Request(0x70, 16, {21, 0})).size(), 86u);
+  EXPECT_EQ(Run(Request(0x5D, 2, {8})), Refusal(-3));
+  EXPECT_EQ(Run(Request(0x5D, 2, {16})).size(), 32u);
+  // Full scale is the nominal voltage over the divider: every rail within 5 % of nominal.
+  const double divider[16] = {1,      0.9324, 0.7576, 0.8503, 0.3636, 0.7576, 0.9186, 1,
+                              0.9324, 0.9324, 0.9324, 0.9324, 0.9324, 0.9324, 0.9324, 0.9324};
+  const Packet rails = Run(Request(0x57, 15, {0, 3}));
+  for (std::size_t i = 0; i < 16; ++i) {
+    const double share = wire::GetWord(rails, 1 + 2 * i) / (65535.0 * divider[i]);
+    EXPECT_NEAR(share, 1.0, 0.05) << i;
+  }
+  Use("servo-laser");  // first generation: only the W axis's sensor, from 1.729
+  EXPECT_EQ(Run(Request(0x5D, 2, {16})).size(), 32u);
+}
+
+TEST_F(MachineTest, CapturesAreAnnouncedToAHostThatAsksAndHandedOutOnce) {
+  Use("autovision");
+  board_->machine().TripProbe();
+  Packet poll = Run(Request(0x59, 16, {1}));
+  EXPECT_EQ(poll[3], 1);  // capture ready
+  EXPECT_EQ(poll[4], 1);  // from the touch probe
+  EXPECT_EQ(Run(Request(0x59, 16, {0}))[3], 0);
+  const Packet touch = Run(Request(0x36, 1));
+  EXPECT_EQ(wire::GetLong(touch, 4), 150u * 2000);  // X in the middle of its 300 mm
+  EXPECT_EQ(Run(Request(0x59, 16, {1}))[4], 0);
+
+  // Video: the frame trigger latches positions while armed.
+  EXPECT_EQ(Run(Request(0x69, 16, {0, 0, 1})), (Packet{0x69, 0}));
+  Wait(milliseconds(300));
+  EXPECT_EQ(Run(Request(0x59, 16, {1}))[3], 1);
+  Packet r = Run(Request(0x6B, 9, {1, 0, 0, 0, 7}));
+  ASSERT_EQ(r.size(), 92u);
+  EXPECT_EQ((Packet{r[0], r[4], r[8]}), (Packet{1, 1, 7}));
+  EXPECT_EQ(wire::GetLong(r, 12 + 4), 100u * 2000);  // Y
+  EXPECT_EQ(Run(Request(0x6B, 9, {1}))[0], 0);       // handed out once
 }
 
 TEST_F(MachineTest, LaserPointsComeInTheFormOfTheFirmwareAndNoMoreThanAsked) {
@@ -95,62 +219,6 @@ TEST_F(MachineTest, LaserPointsComeInTheFormOfTheFirmwareAndNoMoreThanAsked) {
   ASSERT_EQ(r.size(), 1u + 20 * 5);
   EXPECT_EQ(r[0], 2);
   EXPECT_EQ(wire::GetWord(r, 1), 0);
-}
-
-TEST_F(MachineTest, AnOpenLoopDriveOutsideTheDeadBandRunsTheAxisIntoItsEndSwitch) {
-  Use("autovision");
-  Wait(seconds(1));
-  const AxisView start = Poll(0);
-  EXPECT_TRUE(start.settled);
-  EXPECT_FALSE(start.moving);
-
-  // The commissioned tuning holds the axis; with no gains a small drive is lost in friction.
-  Drive(0, 150);
-  Wait(seconds(10));
-  EXPECT_EQ(Poll(0).counts, start.counts);
-
-  Drive(0, -6000);
-  Wait(milliseconds(500));
-  const AxisView running = Poll(0);
-  EXPECT_TRUE(running.moving);
-  EXPECT_LT(running.counts, start.counts);
-  Wait(seconds(30));
-  const AxisView end = Poll(0);
-  EXPECT_EQ(end.limit, -1);
-  EXPECT_TRUE(end.stalled);
-  EXPECT_FALSE(end.moving);
-  EXPECT_EQ(end.counts, 0);
-  // The other axes never moved.
-  EXPECT_EQ(Poll(1).counts, 2000 * 100);
-}
-
-TEST_F(MachineTest, TheZoomIndexIsCapturedOnceATurn) {
-  Use("autovision");
-  Drive(3, 300);  // a crawl: 0.7 mm/s, a turn of the zoom motor is 0.5 mm
-  Wait(milliseconds(100));
-  EXPECT_EQ(Run(Request(0x4E, 2, {3}))[2], 0);  // not a turn yet
-  Wait(seconds(2));
-  Packet r = Run(Request(0x4E, 2, {3}));
-  EXPECT_EQ(r[2], 1);
-  EXPECT_EQ(wire::GetLong(r, 3) % 4000, 0u);
-  EXPECT_EQ(Run(Request(0x4E, 2, {3}))[2], 0);  // read once, gone until the next turn
-}
-
-TEST_F(MachineTest, ThePlatenTakesSecondsToOpenAndReportsItsSwitches) {
-  Use("servo-laser");
-  const Packet closed = Run(Request(0x59, 16));
-  EXPECT_EQ(static_cast<std::int8_t>(closed[37]), -1);  // compact form: shared bytes from 34
-  EXPECT_EQ(Run(Request(0x4C, 32, {17, 1})), (Packet{0x4C, 0}));
-  Wait(seconds(1));
-  Packet r = Run(Request(0x59, 16));
-  EXPECT_EQ(r[34], 1);
-  EXPECT_EQ(r[37], 0);
-  Wait(seconds(5));
-  r = Run(Request(0x59, 16));
-  EXPECT_EQ(r[34], 0);
-  EXPECT_EQ(r[37], 1);
-  // The W axis cannot be moved like a platen.
-  EXPECT_EQ(Run(Request(0x4C, 32, {16, 1})), (Packet{0x3F, 0xFD}));
 }
 
 TEST_F(MachineTest, AWEepromWriteIsBusyForAWhileThenReadsBack) {
@@ -176,10 +244,115 @@ TEST_F(MachineTest, AWEepromWriteIsBusyForAWhileThenReadsBack) {
   EXPECT_EQ((Packet{r[32], r[33], r[34]}), (Packet{0xA1, 0xB2, 0xC3}));
 }
 
+TEST_F(MachineTest, ThePlatenTakesSecondsToOpenAndReportsItsSwitches) {
+  Use("servo-laser");
+  const Packet closed = Run(Request(0x59, 16));
+  EXPECT_EQ(static_cast<std::int8_t>(closed[37]), -1);  // compact form: shared bytes from 34
+  EXPECT_EQ(Run(Request(0x4C, 32, {17, 1})), (Packet{0x4C, 0}));
+  Wait(seconds(1));
+  Packet r = Run(Request(0x59, 16));
+  EXPECT_EQ(r[34], 1);
+  EXPECT_EQ(r[37], 0);
+  Wait(seconds(5));
+  r = Run(Request(0x59, 16));
+  EXPECT_EQ(r[34], 0);
+  EXPECT_EQ(r[37], 1);
+  // The W axis cannot be moved like a platen.
+  EXPECT_EQ(Run(Request(0x4C, 32, {16, 1})), (Packet{0x3F, 0xFD}));
+}
+
+TEST_F(MachineTest, IndexMarksAreCapturedAsTheAxesPassThem) {
+  Use("autovision");
+  Packet move = Request(0x4D, 6, {16});
+  wire::PutLong(move, 2, 19000);  // the W axis to 19 mm, past its mark at 15 mm
+  EXPECT_EQ(Run(move), (Packet{0x4D, 0}));
+  SetPid(3, 300);  // a crawl: 0.7 mm/s, a turn of the zoom motor is 0.5 mm
+  Wait(milliseconds(100));
+  EXPECT_EQ(Run(Request(0x4E, 2, {3}))[2], 0);  // not a turn yet
+  Wait(seconds(2));
+  Packet r = Run(Request(0x4E, 2, {3}));
+  EXPECT_EQ(r[2], 1);
+  EXPECT_EQ(wire::GetLong(r, 3) % 4000, 0u);
+  EXPECT_EQ(Run(Request(0x4E, 2, {3}))[2], 0);  // read once, gone until the next turn
+
+  EXPECT_EQ(wire::GetLong(Run(Request(0x43, 2, {16})), 2), 19000u);
+  const Packet index = Run(Request(0x4E, 2, {16}));
+  EXPECT_EQ((Packet{index[1], index[2]}), (Packet{1, 1}));
+  EXPECT_EQ(wire::GetLong(index, 3), 15000u);
+}
+
+TEST_F(MachineTest, TheStandardVoltageLimitReachesTheLimitTestsSpeedBand) {
+  Use("autovision");
+  const std::uint16_t maxima[3] = {12000, 12000, 9000};
+  const std::int32_t perMm[3] = {2000, 2000, 2500};
+  for (std::uint8_t axis = 0; axis < 3; ++axis) {
+    board_->machine().axes[axis].PlaceAt(10);
+    const auto standard = static_cast<std::int16_t>((maxima[axis] - 250) / 4);
+    SetPid(axis, standard);
+    Wait(seconds(1));
+    const std::int32_t before = Linear(axis);
+    Wait(milliseconds(100));
+    // Faster than 1.5 mm a pass of 100 ms, so the seek can settle in its band below the limit.
+    EXPECT_GT(Linear(axis) - before, 3 * perMm[axis] / 2) << int{axis};
+    SetPid(axis, 1200);
+    Wait(seconds(1));
+    const std::int32_t slow = Linear(axis);
+    Wait(milliseconds(100));
+    EXPECT_LT(Linear(axis) - slow, 3 * perMm[axis]) << int{axis};
+  }
+}
+
+TEST_F(MachineTest, AnAxisHeldAgainstItsSwitchFailsUntilItsTuningIsWritten) {
+  Use("autovision");
+  SetPid(2, 4000);
+  Wait(seconds(10));
+  Packet poll = Run(Request(0x59, 16));
+  EXPECT_EQ(static_cast<std::int8_t>(poll[27 + 2]), 1);
+  EXPECT_EQ(poll[35 + 2], 1);  // stalled
+  EXPECT_EQ(poll[39 + 2], 1);  // failed
+  // A closed-loop record holds the axis where it is and clears the failure.
+  SetPid(2, 0, 180);
+  Wait(seconds(1));
+  const std::int32_t held = Linear(2);
+  Wait(seconds(5));
+  poll = Run(Request(0x59, 16));
+  EXPECT_EQ(poll[39 + 2], 0);
+  EXPECT_EQ(poll[31 + 2], 1);  // settled
+  EXPECT_EQ(Linear(2), held);
+  // An emergency stop halts a driven axis.
+  SetPid(1, 3000);
+  Wait(seconds(1));
+  board_->machine().estop = true;
+  Wait(milliseconds(10));
+  const std::int32_t stopped = Linear(1);
+  Wait(seconds(2));
+  EXPECT_EQ(Linear(1), stopped);
+  // Firmware before 1.119 has no failure to report.
+  Use("servo-pv0");
+  SetPid(0, 4000);
+  Wait(seconds(30));
+  poll = Run(Request(0x59, 16));
+  EXPECT_EQ(poll[20], 1);
+  EXPECT_EQ(poll[24], 0);
+}
+
 class MachineControlTest : public SimTest {};
 
 TEST_F(MachineControlTest, WhatAPersonChangesShowsInTheVersionRecordAndThePoll) {
-  StartBoard("autovision");
+  StartBoard("servo");  // buttons by name follow the pendant of the generation
+  EXPECT_EQ(Control("press b1"), "ok button b1 input=3 pressed");
+  EXPECT_EQ(Control("press b2"), "ok button b2 input=2 pressed");
+  EXPECT_EQ(sim_->Command("press b3").rfind("error:", 0), 0u);
+  const std::string state = Control("state");
+  EXPECT_NE(state.find("inputs=2,3"), std::string::npos) << state;
+  EXPECT_NE(state.find("platen=closed"), std::string::npos) << state;
+  EXPECT_EQ(Control("place platen 80"),
+            "ok axis=platen pos=80.000 counts=40000 moving=0 stalled=0 limit=high");
+  Control("temp w 41.5");
+  EXPECT_EQ(sim_->Command("temp 8 20").rfind("error:", 0), 0u);
+  Control("profile autovision");
+  EXPECT_EQ(Control("press b8"), "ok button b8 input=7 pressed");
+
   auto client = Connect();
   Control("lights 50");
   Control("platen in");

@@ -1,5 +1,6 @@
 // What the browser tests and the window benchmark share: a simulated board with its control
-// socket, TavroTest against it, and Debian's chromium driven by playwright-core.
+// socket, TavroTest (or the shell's demo) against it, and Debian's chromium driven by
+// playwright-core.
 import { spawn } from 'node:child_process';
 import { mkdtempSync, rmSync } from 'node:fs';
 import { createConnection } from 'node:net';
@@ -8,17 +9,14 @@ import { join } from 'node:path';
 import assert from 'node:assert/strict';
 import { chromium } from 'playwright-core';
 
-export const CHROMIUM_ARGS = ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic',
-  '--no-first-run', '--disable-background-networking', '--disable-component-update',
-  '--disable-sync'];
-
 export async function launchBrowser(viewport = { width: 1000, height: 640 }) {
   const profile = mkdtempSync(join(tmpdir(), 'tavro-browser-'));
   const context = await chromium.launchPersistentContext(profile, {
     executablePath: '/usr/bin/chromium',
     headless: true,
     viewport,
-    args: CHROMIUM_ARGS,
+    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
   });
   return {
     context,
@@ -29,21 +27,28 @@ export async function launchBrowser(viewport = { width: 1000, height: 640 }) {
   };
 }
 
-// Waits for the first line of `child`'s stream that matches `pattern`; rejects if it ends first.
-function lineOf(child, stream, pattern, what) {
+// Waits for the first line of `child`'s stdout that matches `pattern`; rejects if it ends first.
+function lineOf(child, pattern, what) {
   return new Promise((resolve, reject) => {
     let text = '';
     const onData = (chunk) => {
       text += chunk;
       const m = text.match(pattern);
       if (m) {
-        child[stream].off('data', onData);
+        child.stdout.off('data', onData);
         resolve(m);
       }
     };
-    child[stream].on('data', onData);
+    child.stdout.on('data', onData);
     child.once('exit', (code) => reject(new Error(`${what} ended (${code}) before: ${pattern}\n${text}`)));
   });
+}
+
+async function stopChild(child) {
+  if (child.exitCode === null) {
+    child.kill('SIGTERM');
+    await new Promise((r) => child.once('exit', r));
+  }
 }
 
 // A simulated board of `profile` in a fresh device folder, with its control socket.
@@ -54,7 +59,7 @@ export async function startBoard(profile, extraArgs = []) {
     ['--profile', profile, '--dir', dir, '--control', controlPath, ...extraArgs],
     { stdio: ['ignore', 'pipe', 'pipe'] });
   child.stderr.on('data', () => {});
-  await lineOf(child, 'stdout', /^tavrosim: serving .*$/m, 'tavrosim');
+  await lineOf(child, /^tavrosim: serving .*$/m, 'tavrosim');
   return {
     dir,
     child,
@@ -78,26 +83,22 @@ export async function startBoard(profile, extraArgs = []) {
       });
     },
     async stop() {
-      if (child.exitCode === null) {
-        child.kill('SIGTERM');
-        await new Promise((r) => child.once('exit', r));
-      }
+      await stopChild(child);
       rmSync(dir, { recursive: true, force: true });
     },
   };
 }
 
-// TavroTest against the device folder `dir`; resolves once it printed its UI line.
-export async function startTavroTest(dir) {
-  const port = 20000 + Math.floor(Math.random() * 30000);
-  const child = spawn(process.env.TAVROTEST, [], {
+// A program with the window; resolves once it printed its UI line.
+export async function startUi(program, args = [], env = {}) {
+  const child = spawn(program, args, {
     stdio: ['ignore', 'pipe', 'pipe'],
-    env: { ...process.env, TAVRO_DEVICE_DIR: dir, TAVROTEST_PORT: String(port) },
+    env: { ...process.env, ...env },
   });
   let stderr = '';
   child.stderr.on('data', (chunk) => { stderr += chunk; });
-  const m = await lineOf(child, 'stdout',
-    /^TavroTest UI: (http:\/\/127\.0\.0\.1:\d+\/\?token=[0-9a-f]+)$/m, 'tavrotest');
+  const m = await lineOf(child,
+    /^TavroTest UI: (http:\/\/127\.0\.0\.1:\d+\/\?token=[0-9a-f]+)$/m, program);
   return {
     url: m[1],
     child,
@@ -106,13 +107,15 @@ export async function startTavroTest(dir) {
       if (child.exitCode !== null) r(child.exitCode);
       else child.once('exit', (code) => r(code));
     }),
-    async stop() {
-      if (child.exitCode === null) {
-        child.kill('SIGTERM');
-        await new Promise((r) => child.once('exit', r));
-      }
-    },
+    stop: () => stopChild(child),
   };
+}
+
+// TavroTest against the device folder `dir`.
+export function startTavroTest(dir) {
+  const port = 20000 + Math.floor(Math.random() * 30000);
+  return startUi(process.env.TAVROTEST, [],
+    { TAVRO_DEVICE_DIR: dir, TAVROTEST_PORT: String(port) });
 }
 
 // Polls until `read` gives `expected`; fails with the last value after the time-out.
@@ -127,5 +130,4 @@ export async function eventually(read, expected, timeout = 10000) {
   assert.equal(last, expected);
 }
 
-export const frameOf = (page, tab) => page.frameLocator(`#page-${tab}`);
-export const field = (page, tab, id) => frameOf(page, tab).locator(`#${id}`);
+export const field = (page, tab, id) => page.frameLocator(`#page-${tab}`).locator(`#${id}`);

@@ -6,9 +6,7 @@ import assert from 'node:assert/strict';
 import { mkdirSync, mkdtempSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
-import {
-  launchBrowser, startBoard, startTavroTest, eventually, field,
-} from './harness.mjs';
+import { launchBrowser, startBoard, startTavroTest, eventually, field } from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 let browser;
@@ -16,197 +14,162 @@ let browser;
 before(async () => { browser = await launchBrowser(); });
 after(async () => { if (browser) await browser.close(); });
 
-// A board of `profile`, TavroTest against it, and a page showing its window.
-async function session(profile, boardArgs = []) {
-  const board = await startBoard(profile, boardArgs);
-  const app = await startTavroTest(board.dir);
-  const page = await browser.context.newPage();
-  await page.goto(app.url);
-  await field(page, 0, 'WarningLabel').waitFor({ state: 'attached' });
-  return {
-    board, app, page,
-    async end() {
-      await page.close();
-      await app.stop();
-      await board.stop();
-    },
-  };
-}
-
 const title = (page) => page.locator('#title').textContent();
 
-// The `board` answer of the simulator as a record.
-function parseBoard(answer) {
-  const out = {};
-  for (const m of answer.matchAll(/(\w+)=("[^"]*"|\S+)/g)) out[m[1]] = m[2].replace(/^"|"$/g, '');
-  // A size the board's answer does not carry ("-") shows as TavroTest takes it: 0, and for the
-  // page and transfer sizes the 32 and 64 that every such board has.
-  const [user, machine, update, pageSize, maxRW, copy] = out.eeprom.split(',');
-  const or = (v, d) => (v === '-' ? d : v);
-  out.eeprom = {
-    user, machine: or(machine, '0'), update: or(update, '0'), pageSize: or(pageSize, '32'),
-    maxRW: or(maxRW, '64'), copy: copy === '1',
-  };
-  out.chips = [out.chip0, out.chip1].map((c) => c.split(',').map(Number));
-  return out;
+// Runs `body` with a board of `profile`, TavroTest against it, and a page showing its window
+// once it is connected.
+async function withSession(profile, body) {
+  const board = await startBoard(profile);
+  const app = await startTavroTest(board.dir);
+  const page = await browser.context.newPage();
+  try {
+    await page.goto(app.url);
+    await field(page, 0, 'WarningLabel').waitFor({ state: 'attached' });
+    await eventually(() => title(page), 'TavroTest : Connected');
+    await body({ board, page });
+  } finally {
+    await page.close();
+    await app.stop();
+    await board.stop();
+  }
 }
 
-async function expectBoardInformation(page, truth, { chips, fpga }) {
-  const value = (id) => field(page, 0, id).inputValue();
-  await eventually(() => value('FirmwareName'), truth.firmware);
-  assert.equal(await value('FirmwareVersion'), String(Number(truth.version)));
-  assert.equal(await value('BoardRevision'), truth.revision);
-  assert.equal(await value('SerialNumber'), truth.serial);
-  assert.equal(await value('MachineName'), truth.machine);
-  assert.equal(await value('ModelName'), truth.model);
-  assert.equal(await value('EEPROMUser'), truth.eeprom.user);
-  assert.equal(await value('EEPROMMachine'), truth.eeprom.machine);
-  assert.equal(await value('EEPROMUpdate'), truth.eeprom.update);
-  assert.equal(await value('EEPROMPage'), truth.eeprom.pageSize);
-  assert.equal(await value('EEPROMMaxRW'), truth.eeprom.maxRW);
-  assert.equal(await field(page, 0, 'EEPROMCopy').isChecked(), truth.eeprom.copy);
-
-  if (fpga === undefined) assert.equal(await field(page, 0, 'FPGAVersion').count(), 0);
-  else assert.equal(await value('FPGAVersion'), fpga);
-
-  const suffix = ['', '1'];
-  for (let chip = 0; chip < 2; chip += 1) {
-    const there = await field(page, 0, `PMDName${suffix[chip]}`).count();
-    assert.equal(there, chip < chips ? 1 : 0, `chip ${chip} elements`);
-    if (chip >= chips) continue;
-    const [family, motor, axes, attributes, customer, major, minor] = truth.chips[chip];
-    const id = (stem) => `${stem}${suffix[chip]}`;
-    assert.equal(await value(id('PMDName')), `MC${family}${motor}${axes}0`);
-    assert.equal(await value(id('PMDFamily')), String(family));
-    assert.equal(await value(id('PMDMotor')), String(motor));
-    assert.equal(await value(id('PMDAxes')), String(axes));
-    assert.equal(await value(id('PMDAttributes')), String(attributes));
-    assert.equal(await value(id('PMDCustomer')), String(customer));
-    assert.equal(await value(id('PMDVersion')), `${major}.${minor}`);
+// The `board` answer of the simulator as the values Board Information should show, by element
+// id. A size the answer does not carry ("-") shows as TavroTest takes it: 0, and for the page
+// and transfer sizes the 32 and 64 that every such board has.
+function expectedFields(answer, chips) {
+  const b = {};
+  for (const m of answer.matchAll(/(\w+)=("[^"]*"|\S+)/g)) b[m[1]] = m[2].replace(/^"|"$/g, '');
+  const [user, machine, update, pageSize, maxRW] = b.eeprom.split(',');
+  const or = (v, d) => (v === '-' ? d : v);
+  const out = {
+    FirmwareName: b.firmware, FirmwareVersion: String(Number(b.version)), BoardRevision: b.revision,
+    SerialNumber: b.serial, MachineName: b.machine, ModelName: b.model, EEPROMUser: user,
+    EEPROMMachine: or(machine, '0'), EEPROMUpdate: or(update, '0'),
+    EEPROMPage: or(pageSize, '32'), EEPROMMaxRW: or(maxRW, '64'),
+  };
+  for (let chip = 0; chip < chips; chip += 1) {
+    const [family, motor, axes, attributes, customer, major, minor] = b[`chip${chip}`].split(',');
+    const s = chip ? '1' : '';
+    Object.assign(out, {
+      [`PMDName${s}`]: `MC${family}${motor}${axes}0`, [`PMDFamily${s}`]: family,
+      [`PMDMotor${s}`]: motor, [`PMDAxes${s}`]: axes, [`PMDAttributes${s}`]: attributes,
+      [`PMDCustomer${s}`]: customer, [`PMDVersion${s}`]: `${major}.${minor}`,
+    });
   }
+  return { fields: out, copy: b.eeprom.split(',')[5] === '1', fpga: b.fpga };
 }
 
 test('Board Information shows what each kind of board says about itself', async () => {
   const cases = [
-    { profile: 'autovision', chips: 2, fpga: (t) => t.fpga, shot: 'board-information.png' },
+    { profile: 'autovision', chips: 2, fpga: (f) => f, shot: 'board-information.png' },
     { profile: 'servo', chips: 1, fpga: () => undefined, shot: 'board-information-servo.png' },
-    { profile: 'manualvision', chips: 0, fpga: (t) => t.fpga },
+    { profile: 'manualvision', chips: 0, fpga: (f) => f },
     // Below protocol 5 a manual-vision board has no FPGA word: "N/A".
     { profile: 'manualvision-pv4', chips: 0, fpga: () => 'N/A',
       shot: 'board-information-manual-vision.png' },
   ];
   for (const c of cases) {
-    const s = await session(c.profile);
-    try {
-      const truth = parseBoard(await s.board.control('board'));
-      await eventually(() => title(s.page), 'TavroTest : Connected');
-      await expectBoardInformation(s.page, truth, { chips: c.chips, fpga: c.fpga(truth) });
-      const tabs = await s.page.locator('.tabs button').allTextContents();
+    await withSession(c.profile, async ({ board, page }) => {
+      const { fields, copy, fpga } = expectedFields(await board.control('board'), c.chips);
+      const value = (id) => field(page, 0, id).inputValue();
+      await eventually(() => value('FirmwareName'), fields.FirmwareName);
+      for (const [id, expected] of Object.entries(fields)) {
+        assert.equal(await value(id), expected, `${c.profile} ${id}`);
+      }
+      assert.equal(await field(page, 0, 'EEPROMCopy').isChecked(), copy);
+      const fpgaShown = c.fpga(fpga);
+      if (fpgaShown === undefined) assert.equal(await field(page, 0, 'FPGAVersion').count(), 0);
+      else assert.equal(await value('FPGAVersion'), fpgaShown);
+      // No element of a chip the board does not have.
+      for (const sfx of ['', '1'].slice(c.chips)) {
+        assert.equal(await field(page, 0, `PMDName${sfx}`).count(), 0);
+      }
+      const tabs = await page.locator('.tabs button').allTextContents();
       assert.deepEqual(tabs, ['Board Information', 'Diag Output'], c.profile);
-      if (SHOTS && c.shot) await s.page.screenshot({ path: join(SHOTS, c.shot) });
-    } finally {
-      await s.end();
-    }
+      if (SHOTS && c.shot) await page.screenshot({ path: join(SHOTS, c.shot) });
+    });
   }
 });
 
-test('a lost board turns the title and comes back, pages reset', async () => {
-  const s = await session('autovision');
-  try {
-    await eventually(() => title(s.page), 'TavroTest : Connected');
-    const identityReads = Number((await s.board.control('count 0x60')).split(' ')[1]);
+test('a lost board turns the title and comes back, pages reset', () => withSession('autovision',
+  async ({ board, page }) => {
+    const identityReads = async () => Number((await board.control('count 0x60')).split(' ')[1]);
+    const before = await identityReads();
+    await board.control('unplug');
+    await eventually(() => title(page), 'TavroTest : Disconnected');
+    if (SHOTS) await page.screenshot({ path: join(SHOTS, 'disconnected.png') });
 
-    await s.board.control('unplug');
-    await eventually(() => title(s.page), 'TavroTest : Disconnected', 5000);
-    if (SHOTS) await s.page.screenshot({ path: join(SHOTS, 'disconnected.png') });
-
-    await s.board.control('replug');
-    await eventually(() => title(s.page), 'TavroTest : Connected', 5000);
+    await board.control('replug');
+    await eventually(() => title(page), 'TavroTest : Connected');
     // Board Information read its static data again.
-    const after = Number((await s.board.control('count 0x60')).split(' ')[1]);
-    assert.equal(after, identityReads + 1);
-  } finally {
-    await s.end();
-  }
-});
-
-test('a board of another kind plugged in meanwhile stays disconnected', async () => {
-  const s = await session('autovision');
-  try {
-    await eventually(() => title(s.page), 'TavroTest : Connected');
-    await s.board.control('unplug');
-    await eventually(() => title(s.page), 'TavroTest : Disconnected');
-    await s.board.control('profile manualvision');
-    await s.board.control('replug');
-    await new Promise((r) => setTimeout(r, 2500));  // two attempts and a half
-    assert.equal(await title(s.page), 'TavroTest : Disconnected');
-    const opens = Number((await s.board.control('count link')).split(' ')[1]);
-    assert.ok(opens >= 3, `the board was tried (${opens} opens)`);
-
-    await s.board.control('profile autovision');
-    await eventually(() => title(s.page), 'TavroTest : Connected', 3000);
-  } finally {
-    await s.end();
-  }
-});
-
-test('Diag Output collects the board text, follows the end, and stays put when scrolled back', async () => {
-  const s = await session('autovision');
-  const log = field(s.page, 1, 'UsbSerial');
-  const view = () => log.evaluate((el) => ({
-    top: el.scrollTop, height: el.scrollHeight, client: el.clientHeight,
+    assert.equal(await identityReads(), before + 1);
   }));
-  const atEnd = async () => { const v = await view(); return v.height - v.top <= v.client; };
-  try {
-    await s.page.locator('#tab-1').click();
+
+test('a board of another kind plugged in meanwhile stays disconnected', () => withSession(
+  'autovision', async ({ board, page }) => {
+    await board.control('unplug');
+    await eventually(() => title(page), 'TavroTest : Disconnected');
+    await board.control('profile manualvision');
+    const opens = async () => Number((await board.control('count link')).split(' ')[1]);
+    const before = await opens();
+    await board.control('replug');
+    // Two attempts at the board of the wrong kind, and the title stays.
+    await eventually(async () => (await opens()) >= before + 2, true);
+    assert.equal(await title(page), 'TavroTest : Disconnected');
+
+    await board.control('profile autovision');
+    await eventually(() => title(page), 'TavroTest : Connected');
+  }));
+
+test('Diag Output collects the board text, follows the end, and stays put when scrolled back',
+  () => withSession('autovision', async ({ board, page }) => {
+    const log = field(page, 1, 'UsbSerial');
+    const has = (i) => async () => (await log.inputValue()).includes(`line ${i} of`);
+    const diag = (i) => board.control(`diag "line ${i} of the board's text"`);
+    const scrollTo = async (top) => {
+      await log.evaluate((el, t) => { el.scrollTop = t; el.dispatchEvent(new Event('scroll')); }, top);
+      await new Promise((r) => setTimeout(r, 300));  // for the report to reach the program
+    };
+    await page.locator('#tab-1').click();
     // Text that came while the tab was hidden is there too.
-    for (let i = 0; i < 40; i += 1) await s.board.control(`diag "line ${i} of the board's text"`);
-    await eventually(async () => (await log.inputValue()).includes('line 39 of'), true);
-    const text = await log.inputValue();
-    assert.ok(text.startsWith('line 0 of') || text.includes('line 0 of'), 'nothing lost');
+    for (let i = 0; i < 40; i += 1) await diag(i);
+    await eventually(has(39), true);
+    assert.ok(await has(0)(), 'nothing lost');
 
     // The reader goes to the end once; from then on the view follows new text.
-    await log.evaluate((el) => { el.scrollTop = el.scrollHeight; el.dispatchEvent(new Event('scroll')); });
-    await new Promise((r) => setTimeout(r, 300));
-    for (let i = 40; i < 60; i += 1) {
-      await s.board.control(`diag "line ${i} of the board's text"`);
-      await eventually(async () => (await log.inputValue()).includes(`line ${i} of`), true);
-      await eventually(atEnd, true, 2000);
+    await scrollTo(1e6);
+    const atEnd = () => log.evaluate((el) => el.scrollHeight - el.scrollTop <= el.clientHeight);
+    for (let i = 40; i < 50; i += 1) {
+      await diag(i);
+      await eventually(has(i), true);
+      await eventually(atEnd, true);
     }
-    if (SHOTS) await s.page.screenshot({ path: join(SHOTS, 'diag-output.png') });
+    if (SHOTS) await page.screenshot({ path: join(SHOTS, 'diag-output.png') });
 
     // Scrolled back, it stays where the reader left it.
-    await log.evaluate((el) => { el.scrollTop = 40; el.dispatchEvent(new Event('scroll')); });
-    await new Promise((r) => setTimeout(r, 300));
-    for (let i = 60; i < 70; i += 1) await s.board.control(`diag "line ${i} of the board's text"`);
-    await eventually(async () => (await log.inputValue()).includes('line 69 of'), true);
-    await new Promise((r) => setTimeout(r, 400));
-    assert.equal((await view()).top, 40);
-  } finally {
-    await s.end();
-  }
-});
+    await scrollTo(40);
+    for (let i = 50; i < 60; i += 1) await diag(i);
+    await eventually(has(59), true);
+    await new Promise((r) => setTimeout(r, 400));  // a tick or two that might have moved it
+    assert.equal(await log.evaluate((el) => el.scrollTop), 40);
+  }));
 
-test('the banner shows on every page while the measuring application runs', async () => {
-  const s = await session('autovision');
-  const display = (tab) => field(s.page, tab, 'WarningLabel').evaluate((el) => el.style.display);
-  try {
-    await eventually(() => title(s.page), 'TavroTest : Connected');
+test('the banner shows on every page while the measuring application runs', () => withSession(
+  'autovision', async ({ board, page }) => {
+    const display = (tab) => field(page, tab, 'WarningLabel').evaluate((el) => el.style.display);
     assert.equal(await display(0), 'none');
-    await s.board.control('app on');
-    await eventually(() => display(0), 'inline', 5000);
+    await board.control('app on');
     // Each page's label is its own message, so the hidden one may come a moment later.
-    await eventually(() => display(1), 'inline', 2000);
-    assert.equal(await field(s.page, 0, 'MiravaIsRunning').textContent(),
+    await eventually(() => display(0), 'inline');
+    await eventually(() => display(1), 'inline');
+    assert.equal(await field(page, 0, 'MiravaIsRunning').textContent(),
       'Conflicts with Mirava may occur. We recommend closing Mirava before continuing.');
-    if (SHOTS) await s.page.screenshot({ path: join(SHOTS, 'banner.png') });
-    await s.board.control('app off');
-    await eventually(() => display(1), 'none', 5000);
-    await eventually(() => display(0), 'none', 2000);
-  } finally {
-    await s.end();
-  }
-});
+    if (SHOTS) await page.screenshot({ path: join(SHOTS, 'banner.png') });
+    await board.control('app off');
+    await eventually(() => display(1), 'none');
+    await eventually(() => display(0), 'none');
+  }));
 
 test('a start-up failure shows its box in the browser and on stderr, and OK ends the run', async () => {
   const dir = mkdtempSync(join(tmpdir(), 'tavro-empty-'));

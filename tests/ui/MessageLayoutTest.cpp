@@ -11,9 +11,8 @@
 namespace Utility {
 namespace {
 
-// Every byte 6 px, tab stops every 48 px, lines 13 px. With it avgW = (312 + 26) / 52 = 6 and
-// charH = 13: margin 11, button gap 32 (11 in a wide row), free space 32, button 75 x 23,
-// progress bar 20, minimum content width 268. The frame is {2, 32} plus two margins: {24, 54}.
+// Every byte 6 px, tab stops every 48 px, lines 13 px: the metrics test below gives the
+// distances that the expected rectangles of the other tests are made of.
 class FixedFont : public TextMeasure {
  public:
   int LineWidth(std::string_view line) const override {
@@ -57,6 +56,20 @@ TEST(MessageLayoutArithmetic, MulDivRoundsHalvesAwayFromZero) {
   EXPECT_EQ(MulDiv(INT_MAX, 2, 1), -1);
 }
 
+TEST(MessageLayoutArithmetic, DialogUnitsComeFromTheAverageWidthAndTheLineHeight) {
+  const MessageMetrics m = MeasureMetrics(kFont, {2, 32}, 0);
+  EXPECT_EQ(m.avgW, 6);  // (52 letters x 6 + 26) / 52
+  EXPECT_EQ(m.charH, 13);
+  EXPECT_EQ(m.margin, 11);
+  EXPECT_EQ(m.buttonGap, 32);
+  EXPECT_EQ(m.freeSpace, 32);
+  EXPECT_EQ((Size{m.buttonWidth, m.buttonHeight}), (Size{75, 23}));
+  EXPECT_EQ(m.progressHeight, 20);
+  EXPECT_EQ(m.minContentWidth, 268);
+  EXPECT_EQ(m.frame, (Size{24, 54}));
+  EXPECT_EQ(MeasureMetrics(kFont, {2, 32}, kMsgWideButtonRow).buttonGap, 11);
+}
+
 TEST(MessageLayoutArithmetic, JoinsCountTheGapOnlyBetweenTwoNonZeroSides) {
   const SizeRecord a{{10, 5}, {20, 30}, {15, 20}, 3, 4};
   const SizeRecord b{{0, 8}, {5, 10}, {5, 22}, 2, 1};
@@ -74,18 +87,15 @@ TEST(MessageLayoutArithmetic, JoinsCountTheGapOnlyBetweenTwoNonZeroSides) {
   EXPECT_EQ(column.spareWidth, 3);
 }
 
-TEST(MessageLayoutText, SplitsAtEveryKindOfLineBreak) {
+TEST(MessageLayoutText, SplitsAtEveryLineBreakAndWrapsAtTheLastBlankThatFits) {
   EXPECT_EQ(SplitLines("a\r\nb\rc\nd"), (std::vector<std::string_view>{"a", "b", "c", "d"}));
-  EXPECT_EQ(SplitLines("a\n"), (std::vector<std::string_view>{"a"}));
   EXPECT_EQ(SplitLines("a\n\n"), (std::vector<std::string_view>{"a", ""}));
   EXPECT_TRUE(SplitLines("").empty());
-}
 
-TEST(MessageLayoutText, WrapsAtTheLastBlankThatFitsOrInsideALongWord) {
   EXPECT_EQ(WrapText("the quick brown fox", kFont, 60), "the quick\nbrown fox");
   EXPECT_EQ(WrapText("aaaa    bbbb", kFont, 48), "aaaa\nbbbb");
   EXPECT_EQ(WrapText("aaaaaaaa bb", kFont, 48), "aaaaaaaa\nbb");
-  EXPECT_EQ(WrapText("abcdefghijklmnop", kFont, 60), "abcdefghij\nklmnop");
+  EXPECT_EQ(WrapText("abcdefghijklmnop", kFont, 60), "abcdefghij\nklmnop");  // inside a word
   EXPECT_EQ(WrapText("ab", kFont, 3), "a\nb");
   EXPECT_EQ(WrapText("a b c\r\nd\n", kFont, 600), "a b c\nd\n");
 }
@@ -97,6 +107,7 @@ TEST(MessageLayoutText, AlignsEachRunOfTabbedLinesColumnByColumn) {
   // A line without a tab ends the table.
   EXPECT_EQ(AlignColumns("ab\tc\nplain\nlonger name\td", kFont), "ab\tc\nplain\nlonger name\td");
 
+  // In the proportional shell font the padded columns end on the same pixel.
   const std::string aligned = AlignColumns("i\tA\nWWWWWWWWWW\tB", ShellMainFont());
   const std::vector<std::string_view> lines = SplitLines(aligned);
   ASSERT_EQ(lines.size(), 2u);
@@ -104,19 +115,16 @@ TEST(MessageLayoutText, AlignsEachRunOfTabbedLinesColumnByColumn) {
   EXPECT_EQ(ShellMainFont().LineWidth(toTab(lines[0])), ShellMainFont().LineWidth(toTab(lines[1])));
 }
 
-TEST(MessageLayoutText, MeasuresWidestLinePlusMarginAndCountsATrailingEmptyLine) {
+TEST(MessageLayoutText, MeasuresWidestLinePlusMarginAndWrapsInTheWidthLimit) {
   EXPECT_EQ(MeasureMessage(Input("hello\nworld!!")).text, (Size{48, 26}));
-  EXPECT_EQ(MeasureMessage(Input("hello\n")).text, (Size{36, 26}));
+  EXPECT_EQ(MeasureMessage(Input("hello\n")).text, (Size{36, 26}));  // the empty last line
   EXPECT_EQ(MeasureMessage(Input("", kMsgNoText)).text, (Size{}));
-}
 
-TEST(MessageLayoutText, WrapsInTheWidthLimit) {
   const std::string text = Repeat("abcdefghi ", 11) + "abcdefghi";
   // 246 wide without an icon, wrapped in 240: four words to a line.
   MessageLayoutInput in = Input(text, kMsgWrap);
   EXPECT_EQ(MeasureMessage(in).text, (Size{246, 39}));
   EXPECT_EQ(LayOutMessage(in).shownText, WrapText(text, kFont, 240));
-
   in.icon = {32, 32};  // the greater of 246 x 3/4 and 246 - 43
   EXPECT_EQ(MeasureMessage(in).text.cx, 203);
   in.buttons = {"OK", "OK", "OK"};  // a row of 353 makes the text 353 - 43 wide
@@ -135,22 +143,15 @@ TEST(MessageLayoutButtons, MeasuresWidthAndRowHeight) {
   EXPECT_EQ(m.buttonRow, (Size{312 + 3 * 32 + 2 * 32, 36}));
 }
 
-TEST(MessageLayoutButtons, FreeSpaceGoesBetweenButtons) {
+TEST(MessageLayoutButtons, FreePlacesAndTheWideRowMoveTheButtons) {
   MessageLayoutInput in = Input("", kMsgNoText | MsgFreeSpace(1));
   in.buttons = {"OK", "Cancel"};
-  EXPECT_EQ(MeasureMessage(in).buttonRow, (Size{278, 23}));
-  const MessageLayout layout = LayOutMessage(in);
-  EXPECT_EQ(layout.window.Width(), 302);
-  EXPECT_EQ(layout.buttons, (std::vector<Rect>{{43, 11, 118, 34}, {182, 11, 257, 34}}));
-}
-
-TEST(MessageLayoutButtons, WideRowSpansTheAreaAndSharesItsSpareWidth) {
-  MessageLayoutInput in = Input("", kMsgNoText | kMsgWideButtonRow);
-  in.buttons = {"OK", "Cancel"};
+  EXPECT_EQ(MeasureMessage(in).buttonRow.cx, 278);
+  EXPECT_EQ(LayOutMessage(in).buttons, (std::vector<Rect>{{43, 11, 118, 34}, {182, 11, 257, 34}}));
+  // A wide row spans the area; without free places its spare width goes in front.
+  in.flags = kMsgNoText | kMsgWideButtonRow;
   EXPECT_EQ(MeasureMessage(in).buttonRow.cx, 161);
-  // Without free places one goes in front, which moves the buttons to the right.
   EXPECT_EQ(LayOutMessage(in).buttons, (std::vector<Rect>{{96, 11, 171, 34}, {182, 11, 257, 34}}));
-
   in.flags |= MsgFreeSpace(0) | MsgFreeSpace(2);  // 85 spare: 42 in front, 43 behind
   EXPECT_EQ(LayOutMessage(in).buttons, (std::vector<Rect>{{53, 11, 128, 34}, {139, 11, 214, 34}}));
 }
@@ -164,42 +165,45 @@ TEST(MessageLayoutButtons, HiddenButtonsKeepTheirPlace) {
   EXPECT_EQ(LayOutMessage(in).window, shown.window);
 }
 
-TEST(MessageLayoutSizing, CentresRoundingUpOnlyForAnOddAreaAndAnEvenWindow) {
-  // The text block is 36 x 13; the minimum width makes the window 270 x 67.
-  MessageLayoutInput in = Input("hello");
-  MessageLayout layout = LayOutMessage(in);
-  EXPECT_EQ(layout.window, (Rect{365, 366, 635, 433}));
+// "hello" is a 36 x 13 text block; the minimum width makes the window 270 x 67.
+TEST(MessageLayoutSizing, CentresOrAlignsInTheWorkArea) {
+  const MessageLayout layout = LayOutMessage(Input("hello"));
   EXPECT_EQ(layout.text, (Rect{11, 11, 257, 24}));
   EXPECT_EQ(layout.minTrack, (Size{40, 64}));
   EXPECT_EQ(layout.maxTrack, (Size{270, 77}));
 
-  in.workArea = {0, 0, 1001, 800};
-  EXPECT_EQ(LayOutMessage(in).window.left, 366);
-  in.flags = kMsgAlignLeft | kMsgAlignRight | kMsgAlignTop | kMsgAlignBottom;
-  EXPECT_EQ(LayOutMessage(in).window.left, 366);
+  struct Case {
+    Rect area;
+    std::uint64_t flags;
+    Rect window;
+  };
+  const std::uint64_t all = kMsgAlignLeft | kMsgAlignRight | kMsgAlignTop | kMsgAlignBottom;
+  for (const Case& c : {
+           Case{{0, 0, 1000, 800}, 0, {365, 366, 635, 433}},
+           // Rounded up only for an odd area and an even window; opposite flags mean neither.
+           Case{{0, 0, 1001, 800}, 0, {366, 366, 636, 433}},
+           Case{{0, 0, 1001, 800}, all, {366, 366, 636, 433}},
+           Case{{0, 0, 1000, 800}, kMsgAlignLeft | kMsgAlignTop, {0, 0, 270, 67}},
+           Case{{0, 0, 1000, 800}, kMsgAlignRight | kMsgAlignBottom, {730, 733, 1000, 800}},
+       }) {
+    MessageLayoutInput in = Input("hello", c.flags);
+    in.workArea = c.area;
+    EXPECT_EQ(LayOutMessage(in).window, c.window) << c.flags << " in " << c.area.right;
+  }
 }
 
-TEST(MessageLayoutSizing, AlignFlagsMoveTheWindowToTheEdges) {
-  MessageLayoutInput in = Input("hello", kMsgAlignLeft | kMsgAlignTop);
-  EXPECT_EQ(LayOutMessage(in).window, (Rect{0, 0, 270, 67}));
-  in.flags = kMsgAlignRight | kMsgAlignBottom;
-  EXPECT_EQ(LayOutMessage(in).window, (Rect{730, 733, 1000, 800}));
-}
+TEST(MessageLayoutSizing, TooLongOrWideTextTakesTheAreaWithAScrollBar) {
+  const MessageLayout tall = LayOutMessage(Input(Repeat("line\n", 99) + "line"));
+  EXPECT_EQ(tall.window, (Rect{365, 0, 635, 800}));
+  EXPECT_EQ(tall.text, (Rect{11, 11, 257, 757}));
+  EXPECT_TRUE(tall.vScroll);
+  EXPECT_FALSE(tall.hScroll);
 
-TEST(MessageLayoutSizing, LongTextTakesTheAreaHeightWithAVerticalBar) {
-  const MessageLayout layout = LayOutMessage(Input(Repeat("line\n", 99) + "line"));
-  EXPECT_EQ(layout.window, (Rect{365, 0, 635, 800}));
-  EXPECT_EQ(layout.text, (Rect{11, 11, 257, 757}));
-  EXPECT_TRUE(layout.vScroll);
-  EXPECT_FALSE(layout.hScroll);
-}
-
-TEST(MessageLayoutSizing, WideTextTakesTheAreaWidthWithAHorizontalBar) {
-  const MessageLayout layout = LayOutMessage(Input(std::string(300, 'w')));
-  EXPECT_EQ(layout.window, (Rect{0, 361, 1000, 438}));
-  EXPECT_EQ(layout.text, (Rect{11, 11, 987, 34}));  // 13 + the bar's 10
-  EXPECT_TRUE(layout.hScroll);
-  EXPECT_FALSE(layout.vScroll);
+  const MessageLayout wide = LayOutMessage(Input(std::string(300, 'w')));
+  EXPECT_EQ(wide.window, (Rect{0, 361, 1000, 438}));
+  EXPECT_EQ(wide.text, (Rect{11, 11, 987, 34}));  // 13 + the bar's 10
+  EXPECT_TRUE(wide.hScroll);
+  EXPECT_FALSE(wide.vScroll);
 }
 
 TEST(MessageLayoutSizing, ReplacementCentresOnTheCurrentWindowWithinTheArea) {
@@ -274,22 +278,17 @@ TEST(MessageLayoutMonitor, OverrideSetsTheSizeAndKeepsTheWorkAreaInsets) {
             (Rect{1920, 0, 2904, 1080}));
 }
 
-TEST(ShellFontTest, MeasuresAdvancesOfTheShellFonts) {
+TEST(ShellFontTest, MeasuresAdvancesAndTabStopsOfTheShellFonts) {
   const TextMeasure& sans = ShellMainFont();
   const TextMeasure& mono = ShellFixedFont();
   EXPECT_LT(sans.LineWidth("iiii"), sans.LineWidth("MMMM"));
   EXPECT_EQ(mono.LineWidth("iiii"), mono.LineWidth("MMMM"));
   EXPECT_EQ(sans.LineWidth("\xc3\xa9"), sans.LineWidth("e"));  // é, decoded from two bytes
   // Outside the tables, and each byte that is not UTF-8, an em.
-  EXPECT_EQ(sans.LineWidth("\xe6\xbc\xa2"), kShellFontPx);
   EXPECT_EQ(mono.LineWidth("\xf0\x9f\x98\x80"), kShellFontPx);
   EXPECT_EQ(sans.LineWidth("\xff"), kShellFontPx);
   EXPECT_EQ(sans.LineWidth("\xe6\xbc"), 2 * kShellFontPx);
-}
 
-TEST(ShellFontTest, TabsGoToStopsFromTheLineStart) {
-  const TextMeasure& sans = ShellMainFont();
-  const TextMeasure& mono = ShellFixedFont();
   EXPECT_EQ(sans.LineWidth("\t"), sans.LineWidth(std::string(kShellTabSize, ' ')));
   EXPECT_EQ(mono.LineWidth("abcdefg\t"), mono.LineWidth("\t"));
   EXPECT_EQ(mono.LineWidth("abcdefgh\t"), mono.LineWidth("\t\t"));

@@ -36,6 +36,7 @@ class FakeBrowser : public ui::Connection {
     std::lock_guard lock(mutex_);
     return messages_;
   }
+  std::size_t Count() { return Messages().size(); }
   // Messages of type `t` so far.
   std::vector<json> OfType(const std::string& t) {
     std::vector<json> out;
@@ -49,19 +50,12 @@ class FakeBrowser : public ui::Connection {
     std::unique_lock lock(mutex_);
     json found;
     platform::Clock::Current().WaitUntil(lock, platform::kNever, [&] {
-      for (std::size_t i = from; i < messages_.size(); ++i) {
-        if (messages_[i]["t"] == t) {
-          found = messages_[i];
-          return true;
-        }
+      for (std::size_t i = from; i < messages_.size() && found.is_null(); ++i) {
+        if (messages_[i]["t"] == t) found = messages_[i];
       }
-      return false;
+      return !found.is_null();
     });
     return found;
-  }
-  std::size_t Count() {
-    std::lock_guard lock(mutex_);
-    return messages_.size();
   }
   void Clear() {
     std::lock_guard lock(mutex_);
@@ -108,13 +102,6 @@ class WindowFixture : public ::testing::Test {
     });
     std::unique_lock lock(m);
     clock.WaitUntil(lock, platform::kNever, [&] { return done; });
-  }
-
-  // Waits (no deadline) until `pred` holds; whoever changes what it reads calls NotifyAll.
-  void Await(const std::function<bool()>& pred) {
-    std::mutex m;
-    std::unique_lock lock(m);
-    clock.WaitUntil(lock, platform::kNever, pred);
   }
 
   // A browser that has connected and received its full state.

@@ -5,7 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <cstdlib>
 
 #include "platform/Clock.h"
 
@@ -35,10 +35,14 @@ void SendAll(int fd, const std::string& bytes) {
   }
 }
 
-// Reads what is there after waiting for it; 0 at the end of the stream.
-ssize_t ReadSome(int fd, char* buffer, std::size_t size) {
-  if (platform::Clock::Current().WaitReadable(fd, platform::kNever) != 1) return -1;
-  return ::recv(fd, buffer, size, 0);
+// Appends what is there after waiting for it; false at the end of the stream.
+bool ReadSome(int fd, std::string& out) {
+  char buffer[4096];
+  if (platform::Clock::Current().WaitReadable(fd, platform::kNever) != 1) return false;
+  const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+  if (n <= 0) return false;
+  out.append(buffer, static_cast<std::size_t>(n));
+  return true;
 }
 
 }  // namespace
@@ -48,10 +52,8 @@ std::string HttpExchange(std::uint16_t port, const std::string& request) {
   if (fd < 0) return {};
   SendAll(fd, request);
   std::string response;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = ReadSome(fd, buffer, sizeof buffer)) > 0)
-    response.append(buffer, static_cast<std::size_t>(n));
+  while (ReadSome(fd, response)) {
+  }
   ::close(fd);
   return response;
 }
@@ -62,12 +64,7 @@ int StatusOf(const std::string& response) {
 }
 
 WsClient::~WsClient() {
-  Close();
-}
-
-void WsClient::Close() {
   if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
 }
 
 int WsClient::Open(std::uint16_t port, const std::string& target, const std::string& origin,
@@ -81,88 +78,62 @@ int WsClient::Open(std::uint16_t port, const std::string& target, const std::str
                         "Sec-WebSocket-Version: 13\r\n";
   if (!origin.empty()) request += "Origin: " + origin + "\r\n";
   SendAll(fd_, request + "\r\n");
-  std::string head;
-  char buffer[4096];
-  while (head.find("\r\n\r\n") == std::string::npos) {
-    const ssize_t n = ReadSome(fd_, buffer, sizeof buffer);
-    if (n <= 0) break;
-    head.append(buffer, static_cast<std::size_t>(n));
+  std::size_t end;
+  while ((end = buffer_.find("\r\n\r\n")) == std::string::npos) {
+    if (!ReadSome(fd_, buffer_)) return StatusOf(buffer_);
   }
-  const std::size_t end = head.find("\r\n\r\n");
-  if (end != std::string::npos) pending_ = head.substr(end + 4);
-  return StatusOf(head);
+  const int status = StatusOf(buffer_);
+  buffer_.erase(0, end + 4);
+  return status;
 }
 
+// A masked text frame; the lengths the tests send need the 7-bit or the 64-bit form.
 void WsClient::SendText(const std::string& text) {
-  std::string frame;
-  frame += static_cast<char>(0x81);  // FIN, text
+  std::string frame = "\x81";  // FIN, text
   const std::size_t n = text.size();
   if (n < 126) {
     frame += static_cast<char>(0x80 | n);
-  } else if (n <= 0xFFFF) {
-    frame += static_cast<char>(0x80 | 126);
-    frame += static_cast<char>(n >> 8);
-    frame += static_cast<char>(n & 0xFF);
   } else {
     frame += static_cast<char>(0x80 | 127);
     for (int shift = 56; shift >= 0; shift -= 8)
       frame += static_cast<char>((n >> shift) & 0xFF);
   }
-  const unsigned char mask[4] = {0x12, 0x34, 0x56, 0x78};
-  frame.append(reinterpret_cast<const char*>(mask), 4);
+  const char mask[4] = {0x12, 0x34, 0x56, 0x78};
+  frame.append(mask, 4);
   for (std::size_t i = 0; i < n; ++i)
     frame += static_cast<char>(text[i] ^ mask[i % 4]);
   SendAll(fd_, frame);
 }
 
-bool WsClient::ReadExact(void* out, std::size_t n) {
-  char* p = static_cast<char*>(out);
-  while (n > 0) {
-    if (!pending_.empty()) {
-      const std::size_t take = std::min(n, pending_.size());
-      std::memcpy(p, pending_.data(), take);
-      pending_.erase(0, take);
-      p += take;
-      n -= take;
-      continue;
-    }
-    const ssize_t got = ReadSome(fd_, p, n);
-    if (got <= 0) return false;
-    p += got;
-    n -= static_cast<std::size_t>(got);
+bool WsClient::Fill(std::size_t n) {
+  while (buffer_.size() < n) {
+    if (!ReadSome(fd_, buffer_)) return false;
   }
   return true;
 }
 
-std::optional<std::string> WsClient::Receive() {
-  std::string message;
-  for (;;) {
-    unsigned char head[2];
-    if (fd_ < 0 || !ReadExact(head, 2)) return std::nullopt;
-    std::uint64_t length = head[1] & 0x7F;
+// Unfragmented server frames: a header of 2, 4 or 10 bytes, then the payload.
+std::optional<std::string> WsClient::ReceiveContaining(const std::string& fragment) {
+  while (fd_ >= 0 && Fill(2)) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(buffer_[i]); };
+    std::size_t head = 2;
+    std::uint64_t length = byte(1) & 0x7F;
     if (length >= 126) {
-      unsigned char ext[8];
       const std::size_t bytes = length == 126 ? 2 : 8;
-      if (!ReadExact(ext, bytes)) return std::nullopt;
+      if (!Fill(2 + bytes)) break;
       length = 0;
       for (std::size_t i = 0; i < bytes; ++i)
-        length = (length << 8) | ext[i];
+        length = (length << 8) | byte(2 + i);
+      head += bytes;
     }
-    std::string payload(length, '\0');
-    if (length > 0 && !ReadExact(payload.data(), length)) return std::nullopt;
-    const int opcode = head[0] & 0x0F;
-    if (opcode == 0x8) return std::nullopt;  // close
-    if (opcode == 0x9 || opcode == 0xA) continue;
-    message += payload;
-    if (head[0] & 0x80) return message;
+    if (!Fill(head + length)) break;
+    const int opcode = byte(0) & 0x0F;
+    std::string payload = buffer_.substr(head, length);
+    buffer_.erase(0, head + length);
+    if (opcode == 0x8) break;  // close
+    if (opcode == 0x1 && payload.find(fragment) != std::string::npos) return payload;
   }
-}
-
-std::optional<std::string> WsClient::ReceiveContaining(const std::string& fragment) {
-  for (;;) {
-    auto m = Receive();
-    if (!m || m->find(fragment) != std::string::npos) return m;
-  }
+  return std::nullopt;
 }
 
 }  // namespace testing_support

@@ -10,8 +10,8 @@
 
 namespace testing_support {
 
-// Sends `request` (a whole HTTP request) and returns everything the server sends until it
-// closes. Add "Connection: close" to the request.
+// Sends `request` (a whole HTTP request with "Connection: close") and returns everything the
+// server sends until it closes.
 std::string HttpExchange(std::uint16_t port, const std::string& request);
 // The status code of a response ("HTTP/1.1 403 ..." gives 403); 0 when there is none.
 int StatusOf(const std::string& response);
@@ -23,21 +23,18 @@ class WsClient {
   WsClient(const WsClient&) = delete;
   WsClient& operator=(const WsClient&) = delete;
 
-  // Connects and asks for the upgrade of `target` with the given Host and Origin headers (an
-  // empty origin sends none). Returns the HTTP status: 101 when the socket is a WebSocket now.
+  // Connects and asks for the upgrade of `target` with the given Origin (empty: none) and Host
+  // (empty: the loopback address). Returns the HTTP status: 101 when it is a WebSocket now.
   int Open(std::uint16_t port, const std::string& target, const std::string& origin,
            const std::string& host = "");
   void SendText(const std::string& text);
-  // The next text message; nullopt when the server closed the connection.
-  std::optional<std::string> Receive();
-  // Reads messages until one contains `fragment`; nullopt when the connection closed first.
+  // Reads text messages until one contains `fragment`; nullopt when the connection closed first.
   std::optional<std::string> ReceiveContaining(const std::string& fragment);
-  void Close();
 
  private:
-  bool ReadExact(void* out, std::size_t n);
+  bool Fill(std::size_t n);  // until `buffer_` holds at least n bytes; false at the end
   int fd_ = -1;
-  std::string pending_;  // bytes read past the HTTP response
+  std::string buffer_;  // read and not yet taken
 };
 
 }  // namespace testing_support

@@ -1,9 +1,8 @@
 // A small program on the window framework for the browser tests and for trying the shell by
-// hand: two pages, the four timers' kind of updates, a question from a worker thread, a choice
-// dialog, a message window, the file access warning (the real message window, fed from a worker
-// thread), a slider with its raw text box, and a running text that follows its
-// end. Usage: ui_demo [--port N] [--warning]   (N 0: any free port). Ends on SIGINT/SIGTERM or
-// the menu's Close.
+// hand: a page with a question from a worker thread, a choice dialog, a message window with a
+// progress bar, the file access warning (the real message window, fed from a worker thread), and
+// a slider with its raw text box. Usage: ui_demo [--port N]   (N 0: any free port). Ends on
+// SIGINT/SIGTERM or the menu's Close.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -85,40 +84,32 @@ class ControlsPage : public ui::HtmlPage {
     Doc().SetText("RawLevel", "250");
   }
 
-  void Tick(unsigned timerId) {
-    if (timerId == 4) Doc().SetText("Seconds", std::to_string(++seconds_));
-    if (timerId == 3 && progressWindow_ && progressWindow_->IsOpen()) {
+  void Tick() {
+    if (progressWindow_ && progressWindow_->IsOpen()) {
       progress_ = (progress_ + 10) % (ui::kProgressMax + 10);
       progressWindow_->SetProgress(progress_);
     }
   }
 
-  void OnShowWindow(bool shown) override {
-    Doc().SetText("State", shown ? "Shown" : "Hidden");
-    Doc().SetBackground("State", shown ? "#d7f0da" : "#eef1f4");
-  }
+  void OnShowWindow(bool shown) override { Doc().SetText("State", shown ? "Shown" : "Hidden"); }
 
  private:
   void Ask() {
     Doc().SetText("Answer", "waiting...");
     workers_.Start([this] {
       const int answer =
-          ui::MessageBox("X axis position moved 10.500mm.\n\nDid the machine move correctly?",
-                         "TavroTest", ui::kMbYesNo);
+          ui::MessageBox("Did the machine move correctly?", "TavroTest", ui::kMbYesNo);
       loop_.Post([this, answer] { Doc().SetText("Answer", answer == ui::kIdYes ? "Yes" : "No"); });
     });
   }
 
   void Choose() {
     workers_.Start([this] {
-      ui::ChoiceDialog dialog{
-          "Dialog",
-          {"Position will begin moving in the NEGATIVE direction. ",
-           "Run the test using the Standard Voltage Limit before trying it \r\nwith the higher "
-           "voltages. \r\n\r\nClick OK to begin the test."},
-          "Voltage Limit",
-          {"Standard", "High", "No Limit"},
-          0};
+      const ui::ChoiceDialog dialog{"Dialog",
+                                    {"Position will begin moving. Click OK to begin the test."},
+                                    "Voltage Limit",
+                                    {"Standard", "High", "No Limit"},
+                                    0};
       const ui::ChoiceResult r = window_.ShowChoice(dialog);
       const std::string text =
           r.result == ui::kIdOk ? "OK " + std::to_string(r.choice) : std::string("Cancel");
@@ -133,8 +124,6 @@ class ControlsPage : public ui::HtmlPage {
     content.text = "Moving the configuration files.\nThis can take a minute.";
     content.buttons = {"Pause", "Close"};
     content.progressBar = true;
-    content.selectableText = true;
-    content.width = 360;
     progress_ = 0;
     progressWindow_ = window_.OpenMessageWindow(content, [this](int button) {
       if (button == 1 || button == ui::kWindowClosed) progressWindow_->Close();
@@ -142,62 +131,31 @@ class ControlsPage : public ui::HtmlPage {
     });
   }
 
+  // A number in the slider's range moves it; anything else puts the slider's value back.
   void RawLevelChanged() {
-    std::string text = Doc().Text("RawLevel");
-    const auto first = text.find_first_not_of(' ');
-    const auto last = text.find_last_not_of(' ');
-    text = first == std::string::npos ? "" : text.substr(first, last - first + 1);
-    const bool digits = text.find_first_not_of("0123456789") == std::string::npos;
-    const long value = text.empty() ? 0 : std::strtol(text.c_str(), nullptr, 10);
-    if (digits && text.size() < 8 && value <= kLevelMax) {
+    const std::string text = Doc().Text("RawLevel");
+    char* end = nullptr;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (!text.empty() && *end == '\0' && value >= 0 && value <= kLevelMax)
       Doc().SetSliderPosition("Level", static_cast<int>(value));
-      Doc().SetText("RawLevel", std::to_string(value));
-    } else {
-      Doc().SetText("RawLevel", std::to_string(Doc().SliderPosition("Level")));
-    }
+    Doc().SetText("RawLevel", std::to_string(Doc().SliderPosition("Level")));
   }
 
   ui::Window& window_;
   platform::TaskLoop& loop_;
   Workers& workers_;
   int clicks_ = 0;
-  int seconds_ = 0;
   int progress_ = 0;
   std::shared_ptr<ui::MessageWindowView> progressWindow_;
-};
-
-// Appends a line every 200 ms and keeps the end in view unless the reader scrolled back.
-class OutputPage : public ui::HtmlPage {
- public:
-  OutputPage() : HtmlPage("/pages/demo_b.html") { Doc().WatchScroll("Output"); }
-
-  void Tick(unsigned timerId) {
-    if (timerId != 3) return;
-    text_ += "line " + std::to_string(++lines_) + ": board text\r\n";
-    if (text_.size() > 20000) text_.erase(0, text_.size() - 20000);
-    const auto scroll = Doc().Scroll("Output");
-    const bool follows = scroll && scroll->scrollHeight > scroll->clientHeight &&
-                         scroll->scrollHeight - scroll->scrollTop <= scroll->clientHeight;
-    Doc().SetText("Output", text_);
-    if (follows) Doc().PageDown("Output");
-  }
-
- private:
-  std::string text_;
-  int lines_ = 0;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
   std::uint16_t port = ui::DefaultPort();
-  bool warning = false;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--port") == 0 && i + 1 < argc) {
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (std::strcmp(argv[i], "--port") == 0)
       port = static_cast<std::uint16_t>(std::atoi(argv[++i]));
-    } else if (std::strcmp(argv[i], "--warning") == 0) {
-      warning = true;
-    }
   }
 
   platform::TaskLoop loop;
@@ -205,14 +163,8 @@ int main(int argc, char** argv) {
   ui::Window window(loop);
   Workers workers;
   ControlsPage controls(window, loop, workers);
-  OutputPage output;
   window.AddPage("Demo Controls", controls);
-  window.AddPage("Demo Log", output);
   window.SetTitle("TavroTest : Connected");
-  if (warning) {
-    controls.Doc().SetDisplay("WarningLabel", "inline");
-    output.Doc().SetDisplay("WarningLabel", "inline");
-  }
   ui::SetMessageBoxPresenter(&window);
   Utility::SetMessageWindowHost(&loop, &window);
   auto fileWarnings = std::make_unique<FileAccessWarnings>();
@@ -222,14 +174,7 @@ int main(int argc, char** argv) {
   std::printf("TavroTest UI: %s\n", server.Url().c_str());
   std::fflush(stdout);
 
-  const auto tick = [&](unsigned id) {
-    controls.Tick(id);
-    output.Tick(id);
-  };
-  loop.SetTimer(1, platform::Milliseconds(20), tick);
-  loop.SetTimer(2, platform::Milliseconds(50), tick);
-  loop.SetTimer(3, platform::Milliseconds(200), tick);
-  loop.SetTimer(4, platform::Milliseconds(1000), tick);
+  loop.SetTimer(1, platform::Milliseconds(200), [&](unsigned) { controls.Tick(); });
   const int code = loop.Run();
 
   fileWarnings.reset();

@@ -114,7 +114,7 @@ TEST_P(EveryProfile, EveryOperationRoundTripsWithoutAFailedTransfer) {
     CTavroUsbManualVision manual(link);
     RunEveryManualVisionOperation(manual, run);
   } else {
-    return;  // a board of neither kind has no controller
+    GTEST_SKIP() << "a board of neither kind has no controller";
   }
   EXPECT_GT(run.run, 50);
   EXPECT_EQ(run.failed, std::vector<std::string>{});

@@ -73,7 +73,29 @@ class ChannelCommands {
   const std::uint8_t channel_;
 };
 
-class WAxisBridge : public CTavroUsbWAxis {
+// The block operations both interfaces share, each on its channel's sections.
+template <class Interface, const ParameterBlocks& kBlocks>
+class BlockBridge : public Interface {
+ public:
+  void StorePid(Configuration& file, const ChannelPid& in, bool) override {
+    kBlocks.StorePid(file, in);
+  }
+  void StoreDefine(Configuration& file, const ChannelDefine& in, bool) override {
+    kBlocks.StoreDefine(file, in);
+  }
+  void StoreSerial(Configuration& file, const BoardIdentity& in, bool withSerial) override {
+    kBlocks.StoreSerial(file, in, withSerial);
+  }
+  void LoadPid(Configuration& file, ChannelPid& out, bool) override { kBlocks.LoadPid(file, out); }
+  void LoadDefine(Configuration& file, ChannelDefine& out, bool) override {
+    kBlocks.LoadDefine(file, out);
+  }
+  void LoadSerial(Configuration& file, BoardIdentity& out, bool withSerial) override {
+    kBlocks.LoadSerial(file, out, withSerial);
+  }
+};
+
+class WAxisBridge : public BlockBridge<CTavroUsbWAxis, kWAxisBlocks> {
  public:
   explicit WAxisBridge(CTavroUsbController& owner) : w_(owner, kWChannel) {}
   WAxisBridge(const WAxisBridge&) = delete;
@@ -138,30 +160,12 @@ class WAxisBridge : public CTavroUsbWAxis {
   void StoreParameters(Configuration& file, const WAxisParameters& in, bool withSerial) override {
     kWAxisBlocks.StoreParameters(file, in, withSerial);
   }
-  void StorePid(Configuration& file, const ChannelPid& in, bool) override {
-    kWAxisBlocks.StorePid(file, in);
-  }
-  void StoreDefine(Configuration& file, const ChannelDefine& in, bool) override {
-    kWAxisBlocks.StoreDefine(file, in);
-  }
-  void StoreSerial(Configuration& file, const BoardIdentity& in, bool withSerial) override {
-    kWAxisBlocks.StoreSerial(file, in, withSerial);
-  }
-  void LoadPid(Configuration& file, ChannelPid& out, bool) override {
-    kWAxisBlocks.LoadPid(file, out);
-  }
-  void LoadDefine(Configuration& file, ChannelDefine& out, bool) override {
-    kWAxisBlocks.LoadDefine(file, out);
-  }
-  void LoadSerial(Configuration& file, BoardIdentity& out, bool withSerial) override {
-    kWAxisBlocks.LoadSerial(file, out, withSerial);
-  }
 
  private:
   ChannelCommands w_;
 };
 
-class PlatenBridge : public CTavroUsbPlaten {
+class PlatenBridge : public BlockBridge<CTavroUsbPlaten, kPlatenBlocks> {
  public:
   explicit PlatenBridge(CTavroUsbController& owner) : p_(owner, kPlatenChannel) {}
   PlatenBridge(const PlatenBridge&) = delete;
@@ -202,26 +206,8 @@ class PlatenBridge : public CTavroUsbPlaten {
   void StoreParameters(Configuration& file, const PlatenParameters& in, bool withSerial) override {
     kPlatenBlocks.StoreParameters(file, in, withSerial);
   }
-  void StorePid(Configuration& file, const ChannelPid& in, bool) override {
-    kPlatenBlocks.StorePid(file, in);
-  }
-  void StoreDefine(Configuration& file, const ChannelDefine& in, bool) override {
-    kPlatenBlocks.StoreDefine(file, in);
-  }
-  void StoreSerial(Configuration& file, const BoardIdentity& in, bool withSerial) override {
-    kPlatenBlocks.StoreSerial(file, in, withSerial);
-  }
   void LoadParameters(Configuration& file, PlatenParameters& out, bool withSerial) override {
     kPlatenBlocks.LoadParameters(file, out, withSerial);
-  }
-  void LoadPid(Configuration& file, ChannelPid& out, bool) override {
-    kPlatenBlocks.LoadPid(file, out);
-  }
-  void LoadDefine(Configuration& file, ChannelDefine& out, bool) override {
-    kPlatenBlocks.LoadDefine(file, out);
-  }
-  void LoadSerial(Configuration& file, BoardIdentity& out, bool withSerial) override {
-    kPlatenBlocks.LoadSerial(file, out, withSerial);
   }
 
  private:

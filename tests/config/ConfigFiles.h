@@ -1,35 +1,17 @@
 // Scratch folders and raw file contents for the configuration tests.
 #pragma once
 
-#include <stdlib.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 
+#include "tests/support/TempDirs.h"
+
 namespace config_test {
 
-// A fresh folder under the temporary directory, removed with everything in it at the end.
-class ScratchDir {
- public:
-  ScratchDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tavro-config-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
-  }
-  ~ScratchDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-
-  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
+using testing_support::ScratchDir;
 
 inline std::string ReadBytes(const std::string& path) {
   std::ostringstream bytes;

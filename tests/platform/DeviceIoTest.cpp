@@ -10,6 +10,8 @@
 #include <fstream>
 #include <vector>
 
+#include "tests/support/TempDirs.h"
+
 namespace platform {
 namespace {
 
@@ -67,15 +69,6 @@ class RawBoard {
 
 class DeviceIoTest : public ::testing::Test {
  protected:
-  DeviceIoTest() {
-    char tmpl[] = "/tmp/tavro-dev-XXXXXX";
-    dir_ = ::mkdtemp(tmpl);
-    SetDeviceDirectory(dir_);
-  }
-  ~DeviceIoTest() override {
-    SetDeviceDirectory("");
-    std::filesystem::remove_all(dir_);
-  }
   // The device on the board listening at HnUsba0.
   std::unique_ptr<Device> Connect(RawBoard& board) {
     std::uint32_t error = 0;
@@ -85,7 +78,8 @@ class DeviceIoTest : public ::testing::Test {
     return device;
   }
 
-  std::string dir_;
+  testing_support::TempDeviceDir devices;
+  const std::string dir_ = devices.Path();
   VirtualClock clock;
   ScopedClock scoped{clock};
   ClockParticipant self{clock};

@@ -4,23 +4,15 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-
 #include "platform/DeviceIo.h"
+#include "tests/support/TempDirs.h"
 
 namespace platform {
 namespace {
 
 class WindowProbeTest : public ::testing::Test {
  protected:
-  WindowProbeTest() {
-    char pattern[] = "/tmp/tavro-windows-XXXXXX";
-    dir_ = ::mkdtemp(pattern);
-    SetDeviceDirectory(dir_);
-  }
-  ~WindowProbeTest() override { std::filesystem::remove_all(dir_); }
-  std::string dir_;
+  testing_support::TempDeviceDir devices;
 };
 
 // Keeping a window and closing it are met where the simulator poses as the application; here

@@ -7,9 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
 namespace sim::testing {
 
@@ -103,14 +101,11 @@ Packet Request(std::uint8_t code, std::size_t length, const Packet& fill) {
   return p;
 }
 
-SimTest::SimTest() {
-  char tmpl[] = "/tmp/tsim-XXXXXX";
-  dir_ = ::mkdtemp(tmpl);
-}
+SimTest::SimTest() = default;
 
+// The simulator goes before its folder.
 SimTest::~SimTest() {
   sim_.reset();
-  std::filesystem::remove_all(dir_);
 }
 
 void SimTest::StartBoard(const std::string& profile, SimulatorOptions options) {

@@ -13,6 +13,7 @@
 
 #include "platform/Clock.h"
 #include "sim/Simulator.h"
+#include "tests/support/TempDirs.h"
 
 namespace sim::testing {
 
@@ -66,7 +67,8 @@ class SimTest : public ::testing::Test {
   platform::VirtualClock clock_;
   platform::ScopedClock scoped_{clock_};
   platform::ClockParticipant participant_{clock_};
-  std::string dir_;
+  testing_support::ScratchDir scratch_;
+  const std::string dir_ = scratch_.Path();
   std::unique_ptr<Simulator> sim_;
 };
 

@@ -154,24 +154,4 @@ bool ScriptedBoard::ServeConnection(int fd) {
   }
 }
 
-TempDeviceDir::TempDeviceDir() {
-  char tmpl[] = "/tmp/tavro-t-XXXXXX";
-  path_ = ::mkdtemp(tmpl);
-  platform::SetDeviceDirectory(path_);
-}
-
-TempDeviceDir::~TempDeviceDir() {
-  platform::SetDeviceDirectory("");
-  std::error_code ec;
-  std::filesystem::remove_all(path_, ec);
-}
-
-std::string TempDeviceDir::Class1(unsigned index) const {
-  return path_ + "/" + platform::kInterfaceClass1 + "/" + std::to_string(index);
-}
-
-std::string TempDeviceDir::Class2(unsigned index) const {
-  return path_ + "/" + platform::kInterfaceClass2 + "/" + std::to_string(index);
-}
-
 }  // namespace testing_support

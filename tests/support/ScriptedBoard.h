@@ -10,6 +10,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/TempDirs.h"
+
 namespace testing_support {
 
 struct BoardRequest {
@@ -54,20 +56,6 @@ class ScriptedBoard {
   Handler handler_;
   std::vector<BoardRequest> requests_;
   std::thread thread_;
-};
-
-// A temporary device folder that becomes the device directory for its lifetime.
-class TempDeviceDir {
- public:
-  TempDeviceDir();
-  ~TempDeviceDir();
-  const std::string& Path() const { return path_; }
-  std::string Class1(unsigned index) const;
-  std::string Class2(unsigned index) const;
-  std::string Name(const char* name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
 };
 
 }  // namespace testing_support

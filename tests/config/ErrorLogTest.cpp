@@ -57,7 +57,7 @@ class ErrorLogTest : public config_test::FolderFixture {
 
 TEST_F(ErrorLogTest, ANewLogHasTheMarkAndEntriesThePrefixWithTheZonesOffsetAndTheMessageAsGiven) {
   const char* saved = std::getenv("TZ");
-  const std::string restore = saved ? saved : "";
+  const std::string restore = saved ? saved : "";  // the zone is process-wide
   const std::pair<const char*, const char*> zones[] = {
       {"UTC0", "Z"}, {"PST8", "-08:00"}, {"IST-5:30", "+05:30"}};
   for (const auto& [zone, suffix] : zones) {

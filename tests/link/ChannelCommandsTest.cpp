@@ -110,7 +110,6 @@ TEST_F(ChannelCommandsTest, PlatenDefinitionHasItsExtraRecordAboveFirmware1619) 
   Bytes expected = extra;
   expected[0] = 0x48;
   EXPECT_EQ(sent[1].bytes, expected);
-  EXPECT_EQ(sent[1].replyLength, 2u);
 }
 
 TEST_F(ChannelCommandsTest, OlderPlatenFirmwareHasNoExtraRecordToReadOrWrite) {
@@ -146,7 +145,6 @@ TEST_F(ChannelCommandsTest, SerialRecordTravelsWithItsChannelNumber) {
   BoardIdentity back;
   ASSERT_TRUE(w.GetSerial(back));
   EXPECT_EQ(back, id);
-  EXPECT_EQ(Sent().back().bytes.size(), 16u);
 }
 
 TEST_F(ChannelCommandsTest, GatedChannelCommandsSendNothing) {

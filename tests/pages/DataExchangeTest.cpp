@@ -1,4 +1,4 @@
-// The field texts the pages show, the element ids of numbered rows, and the cut of a long log.
+// The field texts the pages show and the cut of a long log.
 #include <gtest/gtest.h>
 
 #include "pages/DataExchange.h"
@@ -17,12 +17,6 @@ TEST(FieldText, FloatsTakeTheShortSixDigitFormAndIntegersTheirOwnWidth) {
   EXPECT_EQ(FieldText(static_cast<std::int16_t>(std::uint16_t{0xFFFF})), "-1");
   EXPECT_EQ(FieldText(std::int32_t{-2147483647 - 1}), "-2147483648");
   EXPECT_EQ(FieldText(std::uint32_t{4294967295u}), "4294967295");
-}
-
-TEST(FieldText, NumberedIdsLeaveTheFirstBareWhereTheFamilyDoes) {
-  EXPECT_EQ(IndexedId("PMDName", 0, true), "PMDName");
-  EXPECT_EQ(IndexedId("PMDName", 1, true), "PMDName1");
-  EXPECT_EQ(IndexedId("Light", 0, false), "Light0");
 }
 
 // The page's own test covers the plain cut; here "é" and "€" are two and three bytes.

@@ -99,16 +99,4 @@ TEST_F(UsbSerialTest, AFailedReadSilencesThePageUntilReset) {
   EXPECT_EQ(page->LogText(), "before\r\nlost?\r\n");
 }
 
-TEST_F(UsbSerialTest, ATickInsideATickReturnsAtOnce) {
-  board_->QueueDiagText("queued\r\n");
-  page->InTick = true;
-  Tick();
-  EXPECT_EQ(page->LogText(), "");
-  EXPECT_TRUE(page->InTick) << "the outer tick still owns the guard";
-  page->InTick = false;
-  Tick();
-  EXPECT_EQ(page->LogText(), "queued\r\n");
-  EXPECT_FALSE(page->InTick);
-}
-
 }  // namespace

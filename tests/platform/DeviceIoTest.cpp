@@ -41,6 +41,7 @@ class RawBoard {
   struct Request {
     std::uint32_t tag, code, replyLength;
     std::vector<std::uint8_t> body;
+    bool operator==(const Request&) const = default;
   };
   Request Receive() {
     Clock::Current().WaitReadable(conn_, kNever);
@@ -147,12 +148,9 @@ TEST_F(DeviceIoTest, TransfersCarryTheFrameAndCompleteByTagInAnyOrder) {
   EXPECT_EQ(device->IoControl(0x80002008, reqB, 2, replyB, 2, nullptr, &b), kErrIoPending);
   auto ra = board.Receive();
   auto rb = board.Receive();
-  EXPECT_EQ(ra.code, 0x80002000u);
-  EXPECT_EQ(ra.replyLength, 4u);
-  EXPECT_EQ(ra.body, std::vector<std::uint8_t>({0x2B}));
-  EXPECT_EQ(rb.code, 0x80002008u);
-  EXPECT_EQ(rb.body, std::vector<std::uint8_t>({0x22, 9}));
   EXPECT_NE(ra.tag, rb.tag);
+  EXPECT_EQ(ra, (RawBoard::Request{ra.tag, 0x80002000, 4, {0x2B}}));
+  EXPECT_EQ(rb, (RawBoard::Request{rb.tag, 0x80002008, 2, {0x22, 9}}));
 
   std::uint32_t bytes = 99;
   EXPECT_EQ(device->Result(a, bytes), kErrIoIncomplete);

@@ -12,13 +12,14 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/TempDirs.h"
 
 namespace platform {
 namespace {
@@ -33,19 +34,17 @@ constexpr auto kPatience = 10s;  // for anything the bus should do in millisecon
 class PrivateBus {
  public:
   PrivateBus() {
-    char pattern[] = "/tmp/tavro-bus-XXXXXX";
-    dir_ = ::mkdtemp(pattern);
-    std::ofstream(dir_ + "/bus.conf")
+    std::ofstream(dir_ / "bus.conf")
         << "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
            " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
            "<busconfig><listen>unix:path="
-        << dir_
+        << dir_.Path()
         << "/bus</listen><auth>EXTERNAL</auth><policy context=\"default\">"
            "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
            "<allow own=\"*\"/></policy></busconfig>\n";
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0) return;
-    const std::string config = "--config-file=" + dir_ + "/bus.conf";
+    const std::string config = "--config-file=" + (dir_ / "bus.conf");
     pid_ = ::fork();
     if (pid_ == 0) {  // nothing that allocates from here on
       if (out[1] == 3) {
@@ -53,7 +52,7 @@ class PrivateBus {
       } else {
         ::dup2(out[1], 3);  // the copy is not closed on exec
       }
-      // Its complaints (a file limit it may not raise here) are only noise.
+      // Its complaints (a file limit it may not raise here) are noise.
       const int null = ::open("/dev/null", O_WRONLY);
       if (null >= 0) ::dup2(null, 2);
       ::execl(kDaemon, "dbus-daemon", "--nofork", "--print-address=3", config.c_str(),
@@ -61,7 +60,6 @@ class PrivateBus {
       std::_Exit(127);
     }
     ::close(out[1]);
-    // The daemon prints its address once it listens.
     pollfd ready{out[0], POLLIN, 0};
     char buffer[512];
     if (pid_ > 0 && ::poll(&ready, 1, 10'000) == 1) {
@@ -72,10 +70,7 @@ class PrivateBus {
     while (!address_.empty() && address_.back() == '\n')
       address_.pop_back();
   }
-  ~PrivateBus() {
-    Kill();
-    std::filesystem::remove_all(dir_);
-  }
+  ~PrivateBus() { Kill(); }
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
 
@@ -88,7 +83,7 @@ class PrivateBus {
   const std::string& Address() const { return address_; }
 
  private:
-  std::string dir_;
+  testing_support::ScratchDir dir_;
   std::string address_;
   pid_t pid_ = -1;
 };
@@ -178,8 +173,8 @@ TEST_F(SleepWatcherTest, LogindsSleepAndWakeBecomeSuspendAndResumeAndLookAlikesA
   ASSERT_TRUE(logind.Connected());
   ASSERT_TRUE(stranger.Connected());
 
-  // The look-alikes go first, and the stranger's are routed before logind's real ones leave, so
-  // any that got through would be seen before them.
+  // The look-alikes go first (the stranger's routed before logind's), so any that got through
+  // would be seen before the real ones.
   stranger.Emit(true);
   stranger.Settle();
   logind.Emit("/org/freedesktop/login1", "org.freedesktop.login1.Session", "PrepareForSleep", true);
@@ -217,8 +212,7 @@ TEST_F(SleepWatcherTest, ABusThatGoesAwayEndsTheWatchQuietly) {
   SleepWatcher watcher([](unsigned) {});
   ASSERT_TRUE(watcher.Start(bus_->Address()));
   bus_->Kill();
-  // The thread notices the hang-up by itself; a watcher that spun on the dead socket instead would
-  // stay Watching.
+  // A watcher that spun on the dead socket instead of noticing the hang-up would stay Watching.
   const auto deadline = steady_clock::now() + kPatience;
   while (watcher.Watching() && steady_clock::now() < deadline)
     std::this_thread::yield();

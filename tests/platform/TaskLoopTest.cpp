@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,16 +38,13 @@ TEST_F(TaskLoopTest, FourTimersTickAtTheirRatesAndInIdOrderWhenDueTogether) {
   loop.SetTimer(4, milliseconds(1000), record);
   EXPECT_EQ(loop.Run(), 7);
 
-  int counts[5] = {};
+  std::map<unsigned, int> counts;
   std::vector<unsigned> atOneSecond;
   for (auto& [t, id] : ticks) {
     ++counts[id];
     if (t == 1000) atOneSecond.push_back(id);
   }
-  EXPECT_EQ(counts[1], 50);
-  EXPECT_EQ(counts[2], 20);
-  EXPECT_EQ(counts[3], 5);
-  EXPECT_EQ(counts[4], 1);
+  EXPECT_EQ(counts, (std::map<unsigned, int>{{1, 50}, {2, 20}, {3, 5}, {4, 1}}));
   EXPECT_EQ(atOneSecond, (std::vector<unsigned>{1, 2, 3, 4}));
 }
 

@@ -10,14 +10,10 @@
 namespace platform {
 namespace {
 
-class WindowProbeTest : public ::testing::Test {
- protected:
-  testing_support::TempDeviceDir devices;
-};
-
 // Keeping a window and closing it are met where the simulator poses as the application; here
-// its holder dies without closing it.
-TEST_F(WindowProbeTest, AHolderThatDiesTakesItsWindowWithIt) {
+// its holder dies without closing it, as a crashed application would.
+TEST(WindowProbeTest, AHolderThatDiesTakesItsWindowWithIt) {
+  testing_support::TempDeviceDir devices;
   int toChild[2];
   int fromChild[2];
   ASSERT_EQ(::pipe(toChild), 0);
@@ -38,12 +34,10 @@ TEST_F(WindowProbeTest, AHolderThatDiesTakesItsWindowWithIt) {
   EXPECT_EQ(ready, 'y');
   EXPECT_TRUE(FindWindowOfClass("MiravaAppFrame"));
   ::close(toChild[1]);
-  int status = 0;
-  ::waitpid(child, &status, 0);
+  ::waitpid(child, nullptr, 0);
   EXPECT_FALSE(FindWindowOfClass("MiravaAppFrame"));
-  ::close(toChild[0]);
-  ::close(fromChild[0]);
-  ::close(fromChild[1]);
+  for (int fd : {toChild[0], fromChild[0], fromChild[1]})
+    ::close(fd);
 }
 
 }  // namespace

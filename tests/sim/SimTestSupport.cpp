@@ -103,8 +103,7 @@ Packet Request(std::uint8_t code, std::size_t length, const Packet& fill) {
 
 SimTest::SimTest() = default;
 
-// The simulator goes before its folder.
-SimTest::~SimTest() {
+SimTest::~SimTest() {  // the simulator goes before its folder
   sim_.reset();
 }
 

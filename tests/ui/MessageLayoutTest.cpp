@@ -206,22 +206,19 @@ TEST(MessageLayoutSizing, TooLongOrWideTextTakesTheAreaWithAScrollBar) {
   EXPECT_FALSE(wide.vScroll);
 }
 
-TEST(MessageLayoutSizing, ReplacementCentresOnTheCurrentWindowWithinTheArea) {
+TEST(MessageLayoutSizing, ReplacementCentresOnTheCurrentWindowAndKeepsTheUsersWidth) {
   MessageLayoutInput in = Input("hello");
   in.replace = true;
   in.current = {100, 100, 400, 200};
   EXPECT_EQ(LayOutMessage(in).window, (Rect{115, 116, 385, 183}));
   in.current = {900, 780, 1000, 800};  // clamped back into the area
   EXPECT_EQ(LayOutMessage(in).window, (Rect{730, 733, 1000, 800}));
-}
 
-TEST(MessageLayoutSizing, SizingBorderKeepsAWindowTheUserMadeNarrower) {
-  MessageLayoutInput in = Input("hello", kMsgSizingBorder);
-  in.replace = true;
+  // With a sizing border a window the user made narrower stays so.
+  in.flags = kMsgSizingBorder;
   in.current = {100, 100, 300, 150};
   in.currentMaxTrack = {500, 50};  // narrower than its maximum, but as high as it: it grows
-  EXPECT_EQ(LayOutMessage(in).window.Width(), 200);
-  EXPECT_EQ(LayOutMessage(in).window.Height(), 67);
+  EXPECT_EQ(LayOutMessage(in).window, (Rect{100, 91, 300, 158}));
   in.currentMaxTrack = {200, 50};
   EXPECT_EQ(LayOutMessage(in).window.Width(), 270);
   in.currentMaxTrack = {500, 50};

@@ -9,15 +9,15 @@
 //     puts it in the file's place (the load before it is not timed).
 // Run: ninja -C build config_bench && build/bench/config_bench
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <cstdio>
-#include <filesystem>
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "config/Configuration.h"
+#include "tests/support/TempDirs.h"
 #include "util/Text.h"
 
 namespace {
@@ -37,11 +37,7 @@ std::string KeyName(int key) {
 class BenchFile {
  public:
   BenchFile() {
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "tavro-config-bench-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
-    folder_ = pattern;
-    path_ = folder_ + "/Large.ini";
+    path_ = folder_ / "Large.ini";
     std::u16string text;
     for (int s = 0; s < kSections; ++s) {
       // Built by appending: g++ 12 warns falsely (-Wrestrict) on "literal + temporary" at -O2.
@@ -61,10 +57,6 @@ class BenchFile {
     std::fclose(out);
     bytes_ = bytes.size();
   }
-  ~BenchFile() {
-    std::error_code ignored;
-    std::filesystem::remove_all(folder_, ignored);
-  }
   BenchFile(const BenchFile&) = delete;
   BenchFile& operator=(const BenchFile&) = delete;
 
@@ -72,7 +64,7 @@ class BenchFile {
   std::size_t Bytes() const { return bytes_; }
 
  private:
-  std::string folder_;
+  testing_support::ScratchDir folder_;
   std::string path_;
   std::size_t bytes_ = 0;
 };

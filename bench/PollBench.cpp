@@ -23,24 +23,16 @@
 #include "sim/Board.h"
 #include "sim/Profiles.h"
 #include "sim/Simulator.h"
+#include "tests/support/TempDirs.h"
 
 namespace {
 
 constexpr std::uint32_t kPollRequestBytes = 3;
 constexpr std::uint32_t kLongFormBytes = 221;
 
-// A private device folder for the run.
-std::string MakeDeviceDir() {
-  char pattern[] = "/tmp/tavro-bench-XXXXXX";
-  const char* dir = ::mkdtemp(pattern);
-  if (!dir) std::abort();
-  platform::SetDeviceDirectory(dir);
-  return dir;
-}
-
 void PollStatusDecode(benchmark::State& state) {
-  const std::string dir = MakeDeviceDir();
-  const std::string entry = dir + "/" + platform::kInterfaceClass1 + "/0";
+  const testing_support::TempDeviceDir devices;
+  const std::string entry = devices.Class1(0);
   const sim::Profile& profile = *sim::FindProfile("autovision");
   sim::Board board(profile, platform::Duration::zero(), platform::Clock::Current().Now());
   // The board answers the open; the first poll's reply is kept and handed back from then on.
@@ -87,8 +79,9 @@ void PollStatusDecode(benchmark::State& state) {
 BENCHMARK(PollStatusDecode);
 
 void PollRoundTrip(benchmark::State& state) {
-  const std::string dir = MakeDeviceDir();
-  sim::Simulator simulator({.profile = "autovision", .deviceDir = dir, .diagPeriod = {}});
+  const testing_support::TempDeviceDir devices;
+  sim::Simulator simulator(
+      {.profile = "autovision", .deviceDir = devices.Path(), .diagPeriod = {}});
   std::string error;
   if (!simulator.Start(&error)) {
     state.SkipWithError(error.c_str());

@@ -58,6 +58,13 @@ constexpr std::uint32_t kOneWordSetRequest = 127;
 constexpr std::uint32_t kOneWordMaxChannels = 42;
 static_assert(2 + 4 * 21 == 86 && 2 + 4 * 42 == 170 && 43 + 2 * 42 == kOneWordSetRequest);
 
+// Whether the packet from channel `first` goes out for `n` channels. A split form has two
+// packets: the first always goes, the second only for channels left over. A board that reports
+// more channels than the two carry gets its first ones and no third packet.
+constexpr bool LightPacketDue(const LightPackets& p, std::uint32_t first, std::uint32_t n) {
+  return first == 0 || (first == p.perPacket && first < n);
+}
+
 // ---- 0x32 touch probe enable, 0x36 touch probe capture (62 bytes: longs from 4 and 20).
 constexpr std::uint8_t kTouchEnableCode = 0x32;
 constexpr std::uint8_t kTouchCaptureCode = 0x36;
@@ -201,19 +208,19 @@ bool CTavroUsbController::GetTemperature(std::uint32_t sensor, std::int32_t& raw
 
 // ---- lights ----------------------------------------------------------------------------------
 
-bool CTavroUsbController::GetLightMaxValues(std::uint32_t* out) {
-  const std::uint32_t n = GetLightChannelCount();
+bool CTavroUsbController::GetLightMaxValues(std::span<std::uint32_t> out) {
+  const auto n =
+      static_cast<std::uint32_t>(std::min<std::size_t>(GetLightChannelCount(), out.size()));
   const LightForm form = ChooseLightForm(ManualVision(), Protocol(), OldDriver());
   if (form == LightForm::OneWord) {
     Packet request(kLightMaxCode, 2);
     ReplyBuffer reply(kOneWordGetReply);
     if (!Send(request, reply)) return false;
-    std::fill_n(out, n, GetWord(reply.Bytes(), 2));
+    std::fill_n(out.begin(), n, GetWord(reply.Bytes(), 2));
     return true;
   }
   const LightPackets& p = form == LightForm::OldDriver ? kOldDriverLights : kNewDriverLights;
-  // Later packets start where the previous one ended, for as many as the channels need.
-  for (std::uint32_t first = 0; first == 0 || first < n; first += p.perPacket) {
+  for (std::uint32_t first = 0; LightPacketDue(p, first, n); first += p.perPacket) {
     Packet request(kLightMaxCode, 16);
     request.Byte(1, static_cast<std::uint8_t>(first)).Byte(2, p.getByte2);
     ReplyBuffer reply(p.getReply);
@@ -225,8 +232,9 @@ bool CTavroUsbController::GetLightMaxValues(std::uint32_t* out) {
   return true;
 }
 
-bool CTavroUsbController::SetLightValues(const std::uint32_t* in) {
-  const std::uint32_t n = GetLightChannelCount();
+bool CTavroUsbController::SetLightValues(std::span<const std::uint32_t> in) {
+  const auto n =
+      static_cast<std::uint32_t>(std::min<std::size_t>(GetLightChannelCount(), in.size()));
   const LightForm form = ChooseLightForm(ManualVision(), Protocol(), OldDriver());
   if (form == LightForm::OneWord) {
     Packet request(kLightSetCode, kOneWordSetRequest);
@@ -236,7 +244,7 @@ bool CTavroUsbController::SetLightValues(const std::uint32_t* in) {
     return SendSet(request);
   }
   const LightPackets& p = form == LightForm::OldDriver ? kOldDriverLights : kNewDriverLights;
-  for (std::uint32_t first = 0; first == 0 || first < n; first += p.perPacket) {
+  for (std::uint32_t first = 0; LightPacketDue(p, first, n); first += p.perPacket) {
     Packet request(kLightSetCode, p.setRequest);
     request.Byte(1, static_cast<std::uint8_t>(first));
     const std::uint32_t count = std::min(p.perPacket, n - std::min(first, n));

@@ -81,12 +81,14 @@ class CTavroUsbController : public CTavroUsb {
   // The reading is raw times scale.
   bool GetTemperature(std::uint32_t sensor, std::int32_t& raw, double& scale);
 
-  // `out` and `in` hold GetLightChannelCount() entries. A reply of the one-word form (boards
-  // below protocol 3) gives one maximum for all channels. Several packets are sent when the
-  // channels do not fit one; the first failure ends the operation with the channels fetched so
-  // far in `out`.
-  bool GetLightMaxValues(std::uint32_t* out);
-  bool SetLightValues(const std::uint32_t* in);
+  // One entry per channel, for the channels below GetLightChannelCount() that `out` and `in`
+  // have room for: no entry past their size is read or written. A reply of the one-word form
+  // (boards below protocol 3) gives one maximum for all channels, and its write carries at most
+  // 42. The other forms send a packet from channel 0 and, only for channels left over, one more:
+  // at most 42 channels behind an old driver and 84 behind a newer one, whatever count the board
+  // reports. The first failure ends the operation with the channels fetched so far in `out`.
+  bool GetLightMaxValues(std::span<std::uint32_t> out);
+  bool SetLightValues(std::span<const std::uint32_t> in);
 
   bool SetTouchProbeEnable(bool on);
   bool GetTouchProbeCapture(std::uint32_t a[4], std::uint32_t b[4]);

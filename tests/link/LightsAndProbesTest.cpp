@@ -1,5 +1,9 @@
 // Lights, probes, laser and interrupts: the forms chosen by protocol, firmware and driver, the
 // packet splits, and the limits on what a reply may make the host read.
+#include <algorithm>
+#include <span>
+#include <vector>
+
 #include "tests/link/ControllerFixture.h"
 
 namespace {
@@ -68,6 +72,65 @@ TEST_F(LightsTest, ANewerDriverCarries42AndStopsAtTheFirstFailure) {
   EXPECT_EQ(values[0], 7u);  // the channels fetched so far stay
   EXPECT_EQ(values[42], 0u);
   EXPECT_EQ(Sent().front().bytes[2], 1);
+}
+
+// The count of channels is a byte of the board's record: whatever it says, no form goes past its
+// two packets, and nothing past the caller's entries is read or written.
+TEST_F(LightsTest, NoCountOfChannelsTakesAFormPastItsPacketsOrTheCallerPastItsEntries) {
+  constexpr std::uint32_t kSentinel = 0xDEADBEEF;
+  struct Case {
+    const char* form;
+    BoardVersionInfo board;
+    std::uint32_t driver;
+    std::size_t entries;               // the caller's array
+    std::vector<std::uint8_t> firsts;  // first channel of each packet, both operations
+    std::size_t filled;                // entries the read fills
+  };
+  const Case cases[] = {
+      {"one word", FirstServoBoard(1.60f, 2), 0x02040000, 255, {0}, 255},
+      {"one word, 42 entries", FirstServoBoard(1.60f, 2), 0x02040000, 42, {0}, 42},
+      {"old driver", AutoVisionBoard(), kOldDriver, 255, {0, 21}, 42},
+      {"newer driver", AutoVisionBoard(), 0x02040000, 255, {0, 42}, 84},
+      {"newer driver, 42 entries", AutoVisionBoard(), 0x02040000, 42, {0}, 42},
+      {"newer driver, 50 entries", AutoVisionBoard(), 0x02040000, 50, {0, 42}, 50},
+  };
+  answer = [](const BoardRequest& r) {
+    Bytes out(r.replyLength, 0);
+    for (std::size_t at = 2; at + 4 <= out.size() && r.bytes[0] == 0x70; at += 4)
+      wire::PutLong(out, at, 1000);
+    if (r.replyLength == 4) wire::PutWord(out, 2, 1000);  // the one-word form
+    return BoardAnswer{.bytes = out};
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.form);
+    version = c.board;
+    version.lightChannelCount = 255;
+    driverWord = c.driver;
+    std::vector<std::uint32_t> values(c.entries + 1, kSentinel);
+    ASSERT_TRUE(Servo().GetLightMaxValues(std::span(values).first(c.entries)));
+    const auto firsts = [&] {
+      std::vector<std::uint8_t> out;
+      for (const BoardRequest& r : Sent())
+        out.push_back(r.bytes.size() > 2 ? r.bytes[1] : 0);
+      return out;
+    };
+    EXPECT_EQ(firsts(), c.firsts) << "read";
+    EXPECT_EQ(static_cast<std::size_t>(std::count(values.begin(), values.end(), 1000u)), c.filled);
+    EXPECT_EQ(values.back(), kSentinel);
+
+    Forget();
+    ASSERT_TRUE(servo_->SetLightValues(std::span(values).first(c.entries)));
+    if (c.board.protocolVersion < 3) {
+      const Bytes sent = Only().bytes;
+      EXPECT_EQ(std::count(sent.begin() + 1, sent.begin() + 43, 1), 42) << "flags at most 42";
+      continue;
+    }
+    EXPECT_EQ(firsts(), c.firsts) << "write";
+    for (const BoardRequest& r : Sent()) {
+      for (std::size_t at = 2; at + 4 <= r.bytes.size(); at += 4)
+        ASSERT_NE(wire::GetLong(r.bytes, at), kSentinel) << "read past the caller's entries";
+    }
+  }
 }
 
 // ---- probes ----------------------------------------------------------------------------------

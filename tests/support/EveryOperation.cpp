@@ -33,10 +33,10 @@ void RunShared(CTavroUsbController& c, OperationLog& log) {
     TAVRO_RECORD(c.GetTemperature(sensor, raw, scale));
 
   std::vector<std::uint32_t> lights(c.GetLightChannelCount() + 1u, 0);
-  TAVRO_RECORD(c.GetLightMaxValues(lights.data()));
+  TAVRO_RECORD(c.GetLightMaxValues(lights));
   for (std::uint32_t& light : lights)
     light /= 2;
-  TAVRO_RECORD(c.SetLightValues(lights.data()));
+  TAVRO_RECORD(c.SetLightValues(lights));
 
   // Servo boards of protocol 0 have no touch-probe commands; later ones lack the laser
   // interrupt below firmware 1.829. Those operations fail by design there.

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "link/CTavroUsb.h"
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 #include "util/Text.h"
 
 namespace {

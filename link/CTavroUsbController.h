@@ -15,7 +15,7 @@
 
 #include "link/CTavroUsb.h"
 #include "link/ControllerRecords.h"
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 
 // A request packet of a fixed length, zero-filled behind its fields.
 class Packet {

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 #include "platform/Clock.h"
 #include "sim/Machine.h"
 #include "sim/Profiles.h"

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <span>
 
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 #include "sim/Board.h"
 #include "sim/Profiles.h"
 

@@ -15,7 +15,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 #include "platform/Clock.h"
 #include "sim/Board.h"
 #include "sim/Faults.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 
 namespace sim {
 

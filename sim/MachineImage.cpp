@@ -1,6 +1,6 @@
 #include "sim/MachineImage.h"
 
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 
 namespace sim {
 

@@ -5,7 +5,7 @@
 #include "link/CTavroUsbManualVision.h"
 #include "link/CTavroUsbServo.h"
 #include "link/LinkMessages.h"
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 #include "platform/Clock.h"
 #include "tests/support/Recorders.h"
 #include "tests/support/ScriptedBoard.h"

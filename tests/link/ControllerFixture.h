@@ -15,7 +15,7 @@
 
 #include "link/CTavroUsbManualVision.h"
 #include "link/CTavroUsbServo.h"
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 #include "tests/support/Recorders.h"
 #include "tests/support/ScriptedBoard.h"
 #include "util/Text.h"

@@ -1,7 +1,7 @@
 // The board's side of the base commands that the host-against-board tests cannot reach: the
 // forms it refuses, diagnostic text pacing, EEPROM status bytes and set replies.
 #include "SimTestSupport.h"
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 
 namespace sim::testing {
 namespace {

@@ -2,7 +2,7 @@
 #include <unistd.h>
 
 #include "SimTestSupport.h"
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 
 namespace sim::testing {
 namespace {

@@ -1,5 +1,5 @@
 // The machine image as the host's reader sees it: signatures, and the fields it takes by offset.
-#include "link/WireFormat.h"
+#include "wire/WireFormat.h"
 #include "sim/MachineImage.h"
 
 #include <gtest/gtest.h>

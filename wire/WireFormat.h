@@ -4,7 +4,8 @@
 // Every accessor is bounds-checked against the buffer it is given: a field that would reach past
 // the end reads as zero (or empty text) and is not written. Replies are untrusted, and a wrong
 // offset must never turn into an out-of-bounds access. These helpers are the only code that the
-// host and the simulated board share.
+// host and the simulated board share: a library of their own (tavro_wire), so that the simulator
+// needs nothing of the host to speak the board's formats.
 #pragma once
 
 #include <cmath>

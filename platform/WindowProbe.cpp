@@ -1,11 +1,9 @@
 #include "platform/WindowProbe.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <mutex>
 
@@ -44,8 +42,13 @@ bool FindWindowOfClass(const std::string& windowClass) {
   }
   const int fd = ::open(PathOf(windowClass).c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return false;  // never made: no such window
-  // Busy means some holder keeps it; a lock we can take means its holder is gone.
-  const bool held = ::flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  // The probe only asks who holds the file and takes no lock itself: a lock of its own, however
+  // short, would make a holder that opens at that moment fail as if another program had the
+  // window. Asking on a descriptor of our own sees holders of this process too.
+  struct flock query {};
+  query.l_type = F_RDLCK;
+  query.l_whence = SEEK_SET;
+  const bool held = ::fcntl(fd, F_OFD_GETLK, &query) == 0 && query.l_type != F_UNLCK;
   ::close(fd);
   return held;
 }
@@ -55,9 +58,16 @@ bool WindowOfClass::Open() {
   const std::string dir = directory_.empty() ? WindowDirectory() : directory_;
   ::mkdir(dir.c_str(), 0777);  // may exist; a failure shows at open
   const std::string path = dir + "/" + class_;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0666);
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
   if (fd < 0) return false;
-  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+  // Programs of every user hold and probe the same file, whatever the creator's umask.
+  (void)::fchmod(fd, 0666);
+  // A lock of the open file itself: it ends with the descriptor, in a process that died too, and
+  // a second holder in the same process is refused like one in another.
+  struct flock hold {};
+  hold.l_type = F_WRLCK;
+  hold.l_whence = SEEK_SET;
+  if (::fcntl(fd, F_OFD_SETLK, &hold) != 0) {
     ::close(fd);
     return false;
   }

@@ -1,6 +1,7 @@
 // The stand-in for finding another program's top-level window by its class (FindWindowW with a
 // class name and no title). A program that "has a window" of a class holds an exclusive lock on
-// the file <window directory>/<class>; a probe asks for the same lock without waiting. The lock
+// the file <window directory>/<class>; a probe asks whether such a lock is held, without taking
+// one, so probing never stands in the way of a holder that opens at the same moment. The lock
 // goes with its holder, so a program that died leaves no window behind, and in-process holders
 // (the simulator posing as the measuring application in a test) count like other processes.
 //

@@ -4,6 +4,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <thread>
+
 #include "platform/DeviceIo.h"
 #include "tests/support/TempDirs.h"
 
@@ -38,6 +41,33 @@ TEST(WindowProbeTest, AHolderThatDiesTakesItsWindowWithIt) {
   EXPECT_FALSE(FindWindowOfClass("MiravaAppFrame"));
   for (int fd : {toChild[0], fromChild[0], fromChild[1]})
     ::close(fd);
+}
+
+// A program that looks for the window at the moment its holder opens it must not make that open
+// fail: the simulator's "app on" answered an error whenever TavroTest's probe ran just then.
+TEST(WindowProbeTest, ProbingAtTheSameTimeNeverMakesAHolderFailToOpen) {
+  testing_support::TempDeviceDir devices;
+  constexpr int kRounds = 5000;
+  std::atomic<bool> done{false};
+  std::thread prober([&] {
+    while (!done.load())
+      FindWindowOfClass("MiravaAppFrame");
+  });
+  int refused = 0;
+  int unseen = 0;
+  for (int round = 0; round < kRounds; ++round) {
+    WindowOfClass app("MiravaAppFrame");
+    if (!app.Open()) {
+      ++refused;
+      continue;
+    }
+    if (!FindWindowOfClass("MiravaAppFrame")) ++unseen;
+  }
+  done = true;
+  prober.join();
+  EXPECT_EQ(refused, 0) << "of " << kRounds << " opens";
+  EXPECT_EQ(unseen, 0) << "a held window the probe missed";
+  EXPECT_FALSE(FindWindowOfClass("MiravaAppFrame"));
 }
 
 }  // namespace

@@ -99,8 +99,8 @@ bool ApplyDefaultSecurity(const std::string& file, const FileSecurity* security)
     error = errno;
   }
   if (error != 0) {
-    ErrorLog("FileAccess.cpp", __LINE__)("First SetNamedSecurityInfo call failed: %u\n",
-                                         static_cast<unsigned>(error));
+    ErrorLog(kSharedFilesLogSource, __LINE__)("First SetNamedSecurityInfo call failed: %u\n",
+                                              static_cast<unsigned>(error));
     return false;
   }
   return true;

@@ -7,6 +7,11 @@
 
 namespace config {
 
+// The source name of the log entries about files of the shared folders (their rights, the data
+// move). The code that writes them is common to TavroTest and the measuring application, and its
+// entries carry the one name in the log both programs share, whichever of them wrote the entry.
+inline constexpr char kSharedFilesLogSource[] = "mrcommon.cpp";
+
 // Open modes of a file, as bits; ReportFileAccessError looks at the write and create bits.
 inline constexpr unsigned kModeRead = 0x0000;
 inline constexpr unsigned kModeWrite = 0x0001;

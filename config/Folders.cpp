@@ -142,7 +142,7 @@ bool MoveTable(const std::array<const char*, N>& table, const std::string& progr
   if (platform::FileExists(destination + table[0])) return true;
   std::unique_ptr<config::FileSecurity> security;
   if (!config::CollectDefaultSecurity(destination, security)) {
-    ErrorLog("Folders.cpp", __LINE__)(
+    ErrorLog(config::kSharedFilesLogSource, __LINE__)(
         "Could not collect default security from %s, continue with empty security\r\n",
         destination.c_str());
   }
@@ -151,7 +151,8 @@ bool MoveTable(const std::array<const char*, N>& table, const std::string& progr
     const std::string target = destination + name;
     if (!platform::FileExists(source) || platform::FileExists(target)) continue;
     if (!MoveInto(source, destination) || !config::ApplyDefaultSecurity(target, security.get())) {
-      ErrorLog("Folders.cpp", __LINE__)("\t%s failed to move properly\r\n", source.c_str());
+      ErrorLog(config::kSharedFilesLogSource, __LINE__)("\t%s failed to move properly\r\n",
+                                                        source.c_str());
       return false;
     }
   }

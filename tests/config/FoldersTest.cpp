@@ -157,6 +157,21 @@ TEST_F(FoldersTest, AFailedMoveIsLoggedStopsTheTableAndIsTriedAgainLater) {
   EXPECT_TRUE(Exists(Program() + "Mirava.ini"));
 }
 
+// The three entries of the shared files' code carry its source name, whichever part wrote them.
+TEST_F(FoldersTest, EntriesAboutSharedFilesCarryTheSourceNameOfTheCommonCode) {
+  testing_support::LogRecorder log;
+  WriteBytes(dir / "base/Halvern Corporation", "a file where the folder belongs");
+  Leave("Mirava.ini");
+  EXPECT_FALSE(config::MoveDataFiles());
+  const config::FileSecurity security{0644, 0, {}};
+  EXPECT_FALSE(config::ApplyDefaultSecurity(dir / "missing.dat", &security));
+  EXPECT_THAT(log.Messages(),
+              ElementsAre(testing::StartsWith("Could not collect default security from "),
+                          testing::EndsWith("Mirava.ini failed to move properly\r\n"),
+                          "First SetNamedSecurityInfo call failed: 2\n"));
+  EXPECT_THAT(log.Sources(), testing::Each("mrcommon.cpp"));
+}
+
 TEST_F(FoldersTest, MachineIniIsTakenFromTheProgramFolderOnlyWhileTheMachineFolderHasNone) {
   Leave("Machine.ini");
   EXPECT_EQ(MachineConfiguration(true).Path(), Program() + "Machine.ini");

@@ -57,6 +57,21 @@ class LogRecorder {
     }
     return out;
   }
+  // The source file name of each entry: the prefix's text between the thread's "), " and the
+  // line number's "(".
+  std::vector<std::string> Sources() {
+    std::vector<std::string> out;
+    for (auto& e : Entries()) {
+      const auto thread = e.find("(0x");
+      const auto from = thread == std::string::npos ? thread : e.find("), ", thread);
+      if (from == std::string::npos) {
+        out.push_back(e);
+        continue;
+      }
+      out.push_back(e.substr(from + 3, e.find('(', from + 3) - (from + 3)));
+    }
+    return out;
+  }
 
  private:
   std::mutex mutex_;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -31,9 +32,12 @@ constexpr char kCompanyFolder[] = "Halvern Corporation/";
 constexpr char kProductFolder[] = "Mirava for Windows/";
 
 // Files older installations kept in the program folder. The first row of each table also marks
-// the move as done: once it is at its destination, the table is not walked again.
+// the move as done: once it is at its destination, the table is not walked again. The names were
+// written on a file system that ignores case, so they are found in any case (FindEntry); a moved
+// file takes the row's spelling, which is the one its readers open. The error log's two rows are
+// spelled as the log names its files, so that the log goes on in the file moved over.
 constexpr std::array<const char*, 7> kCommonFiles = {"Mirava.ini",     "Mirava.sav", "users.dat",
-                                                     "users.sav",      "Error.trl",  "Error.bak",
+                                                     "users.sav",      "error.trl",  "error.bak",
                                                      "PrinterSettings"};
 constexpr std::array<const char*, 50> kMachineFiles = {"Machine.ini",
                                                        "Machine.sav",
@@ -117,16 +121,35 @@ bool MakeFolders(const std::string& folder) {
   return true;
 }
 
-// The file's own name of a path.
-std::string NameOf(const std::string& path) {
-  return path.substr(path.rfind('/') + 1);
+// Letters compare without their case; other bytes, those of non-ASCII names included, as they are.
+bool SameNameIgnoringCase(std::string_view a, std::string_view b) {
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
+                                            [&](char x, char y) { return lower(x) == lower(y); });
 }
 
-// Moves one file into `folder`, making the folder if it is missing, as the system's silent move
-// does. Across file systems the file is copied and the original removed.
-bool MoveInto(const std::string& source, const std::string& folder) {
+// The name of the entry of `folder` that is `name` whatever the case of its letters: `name`
+// itself when it exists, else the first other spelling in name order (a file system that ignores
+// case holds one at most); empty when there is none, or when the folder can't be read.
+std::string FindEntry(const std::string& folder, const std::string& name) {
+  if (platform::FileExists(folder + name)) return name;
+  std::string found;
+  std::error_code error;
+  for (std::filesystem::directory_iterator it(folder, error), end; !error && it != end;
+       it.increment(error)) {
+    const std::string candidate = it->path().filename().string();
+    if (SameNameIgnoringCase(candidate, name) && (found.empty() || candidate < found)) {
+      found = candidate;
+    }
+  }
+  return found;
+}
+
+// Moves one file into `folder` as `name`, making the folder if it is missing, as the system's
+// silent move does. Across file systems the file is copied and the original removed.
+bool MoveInto(const std::string& source, const std::string& folder, const std::string& name) {
   if (!MakeFolders(folder)) return false;
-  const std::string destination = folder + NameOf(source);
+  const std::string destination = folder + name;
   if (::rename(source.c_str(), destination.c_str()) == 0) return true;
   if (errno != EXDEV) return false;
   if (!platform::CopyFile(source, destination)) return false;
@@ -139,7 +162,7 @@ bool MoveInto(const std::string& source, const std::string& folder) {
 template <std::size_t N>
 bool MoveTable(const std::array<const char*, N>& table, const std::string& programFolder,
                const std::string& destination) {
-  if (platform::FileExists(destination + table[0])) return true;
+  if (!FindEntry(destination, table[0]).empty()) return true;
   std::unique_ptr<config::FileSecurity> security;
   if (!config::CollectDefaultSecurity(destination, security)) {
     ErrorLog(config::kSharedFilesLogSource, __LINE__)(
@@ -147,10 +170,12 @@ bool MoveTable(const std::array<const char*, N>& table, const std::string& progr
         destination.c_str());
   }
   for (const char* name : table) {
-    const std::string source = programFolder + name;
+    const std::string found = FindEntry(programFolder, name);
+    if (found.empty() || !FindEntry(destination, name).empty()) continue;
+    const std::string source = programFolder + found;
     const std::string target = destination + name;
-    if (!platform::FileExists(source) || platform::FileExists(target)) continue;
-    if (!MoveInto(source, destination) || !config::ApplyDefaultSecurity(target, security.get())) {
+    if (!MoveInto(source, destination, name) ||
+        !config::ApplyDefaultSecurity(target, security.get())) {
       ErrorLog(config::kSharedFilesLogSource, __LINE__)("\t%s failed to move properly\r\n",
                                                         source.c_str());
       return false;

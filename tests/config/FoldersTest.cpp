@@ -109,6 +109,40 @@ TEST_F(FoldersTest, TheFirstRowAtItsDestinationMarksATableAsMoved) {
   EXPECT_TRUE(Exists(Program() + "Mirava.sav"));
 }
 
+// Older installations wrote their files where case did not matter: a row is found in any case,
+// and the moved file takes the name its readers open (the error log's own names for its files).
+TEST_F(FoldersTest, RowsAreFoundWhateverTheCaseOfTheirNames) {
+  config::GetCommonDataFolder(true);
+  WriteBytes(Common() + "Users.DAT", "already there");
+  const struct {
+    const char* left;     // in the program folder
+    const char* arrives;  // in the common data folder, or null: it stays
+  } cases[] = {
+      {"ERROR.TRL", "error.trl"},
+      {"Error.Bak", "error.bak"},
+      {"mirava.INI", "Mirava.ini"},
+      {"USERS.dat", nullptr},  // the destination has it, in another case
+  };
+  for (const auto& c : cases)
+    Leave(c.left, c.left);
+  EXPECT_TRUE(config::MoveDataFiles());
+  for (const auto& c : cases) {
+    EXPECT_EQ(Exists(Program() + c.left), c.arrives == nullptr) << c.left;
+    if (c.arrives) {
+      EXPECT_EQ(ReadBytes(Common() + c.arrives), c.left);
+    }
+  }
+  EXPECT_EQ(ReadBytes(Common() + "Users.DAT"), "already there");
+
+  // The first row found in another case marks the table as moved.
+  Forget();
+  ::unlink((Common() + "error.trl").c_str());
+  Leave("error.trl", "later");
+  ::rename((Common() + "Mirava.ini").c_str(), (Common() + "MIRAVA.ini").c_str());
+  EXPECT_TRUE(config::MoveDataFiles());
+  EXPECT_TRUE(Exists(Program() + "error.trl"));
+}
+
 TEST_F(FoldersTest, TheModelTableIsSearchedInOrderAndUnknownModelsGoByTheirSerialNumber) {
   const std::pair<const char*, const char*> cases[] = {
       {"Belvane 200", "Servo"},

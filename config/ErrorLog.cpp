@@ -6,6 +6,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <memory>
 #include <mutex>
 
 #include "config/Folders.h"
@@ -21,7 +22,8 @@ constexpr long kRotateAbove = 512000;
 // Process-wide state. `g_logPath` is worked out under the log's mutex at the first entry; the
 // sink is for tests and tools that catch entries instead of writing the file.
 std::mutex g_stateMutex;
-std::unique_ptr<WinX::Mutex> g_logMutex;
+std::shared_ptr<WinX::Mutex> g_logMutex;  // only ever an opened one
+std::string g_mutexName = kMutexName;
 std::string g_logPath;
 std::mutex g_sinkMutex;  // held from ErrorLog to the end of the message while a sink is set
 std::function<void(const std::string&)> g_sink;
@@ -32,14 +34,21 @@ thread_local bool t_inErrorLog = false;
 thread_local bool t_toSink = false;
 thread_local std::FILE* t_logFile = nullptr;
 thread_local std::string t_entry;
+thread_local std::shared_ptr<WinX::Mutex> t_heldMutex;  // from the prefix to the message's end
 
 void WriteLogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
 void SkipLogMessage(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-WinX::Mutex& LogMutex() {
+// The log's mutex, opened at the first entry that needs it; null when it can't be opened. A
+// failed open is not kept: that entry is dropped and the next one opens the mutex again, so that
+// a passing failure (shared memory short for a moment) does not silence the log for good.
+std::shared_ptr<WinX::Mutex> LogMutex() {
   std::lock_guard lock(g_stateMutex);
-  if (!g_logMutex) g_logMutex = std::make_unique<WinX::Mutex>(kMutexName);
-  return *g_logMutex;
+  if (!g_logMutex) {
+    auto opened = std::make_shared<WinX::Mutex>(g_mutexName);
+    if (opened->IsValid()) g_logMutex = std::move(opened);
+  }
+  return g_logMutex;
 }
 
 // error.trl in `folder` (the program folder when that is empty). A log grown above the limit
@@ -93,7 +102,8 @@ void WriteLogMessage(const char* format, ...) {
   t_entry.clear();
   std::fclose(t_logFile);
   t_logFile = nullptr;
-  LogMutex().Release();
+  t_heldMutex->Release();
+  t_heldMutex.reset();
 }
 
 void SkipLogMessage(const char*, ...) {}
@@ -112,15 +122,17 @@ bool BeginEntry() {
   t_toSink = static_cast<bool>(g_sink);
   if (t_toSink) return true;
   g_sinkMutex.unlock();
-  WinX::Mutex& mutex = LogMutex();
+  std::shared_ptr<WinX::Mutex> mutex = LogMutex();
+  if (!mutex) return false;
   // An owner that died left the mutex abandoned; entries are whole writes, so the log is fine
   // and the lock is taken.
-  const std::uint32_t wait = mutex.Wait(WinX::kInfinite);
+  const std::uint32_t wait = mutex->Wait(WinX::kInfinite);
   if (wait != WinX::kWaitObject0 && wait != WinX::kWaitAbandoned) return false;
   if (!OpenLog()) {
-    mutex.Release();
+    mutex->Release();
     return false;
   }
+  t_heldMutex = std::move(mutex);
   return true;
 }
 
@@ -152,6 +164,12 @@ void SetErrorLogSink(std::function<void(const std::string&)> sink) {
 void ForgetLogPath() {
   std::lock_guard lock(g_stateMutex);
   g_logPath.clear();
+}
+
+void UseMutexName(const std::string& name) {
+  std::lock_guard lock(g_stateMutex);
+  g_mutexName = name.empty() ? kMutexName : name;
+  g_logMutex.reset();
 }
 
 std::string FormatTime(const std::tm& t, long offsetMinutes) {

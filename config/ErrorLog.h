@@ -29,6 +29,10 @@ void SetErrorLogSink(std::function<void(const std::string&)> sink);
 // For tests: the next entry works the log's path out again (and rotates).
 void ForgetLogPath();
 
+// For tests: later entries take the mutex of this name, the system's own for "". The mutex is
+// opened anew at the next entry; call it while no entry is under way.
+void UseMutexName(const std::string& name);
+
 // "2026-11-22T20:15:07+05:30", or with an offset of 0 "2026-11-22T20:15:07Z".
 std::string FormatTime(const std::tm& local, long offsetMinutes);
 

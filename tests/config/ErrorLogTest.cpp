@@ -1,7 +1,9 @@
 #include "config/ErrorLog.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +15,7 @@
 #include <vector>
 
 #include "config/Configuration.h"
+#include "platform/NamedMutex.h"
 #include "tests/config/FolderFixture.h"
 #include "util/Text.h"
 
@@ -120,6 +123,25 @@ TEST_F(ErrorLogTest, AnEntryThatCannotBeWrittenIsDroppedAndTheNextOneTriesAgain)
   ErrorLog("A.cpp", 1)("lost\r\n");
   ::rmdir(Log().c_str());
   ErrorLog("A.cpp", 2)("kept\r\n");
+  EXPECT_THAT(Lines(LogText(Log())), ElementsAre(testing::EndsWith("): kept")));
+}
+
+TEST_F(ErrorLogTest, AMutexThatCouldNotBeOpenedIsOpenedAgainByTheNextEntry) {
+  const std::string name = "TavroTest error log " + std::to_string(::getpid());
+  const std::string object = platform::NamedMutex::ShmName(name);
+  // An object of another layout under the mutex's name: opening it fails while it is there.
+  const int fd = ::shm_open(object.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  ASSERT_GE(fd, 0);
+  const std::uint32_t foreign = 0x12345678;
+  ASSERT_EQ(::ftruncate(fd, 4096), 0);
+  ASSERT_EQ(::pwrite(fd, &foreign, sizeof foreign, 0), static_cast<ssize_t>(sizeof foreign));
+  ::close(fd);
+  errorlog::UseMutexName(name);
+  ErrorLog("A.cpp", 1)("lost\r\n");
+  ::shm_unlink(object.c_str());
+  ErrorLog("A.cpp", 2)("kept\r\n");
+  errorlog::UseMutexName("");
+  ::shm_unlink(object.c_str());
   EXPECT_THAT(Lines(LogText(Log())), ElementsAre(testing::EndsWith("): kept")));
 }
 

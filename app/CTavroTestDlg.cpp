@@ -233,5 +233,5 @@ std::vector<CTavroTestDlgBase::PageRow> CTavroTestManualVisionDlg::MakePages() {
 }
 
 void CAboutDlg::DoModal() {
-  window_.ShowBoxAsync("TavroTest, Version 1.0", "About TavroTest", ui::kMbOk, {});
+  window_.ShowBoxAsync(ui::AboutText(), "About TavroTest", ui::kMbOk, {});
 }

@@ -12,11 +12,14 @@ namespace {
 
 #define UI_LOG(...) ErrorLog("Window.cpp", __LINE__)(__VA_ARGS__)
 
-std::string DefaultAboutText() {
-  return "TavroTest Version " TAVRO_PRODUCT_VERSION;
-}
-
 }  // namespace
+
+std::string AboutText() {
+  // The box names the release by its major and minor parts only; the patch level is not shown.
+  const std::string version = TAVRO_PRODUCT_VERSION;
+  const std::size_t minorEnd = version.find('.', version.find('.') + 1);
+  return "TavroTest, Version " + version.substr(0, minorEnd);
+}
 
 // ---------------------------------------------------------------------------------------------
 // MessageWindowView
@@ -112,9 +115,11 @@ void MessageWindowView::Close() {
 
 Window::Window(platform::TaskLoop& loop) : loop_(loop), uiThread_(std::this_thread::get_id()) {
   shell_.SetObserver([this] { ScheduleFlush(); });
-  aboutText_ = DefaultAboutText();
-  shellEvents_.OnClick("menu-about",
-                       [this](const Event&) { OpenBox(aboutText_, "About TavroTest", kMbOk, {}); });
+  // The menu works from the start, before any dialog runs, with the box the dialog shows later.
+  aboutText_ = AboutText();
+  shellEvents_.OnClick("menu-about", [this](const Event&) {
+    ShowBoxAsync(aboutText_, "About TavroTest", kMbOk, {});
+  });
   shellEvents_.OnClick("menu-close", [this](const Event&) {
     if (onClose_) {
       onClose_();

@@ -112,6 +112,10 @@ class MessageWindowView {
   std::function<void(int, int)> onResize_;
 };
 
+// The about box's text: the program's name and the major and minor parts of the version
+// compiled in, "TavroTest, Version 1.0" for 1.0.x.
+std::string AboutText();
+
 class Window : public MessageBoxPresenter {
  public:
   using ClientId = std::uint64_t;
@@ -135,7 +139,8 @@ class Window : public MessageBoxPresenter {
   void SetTitle(const std::string& title) { shell_.SetText("title", title); }
   // Runs when a browser picks Close in the menu. Without one, the loop quits with kIdCancel.
   void SetCloseHandler(std::function<void()> handler) { onClose_ = std::move(handler); }
-  // The about box's text (the menu item shows it in an OK box titled "About TavroTest").
+  // The about box's text (the menu item shows it in an OK box titled "About TavroTest"), until
+  // the main dialog takes the menu item over: AboutText() unless set.
   void SetAboutText(const std::string& text) { aboutText_ = text; }
   // Whether some browser shows page `index` now.
   bool PageShown(int index) const;

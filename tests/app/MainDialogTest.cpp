@@ -255,6 +255,11 @@ TEST_F(MainDialogTest, ATimerThatCannotStartSaysSoOnceAndTheDialogStays) {
 }
 
 TEST_F(MainDialogTest, TheModalRunEndsOnTheWindowsCloseAndTheAboutBoxComesFromTheMenu) {
+  // Before the dialog runs the window's own menu item shows the same box.
+  ::testing::internal::CaptureStderr();
+  window.ShellEvents().Dispatch(ui::Event{ui::kShellPage, "menu-about", ui::EventKind::kClick});
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "About TavroTest: TavroTest, Version 1.0\n");
+
   Start("autovision");
   TestDlg dlg(window, loop, &Servo(), version_, 1, log);
   loop.SetTimer(50, milliseconds(300), [this](unsigned) {

@@ -101,13 +101,17 @@ std::uint8_t Board::ReadEeprom(std::uint8_t area, std::uint32_t address, std::ui
   return kEepromOk;
 }
 
-BoardReply Board::Execute(wire::Bytes request) {
+BoardReply Board::Execute(wire::Bytes request, Pipe pipe) {
   BoardReply reply;
   const std::uint8_t code = request[0];
-  const CommandForm* form = FindForm(code, profile_);
+  const CommandForm* form = FindForm(code, profile_, request.size());
   std::int8_t reason = kReasonUnknownCommand;
-  if (form && !AcceptsRequestLength(*form, request.size())) reason = kReasonBadLength;
-  if (form && AcceptsRequestLength(*form, request.size())) {
+  if (form && form->pipe == pipe) {
+    reason = AcceptsRequestLength(*form, request.size()) && FixedBytesHold(*form, request)
+                 ? 0
+                 : kReasonBadRequest;
+  }
+  if (reason == 0) {
     reply.bytes.assign(ReplyLength(*form, profile_, request), 0);
     if (!reply.bytes.empty()) reply.bytes[0] = code;
     reason = form->fill(*this, request, reply.bytes);

@@ -10,19 +10,25 @@
 #include <string_view>
 #include <vector>
 
-#include "wire/WireFormat.h"
 #include "platform/Clock.h"
 #include "sim/Machine.h"
 #include "sim/Profiles.h"
+#include "wire/WireFormat.h"
 
 namespace sim {
 
 // Refusal reasons, the signed byte behind 0x3F.
 inline constexpr std::int8_t kReasonUnknownCommand = -1;  // code unknown to this generation
-inline constexpr std::int8_t kReasonBadLength = -2;       // request of a length the form lacks
-inline constexpr std::int8_t kReasonBadArgument = -3;     // e.g. an axis that is not fitted
-inline constexpr std::int8_t kReasonInjected = -4;        // default of the refuse fault
+// The request is not of the command's form: a length it does not take, a byte it fixes that
+// holds another value, or a zero fill that is not zero.
+inline constexpr std::int8_t kReasonBadRequest = -2;
+inline constexpr std::int8_t kReasonBadArgument = -3;  // e.g. an axis that is not fitted
+inline constexpr std::int8_t kReasonInjected = -4;     // default of the refuse fault
 inline constexpr std::uint8_t kRefusalByte = 0x3F;
+
+// The driver's two ways in: the capture commands come only through the capture code, which the
+// firmware serves apart from the rest, and every other command only as a normal command.
+enum class Pipe : std::uint8_t { kNormal, kCapture };
 
 // Status byte of the EEPROM block read.
 inline constexpr std::uint8_t kEepromOk = 0;
@@ -59,8 +65,9 @@ class Board {
   // Brings what runs by itself up to `now`: the periodic diagnostic line.
   void Advance(platform::TimePoint now);
 
-  // Executes one command packet (byte 0 is the command code, never empty).
-  BoardReply Execute(wire::Bytes request);
+  // Executes one command packet (byte 0 is the command code, never empty) that came through
+  // `pipe`. A command that came the other way is unknown to the firmware's handler there.
+  BoardReply Execute(wire::Bytes request, Pipe pipe = Pipe::kNormal);
 
   // Diagnostic output: text queued by the firmware or injected, handed out by command 0x22.
   void QueueDiagText(std::string_view text);

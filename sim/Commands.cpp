@@ -166,17 +166,16 @@ std::int8_t FillSyncAxis(Board& board, wire::Bytes q, wire::MutableBytes) {
 
 // clang-format off
 constexpr CommandForm kCommands[] = {
-  // code  name               gate               request  reply                  fill
-  {0x22, "diagnostic text",   ProtocolFrom2,     {1, 0},  kDiagTextReply,        FillDiagText},
-  {0x28, "EEPROM info long",  LongEepromInfo,    {32, 0}, kEepromInfoLongBytes,  FillInfoLong},
-  {0x28, "EEPROM info short", OneByteEepromInfo, {1, 0},  kEepromInfoShortReply, FillInfoShort},
-  {0x28, "EEPROM info short", ShortEepromInfo,   {32, 0}, kEepromInfoShortReply, FillInfoShort},
-  {0x29, "EEPROM read short", ShortEepromBlock,  {32, 0}, kBlockShortReply,      FillBlockShort},
-  {0x29, "EEPROM read long",  LongEepromBlock,   {32, 0}, kBlockLongReply,       FillBlockLong},
-  {0x2B, "version",           Always,            {1, 0},  kVersionReply,         FillVersion},
-  {0x3A, "sync axis",         IsController,          {2, 0},  kSetReply,             FillSyncAxis},
-  {0x60, "identity",          ProtocolBelow2,    {1, 0},  kIdentityReply,        FillIdentity},
-  {0x60, "identity long",     ProtocolFrom2,     {1, 0},  kIdentityLongReply,    FillIdentity},
+  {.code = 0x22, .name = "diagnostic text", .gate = ProtocolFrom2, .request = {1}, .reply = kDiagTextReply, .fill = FillDiagText},
+  {.code = 0x28, .name = "EEPROM info long", .gate = LongEepromInfo, .request = {32}, .reply = kEepromInfoLongBytes, .fill = FillInfoLong, .zeroFrom = 1},
+  {.code = 0x28, .name = "EEPROM info short", .gate = OneByteEepromInfo, .request = {1}, .reply = kEepromInfoShortReply, .fill = FillInfoShort},
+  {.code = 0x28, .name = "EEPROM info short", .gate = ShortEepromInfo, .request = {32}, .reply = kEepromInfoShortReply, .fill = FillInfoShort, .zeroFrom = 1},
+  {.code = 0x29, .name = "EEPROM read short", .gate = ShortEepromBlock, .request = {32}, .reply = kBlockShortReply, .fill = FillBlockShort, .fixed = {{{1, 0}}}, .zeroFrom = 7},
+  {.code = 0x29, .name = "EEPROM read long", .gate = LongEepromBlock, .request = {32}, .reply = kBlockLongReply, .fill = FillBlockLong, .fixed = {{{1, 0}, {3, 0}}}, .zeroFrom = 15},
+  {.code = 0x2B, .name = "version", .gate = Always, .request = {1}, .reply = kVersionReply, .fill = FillVersion},
+  {.code = 0x3A, .name = "sync axis", .gate = IsController, .request = {2}, .reply = kSetReply, .fill = FillSyncAxis},
+  {.code = 0x60, .name = "identity", .gate = ProtocolBelow2, .request = {1}, .reply = kIdentityReply, .fill = FillIdentity},
+  {.code = 0x60, .name = "identity long", .gate = ProtocolFrom2, .request = {1}, .reply = kIdentityLongReply, .fill = FillIdentity},
 };
 // clang-format on
 
@@ -186,27 +185,40 @@ std::span<const CommandForm> CommandTable() {
   return kCommands;
 }
 
-const CommandForm* FindForm(std::uint8_t code, const Profile& profile) {
+const CommandForm* FindForm(std::uint8_t code, const Profile& profile, std::size_t length) {
+  const CommandForm* first = nullptr;
   for (std::span<const CommandForm> table : {CommandTable(), MachineCommandTable()}) {
     for (const CommandForm& form : table) {
-      if (form.code == code && form.gate(profile)) return &form;
+      if (form.code != code || !form.gate(profile)) continue;
+      if (AcceptsRequestLength(form, length)) return &form;
+      if (!first) first = &form;
     }
   }
-  return nullptr;
+  return first;
 }
 
 std::uint16_t ReplyLength(const CommandForm& form, const Profile& profile, wire::Bytes request) {
   if (form.length) return form.length(profile, request);
-  if (form.replyLength != kSetReply) return form.replyLength;
+  if (form.reply != kSetReply) return form.reply;
   // Manual-vision boards answer every set command with two bytes, whatever their protocol.
   return profile.version.protocolVersion >= 1 || profile.version.isManualVision ? 2 : 0;
 }
 
 bool AcceptsRequestLength(const CommandForm& form, std::size_t length) {
-  for (std::uint16_t accepted : form.requestLengths) {
+  for (std::uint16_t accepted : form.request) {
     if (accepted != 0 && accepted == length) return true;
   }
   return false;
+}
+
+bool FixedBytesHold(const CommandForm& form, wire::Bytes request) {
+  for (const FixedByte& fixed : form.fixed) {
+    if (fixed.at != 0 && wire::GetByte(request, fixed.at) != fixed.value) return false;
+  }
+  for (std::size_t i = form.zeroFrom; form.zeroFrom != 0 && i < request.size(); ++i) {
+    if (request[i] != 0) return false;
+  }
+  return true;
 }
 
 }  // namespace sim

@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <span>
 
-#include "wire/WireFormat.h"
 #include "sim/Board.h"
 #include "sim/Profiles.h"
+#include "wire/WireFormat.h"
 
 namespace sim {
 
@@ -45,26 +45,42 @@ using GateFn = bool (*)(const Profile& profile);
 // The reply length of a form whose length depends on the request (an axis or a channel, a count).
 using LengthFn = std::uint16_t (*)(const Profile& profile, wire::Bytes request);
 
+// A byte of the request that the form fixes: a selector with one valid value, a reserved zero.
+struct FixedByte {
+  std::uint8_t at = 0;  // 0: no byte is fixed (byte 0 is the code itself)
+  std::uint8_t value = 0;
+};
+
 struct CommandForm {
   std::uint8_t code;
   const char* name;
-  GateFn gate;                                  // the board speaks this form
-  std::array<std::uint16_t, 2> requestLengths;  // lengths accepted; 0 marks an unused slot
-  std::uint16_t replyLength;                    // bytes, or kSetReply
+  GateFn gate;                           // the board speaks this form
+  std::array<std::uint16_t, 2> request;  // lengths accepted; 0 marks an unused slot
+  std::uint16_t reply = 0;               // bytes, or kSetReply
   FillFn fill;
-  LengthFn length = nullptr;  // when set, replaces replyLength
+  LengthFn length = nullptr;  // when set, replaces `reply`
+  Pipe pipe = Pipe::kNormal;
+  std::array<FixedByte, 2> fixed{};
+  // A request of 16 or 32 bytes is zero behind its fields: from this byte to its end. 0: the
+  // form has no such fill.
+  std::uint16_t zeroFrom = 0;
 };
 
 // The base commands, and the machine's (MachineCommands.cpp).
 std::span<const CommandForm> CommandTable();
 std::span<const CommandForm> MachineCommandTable();
 
-// The form the board speaks for `code`, or null when the code is unknown to it.
-const CommandForm* FindForm(std::uint8_t code, const Profile& profile);
+// The form the board speaks for `code` and a request of `length` bytes: among the forms whose gate
+// holds, the first that takes that length, else the first (which refuses the length). Null when
+// the code is unknown to the board.
+const CommandForm* FindForm(std::uint8_t code, const Profile& profile, std::size_t length);
 
 // The reply length of `form` on a board of `profile` for `request` (resolves kSetReply).
 std::uint16_t ReplyLength(const CommandForm& form, const Profile& profile, wire::Bytes request);
 
 bool AcceptsRequestLength(const CommandForm& form, std::size_t length);
+
+// True when every byte the form fixes holds its value and the zero fill behind the fields is zero.
+bool FixedBytesHold(const CommandForm& form, wire::Bytes request);
 
 }  // namespace sim

@@ -56,29 +56,52 @@ Outcome AnswerLinkOpened(Board& board, const std::optional<FaultRule>& fault, st
   return out;
 }
 
-// The bytes the driver hands back: the board's reply clipped to the buffer offered, then bent
-// by a short or long rule.
-std::vector<std::uint8_t> ShapeReply(std::vector<std::uint8_t> bytes, std::uint32_t replyLength,
-                                     const std::optional<FaultRule>& fault) {
-  if (bytes.size() > replyLength) bytes.resize(replyLength);
+// What the driver makes of the board's reply for a buffer of `replyLength` bytes (see Driver.h),
+// then a short or long rule bends what it hands back.
+Outcome ShapeReply(std::uint32_t tag, std::vector<std::uint8_t> bytes, std::uint32_t replyLength,
+                   const std::optional<FaultRule>& fault) {
+  if (bytes.empty() && replyLength > 0) return Outcome{};
+  std::uint32_t status = 0;
+  if (bytes.size() > replyLength) {
+    bytes.resize(replyLength);
+    status = kErrorMoreData;
+  }
   if (fault && fault->kind == FaultKind::kShort && !bytes.empty()) bytes.pop_back();
   if (fault && fault->kind == FaultKind::kLong) bytes.push_back(0);
-  return bytes;
+  return Reply(tag, status, static_cast<std::uint32_t>(bytes.size()), bytes);
 }
 
 Outcome AnswerCommand(Board& board, const std::optional<FaultRule>& fault, std::uint32_t tag,
-                      std::uint32_t replyLength, wire::Bytes packet) {
+                      std::uint32_t code, std::uint32_t replyLength, wire::Bytes packet) {
   platform::Duration delay{0};
   if (auto faulted = TransferFault(fault, tag, delay)) return *faulted;
   // A refused command is not executed: it must not, say, use up pending diagnostic text.
+  const Pipe pipe = code == kCapturePositionCode ? Pipe::kCapture : Pipe::kNormal;
   std::vector<std::uint8_t> bytes =
       fault && fault->kind == FaultKind::kRefuse
           ? std::vector<std::uint8_t>{kRefusalByte, static_cast<std::uint8_t>(fault->reason)}
-          : board.Execute(packet).bytes;
-  bytes = ShapeReply(std::move(bytes), replyLength, fault);
-  Outcome out = Reply(tag, 0, static_cast<std::uint32_t>(bytes.size()), bytes);
+          : board.Execute(packet, pipe).bytes;
+  Outcome out = ShapeReply(tag, std::move(bytes), replyLength, fault);
   out.delay = delay;
   return out;
+}
+
+// Keeps the transfer in the traffic's bounded list of recent ones.
+void Remember(Traffic& traffic, std::uint32_t code, std::uint32_t replyLength, wire::Bytes packet,
+              const Outcome& out) {
+  Transfer t;
+  t.sequence = traffic.total;
+  t.code = code;
+  t.requestLength = static_cast<std::uint32_t>(packet.size());
+  std::copy_n(packet.begin(), std::min(packet.size(), Transfer::kKeptBytes), t.request.begin());
+  t.replyLength = replyLength;
+  t.answered = out.send;
+  if (out.send) {
+    t.status = GetLe32(out.datagram, 4);
+    t.bytesReturned = GetLe32(out.datagram, 8);
+  }
+  if (traffic.recent.size() == Traffic::kRecentTransfers) traffic.recent.pop_front();
+  traffic.recent.push_back(t);
 }
 
 }  // namespace
@@ -96,7 +119,9 @@ Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire:
 
   if (code == kLinkOpenedCode) {
     ++traffic.linkOpened;
-    return AnswerLinkOpened(board, faults.Take({.linkOpened = true}), tag);
+    Outcome out = AnswerLinkOpened(board, faults.Take({.linkOpened = true}), tag);
+    Remember(traffic, code, replyLength, packet, out);
+    return out;
   }
   if (code != kNormalCommandCode && code != kCapturePositionCode) {
     return Reply(tag, kErrorInvalidFunction, 0);
@@ -107,7 +132,10 @@ Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire:
     return Reply(tag, kErrorInvalidParameter, 0);
   }
   ++traffic.commands[packet[0]];
-  return AnswerCommand(board, faults.Take({.command = packet[0]}), tag, replyLength, packet);
+  Outcome out =
+      AnswerCommand(board, faults.Take({.command = packet[0]}), tag, code, replyLength, packet);
+  Remember(traffic, code, replyLength, packet, out);
+  return out;
 }
 
 }  // namespace sim

@@ -5,20 +5,24 @@
 //            then exactly bytesReturned bytes; for the link-opened code bytesReturned is the
 //            driver word and no bytes follow.
 //
-// The board answers what the command implies, and like a real driver hands back at most the
-// buffer the host offered: bytesReturned is the smaller of the two, and a replyLength of 0 gets
-// no bytes. Fault rules act here, between the host and the board's firmware.
+// The board answers with its own form's length, and the driver passes that on as a real one
+// does: a buffer (replyLength) larger than the reply gets the reply's length; a smaller buffer is
+// filled and the transfer completes with status 234 (more data); a command the board answers with
+// nothing, asked for bytes, gets no reply at all. So a host that picks the wrong form of a command
+// fails its transfer, and never reads a reply cut to the size it expected. Fault rules act here,
+// between the host and the board's firmware.
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <vector>
 
-#include "wire/WireFormat.h"
 #include "platform/Clock.h"
 #include "sim/Board.h"
 #include "sim/Faults.h"
+#include "wire/WireFormat.h"
 
 namespace sim {
 
@@ -34,6 +38,8 @@ inline constexpr std::size_t kMaxDatagramBytes = kHeaderBytes + kCapturePosition
 // Status codes the driver completes a transfer with when the request itself is wrong.
 inline constexpr std::uint32_t kErrorInvalidFunction = 1;    // unknown io code
 inline constexpr std::uint32_t kErrorInvalidParameter = 87;  // empty or oversized packet
+// The buffer was smaller than the board's reply: it is filled, and the rest is lost.
+inline constexpr std::uint32_t kErrorMoreData = 234;
 
 // What to do with one datagram.
 struct Outcome {
@@ -42,12 +48,28 @@ struct Outcome {
   std::vector<std::uint8_t> datagram;
 };
 
+// One transfer as the driver saw it, for a look at what a host sent.
+struct Transfer {
+  static constexpr std::size_t kKeptBytes = 32;
+  std::uint32_t sequence = 0;  // the datagram's number: Traffic::total when it came
+  std::uint32_t code = 0;      // the io code
+  std::uint32_t requestLength = 0;
+  std::array<std::uint8_t, kKeptBytes> request{};  // the packet's first bytes, zero behind it
+  std::uint32_t replyLength = 0;
+  bool answered = false;  // false: nothing went back (dropped, or no reply to wait for)
+  std::uint32_t status = 0;
+  std::uint32_t bytesReturned = 0;
+};
+
 // Requests seen, by kind; counted before any fault acts.
 struct Traffic {
+  static constexpr std::size_t kRecentTransfers = 64;
   std::array<std::uint32_t, 256> commands{};  // by command byte
   std::uint32_t linkOpened = 0;
   std::uint32_t malformed = 0;  // shorter than a header, dropped
   std::uint32_t total = 0;      // every datagram
+  // The last kRecentTransfers commands and link-opened calls, oldest first.
+  std::deque<Transfer> recent;
 };
 
 // Answers one request datagram on behalf of `board`, applying the first matching rule of

@@ -251,7 +251,7 @@ void Machine::StepAxis(Axis& a, double jog, double dt) {
   const std::int64_t turn = TurnOf(a.position, a.mmPerTurn);
   if (turn != a.lastTurn) {
     // The mark sits at the start of every motor turn, whichever way the axis crosses it.
-    a.indexCaptured = true;
+    a.indexSeen = a.indexCaptured = true;
     a.indexCount = static_cast<std::uint32_t>(
         std::llround(static_cast<double>(std::max(turn, a.lastTurn)) * kRotaryCountsPerTurn));
     a.lastTurn = turn;
@@ -268,7 +268,7 @@ void Machine::StepChannel(Channel& c, double dt) {
   }
   const std::int64_t turn = TurnOf(c.position, c.mmPerTurn);
   if (turn != c.lastTurn) {
-    c.indexCaptured = true;
+    c.indexSeen = c.indexCaptured = true;
     c.indexCount = static_cast<std::uint32_t>(std::llround(
         static_cast<double>(std::max(turn, c.lastTurn)) * c.mmPerTurn * c.countsPerMm));
     c.lastTurn = turn;

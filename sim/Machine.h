@@ -55,7 +55,9 @@ struct Axis {
   bool failed = false;
   double stalledFor = 0;  // seconds
   std::int8_t limit = 0;  // -1 at the negative switch, 1 at the positive one
-  // The index mark passes once a motor turn; the board latches the rotary count there.
+  // The index mark passes once a motor turn; the board latches the rotary count there. Until a
+  // mark has passed since power-up the latched count means nothing, and the board says so.
+  bool indexSeen = false;
   bool indexCaptured = false;
   std::uint32_t indexCount = 0;
   std::int64_t lastTurn = 0;
@@ -79,6 +81,7 @@ struct Channel {
   double countsPerMm = 0;
   double mmPerTurn = 0;
   bool blocked = false;
+  bool indexSeen = false;  // as for an axis
   bool indexCaptured = false;
   std::uint32_t indexCount = 0;
   std::int64_t lastTurn = 0;

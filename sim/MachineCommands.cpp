@@ -38,7 +38,7 @@ bool Mv(const Profile& p) {
   return p.version.isManualVision;
 }
 bool CurrentServo(const Profile& p) {
-  return p.version.isServo && p.version.firmwareName == u"Auto Vision";
+  return IsCurrentServo(p);
 }
 bool Controller(const Profile& p) {
   return p.version.isServo || p.version.isManualVision;
@@ -61,6 +61,14 @@ bool AnyController(const Profile& p) {
 }
 bool BoardData(const Profile& p) {
   return (CurrentServo(p) && Fw(p) >= 2.0799) || (Mv(p) && Pv(p) >= 5);
+}
+// The status poll: 28 bytes on the first servo boards, 221 on the current ones and on manual
+// vision from protocol 5, 62 on every other controller.
+bool OldestPoll(const Profile& p) {
+  return Servo(p) && Pv(p) == 0;
+}
+bool LongPoll(const Profile& p) {
+  return (CurrentServo(p) && Pv(p) >= 1) || (Mv(p) && Pv(p) >= 5);
 }
 bool Temperature(const Profile& p) {
   return CurrentServo(p) || Mv(p) || (Servo(p) && Fw(p) >= 1.729);
@@ -139,11 +147,6 @@ bool IsChannel(std::uint8_t n) {
   return n == kWChannel || n == kPlatenChannel;
 }
 
-std::uint16_t PollLength(const Profile& p, wire::Bytes) {
-  if (Mv(p)) return Pv(p) >= 5 ? 221 : 62;
-  if (Pv(p) == 0) return 28;
-  return CurrentServo(p) ? 221 : 62;
-}
 std::uint16_t RotaryOrLowerC(const Profile&, wire::Bytes q) {
   return IsChannel(GetByte(q, 1)) ? 10 : 6;
 }
@@ -158,13 +161,6 @@ std::uint16_t ExtentsLength(const Profile& p, wire::Bytes) {
 }
 std::uint16_t ProbeCaptureLength(const Profile& p, wire::Bytes) {
   return CurrentServo(p) || (Mv(p) && Pv(p) >= 5) ? 92 : 76;
-}
-// Manual-vision boards answer every set command with two bytes, whatever their protocol.
-std::uint16_t SetLength(const Profile& p) {
-  return Pv(p) >= 1 || Mv(p) ? 2 : 0;
-}
-std::uint16_t LaserSettingsLength(const Profile& p, wire::Bytes q) {
-  return q.size() == 2 ? 126 : SetLength(p);
 }
 
 // The laser point forms: bytes before the first point, bytes per point (0: the packed form).
@@ -402,18 +398,24 @@ Channel* ChannelOf(Board& board, wire::Bytes q, std::size_t at = 1) {
 // The latched count stays; `captured` says a mark went by since the last look.
 std::int8_t FillIndexCapture(Board& board, wire::Bytes q, wire::MutableBytes r) {
   bool* captured = nullptr;
+  bool seen = false;
   std::uint32_t count = 0;
   if (StageAxis(q)) {
     Axis& a = M(board).axes[GetByte(q, 1)];
     captured = &a.indexCaptured;
+    seen = a.indexSeen;
     count = a.indexCount;
   } else if (Channel* c = ChannelOf(board, q)) {
     captured = &c->indexCaptured;
+    seen = c->indexSeen;
     count = c->indexCount;
   } else {
     return kReasonBadArgument;
   }
-  PutFlag(r, 1, true);
+  // The first servo boards (protocol 0) have no valid flag and leave the byte at 0; a host takes
+  // their count as valid regardless.
+  const bool hasValidFlag = Mv(board.profile()) || Pv(board.profile()) >= 1;
+  PutFlag(r, 1, hasValidFlag && seen);
   PutByte(r, 2, *captured ? 1 : 0);
   PutLong(r, 3, count);
   *captured = false;
@@ -460,7 +462,7 @@ std::int8_t FillSetPid(Board& board, wire::Bytes q, wire::MutableBytes) {
   if (NoMotorRecords(board, q)) return kReasonBadArgument;
   // The stage axes take the 26-byte record, the channels the 42-byte one.
   if ((q.size() == 26) != StageAxis(q))
-    return IsChannel(GetByte(q, 1)) || StageAxis(q) ? kReasonBadLength : kReasonBadArgument;
+    return IsChannel(GetByte(q, 1)) || StageAxis(q) ? kReasonBadRequest : kReasonBadArgument;
   if (StageAxis(q)) {
     Axis& a = M(board).axes[GetByte(q, 1)];
     a.tuning = {GetWord(q, 2),  GetWord(q, 4),  GetWord(q, 6),  GetWord(q, 8),
@@ -727,19 +729,20 @@ std::int8_t FillLaserPoints(Board& board, wire::Bytes q, wire::MutableBytes r) {
   return 0;
 }
 
-// Byte 1 tells the two apart: 0 asks for the settings (2 bytes), 1 sets them (126 bytes).
-std::int8_t FillLaserSettings(Board& board, wire::Bytes q, wire::MutableBytes r) {
+// Byte 1 tells the two forms apart: 0 asks for the settings, 1 sets them.
+std::int8_t FillGetLaserSettings(Board& board, wire::Bytes, wire::MutableBytes r) {
   Machine& m = M(board);
   if (!m.laserReady) return kReasonBadArgument;
-  const bool set = q.size() == 126;
-  if (GetByte(q, 1) != (set ? 1 : 0)) return kReasonBadArgument;
-  if (set) {
-    for (std::size_t i = 0; i < kLaserSettings; ++i)
-      m.laserSettings[i] = GetLong(q, 2 + 4 * i);
-    return 0;
-  }
   for (std::size_t i = 0; i < kLaserSettings; ++i)
     PutLong(r, 2 + 4 * i, m.laserSettings[i]);
+  return 0;
+}
+
+std::int8_t FillSetLaserSettings(Board& board, wire::Bytes q, wire::MutableBytes) {
+  Machine& m = M(board);
+  if (!m.laserReady) return kReasonBadArgument;
+  for (std::size_t i = 0; i < kLaserSettings; ++i)
+    m.laserSettings[i] = GetLong(q, 2 + 4 * i);
   return 0;
 }
 
@@ -790,14 +793,12 @@ std::int8_t FillChannelSet(Board& board, wire::Bytes q, wire::MutableBytes) {
   return ChannelOf(board, q) ? 0 : kReasonBadArgument;
 }
 
-// 0x4C: 31 bytes carry four longs, 32 bytes move the platen (byte 2: 1 open, 0 closed).
-std::int8_t FillCommandL(Board& board, wire::Bytes q, wire::MutableBytes) {
+// 0x4C of 32 bytes moves the platen (byte 2: 1 open, 0 closed); of 31 it is the channel's
+// command L, which carries four longs that change nothing here.
+std::int8_t FillMovePlaten(Board& board, wire::Bytes q, wire::MutableBytes) {
   Channel* c = ChannelOf(board, q);
-  if (!c) return kReasonBadArgument;
-  if (q.size() == 32) {
-    if (c != &M(board).platen) return kReasonBadArgument;
-    c->target = GetByte(q, 2) != 0 ? c->travel : 0;
-  }
+  if (!c || c != &M(board).platen) return kReasonBadArgument;
+  c->target = GetByte(q, 2) != 0 ? c->travel : 0;
   return 0;
 }
 
@@ -922,63 +923,66 @@ std::int8_t FillCommandM(Board& board, wire::Bytes q, wire::MutableBytes) {
 
 // clang-format off
 constexpr CommandForm kMachineCommands[] = {
-  // code  name                  gate               request    reply        fill              length
-  {0x59, "status poll",          AnyController,     {16, 0},   0,           FillPoll,         PollLength},
-  {0x5A, "clear sleep",          ClearSleepGate,    {16, 0},   kTwoReply,   FillClearSleep},
-  {0x57, "board data",           BoardData,         {15, 0},   63,          FillBoardData},
-  {0x5D, "temperature",          Temperature,       {2, 0},    32,          FillTemperature},
-  {0x4E, "index capture",        AnyController,     {2, 0},    7,           FillIndexCapture},
-  {0x63, "rotary / channel C",   AnyController,     {2, 0},    0,           FillRotaryOrLowerC, RotaryOrLowerC},
-  {0x74, "get tuning",           AnyController,     {2, 0},    0,           FillGetPid,       PidLength},
-  {0x73, "set tuning",           AnyController,     {26, 42},  kSetReply,   FillSetPid},
-  {0x62, "get definition",       AnyController,     {2, 0},    0,           FillAxisDefine,   DefineLength},
-  {0x61, "set definition",       AnyController,     {60, 0},   kSetReply,   FillSetDefine},
-  {0x68, "get platen extra",     PlatenExtra,       {2, 0},    32,          FillGetExtra},
-  {0x48, "set platen extra",     PlatenExtra,       {32, 0},   kTwoReply,   FillSetExtra},
-  {0x5E, "axis extents",         Servo,             {1, 0},    0,           FillExtents,      ExtentsLength},
-  {0x2C, "motion chip version",  PmdVersion,        {16, 0},   32,          FillPmd},
-  {0x55, "status light",         StatusLight,       {16, 0},   kSetReply,   FillStatusLight},
-  {0x77, "set sensitivity",      Servo,             {3, 0},    kSetReply,   FillSetSensitivity},
-  {0x78, "get sensitivity",      Servo,             {1, 0},    3,           FillGetSensitivity},
-  {0x79, "sensitivity maximum",  Servo,             {1, 0},    3,           FillSensitivityMax},
-  {0x72, "named record",         NamedRecordGate,   {1, 0},    65,          FillNamedRecord},
-  {0x31, "machine data",         MachineDataGate,   {1, 0},    32,          FillMachineData},
-  {0x70, "light maxima",         OneWordLights,     {2, 0},    4,           FillLightMaxOneWord},
-  {0x70, "light maxima",         PacketLightsOldDriver, {16, 0}, 86,        FillLightMax},
-  {0x70, "light maxima",         PacketLightsNewDriver, {16, 0}, 254,       FillLightMax},
-  {0x6E, "set lights",           OneWordLights,     {127, 0},  kSetReply,   FillSetLightsOneWord},
-  {0x6E, "set lights",           PacketLightsOldDriver, {86, 0}, kTwoReply,  FillSetLights},
-  {0x6E, "set lights",           PacketLightsNewDriver, {254, 0}, kTwoReply, FillSetLights},
-  {0x32, "touch probe enable",   TouchProbe,        {16, 0},   kSetReply,   FillTouchEnable},
-  {0x36, "touch probe capture",  TouchProbe,        {1, 0},    62,          FillTouchCapture},
-  {0x6B, "probe capture",        AnyController,     {9, 0},    0,           FillProbeCapture, ProbeCaptureLength},
-  {0x5F, "laser points",         LaserPoints,       {16, 0},   0,           FillLaserPoints,  LaserPointsLength},
-  {0x2A, "laser settings",       LaserSettings,     {2, 126},  0,           FillLaserSettings, LaserSettingsLength},
-  {0x6A, "disable interrupts",   OneByteInterrupts, {1, 0},    kSetReply,   FillInterruptByte},
-  {0x64, "touch interrupt",      OneByteInterrupts, {1, 0},    kSetReply,   FillInterruptByte},
-  {0x69, "video interrupt",      OneByteInterrupts, {1, 0},    kSetReply,   FillInterruptByte},
-  {0x69, "interrupts",           InterruptPacket,   {16, 0},   kTwoReply,   FillInterruptPacket},
-  {0x41, "channel A",            AnyController,     {2, 0},    6,           FillChannelLong},
-  {0x42, "channel B",            AnyController,     {2, 0},    6,           FillChannelLong},
-  {0x43, "channel position",     AnyController,     {2, 0},    10,          FillChannelLong},
-  {0x44, "channel D",            AnyController,     {2, 0},    3,           FillChannelFlag},
-  {0x4A, "channel J",            AnyController,     {2, 0},    16,          FillChannelLong},
-  {0x4C, "channel L / platen",   AnyController,     {31, 32},  kSetReply,   FillCommandL},
-  {0x4D, "channel M",            AnyController,     {6, 0},    kSetReply,   FillCommandM},
-  {0x7A, "channel Z",            AnyController,     {2, 0},    kSetReply,   FillChannelSet},
-  {0x4F, "channel O",            AnyController,     {3, 0},    kSetReply,   FillChannelSet},
-  {0x7D, "channel serial",       SerialShort,       {1, 0},    97,          FillGetSerial},
-  {0x7D, "channel serial",       SerialLong,        {16, 0},   126,         FillGetSerial},
-  {0x7B, "set channel serial",   SerialShort,       {97, 0},   kSetReply,   FillSetSerial},
-  {0x7B, "set channel serial",   SerialLong,        {126, 0},  kSetReply,   FillSetSerial},
-  {0x75, "channel U",            AnyController,     {2, 0},    18,          FillReadU},
-  {0x71, "channel Q",            ReadQGate,         {2, 0},    32,          FillReadQ},
-  {0x23, "channel hash",         HashGate,          {16, 0},   kTwoReply,   FillHash},
-  {0x65, "W EEPROM info",        WEepromGate,       {32, 0},   18,          FillWEepromInfo},
-  {0x66, "W EEPROM read",        WEepromOld,        {5, 0},    68,          FillWRead},
-  {0x66, "W EEPROM read",        WEepromNew,        {32, 0},   96,          FillWRead},
-  {0x67, "W EEPROM write",       WEepromOld,        {69, 0},   kSetReply,   FillWWrite},
-  {0x67, "W EEPROM write",       WEepromNew,        {96, 0},   kTwoReply,   FillWWrite},
+  {.code = 0x59, .name = "status poll, oldest", .gate = OldestPoll, .request = {16}, .reply = 28, .fill = FillPoll, .fixed = {{{2, 0}}}, .zeroFrom = 3},
+  {.code = 0x59, .name = "status poll, long", .gate = LongPoll, .request = {16}, .reply = 221, .fill = FillPoll, .zeroFrom = 3},
+  {.code = 0x59, .name = "status poll, compact", .gate = AnyController, .request = {16}, .reply = 62, .fill = FillPoll, .zeroFrom = 3},
+  {.code = 0x5A, .name = "clear sleep", .gate = ClearSleepGate, .request = {16}, .reply = kTwoReply, .fill = FillClearSleep, .fixed = {{{1, 1}}}, .zeroFrom = 2},
+  {.code = 0x57, .name = "board data", .gate = BoardData, .request = {15}, .reply = 63, .fill = FillBoardData},
+  {.code = 0x5D, .name = "temperature", .gate = Temperature, .request = {2}, .reply = 32, .fill = FillTemperature},
+  {.code = 0x4E, .name = "index capture", .gate = AnyController, .request = {2}, .reply = 7, .fill = FillIndexCapture},
+  {.code = 0x63, .name = "rotary / channel C", .gate = AnyController, .request = {2}, .fill = FillRotaryOrLowerC, .length = RotaryOrLowerC},
+  {.code = 0x74, .name = "get tuning", .gate = AnyController, .request = {2}, .fill = FillGetPid, .length = PidLength},
+  {.code = 0x73, .name = "set tuning", .gate = AnyController, .request = {26, 42}, .reply = kSetReply, .fill = FillSetPid},
+  {.code = 0x62, .name = "get definition", .gate = AnyController, .request = {2}, .fill = FillAxisDefine, .length = DefineLength},
+  {.code = 0x61, .name = "set definition", .gate = AnyController, .request = {60}, .reply = kSetReply, .fill = FillSetDefine},
+  {.code = 0x68, .name = "get platen extra", .gate = PlatenExtra, .request = {2}, .reply = 32, .fill = FillGetExtra, .fixed = {{{1, 0}}}},
+  {.code = 0x48, .name = "set platen extra", .gate = PlatenExtra, .request = {32}, .reply = kTwoReply, .fill = FillSetExtra, .zeroFrom = 15},
+  {.code = 0x5E, .name = "axis extents", .gate = Servo, .request = {1}, .fill = FillExtents, .length = ExtentsLength},
+  {.code = 0x2C, .name = "motion chip version", .gate = PmdVersion, .request = {16}, .reply = 32, .fill = FillPmd, .fixed = {{{1, 1}}}, .zeroFrom = 3},
+  {.code = 0x55, .name = "status light", .gate = StatusLight, .request = {16}, .reply = kSetReply, .fill = FillStatusLight, .zeroFrom = 7},
+  {.code = 0x77, .name = "set sensitivity", .gate = Servo, .request = {3}, .reply = kSetReply, .fill = FillSetSensitivity},
+  {.code = 0x78, .name = "get sensitivity", .gate = Servo, .request = {1}, .reply = 3, .fill = FillGetSensitivity},
+  {.code = 0x79, .name = "sensitivity maximum", .gate = Servo, .request = {1}, .reply = 3, .fill = FillSensitivityMax},
+  {.code = 0x72, .name = "named record", .gate = NamedRecordGate, .request = {1}, .reply = 65, .fill = FillNamedRecord},
+  {.code = 0x31, .name = "machine data", .gate = MachineDataGate, .request = {1}, .reply = 32, .fill = FillMachineData},
+  {.code = 0x70, .name = "light maxima", .gate = OneWordLights, .request = {2}, .reply = 4, .fill = FillLightMaxOneWord, .fixed = {{{1, 0}}}},
+  {.code = 0x70, .name = "light maxima", .gate = PacketLightsOldDriver, .request = {16}, .reply = 86, .fill = FillLightMax, .fixed = {{{2, 0}}}, .zeroFrom = 3},
+  {.code = 0x70, .name = "light maxima", .gate = PacketLightsNewDriver, .request = {16}, .reply = 254, .fill = FillLightMax, .fixed = {{{2, 1}}}, .zeroFrom = 3},
+  {.code = 0x6E, .name = "set lights", .gate = OneWordLights, .request = {127}, .reply = kSetReply, .fill = FillSetLightsOneWord},
+  {.code = 0x6E, .name = "set lights", .gate = PacketLightsOldDriver, .request = {86}, .reply = kTwoReply, .fill = FillSetLights},
+  {.code = 0x6E, .name = "set lights", .gate = PacketLightsNewDriver, .request = {254}, .reply = kTwoReply, .fill = FillSetLights},
+  {.code = 0x32, .name = "touch probe enable", .gate = TouchProbe, .request = {16}, .reply = kSetReply, .fill = FillTouchEnable, .zeroFrom = 2},
+  {.code = 0x36, .name = "touch probe capture", .gate = TouchProbe, .request = {1}, .reply = 62, .fill = FillTouchCapture},
+  {.code = 0x6B, .name = "probe capture", .gate = AnyController, .request = {9}, .fill = FillProbeCapture, .length = ProbeCaptureLength, .pipe = Pipe::kCapture},
+  {.code = 0x5F, .name = "laser points", .gate = LaserPoints, .request = {16}, .fill = FillLaserPoints, .length = LaserPointsLength, .pipe = Pipe::kCapture, .zeroFrom = 2},
+  {.code = 0x2A, .name = "get laser settings", .gate = LaserSettings, .request = {2}, .reply = 126, .fill = FillGetLaserSettings, .fixed = {{{1, 0}}}},
+  {.code = 0x2A, .name = "set laser settings", .gate = LaserSettings, .request = {126}, .reply = kSetReply, .fill = FillSetLaserSettings, .fixed = {{{1, 1}}}},
+  {.code = 0x6A, .name = "disable interrupts", .gate = OneByteInterrupts, .request = {1}, .reply = kSetReply, .fill = FillInterruptByte},
+  {.code = 0x64, .name = "touch interrupt", .gate = OneByteInterrupts, .request = {1}, .reply = kSetReply, .fill = FillInterruptByte},
+  {.code = 0x69, .name = "video interrupt", .gate = OneByteInterrupts, .request = {1}, .reply = kSetReply, .fill = FillInterruptByte},
+  {.code = 0x69, .name = "interrupts", .gate = InterruptPacket, .request = {16}, .reply = kTwoReply, .fill = FillInterruptPacket, .zeroFrom = 6},
+  {.code = 0x41, .name = "channel A", .gate = AnyController, .request = {2}, .reply = 6, .fill = FillChannelLong},
+  {.code = 0x42, .name = "channel B", .gate = AnyController, .request = {2}, .reply = 6, .fill = FillChannelLong},
+  {.code = 0x43, .name = "channel position", .gate = AnyController, .request = {2}, .reply = 10, .fill = FillChannelLong},
+  {.code = 0x44, .name = "channel D", .gate = AnyController, .request = {2}, .reply = 3, .fill = FillChannelFlag},
+  {.code = 0x4A, .name = "channel J", .gate = AnyController, .request = {2}, .reply = 16, .fill = FillChannelLong},
+  {.code = 0x4C, .name = "channel L", .gate = AnyController, .request = {31}, .reply = kSetReply, .fill = FillChannelSet},
+  {.code = 0x4C, .name = "move platen", .gate = AnyController, .request = {32}, .reply = kSetReply, .fill = FillMovePlaten, .zeroFrom = 3},
+  {.code = 0x4D, .name = "channel M", .gate = AnyController, .request = {6}, .reply = kSetReply, .fill = FillCommandM},
+  {.code = 0x7A, .name = "channel Z", .gate = AnyController, .request = {2}, .reply = kSetReply, .fill = FillChannelSet},
+  {.code = 0x4F, .name = "channel O", .gate = AnyController, .request = {3}, .reply = kSetReply, .fill = FillChannelSet},
+  {.code = 0x7D, .name = "channel serial", .gate = SerialShort, .request = {1}, .reply = 97, .fill = FillGetSerial},
+  {.code = 0x7D, .name = "channel serial", .gate = SerialLong, .request = {16}, .reply = 126, .fill = FillGetSerial, .zeroFrom = 2},
+  {.code = 0x7B, .name = "set channel serial", .gate = SerialShort, .request = {97}, .reply = kSetReply, .fill = FillSetSerial},
+  {.code = 0x7B, .name = "set channel serial", .gate = SerialLong, .request = {126}, .reply = kSetReply, .fill = FillSetSerial},
+  {.code = 0x75, .name = "channel U", .gate = AnyController, .request = {2}, .reply = 18, .fill = FillReadU},
+  {.code = 0x71, .name = "channel Q", .gate = ReadQGate, .request = {2}, .reply = 32, .fill = FillReadQ},
+  {.code = 0x23, .name = "channel hash", .gate = HashGate, .request = {16}, .reply = kTwoReply, .fill = FillHash, .fixed = {{{1, 0}}}, .zeroFrom = 3},
+  {.code = 0x65, .name = "W EEPROM info", .gate = WEepromGate, .request = {32}, .reply = 18, .fill = FillWEepromInfo, .zeroFrom = 2},
+  {.code = 0x66, .name = "W EEPROM read", .gate = WEepromOld, .request = {5}, .reply = 68, .fill = FillWRead},
+  {.code = 0x66, .name = "W EEPROM read", .gate = WEepromNew, .request = {32}, .reply = 96, .fill = FillWRead, .fixed = {{{1, 2}}}, .zeroFrom = 7},
+  {.code = 0x67, .name = "W EEPROM write", .gate = WEepromOld, .request = {69}, .reply = kSetReply, .fill = FillWWrite},
+  {.code = 0x67, .name = "W EEPROM write", .gate = WEepromNew, .request = {96}, .reply = kTwoReply, .fill = FillWWrite, .fixed = {{{1, 2}}}},
 };
 // clang-format on
 

@@ -94,7 +94,7 @@ std::string RunSleep(Board& b, const Words& a) {
 long ButtonInput(const Profile& p, const std::string& word) {
   if (word.size() == 2 && word[0] == 'b' && word[1] >= '1' && word[1] <= '8') {
     const long n = word[1] - '1';
-    const bool firstPendant = p.version.isServo && p.version.firmwareName != u"Auto Vision";
+    const bool firstPendant = p.version.isServo && !IsCurrentServo(p);
     if (!firstPendant) return n;
     return n == 0 ? 3 : n == 1 ? 2 : -1;
   }

@@ -1,5 +1,7 @@
 #include "sim/Profiles.h"
 
+#include <string_view>
+
 namespace sim {
 
 namespace {
@@ -285,6 +287,17 @@ std::string ProfileNames() {
     names += p.name;
   }
   return names;
+}
+
+bool IsCurrentServo(const Profile& profile) {
+  constexpr std::u16string_view kName = u"auto vision";
+  const std::u16string& name = profile.version.firmwareName;
+  if (!profile.version.isServo || name.size() != kName.size()) return false;
+  for (std::size_t i = 0; i < name.size(); ++i) {
+    const char16_t c = name[i] >= u'A' && name[i] <= u'Z' ? name[i] - u'A' + u'a' : name[i];
+    if (c != kName[i]) return false;
+  }
+  return true;
 }
 
 }  // namespace sim

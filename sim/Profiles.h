@@ -118,4 +118,8 @@ const Profile* FindProfile(std::string_view name);
 // The names, blank-separated, for messages.
 std::string ProfileNames();
 
+// The current servo boards ("Auto Vision" firmware); the rest of the servo boards are the first
+// generation. The name is compared without regard to case, as a host reads it.
+bool IsCurrentServo(const Profile& profile);
+
 }  // namespace sim

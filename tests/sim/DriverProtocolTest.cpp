@@ -1,4 +1,4 @@
-// The driver framing: headers, tags, order, clipping, and what happens to bad datagrams.
+// The driver framing: headers, tags, order, reply lengths, and what happens to bad datagrams.
 #include "SimTestSupport.h"
 
 namespace sim::testing {
@@ -7,30 +7,58 @@ namespace {
 constexpr std::uint32_t kNormal = 0x80002000;
 constexpr std::uint32_t kCapture = 0x80002008;
 
-TEST_F(SimTest, TagsAreEchoedRequestsAnsweredInOrderAndRepliesClippedToTheBuffer) {
+TEST_F(SimTest, TagsAreEchoedAndRequestsOfOneConnectionAnsweredInOrder) {
   StartBoard("autovision");
   auto client = Connect();
-  const struct {
-    std::uint32_t tag, code, replyLength;
-    Packet packet;
-    std::size_t size;
-  } cases[] = {
-      {7, kNormal, 69, {0x2B}, 69},   {0xFFFFFFFF, 0x80002010, 0, {}, 0},
-      {3, kNormal, 126, {0x60}, 126}, {0, kCapture, 100, {0x22}, 100},
-      {42, kNormal, 2, {0x7F}, 2},    {8, kNormal, 10, {0x2B}, 10},
-      {9, kNormal, 300, {0x2B}, 69},  {10, kNormal, 0, {0x2B}, 0},
-  };
-  for (const auto& c : cases)
-    client->Send(c.tag, c.code, c.replyLength, c.packet);
-  for (const auto& c : cases) {
+  const std::uint32_t tags[] = {7, 0xFFFFFFFF, 3, 0};
+  client->Send(tags[0], kNormal, 69, {0x2B});
+  client->Send(tags[1], 0x80002010, 0, {});
+  client->Send(tags[2], kNormal, 126, {0x60});
+  client->Send(tags[3], kNormal, 100, {0x22});
+  for (std::uint32_t tag : tags) {
     const auto r = client->Receive();
-    ASSERT_TRUE(r.has_value()) << c.tag;
-    EXPECT_EQ(r->tag, c.tag);
-    EXPECT_EQ(r->status, 0u) << c.tag;
-    EXPECT_EQ(r->bytes.size(), c.size) << c.tag;
-    if (c.code == kNormal) {
-      EXPECT_EQ(r->count, c.size) << c.tag;
-    }
+    ASSERT_TRUE(r.has_value()) << tag;
+    EXPECT_EQ((std::pair{r->tag, r->status}), (std::pair{tag, 0u}));
+  }
+}
+
+// The board answers with its own form's length whatever buffer the host offers, and the driver
+// passes that on: a host that asks for another length fails, never reads a reply cut to fit.
+TEST_F(SimTest, ABufferOfAnotherLengthThanTheFormsFailsTheTransfer) {
+  struct Case {
+    const char* profile;
+    std::uint32_t code, replyLength;
+    Packet packet;
+    bool answered;
+    std::uint32_t status, count;
+  };
+  const Case cases[] = {
+      {"autovision", kNormal, 69, {0x2B}, true, 0, 69},
+      {"autovision", kNormal, 300, {0x2B}, true, 0, 69},   // larger: the reply's own length
+      {"autovision", kNormal, 10, {0x2B}, true, 234, 10},  // smaller: filled, more data
+      {"autovision", kNormal, 0, {0x2B}, true, 234, 0},
+      {"autovision", kNormal, 62, Request(0x59, 16), true, 234, 62},     // the long poll is 221
+      {"autovision", kNormal, 18, Request(0x28, 32), true, 234, 18},     // the long form is 32
+      {"autovision", kNormal, 0, Request(0x73, 26, {9}), true, 234, 0},  // a refusal is 2 bytes
+      {"autovision", kNormal, 2, Request(0x3A, 2, {1}), true, 0, 2},
+      {"autovision", kNormal, 0, Request(0x3A, 2, {1}), true, 234, 0},
+      {"manualvision-pv0", kNormal, 0, Request(0x4D, 6, {16}), true, 234, 0},  // always 2
+      {"servo-pv0", kNormal, 0, Request(0x3A, 2, {1}), true, 0, 0},   // a set answers nothing
+      {"servo-pv0", kNormal, 2, Request(0x3A, 2, {1}), false, 0, 0},  // and is never answered
+      {"autovision", kCapture, 92, Request(0x6B, 9), true, 0, 92},
+      {"autovision", kNormal, 92, Request(0x6B, 9), true, 0, 2},  // refused on the normal way
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.profile << " 0x" << std::hex << int{c.packet.at(0)}
+                                      << std::dec << " asking " << c.replyLength);
+    StartBoard(c.profile);
+    auto client = Connect();
+    client->Send(1, c.code, c.replyLength, c.packet);
+    const auto r = client->Receive(std::chrono::seconds(30));
+    ASSERT_EQ(r.has_value(), c.answered);
+    if (!r) continue;
+    EXPECT_EQ((std::pair{r->status, r->count}), (std::pair{c.status, c.count}));
+    EXPECT_EQ(r->bytes.size(), c.count);
   }
 }
 
@@ -57,7 +85,7 @@ TEST_F(SimTest, BadPacketsAndCodesGetDriverErrors) {
   EXPECT_EQ(status(kNormal, 2, {}), 87u);                   // no packet
   EXPECT_EQ(status(kNormal, 2, Request(0x7F, 301)), 87u);   // over 300 bytes
   EXPECT_EQ(status(kNormal, 301, {0x2B}), 87u);             // reply over 300
-  EXPECT_EQ(status(kNormal, 2, Request(0x7F, 300)), 0u);    // 300 is allowed
+  EXPECT_EQ(status(kNormal, 2, Request(0x7F, 300)), 0u);    // 300 is allowed: refused, 2 bytes
   EXPECT_EQ(status(kCapture, 2, Request(0x7F, 1022)), 0u);  // and 1022 for captures
   EXPECT_EQ(status(kCapture, 2, Request(0x7F, 1023)), 87u);
   EXPECT_EQ(status(0x80002004, 0, {0x2B}), 1u);  // no such io code

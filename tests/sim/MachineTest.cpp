@@ -21,6 +21,9 @@ class MachineTest : public ::testing::Test {
     board_ = std::make_unique<Board>(*FindProfile(profile), platform::Duration::zero(), now_);
   }
   Packet Run(const Packet& request) { return board_->Execute(request).bytes; }
+  Packet RunCapture(const Packet& request) {
+    return board_->Execute(request, Pipe::kCapture).bytes;
+  }
   void Wait(platform::Duration d) {
     now_ += d;
     board_->Advance(now_);
@@ -87,6 +90,55 @@ TEST_F(MachineTest, AFormTheGenerationLacksIsRefusedAsUnknownOrOfTheWrongLength)
   }
 }
 
+// A request of the right length can still be of another form: a selector that only one value
+// may take, a zero fill behind the fields, or the other of the driver's two ways in.
+TEST_F(MachineTest, FixedBytesAndTheWayInAreCheckedBeforeTheBoardActs) {
+  struct Case {
+    const char* profile;
+    Packet request;
+    Pipe pipe;
+    std::int8_t reason;  // 0: accepted
+  };
+  const Case cases[] = {
+      {"autovision", Request(0x5A, 16, {1}), Pipe::kNormal, 0},
+      {"autovision", Request(0x5A, 16, {0}), Pipe::kNormal, -2},
+      {"autovision", Request(0x2C, 16, {1, 0}), Pipe::kNormal, 0},
+      {"autovision", Request(0x2C, 16, {0, 0}), Pipe::kNormal, -2},
+      {"autovision", Request(0x29, 32, {0, 0}), Pipe::kNormal, 0},
+      {"autovision", Request(0x29, 32, {1, 0}), Pipe::kNormal, -2},
+      {"autovision", Request(0x29, 32, {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}),
+       Pipe::kNormal, -2},
+      {"autovision", Request(0x59, 16, {1, 1}), Pipe::kNormal, 0},
+      {"autovision", Request(0x59, 16, {1, 1, 0, 1}), Pipe::kNormal, -2},  // zero fill
+      {"autovision", Request(0x23, 16, {0, 16}), Pipe::kNormal, 0},
+      {"autovision", Request(0x23, 16, {16, 0}), Pipe::kNormal, -2},  // channel in the wrong byte
+      {"autovision", Request(0x66, 32, {16}), Pipe::kNormal, -2},     // byte 1 is 2, not a channel
+      {"autovision", Request(0x2A, 2, {1}), Pipe::kNormal, -2},       // 1 is the setting form's
+      {"autovision", Request(0x2A, 126, {0}), Pipe::kNormal, -2},
+      {"autovision", Request(0x6B, 9, {1}), Pipe::kNormal, -1},  // captures come the other way
+      {"autovision", Request(0x5F, 16, {3}), Pipe::kNormal, -1},
+      {"autovision", Request(0x6B, 9, {1}), Pipe::kCapture, 0},
+      {"autovision", Request(0x2B, 1), Pipe::kCapture, -1},
+      {"servo-laser", Request(0x68, 2, {0}), Pipe::kNormal, 0},
+      {"servo-laser", Request(0x68, 2, {17}), Pipe::kNormal, -2},
+      {"servo-pv0", Request(0x59, 16, {0, 0}), Pipe::kNormal, 0},
+      {"servo-pv0", Request(0x59, 16, {0, 1}), Pipe::kNormal, -2},  // no flag at protocol 0
+      {"servo", Request(0x70, 2, {0}), Pipe::kNormal, 0},
+      {"servo", Request(0x70, 2, {1}), Pipe::kNormal, -2},
+  };
+  for (const Case& c : cases) {
+    Use(c.profile);
+    const Packet r = board_->Execute(c.request, c.pipe).bytes;
+    SCOPED_TRACE(::testing::Message() << c.profile << " code 0x" << std::hex << int{c.request[0]}
+                                      << " byte 1 " << std::dec << int{c.request[1]});
+    if (c.reason == 0) {
+      EXPECT_NE(r.at(0), 0x3F);
+    } else {
+      EXPECT_EQ(r, Refusal(c.reason));
+    }
+  }
+}
+
 TEST_F(MachineTest, LightPacketsCarryAsManyChannelsAsTheDriverPasses) {
   Use("autovision");  // 48 channels behind the newer driver: 42, then 6
   Packet r = Run(Request(0x70, 16, {0, 1}));
@@ -97,7 +149,7 @@ TEST_F(MachineTest, LightPacketsCarryAsManyChannelsAsTheDriverPasses) {
   r = Run(Request(0x70, 16, {42, 1}));
   EXPECT_EQ(wire::GetLong(r, 2), 4095u - 5 * 42);
   EXPECT_EQ(wire::GetLong(r, 2 + 4 * 6), 0u);
-  EXPECT_EQ(Run(Request(0x70, 16, {0, 0})), Refusal(-3));  // asks for 21-channel packets
+  EXPECT_EQ(Run(Request(0x70, 16, {0, 0})), Refusal(-2));  // asks for 21-channel packets
 
   Packet set = Request(0x6E, 254, {0});
   for (std::size_t i = 0; i < 60; ++i)
@@ -198,23 +250,23 @@ TEST_F(MachineTest, CapturesAreAnnouncedToAHostThatAsksAndHandedOutOnce) {
   EXPECT_EQ(Run(Request(0x69, 16, {0, 0, 1})), (Packet{0x69, 0}));
   Wait(milliseconds(300));
   EXPECT_EQ(Run(Request(0x59, 16, {1}))[3], 1);
-  Packet r = Run(Request(0x6B, 9, {1, 0, 0, 0, 7}));
+  Packet r = RunCapture(Request(0x6B, 9, {1, 0, 0, 0, 7}));
   ASSERT_EQ(r.size(), 92u);
   EXPECT_EQ((Packet{r[0], r[4], r[8]}), (Packet{1, 1, 7}));
-  EXPECT_EQ(wire::GetLong(r, 12 + 4), 100u * 2000);  // Y
-  EXPECT_EQ(Run(Request(0x6B, 9, {1}))[0], 0);       // handed out once
+  EXPECT_EQ(wire::GetLong(r, 12 + 4), 100u * 2000);    // Y
+  EXPECT_EQ(RunCapture(Request(0x6B, 9, {1}))[0], 0);  // handed out once
 }
 
 TEST_F(MachineTest, LaserPointsComeInTheFormOfTheFirmwareAndNoMoreThanAsked) {
   Use("servo-laser");  // packed form: six points in 127 bytes whatever is asked
   board_->machine().laserPointsReady = 10;
-  Packet r = Run(Request(0x5F, 16, {3}));
+  Packet r = RunCapture(Request(0x5F, 16, {3}));
   ASSERT_EQ(r.size(), 127u);
   EXPECT_EQ(r[0], 3);
   EXPECT_EQ(r[1], 7);  // still pending
   Use("servo-pv3");    // 20 bytes a point after one byte
   board_->machine().laserPointsReady = 2;
-  r = Run(Request(0x5F, 16, {5}));
+  r = RunCapture(Request(0x5F, 16, {5}));
   ASSERT_EQ(r.size(), 1u + 20 * 5);
   EXPECT_EQ(r[0], 2);
   EXPECT_EQ(wire::GetWord(r, 1), 0);
@@ -259,10 +311,11 @@ TEST_F(MachineTest, IndexMarksAreCapturedAsTheAxesPassThem) {
   EXPECT_EQ(Run(move), (Packet{0x4D, 0}));
   SetPid(3, 300);  // a crawl: 0.7 mm/s, a turn of the zoom motor is 0.5 mm
   Wait(milliseconds(100));
-  EXPECT_EQ(Run(Request(0x4E, 2, {3}))[2], 0);  // not a turn yet
+  // Before a mark has passed the count is not valid, and nothing is captured.
+  EXPECT_EQ((Packet{Run(Request(0x4E, 2, {3}))[1], Run(Request(0x4E, 2, {3}))[2]}), (Packet{0, 0}));
   Wait(seconds(2));
   Packet r = Run(Request(0x4E, 2, {3}));
-  EXPECT_EQ(r[2], 1);
+  EXPECT_EQ((Packet{r[1], r[2]}), (Packet{1, 1}));
   EXPECT_EQ(wire::GetLong(r, 3) % 4000, 0u);
   EXPECT_EQ(Run(Request(0x4E, 2, {3}))[2], 0);  // read once, gone until the next turn
 
@@ -270,6 +323,13 @@ TEST_F(MachineTest, IndexMarksAreCapturedAsTheAxesPassThem) {
   const Packet index = Run(Request(0x4E, 2, {16}));
   EXPECT_EQ((Packet{index[1], index[2]}), (Packet{1, 1}));
   EXPECT_EQ(wire::GetLong(index, 3), 15000u);
+
+  // The first servo boards have no valid flag at all: the byte stays 0 after a mark.
+  Use("servo-pv0");
+  SetPid(3, 300);
+  Wait(seconds(2));
+  r = Run(Request(0x4E, 2, {3}));
+  EXPECT_EQ((Packet{r[1], r[2]}), (Packet{0, 1}));
 }
 
 TEST_F(MachineTest, TheStandardVoltageLimitReachesTheLimitTestsSpeedBand) {

@@ -11,7 +11,6 @@
 #include "sim/MachineImage.h"
 #include "sim/Profiles.h"
 #include "sim/Simulator.h"
-#include "tests/support/EveryOperation.h"
 #include "tests/support/Recorders.h"
 #include "tests/support/ScriptedBoard.h"
 #include "util/Text.h"
@@ -100,27 +99,6 @@ TEST_P(EveryProfile, RecordsReadByTheHostEqualTheBoards) {
   EXPECT_TRUE(usb.IsOpen());
   EXPECT_TRUE(log.Entries().empty());
   EXPECT_TRUE(boxes.Boxes().empty());
-}
-
-TEST_P(EveryProfile, EveryOperationRoundTripsWithoutAFailedTransfer) {
-  Start(GetParam());
-  CTavroUsb link;
-  ASSERT_EQ(link.Open(true, false), 0);
-  OperationLog run;
-  if (link.VersionInfo().isServo) {
-    CTavroUsbServo servo(link);
-    RunEveryServoOperation(servo, run);
-  } else if (link.VersionInfo().isManualVision) {
-    CTavroUsbManualVision manual(link);
-    RunEveryManualVisionOperation(manual, run);
-  } else {
-    GTEST_SKIP() << "a board of neither kind has no controller";
-  }
-  EXPECT_GT(run.run, 50);
-  EXPECT_EQ(run.failed, std::vector<std::string>{});
-  EXPECT_EQ(log.Entries(), std::vector<std::string>{});
-  EXPECT_TRUE(boxes.Boxes().empty());
-  EXPECT_TRUE(link.IsOpen());
 }
 
 // Boards newer than protocol 5 are refused at open by design.

@@ -199,16 +199,16 @@ CTavroTestDlg::CTavroTestDlg(ui::Window& parent, platform::TaskLoop& uiLoop, CTa
 
 bool CTavroTestDlg::IsSameMachine(const BoardVersionInfo& fresh) {
   // Open has learnt the kind again from the board's name.
-  return fresh.isServo && servo->MachineKind() == machineKind;
+  return fresh.isServo && servo->GetMachineKind() == machineKind;
 }
 
 std::vector<CTavroTestDlgBase::PageRow> CTavroTestDlg::MakePages() {
-  machineKind = servo->MachineKind();
+  machineKind = servo->GetMachineKind();
   std::vector<PageRow> rows;
-  if (machineKind == 2) {
+  if (machineKind == MachineKind::AutoVision) {
     rows.push_back({"Board Information", Make<CTabBoardInformationDlg>(servo, versionInfo)});
     rows.push_back({"Diag Output", Make<CTabUsbSerialDlg>(servo, versionInfo)});
-  } else if (machineKind == 1) {
+  } else if (machineKind == MachineKind::Servo) {
     rows.push_back({"Board Information", Make<CTabV1BoardInformationDlg>(servo, versionInfo)});
     rows.push_back({"Diag Output", Make<CTabUsbSerialDlg>(servo, versionInfo)});
   }

@@ -17,6 +17,7 @@
 
 #include "link/BoardRecords.h"
 #include "link/ControllerRecords.h"
+#include "link/Generations.h"
 #include "pages/CTabDlg.h"
 #include "platform/PowerEvents.h"
 #include "platform/TaskLoop.h"
@@ -106,7 +107,7 @@ class CTavroTestDlg final : public CTavroTestDlgBase {
   CTavroTestDlg(ui::Window& window, platform::TaskLoop& loop, CTavroUsbServo* servo,
                 const BoardVersionInfo& versionInfo);
 
-  std::uint32_t MachineKind() const { return machineKind; }
+  MachineKind GetMachineKind() const { return machineKind; }
 
  protected:
   unsigned PollTimer() const override { return 2; }
@@ -115,7 +116,7 @@ class CTavroTestDlg final : public CTavroTestDlgBase {
 
  private:
   CTavroUsbServo* servo;
-  std::uint32_t machineKind = 0;
+  MachineKind machineKind = MachineKind::Unknown;
 };
 
 class CTavroTestManualVisionDlg final : public CTavroTestDlgBase {

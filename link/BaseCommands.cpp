@@ -5,17 +5,13 @@
 #include <cstring>
 
 #include "link/CTavroUsb.h"
-#include "wire/WireFormat.h"
+#include "link/Generations.h"
 #include "util/Text.h"
+#include "wire/WireFormat.h"
 
 namespace {
 
 using Reply = std::span<const std::uint8_t>;
-
-// Firmware gates compare in double precision against a number just below a release.
-bool FirmwareAtMost(const BoardVersionInfo& v, double limit) {
-  return static_cast<double>(v.firmwareVersion) <= limit;
-}
 
 std::string WideText(Reply r, std::size_t at) {
   return text::ToUtf8(wire::GetWideText(r, at));
@@ -62,7 +58,7 @@ struct EepromInfoForm {
 
 EepromInfoForm ChooseEepromInfoForm(const BoardVersionInfo& v) {
   if (v.eepromInfoLong) return {32, 32, true};
-  if (FirmwareAtMost(v, 1.109)) return {1, 18, false};
+  if (generation::AsksEepromInfoInOneByte(v)) return {1, 18, false};
   return {32, 18, false};
 }
 
@@ -82,8 +78,8 @@ void DecodeEepromInfo(Reply r, const EepromInfoForm& form, const BoardVersionInf
   }
   out.userSize = wire::GetWord(r, 2);
   out.kind = wire::GetByte(r, 4);
-  // The 32-byte request of protocol 2 and later boards also gets the machine area and copy flag.
-  if (form.requestLength == 32 && v.protocolVersion >= 2) {
+  // A 32-byte request to boards that know it also gets the machine area and copy flag.
+  if (form.requestLength == 32 && generation::EepromInfoHasMachineArea(v)) {
     out.machineSize = wire::GetWord(r, 5);
     out.hasCopy = wire::GetFlag(r, 7);
   }
@@ -92,7 +88,7 @@ void DecodeEepromInfo(Reply r, const EepromInfoForm& form, const BoardVersionInf
   out.maxReadWrite = 64;
 }
 
-// ---- 0x60 identity: 97 bytes below protocol 2, 126 from it.
+// ---- 0x60 identity: 97 bytes, or 126 in the extended form.
 constexpr std::uint8_t kIdentityCode = 0x60;
 
 // ---- 0x22 diagnostic text: 100 bytes of single-byte text from byte 0.
@@ -140,7 +136,7 @@ bool CTavroUsb::ReadEepromInfo(EepromInfo& out) {
 }
 
 bool CTavroUsb::ReadBoardIdentity(BoardIdentity& out) {
-  const bool extended = versionInfo.protocolVersion >= 2;
+  const bool extended = generation::HasExtendedIdentity(versionInfo);
   const std::uint32_t length = extended ? 126 : 97;
   const std::uint8_t request[1] = {kIdentityCode};
   std::array<std::uint8_t, 126> reply{};
@@ -160,7 +156,7 @@ bool CTavroUsb::ReadBoardIdentity(BoardIdentity& out) {
 }
 
 bool CTavroUsb::ReadDiagText(std::string& out) {
-  if (versionInfo.protocolVersion < 2) {
+  if (!generation::HasDiagText(versionInfo)) {
     out.clear();
     return true;
   }
@@ -183,7 +179,7 @@ bool CTavroUsb::ReadEepromBlock(std::uint32_t address, std::uint32_t length, std
     status = 1;
     return false;
   }
-  if (versionInfo.protocolVersion < 2) return false;
+  if (!generation::HasEepromBlockCommands(versionInfo)) return false;
 
   std::array<std::uint8_t, 32> request{};
   request[0] = kEepromBlockCode;
@@ -205,7 +201,7 @@ bool CTavroUsb::ReadEepromBlock(std::uint32_t address, std::uint32_t length, std
 
 bool CTavroUsb::ReadEeprom(std::uint32_t address, std::uint32_t length, std::uint32_t& status,
                            std::uint8_t* destination, bool area) {
-  if (versionInfo.protocolVersion < 2) return false;
+  if (!generation::HasEepromBlockCommands(versionInfo)) return false;
   if (std::uint64_t{address} + length > eepromInfo.machineSize) {
     status = 1;
     return true;

@@ -48,7 +48,8 @@ struct EepromInfo {
   bool operator==(const EepromInfo&) const = default;
 };
 
-// The board's identity (command 0x60). The last four fields come from boards of protocol 2 on.
+// The board's identity (command 0x60). The last four fields come in the extended form only
+// (generation::HasExtendedIdentity).
 struct BoardIdentity {
   std::string serialNumber;
   std::string machineName;

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "config/ErrorLog.h"
+#include "link/Generations.h"
 #include "link/LinkMessages.h"
 #include "platform/Clock.h"
 #include "ui/MessageBox.h"
@@ -375,7 +376,7 @@ bool CTavroUsb::GetCapturePosition(const std::uint8_t* request, std::uint32_t re
 }
 
 bool CTavroUsb::CheckFirmware(bool showErrors) {
-  if (versionInfo.protocolVersion <= 5) return true;
+  if (generation::ProtocolSupported(versionInfo)) return true;
   if (showErrors) ReportFirmwareIncompatible();
   return false;
 }

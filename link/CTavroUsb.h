@@ -126,7 +126,8 @@ class CTavroUsb {
   virtual bool Close();
   virtual void SetReportErrors(bool report);
   virtual void CancelTransfers(bool all);
-  // True when the firmware's protocol generation is one this program speaks (5 or lower).
+  // True when the firmware's protocol generation is one this program speaks
+  // (generation::ProtocolSupported).
   virtual bool CheckFirmware(bool showErrors);
   virtual void ReportFirmwareIncompatible();
 
@@ -141,7 +142,8 @@ class CTavroUsb {
   bool ReadBoardVersion(BoardVersionInfo& out);
   bool ReadEepromInfo(EepromInfo& out);
   bool ReadBoardIdentity(BoardIdentity& out);
-  // The board's pending diagnostic output; empty when none (and always on protocol below 2).
+  // The board's pending diagnostic output; empty when none, and always on boards without it
+  // (generation::HasDiagText).
   bool ReadDiagText(std::string& out);
   // One read of at most `maxReadWrite` bytes; `status` is the board's (1: refused here).
   bool ReadEepromBlock(std::uint32_t address, std::uint32_t length, std::uint32_t& status,

@@ -56,7 +56,6 @@ constexpr LightPackets kNewDriverLights = {42, 254, 254, 1};
 constexpr std::uint32_t kOneWordGetReply = 4;
 constexpr std::uint32_t kOneWordSetRequest = 127;
 constexpr std::uint32_t kOneWordMaxChannels = 42;
-static_assert(2 + 4 * 21 == 86 && 2 + 4 * 42 == 170 && 43 + 2 * 42 == kOneWordSetRequest);
 
 // Whether the packet from channel `first` goes out for `n` channels. A split form has two
 // packets: the first always goes, the second only for channels left over. A board that reports
@@ -78,23 +77,50 @@ constexpr std::uint32_t kProbeCaptureShort = 76;
 // ---- 0x5F laser points: 16-byte request with the count at 1; four forms.
 constexpr std::uint8_t kLaserPointsCode = 0x5F;
 
-struct LaserForm {
-  std::uint16_t limit;   // most points one request may ask for
-  std::uint32_t stride;  // bytes per point; 0 for the fixed layout of form A
-  std::uint32_t head;    // bytes before the first point
-  int valid;             // offset of the Valid flag in a point, -1: always true
-  int time;              // offset of Time in a point
-  int position;          // offset of Position[0] in a point
-  int extra;             // offset of Extra in a point, -1: 0
-  bool pendingWord;      // Pending is the word at 1, else the byte at 1
+struct LaserLayout {
+  std::uint16_t limit;      // most points one request may ask for
+  std::uint32_t stride;     // bytes per point; 0 for the fixed layout of form A
+  std::uint32_t head;       // bytes before the first point
+  int valid = -1;           // offset of the Valid flag in a point, -1: always true
+  int time;                 // offset of Time in a point
+  int position;             // offset of Position[0] in a point
+  int extra = -1;           // offset of Extra in a point, -1: 0
+  bool pendingWord = true;  // Pending is the word at 1, else the byte at 1
 };
 
 // Form A packs the fields by kind: six times at 7, then six positions of 16 bytes at 31.
-constexpr LaserForm kLaserA = {6, 0, 0, -1, 7, 31, -1, false};
-constexpr LaserForm kLaserB = {30, 20, 1, -1, 2, 6, -1, true};
-constexpr LaserForm kLaserC = {30, 21, 3, 0, 5, 9, 1, true};
-constexpr LaserForm kLaserD = {30, 17, 3, 0, 1, 5, -1, true};
+constexpr LaserLayout kLaserA = {
+    .limit = 6, .stride = 0, .head = 0, .time = 7, .position = 31, .pendingWord = false};
+constexpr LaserLayout kLaserB = {.limit = 30, .stride = 20, .head = 1, .time = 2, .position = 6};
+constexpr LaserLayout kLaserC = {
+    .limit = 30, .stride = 21, .head = 3, .valid = 0, .time = 5, .position = 9, .extra = 1};
+constexpr LaserLayout kLaserD = {
+    .limit = 30, .stride = 17, .head = 3, .valid = 0, .time = 1, .position = 5};
 constexpr std::uint32_t kLaserAReply = 127;
+
+// nullptr: the board has no laser points command.
+const LaserLayout* ChooseLaserLayout(bool manualVision, const BoardVersionInfo& v,
+                                     MachineKind kind) {
+  using generation::LaserPointForm;
+  LaserPointForm form = generation::ServoLaserPointForm(v, kind);
+  // Manual-vision boards have the command whatever their firmware, in form C or D.
+  if (manualVision) {
+    form = generation::ManualVisionHasLongForms(v) ? LaserPointForm::C : LaserPointForm::D;
+  }
+  switch (form) {
+    case LaserPointForm::A:
+      return &kLaserA;
+    case LaserPointForm::B:
+      return &kLaserB;
+    case LaserPointForm::C:
+      return &kLaserC;
+    case LaserPointForm::D:
+      return &kLaserD;
+    case LaserPointForm::None:
+      break;
+  }
+  return nullptr;
+}
 
 // ---- 0x2A laser settings: 21 longs from 2 in a 126-byte reply (and request).
 constexpr std::uint8_t kLaserSettingsCode = 0x2A;
@@ -107,12 +133,17 @@ bool LaserReady(const BoardVersionInfo& v) {
   return v.laserType > 0 && !v.laserNotReady;
 }
 
+// Manual-vision boards have the laser settings whatever their firmware.
+bool LaserSettingsAnswered(bool manualVision, const BoardVersionInfo& v) {
+  return LaserReady(v) && (manualVision || generation::HasLaserSettings(v));
+}
+
 enum class LightForm : std::uint8_t { OneWord, OldDriver, NewDriver };
 
-LightForm ChooseLightForm(bool manualVision, std::uint16_t protocol, bool oldDriver) {
+LightForm ChooseLightForm(bool manualVision, const BoardVersionInfo& v, std::uint32_t driverWord) {
   // Manual-vision boards never had the one-word form.
-  if (!manualVision && protocol < 3) return LightForm::OneWord;
-  return oldDriver ? LightForm::OldDriver : LightForm::NewDriver;
+  if (!manualVision && generation::HasOneWordLightForm(v)) return LightForm::OneWord;
+  return generation::IsOldDriver(driverWord) ? LightForm::OldDriver : LightForm::NewDriver;
 }
 
 }  // namespace
@@ -132,15 +163,8 @@ bool CTavroUsbController::SendCapture(const Packet& request, ReplyBuffer& reply)
 }
 
 bool CTavroUsbController::SendSet(const Packet& request, bool twoAlways) {
-  ReplyBuffer reply(twoAlways || Protocol() >= 1 ? 2 : 0);
+  ReplyBuffer reply(twoAlways || generation::AnswersSetCommands(versionInfo) ? 2 : 0);
   return Send(request, reply);
-}
-
-bool CTavroUsbController::OldDriver() const {
-  const std::uint32_t word = DriverWord();
-  const auto third = static_cast<std::int8_t>((word >> 16) & 0xFF);
-  const auto fourth = static_cast<std::uint8_t>(word >> 24);
-  return third < 3 && fourth < 2;
 }
 
 std::uint16_t CTavroUsbController::GetLightChannelCount() const {
@@ -155,15 +179,17 @@ bool CTavroUsbController::GetIndexCapture(std::uint16_t axis, bool& valid, bool&
   ReplyBuffer reply(kIndexCaptureReply);
   if (!Send(request, reply)) return false;
   // The oldest servo boards have no valid flag: their capture is always valid.
-  valid = (!ManualVision() && Protocol() == 0) || GetFlag(reply.Bytes(), 1);
+  valid =
+      (!ManualVision() && !generation::HasIndexValidFlag(versionInfo)) || GetFlag(reply.Bytes(), 1);
   captured = GetFlag(reply.Bytes(), 2);
   count = GetLong(reply.Bytes(), 3);
   return true;
 }
 
 bool CTavroUsbController::GetFpgaVersion(std::uint16_t& out) {
-  const bool gated = ManualVision() ? Protocol() < 5 : machineKind < 2 || Firmware() < 2.0799;
-  if (gated) {
+  const bool answers = ManualVision() ? generation::ManualVisionHasLongForms(versionInfo)
+                                      : generation::HasBoardDataCommand(versionInfo, machineKind);
+  if (!answers) {
     out = 0;
     return true;
   }
@@ -176,9 +202,9 @@ bool CTavroUsbController::GetFpgaVersion(std::uint16_t& out) {
 }
 
 bool CTavroUsbController::GetAnalogInputs(std::uint16_t out[16]) {
-  const bool gated = ManualVision() ? Protocol() < 5 || Firmware() < 2.0199
-                                    : machineKind < 2 || Firmware() < 2.0799;
-  if (gated) {
+  const bool answers = ManualVision() ? generation::ManualVisionHasAnalogInputs(versionInfo)
+                                      : generation::HasBoardDataCommand(versionInfo, machineKind);
+  if (!answers) {
     std::fill_n(out, 16, std::uint16_t{0});
     return true;
   }
@@ -192,7 +218,7 @@ bool CTavroUsbController::GetAnalogInputs(std::uint16_t out[16]) {
 }
 
 bool CTavroUsbController::GetTemperature(std::uint32_t sensor, std::int32_t& raw, double& scale) {
-  if (!ManualVision() && machineKind <= 1) {
+  if (!ManualVision() && !generation::HasBoardTemperature(machineKind)) {
     raw = 0;
     scale = 0.0;
     return true;
@@ -211,7 +237,7 @@ bool CTavroUsbController::GetTemperature(std::uint32_t sensor, std::int32_t& raw
 bool CTavroUsbController::GetLightMaxValues(std::span<std::uint32_t> out) {
   const auto n =
       static_cast<std::uint32_t>(std::min<std::size_t>(GetLightChannelCount(), out.size()));
-  const LightForm form = ChooseLightForm(ManualVision(), Protocol(), OldDriver());
+  const LightForm form = ChooseLightForm(ManualVision(), versionInfo, DriverWord());
   if (form == LightForm::OneWord) {
     Packet request(kLightMaxCode, 2);
     ReplyBuffer reply(kOneWordGetReply);
@@ -235,7 +261,7 @@ bool CTavroUsbController::GetLightMaxValues(std::span<std::uint32_t> out) {
 bool CTavroUsbController::SetLightValues(std::span<const std::uint32_t> in) {
   const auto n =
       static_cast<std::uint32_t>(std::min<std::size_t>(GetLightChannelCount(), in.size()));
-  const LightForm form = ChooseLightForm(ManualVision(), Protocol(), OldDriver());
+  const LightForm form = ChooseLightForm(ManualVision(), versionInfo, DriverWord());
   if (form == LightForm::OneWord) {
     Packet request(kLightSetCode, kOneWordSetRequest);
     for (std::uint32_t i = 0; i < std::min(n, kOneWordMaxChannels); ++i) {
@@ -258,14 +284,14 @@ bool CTavroUsbController::SetLightValues(std::span<const std::uint32_t> in) {
 // ---- probes ----------------------------------------------------------------------------------
 
 bool CTavroUsbController::SetTouchProbeEnable(bool on) {
-  if (!ManualVision() && Protocol() == 0) return false;
+  if (!ManualVision() && !generation::HasTouchProbeCommands(versionInfo)) return false;
   Packet request(kTouchEnableCode, 16);
   request.Flag(1, on);
   return SendSet(request, ManualVision());
 }
 
 bool CTavroUsbController::GetTouchProbeCapture(std::uint32_t a[4], std::uint32_t b[4]) {
-  if (!ManualVision() && Protocol() == 0) return false;
+  if (!ManualVision() && !generation::HasTouchProbeCommands(versionInfo)) return false;
   Packet request(kTouchCaptureCode, 1);
   ReplyBuffer reply(kTouchCaptureReply);
   if (!Send(request, reply)) return false;
@@ -278,7 +304,8 @@ bool CTavroUsbController::GetTouchProbeCapture(std::uint32_t a[4], std::uint32_t
 
 bool CTavroUsbController::GetProbeCapture(const std::uint8_t want[4], const std::uint16_t select[4],
                                           ProbeCapture& out) {
-  const bool longForm = ManualVision() ? Protocol() >= 5 : machineKind > 1;
+  const bool longForm = ManualVision() ? generation::ManualVisionHasLongForms(versionInfo)
+                                       : generation::ProbeCaptureHasExtra(machineKind);
   Packet request(kProbeCaptureCode, 9);
   for (std::size_t i = 0; i < 4; ++i) {
     request.Byte(1 + i, want[i]).Byte(5 + i, static_cast<std::uint8_t>(select[i]));
@@ -302,17 +329,8 @@ bool CTavroUsbController::GetProbeCapture(const std::uint8_t want[4], const std:
 
 bool CTavroUsbController::GetLaserPoints(std::uint16_t wanted, LaserPoints& out) {
   out = LaserPoints{};
-  if (!LaserReady(versionInfo) || (!ManualVision() && Firmware() < 1.809)) return true;
-  const LaserForm* form = &kLaserC;
-  if (ManualVision()) {
-    form = Protocol() >= 5 ? &kLaserC : &kLaserD;
-  } else if (Firmware() < 1.819) {
-    form = &kLaserA;
-  } else if (Firmware() < 1.839) {
-    form = &kLaserB;
-  } else {
-    form = machineKind > 1 ? &kLaserC : &kLaserD;
-  }
+  const LaserLayout* form = ChooseLaserLayout(ManualVision(), versionInfo, machineKind);
+  if (!LaserReady(versionInfo) || form == nullptr) return true;
   const std::uint16_t asked = std::min(wanted, form->limit);
   Packet request(kLaserPointsCode, 16);
   request.Byte(1, static_cast<std::uint8_t>(asked));
@@ -344,7 +362,7 @@ bool CTavroUsbController::GetLaserPoints(std::uint16_t wanted, LaserPoints& out)
 }
 
 bool CTavroUsbController::GetLaserSettings(std::uint32_t out[kLaserSettingsWords]) {
-  if (!LaserReady(versionInfo) || (!ManualVision() && Firmware() < 1.829)) {
+  if (!LaserSettingsAnswered(ManualVision(), versionInfo)) {
     std::fill_n(out, kLaserSettingsWords, 0u);
     return true;
   }
@@ -357,7 +375,7 @@ bool CTavroUsbController::GetLaserSettings(std::uint32_t out[kLaserSettingsWords
 }
 
 bool CTavroUsbController::SetLaserSettings(const std::uint32_t in[kLaserSettingsWords]) {
-  if (!LaserReady(versionInfo) || (!ManualVision() && Firmware() < 1.829)) return true;
+  if (!LaserSettingsAnswered(ManualVision(), versionInfo)) return true;
   Packet request(kLaserSettingsCode, kLaserSettingsBytes);
   request.Byte(1, 1);
   for (std::size_t i = 0; i < kLaserSettingsWords; ++i)
@@ -367,10 +385,10 @@ bool CTavroUsbController::SetLaserSettings(const std::uint32_t in[kLaserSettings
 
 // ---- interrupts ------------------------------------------------------------------------------
 
-// Firmware below 1.829 has a one-byte command per operation (`oneByteCode` 0: the operation does
-// not exist there); later firmware has one 16-byte command with a flag byte per operation.
+// Older firmware has a one-byte command per operation (`oneByteCode` 0: the operation does not
+// exist there); later firmware has one 16-byte command with a flag byte per operation.
 bool CTavroUsbController::SendInterrupt(std::uint8_t oneByteCode, std::size_t flagByte) {
-  if (!ManualVision() && Firmware() < 1.829) {
+  if (!ManualVision() && !generation::HasInterruptCommand(versionInfo)) {
     if (oneByteCode == 0) return false;
     return SendSet(Packet(oneByteCode, 1));
   }

@@ -1,7 +1,8 @@
 // What the servo and the manual-vision controllers have in common: the packet helpers, the
 // choice of a command's form, and the operations that exist on both classes. The two speak one
 // command language; they differ in which forms exist and which gates apply, and each difference
-// is one test of `dialect` inside the form chooser of the command concerned.
+// is one test of `dialect` inside the form chooser of the command concerned, and each generation
+// rule a predicate of link/Generations.h.
 //
 // No operation throws and none holds a lock of its own: transfers are serialised per slot by the
 // channel, so any thread may call any operation. A failed transfer (a refusal included) returns
@@ -15,6 +16,7 @@
 
 #include "link/CTavroUsb.h"
 #include "link/ControllerRecords.h"
+#include "link/Generations.h"
 #include "wire/WireFormat.h"
 
 // A request packet of a fixed length, zero-filled behind its fields.
@@ -62,7 +64,7 @@ class CTavroUsbController : public CTavroUsb {
  public:
   // The two command dialects; the manual-vision one lacks the oldest forms and most firmware
   // gates, waits for two bytes after every set command of its W interface, and tells its two
-  // forms of a command apart by protocolVersion 5.
+  // forms of a command apart by protocolVersion (generation::ManualVisionHasLongForms).
   enum class Dialect { Servo, ManualVision };
 
   CTavroUsbController(const CTavroUsbController&) = delete;
@@ -83,7 +85,8 @@ class CTavroUsbController : public CTavroUsb {
 
   // One entry per channel, for the channels below GetLightChannelCount() that `out` and `in`
   // have room for: no entry past their size is read or written. A reply of the one-word form
-  // (boards below protocol 3) gives one maximum for all channels, and its write carries at most
+  // (generation::HasOneWordLightForm) gives one maximum for all channels, and its write carries at
+  // most
   // 42. The other forms send a packet from channel 0 and, only for channels left over, one more:
   // at most 42 channels behind an old driver and 84 behind a newer one, whatever count the board
   // reports. The first failure ends the operation with the channels fetched so far in `out`.
@@ -118,24 +121,19 @@ class CTavroUsbController : public CTavroUsb {
   // The packet helpers. `reply` is filled up to its length; a length of 0 expects no reply.
   bool Send(const Packet& request, ReplyBuffer& reply);
   bool SendCapture(const Packet& request, ReplyBuffer& reply);
-  // A command that only sets something: 2 reply bytes from protocol 1, none at 0, or 2 at every
-  // level where `twoAlways` says so. The reply is waited for and not read.
+  // A command that only sets something: 2 reply bytes where the board answers set commands, none
+  // before, or 2 at every level where `twoAlways` says so. The reply is waited for and not read.
   bool SendSet(const Packet& request, bool twoAlways = false);
 
   bool ManualVision() const { return dialect == Dialect::ManualVision; }
-  std::uint16_t Protocol() const { return versionInfo.protocolVersion; }
-  // Firmware gates compare the version widened to double against a number just below a release.
-  double Firmware() const { return static_cast<double>(versionInfo.firmwareVersion); }
-  // The driver's word marks a driver that carries at most 21 light channels per packet.
-  bool OldDriver() const;
 
  private:
   bool SendInterrupt(std::uint8_t oneByteCode, std::size_t flagByte);
 
  protected:
   const Dialect dialect;
-  // 0 unknown, 1 Servo, 2 Auto Vision; set by the servo controller only.
-  std::uint32_t machineKind = 0;
+  // Set by the servo controller only.
+  MachineKind machineKind = MachineKind::Unknown;
   EepromInfo WEepromInfo;
 
   friend class ChannelCommands;

@@ -66,9 +66,9 @@ int CTavroUsbServo::Open(bool showErrors, bool skipVersion) {
 
 void CTavroUsbServo::LearnMachineKind() {
   if (text::EqualsNoCase(versionInfo.firmwareName, "Auto Vision")) {
-    machineKind = 2;
+    machineKind = MachineKind::AutoVision;
   } else if (text::EqualsNoCase(versionInfo.firmwareName, "Servo")) {
-    machineKind = 1;
+    machineKind = MachineKind::Servo;
   }
 }
 
@@ -111,19 +111,19 @@ bool CTavroUsbServo::SetAxisPid(std::uint16_t axis, const AxisPid& in) {
 
 bool CTavroUsbServo::SyncAxis(std::uint16_t axis) {
   if (axis >= kAxisCount) return false;
-  if (!versionInfo.isServo || Firmware() <= 1.119) return true;
+  if (!generation::SyncsAxes(versionInfo)) return true;
   return SendSet(Packet(kSyncCode, 2).Byte(1, static_cast<std::uint8_t>(axis)));
 }
 
 // ---- machine status and board data -------------------------------------------------------------
 
 bool CTavroUsbServo::ClearSleep() {
-  if (machineKind < 2 || Firmware() < 2.219) return true;
+  if (!generation::ClearsSleep(versionInfo, machineKind)) return true;
   return SendSet(Packet(kClearSleepCode, 16).Byte(1, 1), true);
 }
 
 bool CTavroUsbServo::GetAxisExtents(AxisExtents& out) {
-  const bool twoArrays = Protocol() < 4;
+  const bool twoArrays = !generation::ReportsFourExtents(versionInfo);
   ReplyBuffer reply(twoArrays ? 37 : 120);
   if (!Send(Packet(kExtentsCode, 1), reply)) return false;
   const wire::Bytes r = reply.Bytes();
@@ -132,7 +132,7 @@ bool CTavroUsbServo::GetAxisExtents(AxisExtents& out) {
     if (!out.Valid[axis]) continue;
     out.Extent1[axis] = GetLong(r, 5 + 4 * axis);
     out.Extent2[axis] = GetLong(r, 21 + 4 * axis);
-    // Boards before protocol 4 report two extents; the other two repeat them.
+    // Boards that report two extents repeat them as the other two.
     out.Extent3[axis] = twoArrays ? out.Extent1[axis] : GetLong(r, 37 + 4 * axis);
     out.Extent4[axis] = twoArrays ? out.Extent2[axis] : GetLong(r, 53 + 4 * axis);
   }
@@ -140,8 +140,7 @@ bool CTavroUsbServo::GetAxisExtents(AxisExtents& out) {
 }
 
 bool CTavroUsbServo::GetPmdVersion(PmdVersion& out, std::uint32_t chip) {
-  // First-generation machines have one motion chip.
-  if (Firmware() < 1.509 || (machineKind <= 1 && chip != 0)) {
+  if (!generation::AnswersPmdVersion(versionInfo, machineKind, chip)) {
     out = PmdVersion{};
     return true;
   }
@@ -158,7 +157,7 @@ bool CTavroUsbServo::GetPmdVersion(PmdVersion& out, std::uint32_t chip) {
 }
 
 bool CTavroUsbServo::GetPendant(PendantState& out) {
-  if (machineKind < 2 || Firmware() < 2.0799) {
+  if (!generation::HasBoardDataCommand(versionInfo, machineKind)) {
     out = PendantState{};
     return true;
   }
@@ -174,12 +173,12 @@ bool CTavroUsbServo::GetPendant(PendantState& out) {
 }
 
 bool CTavroUsbServo::SetStatusLight(std::uint8_t colour) {
-  if (machineKind < 2 || Firmware() < 2.179) return true;
+  if (!generation::HasStatusLight(versionInfo, machineKind)) return true;
   return SendSet(Packet(kStatusLightCode, 16).Byte(1, 0).Byte(2, colour));
 }
 
 bool CTavroUsbServo::SetLedWords(std::uint32_t which, std::uint16_t a, std::uint16_t b) {
-  if (machineKind < 2 || Firmware() < 2.249 || which > 1) return true;
+  if (!generation::HasLedWords(versionInfo, machineKind) || which > 1) return true;
   const std::uint8_t selector = which == 0 ? 129 : 130;
   return SendSet(Packet(kStatusLightCode, 16).Byte(1, selector).Word(3, a).Word(5, b));
 }

@@ -1,7 +1,7 @@
-// The controller of a servo machine: the current auto-vision boards (machineKind 2) and the first
-// generation (machineKind 1). Built by copy from the CTavroUsb that proved the link, so it shares
-// the channel and starts with copies of both records. It is also the W axis (CTavroUsbWAxis) and
-// the platen (CTavroUsbPlaten); use those through their interfaces.
+// The controller of a servo machine: the current auto-vision boards (MachineKind::AutoVision) and
+// the first generation (MachineKind::Servo). Built by copy from the CTavroUsb that proved the link,
+// so it shares the channel and starts with copies of both records. It is also the W axis
+// (CTavroUsbWAxis) and the platen (CTavroUsbPlaten); use those through their interfaces.
 //
 // The axes X, Y, Z and Zoom have no move command: an axis is moved by writing its tuning record
 // with the gains at zero, whose Mb is then an open-loop motor output.
@@ -28,8 +28,7 @@ class CTavroUsbServo : public CTavroUsbController, public WAxisBridge, public Pl
   // The base open; on 0 the machine's kind and the W EEPROM description are learnt again.
   int Open(bool showErrors, bool skipVersion) override;
 
-  // 0 unknown, 1 Servo (first generation), 2 Auto Vision.
-  std::uint32_t MachineKind() const { return machineKind; }
+  MachineKind GetMachineKind() const { return machineKind; }
 
   // Names shared by an axis operation and the W or platen interface: both overloads stay
   // callable. ReadEeprom and ReadEepromBlock exist with one signature for the board and for the
@@ -45,7 +44,7 @@ class CTavroUsbServo : public CTavroUsbController, public WAxisBridge, public Pl
   bool GetRotaryPosition(std::uint16_t axis, std::uint32_t& count);
   bool GetAxisPid(std::uint16_t axis, AxisPid& out);
   bool SetAxisPid(std::uint16_t axis, const AxisPid& in);
-  // Succeeds without sending on boards whose firmware does not know it (1.119 and before).
+  // Succeeds without sending on boards whose firmware does not know it.
   bool SyncAxis(std::uint16_t axis);
   bool GetAxisDefine(std::uint16_t axis, AxisDefine& out);
 

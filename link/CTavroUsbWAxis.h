@@ -99,8 +99,8 @@ class CTavroUsbPlaten {
   virtual bool SyncAxis() = 0;
   virtual bool GetPid(ChannelPid& out) = 0;
   virtual bool SetPid(const ChannelPid& in) = 0;
-  // With the extra record (Size, Offset, SlowSpeedTurns) on firmware above 1.619; below it those
-  // fields are zeroed.
+  // With the platen's extra record (Size, Offset, SlowSpeedTurns) where its firmware has one;
+  // elsewhere those fields are zeroed.
   virtual bool GetDefine(ChannelDefine& out) = 0;
   virtual bool SetDefine(const ChannelDefine& in) = 0;
   virtual bool GetSerial(BoardIdentity& out) = 0;

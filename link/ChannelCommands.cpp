@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "link/Generations.h"
 #include "platform/Clock.h"
 #include "util/Text.h"
 
@@ -53,14 +54,13 @@ constexpr std::size_t kMotorSwapAt = 47;
 constexpr std::size_t kIndexTypeAt = 48;
 
 // The platen's extra record (0x68 read, 0x48 write), 32 bytes without a channel number:
-// Size words from 1, Offset words from 7, SlowSpeedTurns at 13. Firmware above 1.619 has it.
+// Size words from 1, Offset words from 7, SlowSpeedTurns at 13.
 constexpr std::uint8_t kExtraGetCode = 0x68;
 constexpr std::uint8_t kExtraSetCode = 0x48;
 constexpr std::uint32_t kExtraBytes = 32;
-constexpr double kExtraRecordAbove = 1.619;
 
-// ---- 0x7D / 0x7B serial record: texts at 1, 33, 65; from protocol 2 the identity fields at
-// 97 to 107 and (in the write) the channel at 108.
+// ---- 0x7D / 0x7B serial record: texts at 1, 33, 65; in the extended form the identity fields
+// at 97 to 107 and (in the write) the channel at 108.
 constexpr std::uint32_t kSerialLong = 126;
 constexpr std::uint32_t kSerialShort = 97;
 
@@ -71,9 +71,10 @@ constexpr std::uint32_t kEepromInfoReply = 18;
 // ---- 0x66 / 0x67 EEPROM blocks. Byte 1 is 2 in both, not the channel.
 constexpr std::uint8_t kEepromReadCode = 0x66;
 constexpr std::uint8_t kEepromWriteCode = 0x67;
-constexpr std::uint32_t kOldBlockRequest = 5;   // read below protocol 2
+// The old form, of servo boards without the block commands.
+constexpr std::uint32_t kOldBlockRequest = 5;   // read
 constexpr std::uint32_t kOldBlockReply = 68;    // status at 1, data from 4
-constexpr std::uint32_t kOldWriteRequest = 69;  // write below protocol 2, data from 5
+constexpr std::uint32_t kOldWriteRequest = 69;  // write, data from 5
 constexpr std::uint32_t kShortBlock = 96;
 constexpr std::uint32_t kLongBlock = 288;
 constexpr std::size_t kBlockDataAt = 32;
@@ -197,7 +198,7 @@ bool ChannelCommands::GetDefine(ChannelDefine& out) {
   if (!owner_.Send(Packet(0x62, 2).Byte(1, channel_), reply)) return false;
   DecodeDefine(reply.Bytes(), out);
   // The W axis has no extra record; older platen firmware neither.
-  if (!Platen() || owner_.Firmware() <= kExtraRecordAbove) {
+  if (!Platen() || !generation::HasPlatenExtraRecord(owner_.versionInfo)) {
     std::fill_n(out.Size, 3, std::uint16_t{0});
     std::fill_n(out.Offset, 3, std::int16_t{0});
     out.SlowSpeedTurns = 0;
@@ -223,7 +224,7 @@ bool ChannelCommands::SetDefine(const ChannelDefine& in) {
       .Flag(kMotorSwapAt, in.MotorSwap)
       .Byte(kIndexTypeAt, in.IndexType);
   if (!SendSet(request)) return false;
-  if (!Platen() || owner_.Firmware() <= kExtraRecordAbove) return true;
+  if (!Platen() || !generation::HasPlatenExtraRecord(owner_.versionInfo)) return true;
   Packet extra(kExtraSetCode, kExtraBytes);
   for (std::size_t i = 0; i < 3; ++i) {
     extra.Word(1 + 2 * i, in.Size[i]).Word(7 + 2 * i, static_cast<std::uint16_t>(in.Offset[i]));
@@ -234,7 +235,7 @@ bool ChannelCommands::SetDefine(const ChannelDefine& in) {
 
 bool ChannelCommands::GetSerial(BoardIdentity& out) {
   // Manual-vision boards always speak the later form.
-  const bool extended = ManualVision() || owner_.Protocol() >= 2;
+  const bool extended = ManualVision() || generation::HasExtendedIdentity(owner_.versionInfo);
   const Packet request = extended ? Packet(0x7D, 16).Byte(1, channel_) : Packet(0x7D, 1);
   ReplyBuffer reply(extended ? kSerialLong : kSerialShort);
   if (!owner_.Send(request, reply)) return false;
@@ -253,7 +254,7 @@ bool ChannelCommands::GetSerial(BoardIdentity& out) {
 }
 
 bool ChannelCommands::SetSerial(const BoardIdentity& in) {
-  const bool extended = ManualVision() || owner_.Protocol() >= 2;
+  const bool extended = ManualVision() || generation::HasExtendedIdentity(owner_.versionInfo);
   Packet request(0x7B, extended ? kSerialLong : kSerialShort);
   request.Text(1, in.serialNumber).Text(33, in.machineName).Text(65, in.modelName);
   if (extended) {
@@ -278,8 +279,7 @@ bool ChannelCommands::ReadU(std::uint32_t& a, std::uint32_t& b, std::uint32_t& c
 }
 
 bool ChannelCommands::ReadQ(float& r, std::uint32_t& a, std::uint32_t& b, std::uint32_t& c) {
-  const BoardVersionInfo& v = owner_.versionInfo;
-  if (!ManualVision() && (!v.isServo || owner_.Firmware() < 1.779)) {
+  if (!ManualVision() && !generation::AnswersReadQ(owner_.versionInfo)) {
     r = 0;
     a = b = c = 0;
     return true;
@@ -294,7 +294,7 @@ bool ChannelCommands::ReadQ(float& r, std::uint32_t& a, std::uint32_t& b, std::u
 }
 
 bool ChannelCommands::GetTemperature(std::int32_t& raw, double& scale) {
-  if (!ManualVision() && owner_.Firmware() < 1.729) {
+  if (!ManualVision() && !generation::HasChannelTemperature(owner_.versionInfo)) {
     raw = 0;
     scale = 0.0;
     return true;
@@ -307,14 +307,14 @@ bool ChannelCommands::GetTemperature(std::int32_t& raw, double& scale) {
 }
 
 bool ChannelCommands::CommandHash() {
-  if (!ManualVision() && owner_.Protocol() < 2) return false;
+  if (!ManualVision() && !generation::HasChannelHash(owner_.versionInfo)) return false;
   return owner_.SendSet(Packet(0x23, 16).Byte(2, channel_), true);
 }
 
 bool ChannelCommands::EepromAvailable() const {
   const BoardVersionInfo& v = owner_.versionInfo;
   if (ManualVision()) return v.hasWAxis;
-  return v.isServo && v.hasWAxis && owner_.Firmware() > 1.519;
+  return v.hasWAxis && generation::HasChannelEepromCommands(v);
 }
 
 bool ChannelCommands::GetEepromInfo(EepromInfo& out) {
@@ -350,7 +350,7 @@ bool ChannelCommands::GetEepromInfo(EepromInfo& out) {
 bool ChannelCommands::ReadEepromBlock(std::uint32_t address, std::uint32_t length,
                                       std::uint32_t& status, std::uint8_t* out, bool area) {
   const EepromInfo& info = owner_.WEepromInfo;
-  const bool oldForm = !ManualVision() && owner_.Protocol() < 2;
+  const bool oldForm = !ManualVision() && !generation::HasEepromBlockCommands(owner_.versionInfo);
   const bool longForm = info.maxReadWrite > 64;
   const std::uint32_t replyLength = oldForm ? kOldBlockReply : longForm ? kLongBlock : kShortBlock;
   const std::size_t dataAt = oldForm ? 4 : kBlockDataAt;
@@ -408,7 +408,7 @@ bool ChannelCommands::ReadEeprom(std::uint32_t address, std::uint32_t length, st
 bool ChannelCommands::WriteEepromBlock(std::uint32_t address, std::uint32_t length,
                                        const std::uint8_t* in, bool area) {
   const EepromInfo& info = owner_.WEepromInfo;
-  const bool oldForm = !ManualVision() && owner_.Protocol() < 2;
+  const bool oldForm = !ManualVision() && !generation::HasEepromBlockCommands(owner_.versionInfo);
   const bool longForm = info.maxReadWrite > 64;
   const std::uint32_t requestLength = oldForm    ? kOldWriteRequest
                                       : longForm ? kLongBlock

@@ -144,7 +144,8 @@ inline constexpr std::uint8_t kIndexMarkInverted = 1;
 inline constexpr std::uint8_t kNoIndexMark = 2;
 
 // The definition record of a channel. The W axis has the fields up to IndexType; the platen has
-// the three last ones as well, in an extra record of firmware above 1.619.
+// the three last ones as well, in an extra record of later firmware
+// (generation::HasPlatenExtraRecord).
 struct ChannelDefine {
   std::uint32_t Speed = 0;
   std::uint32_t SlowSpeed = 0;

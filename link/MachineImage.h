@@ -1,7 +1,7 @@
 // The machine image: 1022 bytes at address 0 of a servo board's EEPROM, in eight sections each led
 // by a two-byte signature. In the EEPROM its multi-byte fields are big-endian; an EepromImage
-// holds them in host order. Boards below protocol 2 have no image to read: the same image is put
-// together from the older per-axis commands, so that everything above sees one format.
+// holds them in host order. Boards of the older command sets keep no image to read: the same image
+// is put together from the per-axis commands, so that everything above sees one format.
 #pragma once
 
 #include <array>
@@ -59,7 +59,7 @@ struct AxisDefine {
   bool AxisFlag11 = false;
   std::uint32_t AxisLong2 = 0;
   bool AxisFlag7 = false;
-  std::uint16_t AxisWord8 = 0;  // firmware 1.139 and later; 0 before
+  std::uint16_t AxisWord8 = 0;  // 0 from firmware before it (generation::DefinesAxisWord8)
 };
 
 // The record of command 0x72, kept in section 1.

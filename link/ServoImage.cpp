@@ -127,7 +127,7 @@ bool CTavroUsbServo::GetAxisDefine(std::uint16_t axis, AxisDefine& out) {
   out.AxisFlag11 = GetFlag(r, 39);
   out.AxisLong2 = GetLong(r, 40);
   out.AxisFlag7 = GetFlag(r, 44);
-  out.AxisWord8 = Firmware() >= 1.139 ? GetWord(r, 45) : 0;
+  out.AxisWord8 = generation::DefinesAxisWord8(versionInfo) ? GetWord(r, 45) : 0;
   return true;
 }
 
@@ -155,7 +155,7 @@ bool CTavroUsbServo::GetNamedRecord(bool& valid, NamedRecord& out) {
 }
 
 bool CTavroUsbServo::GetMachineData(MachineData& out) {
-  if (!versionInfo.isServo || Firmware() < 1.139) {
+  if (!generation::HasMachineData(versionInfo)) {
     out = MachineData{};
     out.Real = -1.0f;
     return true;
@@ -174,7 +174,7 @@ bool CTavroUsbServo::GetMachineData(MachineData& out) {
 }
 
 bool CTavroUsbServo::GetEepromImage(EepromImage& out, std::uint32_t& status, bool upgrade) {
-  if (Protocol() >= 2) {
+  if (generation::KeepsMachineImage(versionInfo)) {
     if (!CTavroUsb::ReadEeprom(0, kEepromImageBytes, status, out.bytes.data(), false)) {
       return false;
     }
@@ -189,8 +189,7 @@ bool CTavroUsbServo::GetEepromImage(EepromImage& out, std::uint32_t& status, boo
   return true;
 }
 
-// Boards below protocol 2 keep no image: it is put together from the per-axis commands, in the
-// older layout.
+// Boards that keep no image get one put together from the per-axis commands, in the older layout.
 bool CTavroUsbServo::AssembleOlderImage(EepromImage& out) {
   BoardIdentity identity;
   if (!ReadBoardIdentity(identity)) return false;

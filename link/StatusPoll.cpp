@@ -8,37 +8,86 @@ namespace {
 constexpr std::uint8_t kPollCode = 0x59;
 constexpr int kNone = -1;
 
-// Where each field or array begins in one form of the reply; kNone: the form lacks it.
+// Where each field or array begins in one form of the reply; kNone: the form lacks it. Each form
+// names the fields it has, so that a value set against the wrong field cannot go unnoticed.
 struct PollLayout {
   std::uint32_t length;
-  int touchCaptureReady, touchProbeTrip, auxFlag2, sleep;
+  int touchCaptureReady = kNone, touchProbeTrip = kNone, auxFlag2 = kNone, sleep = kNone;
   int moving, limit, settled, stalled, failed;
-  int auxLong, linearPosition;
-  bool inputsTwoBytes;  // the compact form carries Inputs[2..3] and Inputs2[2..3] only
-  int inputs, inputs2, footswitch, auxFlags0, auxFlags12, auxFlag3, auxWord;
-  int wChannels;  // entries of the W arrays the form carries
-  int wMoving, wSettled, wStalled, wLimit, wLongA, wLongB;
-  int platenMoving, platenSettled, platenStalled, platenLimit, platenLongA, platenLongB;
+  int auxLong = kNone, linearPosition = kNone;
+  bool inputsTwoBytes = false;  // the compact form carries Inputs[2..3] and Inputs2[2..3] only
+  int inputs = kNone, inputs2 = kNone, footswitch = kNone, auxFlags0 = kNone, auxFlags12 = kNone,
+      auxFlag3 = kNone, auxWord = kNone;
+  int wChannels = 0;  // entries of the W arrays the form carries
+  int wMoving = kNone, wSettled = kNone, wStalled = kNone, wLimit = kNone, wLongA = kNone,
+      wLongB = kNone;
+  int platenMoving = kNone, platenSettled = kNone, platenStalled = kNone, platenLimit = kNone,
+      platenLongA = kNone, platenLongB = kNone;
 };
 
-// clang-format off
 constexpr PollLayout kOldest = {
-    28,  kNone, kNone, kNone, kNone,  8, 12, 16, 20, 24,  kNone, kNone,
-    false, kNone, kNone, kNone, kNone, kNone, kNone, kNone,
-    0, kNone, kNone, kNone, kNone, kNone, kNone,
-    kNone, kNone, kNone, kNone, kNone, kNone};
+    .length = 28, .moving = 8, .limit = 12, .settled = 16, .stalled = 20, .failed = 24};
 // The compact form has one set of bytes for W and the platen: 34 to 45 fill both.
-constexpr PollLayout kCompact = {
-    62,  4, 5, 6, kNone,  8, 12, 16, 20, 24,  kNone, 46,
-    true, 28, 29, 32, 33, kNone, kNone, kNone,
-    1, 34, 35, 36, 37, 38, 42,
-    34, 35, 36, 37, 38, 42};
-constexpr PollLayout kLong = {
-    221,  4, 5, 6, 7,  23, 27, 31, 35, 39,  55, 59,
-    false, 75, 91, 107, 108, 109, 111, 112,
-    3, 127, 130, 133, 136, 139, 151,
-    163, 164, 165, 166, 167, 171};
-// clang-format on
+constexpr PollLayout kCompact = {.length = 62,
+                                 .touchCaptureReady = 4,
+                                 .touchProbeTrip = 5,
+                                 .auxFlag2 = 6,
+                                 .moving = 8,
+                                 .limit = 12,
+                                 .settled = 16,
+                                 .stalled = 20,
+                                 .failed = 24,
+                                 .linearPosition = 46,
+                                 .inputsTwoBytes = true,
+                                 .inputs = 28,
+                                 .inputs2 = 29,
+                                 .footswitch = 32,
+                                 .auxFlags0 = 33,
+                                 .wChannels = 1,
+                                 .wMoving = 34,
+                                 .wSettled = 35,
+                                 .wStalled = 36,
+                                 .wLimit = 37,
+                                 .wLongA = 38,
+                                 .wLongB = 42,
+                                 .platenMoving = 34,
+                                 .platenSettled = 35,
+                                 .platenStalled = 36,
+                                 .platenLimit = 37,
+                                 .platenLongA = 38,
+                                 .platenLongB = 42};
+constexpr PollLayout kLong = {.length = 221,
+                              .touchCaptureReady = 4,
+                              .touchProbeTrip = 5,
+                              .auxFlag2 = 6,
+                              .sleep = 7,
+                              .moving = 23,
+                              .limit = 27,
+                              .settled = 31,
+                              .stalled = 35,
+                              .failed = 39,
+                              .auxLong = 55,
+                              .linearPosition = 59,
+                              .inputs = 75,
+                              .inputs2 = 91,
+                              .footswitch = 107,
+                              .auxFlags0 = 108,
+                              .auxFlags12 = 109,
+                              .auxFlag3 = 111,
+                              .auxWord = 112,
+                              .wChannels = 3,
+                              .wMoving = 127,
+                              .wSettled = 130,
+                              .wStalled = 133,
+                              .wLimit = 136,
+                              .wLongA = 139,
+                              .wLongB = 151,
+                              .platenMoving = 163,
+                              .platenSettled = 164,
+                              .platenStalled = 165,
+                              .platenLimit = 166,
+                              .platenLongA = 167,
+                              .platenLongB = 171};
 
 static_assert(kLong.platenLongB + 4 <= static_cast<int>(kLong.length));
 static_assert(kCompact.linearPosition + 16 == static_cast<int>(kCompact.length));
@@ -84,11 +133,17 @@ class PollReader {
   wire::Bytes r_;
 };
 
-const PollLayout& ChooseLayout(bool manualVision, std::uint16_t protocol,
-                               std::uint32_t machineKind) {
-  if (manualVision) return protocol >= 5 ? kLong : kCompact;
-  if (protocol == 0) return kOldest;
-  return machineKind >= 2 ? kLong : kCompact;
+const PollLayout& ChooseLayout(bool manualVision, const BoardVersionInfo& v, MachineKind kind) {
+  if (manualVision) return generation::ManualVisionHasLongForms(v) ? kLong : kCompact;
+  switch (generation::ServoPollForm(v, kind)) {
+    case generation::PollForm::Oldest:
+      return kOldest;
+    case generation::PollForm::Compact:
+      return kCompact;
+    case generation::PollForm::Long:
+      break;
+  }
+  return kLong;
 }
 
 void Decode(const PollLayout& f, const PollReader& in, bool readFailed, ServoStatus& out) {
@@ -142,16 +197,15 @@ void Decode(const PollLayout& f, const PollReader& in, bool readFailed, ServoSta
 
 bool CTavroUsbController::PollStatus(ServoStatus& out, std::uint8_t wantCapture,
                                      std::uint8_t flag) {
-  const PollLayout& form = ChooseLayout(ManualVision(), Protocol(), machineKind);
+  const PollLayout& form = ChooseLayout(ManualVision(), versionInfo, machineKind);
   Packet request(kPollCode, 16);
   request.Byte(1, wantCapture);
   // The oldest boards read byte 2 as something else: it stays 0 for them.
-  if (ManualVision() || Protocol() > 0) request.Byte(2, flag);
+  if (&form != &kOldest) request.Byte(2, flag);
   ReplyBuffer reply(form.length);
   if (!Send(request, reply)) return false;
   out = ServoStatus{};
-  // Boards before firmware 1.119 do not report a failed axis.
-  const bool readFailed = ManualVision() || Firmware() >= 1.119;
+  const bool readFailed = ManualVision() || generation::ReportsAxisFailure(versionInfo);
   Decode(form, PollReader(reply.Bytes()), readFailed, out);
   // The oldest form knows nothing of W: it shows the axis settled and at rest.
   if (&form == &kOldest) out.WSettled = true;

@@ -20,9 +20,12 @@ struct BoardInformationForm {
   bool fpgaAfterFailure;  // read the FPGA even when an earlier read failed
 };
 
-inline constexpr BoardInformationForm kAutoVisionBoardInformation{104, 2, true, false};
-inline constexpr BoardInformationForm kV1BoardInformation{110, 1, false, false};
-inline constexpr BoardInformationForm kManualVisionBoardInformation{113, 0, true, true};
+inline constexpr BoardInformationForm kAutoVisionBoardInformation{
+    .htmlId = 104, .chips = 2, .hasFpga = true, .fpgaAfterFailure = false};
+inline constexpr BoardInformationForm kV1BoardInformation{
+    .htmlId = 110, .chips = 1, .hasFpga = false, .fpgaAfterFailure = false};
+inline constexpr BoardInformationForm kManualVisionBoardInformation{
+    .htmlId = 113, .chips = 0, .hasFpga = true, .fpgaAfterFailure = true};
 
 template <class Base, const BoardInformationForm& kForm>
 class BoardInformationPage : public Base {

@@ -1,15 +1,17 @@
 // Start-up against a hand-scripted board: every way of ending, and the machine selection table.
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "app/CTavroTestApp.h"
 #include "link/CTavroUsbManualVision.h"
 #include "link/CTavroUsbServo.h"
 #include "link/LinkMessages.h"
-#include "wire/WireFormat.h"
 #include "platform/Clock.h"
 #include "tests/support/Recorders.h"
 #include "tests/support/ScriptedBoard.h"
 #include "util/Text.h"
+#include "wire/WireFormat.h"
 
 namespace {
 
@@ -26,13 +28,13 @@ struct Board {
 class RecordingApp : public CTavroTestApp {
  public:
   std::string dialog;
-  std::uint32_t machineKind = 99;
+  std::optional<MachineKind> machineKind;  // set by the servo dialog only
   bool controllerOpen = false;
 
  protected:
   void RunServoDialog(CTavroUsbServo& servo, const BoardVersionInfo&) override {
     dialog = "CTavroTestDlg";
-    machineKind = servo.MachineKind();
+    machineKind = servo.GetMachineKind();
     controllerOpen = servo.IsOpen();
   }
   void RunManualVisionDialog(CTavroUsbManualVision& manual, const BoardVersionInfo&) override {
@@ -77,14 +79,15 @@ TEST_F(StartupTest, TheSelectionTablePicksControllerDialogAndKind) {
     std::u16string name;
     bool isServo, isManualVision;
     std::string dialog;
-    std::uint32_t kind;
+    std::optional<MachineKind> kind;
   };
-  for (const Case& c : {Case{u"Auto Vision", true, false, "CTavroTestDlg", 2},
-                        Case{u"SERVO", true, false, "CTavroTestDlg", 1},
-                        Case{u"Servo", true, true, "CTavroTestDlg", 1},
-                        Case{u"Prototype", true, false, "CTavroTestDlg", 0},
-                        Case{u"Manual Vision", false, true, "CTavroTestManualVisionDlg", 99},
-                        Case{u"Auto Vision", false, false, "", 99}}) {
+  for (const Case& c :
+       {Case{u"Auto Vision", true, false, "CTavroTestDlg", MachineKind::AutoVision},
+        Case{u"SERVO", true, false, "CTavroTestDlg", MachineKind::Servo},
+        Case{u"Servo", true, true, "CTavroTestDlg", MachineKind::Servo},
+        Case{u"Prototype", true, false, "CTavroTestDlg", MachineKind::Unknown},
+        Case{u"Manual Vision", false, true, "CTavroTestManualVisionDlg", std::nullopt},
+        Case{u"Auto Vision", false, false, "", std::nullopt}}) {
     fake = {c.name, c.isServo, c.isManualVision};
     auto board = Plug();
     const RecordingApp app = Run();

@@ -123,9 +123,9 @@ class StagePage {
   std::atomic<std::uint32_t> TestAxis{5};  // 5: none since ResetPage
   std::atomic<std::uint8_t> Sampling{0};   // tick 1 feeds TestPosition while set
   std::atomic<std::uint8_t> StopRequested{0};
-  std::atomic<std::uint8_t> CachedEStop{0};       // from the 200 ms tick
-  std::atomic<std::uint32_t> VoltageChoice{0};    // 0 Standard, 1 High, 2 No Limit
-  std::atomic<std::int32_t> BiasWritten{0};       // the bias of the last StoreAxisPid, for traces
+  std::atomic<std::uint8_t> CachedEStop{0};     // from the 200 ms tick
+  std::atomic<std::uint32_t> VoltageChoice{0};  // 0 Standard, 1 High, 2 No Limit
+  std::atomic<std::int32_t> BiasWritten{0};     // the bias of the last StoreAxisPid, for traces
   // The axis whose AxisPids entry a test thread holds right now (written by that thread), or
   // kNoAxis. ResetPage and the ticks leave that entry alone: the thread writes its own record
   // into it before each store and puts the saved one back when it hands the axis back.

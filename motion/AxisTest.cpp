@@ -1,0 +1,217 @@
+// The axis test of X, Y and Z, and the zoom test, which has its shape: a negative run, questions,
+// a prompt, a positive run, questions, a report.
+#include <cstdlib>
+
+#include "motion/Reports.h"
+#include "motion/TestRun.h"
+#include "motion/TestTexts.h"
+#include "motion/Tests.h"
+#include "ui/MessageBox.h"
+#include "util/Text.h"
+
+namespace motion {
+
+namespace {
+
+constexpr unsigned kZoomAxis = 3;
+constexpr std::int32_t kZoomTarget = 3000;
+
+// A direction that did not run: zeros, and No for both answers.
+void FillCancelled(AxisTestResult& r, int d) {
+  r.RotaryInitial[d] = r.RotaryFinal[d] = r.RotaryChange[d] = 0;
+  r.LinearInitial[d] = r.LinearFinal[d] = r.LinearChange[d] = 0;
+  r.StartingVoltage[d] = 0;
+  r.VoltageLimitReached[d] = 0;
+  r.ManuallyStopped[d] = 0;
+  r.CorrectDirection[d] = ui::kIdNo;
+  r.CorrectDistance[d] = ui::kIdNo;
+}
+
+// Steps shared by the axis and the zoom run once the ramp is over: the voltage verdict, the
+// hand-back and the stop flag. Leaves the axis settled and synchronised.
+void EndRamp(AxisRun& run, AxisTestResult& r, int d, bool arrived, std::int32_t mb) {
+  if (arrived) r.StartingVoltage[d] = mb;
+  r.VoltageLimitReached[d] = 0;
+  if (mb >= run.Limit()) {
+    r.StartingVoltage[d] = mb;
+    r.VoltageLimitReached[d] = 1;
+  }
+  run.Restore(mb);
+  r.ManuallyStopped[d] = run.Page().StopRequested != 0;
+  run.Settle();
+}
+
+void RunAxisDirection(const TestParams& p, std::uint32_t choice, AxisTestResult& r, int d) {
+  StagePage& page = *p.page;
+  AxisRun run(page, p.axis, choice);
+  if (!run.TakeOver()) return;
+  // The positive Z run starts from the axis's own bias, which holds the stage against gravity.
+  std::int32_t mb = p.axis == 2 && d == 1 ? run.Saved().Mb : 0;
+  r.LinearInitial[d] = run.Position();
+  page.GetRotaryPosition(p.axis, r.RotaryInitial[d]);
+  const std::int64_t target = 10 * DistanceScale(page.CountsPerMm(p.axis));
+  const bool arrived =
+      run.RunRamp({.target = target, .moving = target / 50, .holds = RulesOf(page).axisHolds},
+                  r.LinearInitial[d], d, mb);
+  EndRamp(run, r, d, arrived, mb);
+  r.LinearFinal[d] = run.Position();
+  page.GetRotaryPosition(p.axis, r.RotaryFinal[d]);
+  run.Release();
+  r.LinearChange[d] = r.LinearFinal[d] - r.LinearInitial[d];
+  r.RotaryChange[d] = r.RotaryFinal[d] - r.RotaryInitial[d];
+}
+
+void RunZoomDirection(const TestParams& p, std::uint32_t choice, AxisTestResult& r, int d) {
+  StagePage& page = *p.page;
+  AxisRun run(page, p.axis, choice);
+  if (!run.TakeOver()) return;
+  std::int32_t mb = 0;
+  r.RotaryInitial[d] = run.Position();
+  const bool arrived = run.RunRamp(
+      {.target = kZoomTarget, .moving = kZoomTarget / 10, .holds = RulesOf(page).zoomHolds},
+      r.RotaryInitial[d], d, mb);
+  EndRamp(run, r, d, arrived, mb);
+  r.RotaryFinal[d] = run.Position();
+  run.Release();
+  r.RotaryChange[d] = r.RotaryFinal[d] - r.RotaryInitial[d];
+}
+
+void AskAxisQuestions(StagePage& page, AxisTestResult& r, int d, unsigned axis) {
+  const int answer =
+      YesNoAnswer(page.Ask(AxisResultText(r, d, axis, page.CountsPerMm(axis)), ui::kMbYesNo));
+  if (answer == ui::kIdYes) {
+    r.CorrectDirection[d] = r.CorrectDistance[d] = ui::kIdYes;
+    return;
+  }
+  r.CorrectDirection[d] = YesNoAnswer(page.Ask(texts::Get(texts::kCorrectDirection), ui::kMbYesNo));
+  // A right direction with a wrong move as a whole means the distance was wrong.
+  r.CorrectDistance[d] =
+      r.CorrectDirection[d] == ui::kIdYes
+          ? ui::kIdNo
+          : YesNoAnswer(page.Ask(texts::Get(texts::kCorrectDistance), ui::kMbYesNo));
+}
+
+const char* YesNoText(std::int32_t answer) {
+  return answer == ui::kIdYes ? "Yes" : answer == ui::kIdNo ? "No" : "";
+}
+
+std::string PositionLines(const char* heading, std::int32_t initial, std::int32_t final,
+                          std::int32_t change) {
+  return std::string(heading) + "\r\n" +
+         text::Format("                    Initial: %d\r\n", initial) +
+         text::Format("                      Final: %d\r\n", final) +
+         text::Format("                     Change: %d\r\n", change);
+}
+
+std::string ReportBlock(const AxisTestResult& r, int d, const std::string& letter, bool zoom) {
+  std::string b = std::string(15, ' ') + letter + " Axis " + (d == 0 ? "(-)\r\n" : "(+)\r\n");
+  if (r.VoltageLimitReached[d]) b += "VOLTAGE LIMIT REACHED\r\n";
+  if (!zoom) {
+    b += PositionLines(" Linear Encoder Positions", r.LinearInitial[d], r.LinearFinal[d],
+                       r.LinearChange[d]);
+  }
+  b += PositionLines(" Rotary Encoder Positions", r.RotaryInitial[d], r.RotaryFinal[d],
+                     r.RotaryChange[d]);
+  b += text::Format("         Starting Voltage: %d\r\n", r.StartingVoltage[d]);
+  b += std::string("        Correct Direction: ") + YesNoText(r.CorrectDirection[d]) + "\r\n";
+  if (!zoom) {
+    b += std::string("         Correct Distance: ") + YesNoText(r.CorrectDistance[d]) + "\r\n";
+  }
+  b += std::string("         Manually Stopped: ") + (r.ManuallyStopped[d] ? "Yes" : "No") +
+       "\r\n\r\n";
+  return b;
+}
+
+std::string VoltageWarning() {
+  return texts::Get(texts::kVoltageLimitReached) + texts::Get(texts::kBeforeContinuing);
+}
+
+}  // namespace
+
+std::string TravelText(std::int32_t change, std::int32_t countsPerMm) {
+  if (countsPerMm <= 0) {
+    // No scale to divide by: the travel in counts, so the operator still sees what moved.
+    return text::Format("%d", change) + texts::Get(texts::kCountsNoScale);
+  }
+  const std::int32_t whole = change / countsPerMm;
+  const std::int32_t rest = std::abs(change % countsPerMm);
+  return text::Format("%s%d.%dmm.\n", change < 0 && whole == 0 ? "-" : "", whole, rest);
+}
+
+std::string AxisResultText(const AxisTestResult& r, int d, unsigned axis,
+                           std::int32_t countsPerMm) {
+  std::string t =
+      AxisLetter(axis) + texts::Get(texts::kAxisMoved) + TravelText(r.LinearChange[d], countsPerMm);
+  if (r.VoltageLimitReached[d]) t += "\r\n" + VoltageWarning();
+  t += texts::Get(texts::kLinearInitial) + text::Format("%d", r.LinearInitial[d]);
+  t += texts::Get(texts::kLinearFinal) + text::Format("%d", r.LinearFinal[d]);
+  t += texts::Get(texts::kRotaryInitial) + text::Format("%d", r.RotaryInitial[d]);
+  t += texts::Get(texts::kRotaryFinal) + text::Format("%d", r.RotaryFinal[d]);
+  return t + texts::Get(texts::kMovedCorrectly);
+}
+
+std::string ZoomResultText(const AxisTestResult& r, int d) {
+  std::string t = r.VoltageLimitReached[d] ? VoltageWarning() : "";
+  t += texts::Get(texts::kRotaryInitial) + text::Format("%d", r.RotaryInitial[d]);
+  t += texts::Get(texts::kRotaryFinal) + text::Format("%d", r.RotaryFinal[d]) + "\r\n\r\n";
+  const std::int32_t change = r.RotaryChange[d];
+  return t + texts::Get(change > 0    ? texts::kZoomMovedPositive
+                        : change == 0 ? texts::kZoomStill
+                                      : texts::kZoomMovedNegative);
+}
+
+std::string AxisReportBody(const AxisTestResult& r, unsigned axis) {
+  return ReportBlock(r, 0, AxisLetter(axis), false) + ReportBlock(r, 1, AxisLetter(axis), false);
+}
+
+std::string ZoomReportBody(const AxisTestResult& r) {
+  return ReportBlock(r, 0, "Zoom", true) + ReportBlock(r, 1, "Zoom", true);
+}
+
+void RunAxisTest(const TestParams& p) {
+  StagePage& page = *p.page;
+  StageTestState& state = page.TestState();
+  const bool zoom = p.axis == kZoomAxis;
+  AskStart(page, zoom ? StartDialog::kZoom : StartDialog::kAxis);
+  // Kept for both runs: a reconnection clears the page's VoltageChoice under the test.
+  const std::uint32_t choice = page.VoltageChoice;
+  AxisTestResult r;
+  for (int d = 0; d < 2; ++d) {
+    if (state.MessageResult == 2) {
+      FillCancelled(r, d);
+      if (d == 1) state.MessageResult = 1;
+      continue;
+    }
+    if (zoom) {
+      RunZoomDirection(p, choice, r, d);
+    } else {
+      RunAxisDirection(p, choice, r, d);
+    }
+    p.guard->ClearThread();
+    if (zoom) {
+      r.CorrectDirection[d] = YesNoAnswer(page.Ask(ZoomResultText(r, d), ui::kMbYesNo));
+    } else {
+      AskAxisQuestions(page, r, d, p.axis);
+    }
+    if (d == 0) {
+      const texts::Text& prompt = zoom ? texts::kZoomPositivePrompt : texts::kAxisPositivePrompt;
+      state.MessageResult = page.Ask(texts::Get(prompt), ui::kMbOkCancel) == ui::kIdOk ? 1 : 2;
+    } else {
+      page.Ask(texts::Get(texts::kTestFinished), ui::kMbOk);
+    }
+  }
+  if (zoom) {
+    FileReport(page, kZoomReportPrefix, ZoomReportBody(r));
+  } else {
+    FileReport(page, AxisReportPrefix(p.axis), AxisReportBody(r, p.axis));
+  }
+  page.Trace.End();
+  if (zoom) {
+    state.TestZoom = 0;
+  } else {
+    state.TestX = state.TestY = state.TestZ = 0;
+  }
+  state.Running = 0;
+}
+
+}  // namespace motion

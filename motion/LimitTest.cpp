@@ -1,0 +1,281 @@
+// The limit test: negative seek, positive seek, centering, report. Between the limits it keeps
+// the axis in a speed band by stepping the voltage up and down.
+#include <cstdlib>
+
+#include "motion/Reports.h"
+#include "motion/TestRun.h"
+#include "motion/TestTexts.h"
+#include "motion/Tests.h"
+#include "ui/MessageBox.h"
+#include "util/Text.h"
+
+namespace motion {
+
+namespace {
+
+// One seek in a direction, from the end of its ramp to the limit.
+class Seek {
+ public:
+  Seek(AxisRun& run, LimitTestResult& r, int dir, const FamilyRules& rules)
+      : run_(run), r_(r), dir_(dir), band_(rules.seek) {
+    const std::int64_t k = DistanceScale(run.Page().CountsPerMm(run.Axis()));
+    slowBelow_ = k * band_.slowNumerator / band_.slowDenominator;
+    fastAbove_ = k * band_.fastNumerator / band_.fastDenominator;
+    fastPasses_ = dir == 0 ? band_.fastPassesNegative : band_.fastPassesPositive;
+  }
+
+  void Run(std::int32_t& mb) {
+    StagePage& page = run_.Page();
+    StageTestState& state = page.TestState();
+    mb_ = mb;
+    page.PreviousTestPosition = run_.Position();
+    SleepMs(100);
+    const auto& limitFlag = dir_ == 0 ? state.NegLimit : state.PosLimit;
+    while (!limitFlag && !done_) {
+      const std::int32_t previous = run_.Position();
+      page.PreviousTestPosition = previous;
+      SleepMs(100);
+      position_ = run_.Position();
+      const std::int64_t d = std::llabs(static_cast<std::int64_t>(position_) - previous);
+      if (d < slowBelow_) {
+        if (TooSlow()) break;
+      } else if (d > fastAbove_) {
+        TooFast();
+      } else {
+        slow_ = fast_ = steps_ = 0;
+      }
+      if (run_.StopPending()) {
+        r_.ManuallyStopped[dir_] = 1;
+        break;
+      }
+      // The page that feeds the position is going away: the axis must not be driven blind.
+      if (run_.QuitRequested()) break;
+    }
+    mb = mb_;
+  }
+
+ private:
+  // Returns true when the seek must end at once (the voltage limit).
+  bool TooSlow() {
+    if (steps_ >= 4) {
+      const bool beyond =
+          dir_ == 0 ? position_ < r_.ExpectedNegative : position_ > r_.ExpectedPositive;
+      if (beyond) {
+        done_ = true;  // a stall beyond the expected limit counts as the limit
+        return false;
+      }
+      // Short of the expected limit (or at it) with no switch: the voltage stays, and the slow
+      // passes go on being counted in the same rhythm as the steps up. At the seventh the seek
+      // ends, and a stall short of the expected limit is reported as a switch that never came.
+      if (slow_ < band_.slowPasses) {
+        ++slow_;
+        fast_ = 0;
+      } else if (++steps_ > 6) {
+        done_ = true;
+        r_.LimitNotRegistered[dir_] =
+            dir_ == 0 ? position_ > r_.ExpectedNegative : position_ < r_.ExpectedPositive;
+      } else {
+        slow_ = 0;
+      }
+      return false;
+    }
+    if (slow_ < band_.slowPasses) {
+      ++slow_;
+      fast_ = 0;
+      return false;
+    }
+    mb_ += kRampStep;
+    run_.Drive(dir_, mb_);
+    if (mb_ > r_.MaxVoltage[dir_]) r_.MaxVoltage[dir_] = mb_;
+    ++steps_;
+    slow_ = 0;
+    if (mb_ >= run_.Limit()) {
+      r_.VoltageLimitReached[dir_] = 1;
+      return true;
+    }
+    return false;
+  }
+
+  void TooFast() {
+    if (fast_ < fastPasses_) {
+      ++fast_;
+      slow_ = 0;
+      return;
+    }
+    // No floor: an axis that keeps running too fast can take the bias through 0.
+    mb_ -= kRampStep;
+    run_.Drive(dir_, mb_);
+    if (mb_ < r_.MinVoltage[dir_]) r_.MinVoltage[dir_] = mb_;
+    fast_ = 0;
+  }
+
+  AxisRun& run_;
+  LimitTestResult& r_;
+  int dir_;
+  SeekBand band_;
+  std::int64_t slowBelow_ = 0;
+  std::int64_t fastAbove_ = 0;
+  int fastPasses_ = 0;
+  std::int32_t mb_ = 0;
+  std::int32_t position_ = 0;
+  int slow_ = 0;
+  int fast_ = 0;
+  int steps_ = 0;
+  bool done_ = false;
+};
+
+// The common start of every run: the axis taken, the expected limits read, the first bias.
+bool StartRun(AxisRun& run, LimitTestResult& r, int dir, std::int32_t& mb) {
+  if (!run.TakeOver()) return false;
+  const AxisExtents& extents = run.Page().Extents();
+  r.ExpectedNegative = static_cast<std::int32_t>(extents.Extent3[run.Axis()]);
+  r.ExpectedPositive = static_cast<std::int32_t>(extents.Extent4[run.Axis()]);
+  mb = run.Axis() == 2 && dir == 1 ? run.Saved().Mb : 0;
+  r.StartPosition[dir] = run.Position();
+  return true;
+}
+
+void HandBack(AxisRun& run, std::int32_t mb) {
+  run.Restore(mb);
+  run.Settle();
+  run.Release();
+}
+
+void RunSeek(const TestParams& p, std::uint32_t choice, LimitTestResult& r, int dir) {
+  StagePage& page = *p.page;
+  AxisRun run(page, p.axis, choice);
+  std::int32_t mb = 0;
+  if (!StartRun(run, r, dir, mb)) return;
+  const std::int64_t target = 10 * DistanceScale(page.CountsPerMm(p.axis));
+  run.RunRamp({.target = target, .moving = target / 50, .holds = RulesOf(page).limitHolds},
+              r.StartPosition[dir], dir, mb);
+  if (mb >= run.Limit()) r.VoltageLimitReached[dir] = 1;
+  r.MaxVoltage[dir] = r.MinVoltage[dir] = mb;
+  run.Drive(dir, mb);
+  Seek(run, r, dir, RulesOf(page)).Run(mb);
+  r.LinearLimit[dir] = run.Position();  // with the bias still on
+  page.GetRotaryPosition(p.axis, r.RotaryLimit[dir]);
+  r.ManuallyStopped[dir] = page.StopRequested != 0;
+  HandBack(run, mb);
+}
+
+void RunCentering(const TestParams& p, std::uint32_t choice, LimitTestResult& r) {
+  StagePage& page = *p.page;
+  AxisRun run(page, p.axis, choice);
+  std::int32_t mb = 0;
+  if (!StartRun(run, r, 0, mb)) return;
+  const std::int64_t k = DistanceScale(page.CountsPerMm(p.axis));
+  // An eighth of the lowest moving voltage, so that the axis leaves the limit gently.
+  mb = r.MinVoltage[0] / 8;
+  run.Drive(0, mb);
+  r.CenterLinear = r.LinearLimit[0] / 2 + r.LinearLimit[1] / 2;
+  r.CenterRotary = r.RotaryLimit[0] / 2 + r.RotaryLimit[1] / 2;
+  // A failed read keeps the last rotary count known, where the positive seek ended.
+  std::int32_t rotary = r.RotaryLimit[1];
+  page.GetRotaryPosition(p.axis, rotary);
+  std::int32_t position = run.Position();
+  while (position > r.CenterLinear && rotary > r.CenterRotary) {
+    page.PreviousTestPosition = position;
+    SleepMs(50);
+    page.GetRotaryPosition(p.axis, rotary);
+    const std::int32_t previous = position;
+    position = run.Position();
+    const std::int64_t d = std::llabs(static_cast<std::int64_t>(position) - previous);
+    if (mb < r.MinVoltage[0] || d < k * 3 / 4) {
+      mb += kRampStep;
+      run.Drive(0, mb);
+      if (mb >= run.Limit()) {
+        r.VoltageLimitReached[0] = 1;
+        break;
+      }
+    } else if (d > k * 5 / 2) {
+      mb -= kRampStep;
+      run.Drive(0, mb);
+    }
+    if (run.StopPending()) {
+      r.CenteringStopped = 1;
+      break;
+    }
+    if (run.QuitRequested()) break;  // as in the seek: no blind driving
+  }
+  HandBack(run, mb);
+}
+
+void ShowVoltageWarning(StagePage& page) {
+  page.Ask(texts::Get(texts::kVoltageLimitReached) + texts::Get(texts::kHigherLimitAdvice),
+           ui::kMbOk);
+}
+
+// The phases after the start; a voltage limit in a seek ends them with the warning and no report.
+void RunPhases(const TestParams& p, std::uint32_t choice) {
+  StagePage& page = *p.page;
+  LimitTestResult r;
+  for (int dir = 0; dir < 2; ++dir) {
+    RunSeek(p, choice, r, dir);
+    p.guard->ClearThread();
+    if (r.VoltageLimitReached[dir]) {
+      ShowVoltageWarning(page);
+      return;
+    }
+  }
+  RunCentering(p, choice, r);
+  p.guard->ClearThread();
+  FileReport(page, LimitReportPrefix(p.axis), LimitReportBody(r, p.axis));
+  page.Ask(LimitResultText(r, p.axis), ui::kMbOk);
+}
+
+std::string LimitLines(const char* heading, std::int32_t negative, std::int32_t positive) {
+  return std::string(heading) + "\r\n" + text::Format("          Negative: %d\r\n", negative) +
+         text::Format("          Positive: %d\r\n", positive);
+}
+
+}  // namespace
+
+std::string LimitResultText(const LimitTestResult& r, unsigned axis) {
+  std::string t = AxisLetter(axis) + texts::Get(texts::kAxisLimits);
+  if (r.VoltageLimitReached[0] || r.VoltageLimitReached[1]) {
+    t += "\r\n" + texts::Get(texts::kVoltageLimitReached) + texts::Get(texts::kBeforeContinuing) +
+         "\r\n";
+  }
+  t += LimitLines("\r\nLinear encoder limits", r.LinearLimit[0], r.LinearLimit[1]);
+  t += LimitLines("Rotary encoder limits", r.RotaryLimit[0], r.RotaryLimit[1]) + "\r\n";
+  return t + texts::Get(texts::kTestFinished);
+}
+
+std::string LimitReportBody(const LimitTestResult& r, unsigned axis) {
+  std::string b = std::string(10, ' ') + AxisLetter(axis) + " Axis ";
+  if (r.VoltageLimitReached[0] || r.VoltageLimitReached[1]) b += "\r\nVOLTAGE LIMIT REACHED\r\n";
+  if (r.LimitNotRegistered[0]) b += "\r\nDIDN'T REGISTER HITTING NEGATIVE LIMIT";
+  if (r.LimitNotRegistered[1]) b += "\r\nDIDN'T REGISTER HITTING POSITIVE LIMIT";
+  b += LimitLines("\r\nLinear encoder limits", r.LinearLimit[0], r.LinearLimit[1]);
+  b += LimitLines("Rotary encoder limits", r.RotaryLimit[0], r.RotaryLimit[1]);
+  b += "    Moving voltage (-)\r\n" + text::Format("               Min: %d\r\n", r.MinVoltage[0]) +
+       text::Format("               Max: %d\r\n", r.MaxVoltage[0]);
+  b += "    Moving voltage (+)\r\n" + text::Format("               Min: %d\r\n", r.MinVoltage[1]) +
+       text::Format("               Max: %d\r\n", r.MaxVoltage[1]);
+  b += "    Manually Stopped: \r\n";
+  b += std::string("          Negative: ") + (r.ManuallyStopped[0] ? "Yes" : "No") + "\r\n";
+  b += std::string("          Positive: ") + (r.ManuallyStopped[1] ? "Yes" : "No");
+  if (r.CenteringStopped) b += "\r\n         Centering: Yes";
+  return b + "\r\n\r\n";
+}
+
+void RunLimitTest(const TestParams& p) {
+  StagePage& page = *p.page;
+  StageTestState& state = page.TestState();
+  // The first generation asks nothing: it runs with the voltage limit of the last axis or zoom
+  // test, or Standard after ResetPage.
+  if (RulesOf(page).limitStartDialog) AskStart(page, StartDialog::kLimit);
+  const std::uint32_t choice = page.VoltageChoice;
+  if (state.MessageResult != 1) {
+    state.MessageResult = 1;
+  } else {
+    RunPhases(p, choice);
+  }
+  page.Trace.End();
+  state.TestX = state.TestY = state.TestZ = 0;
+  state.LimitTest = 0;
+  state.Running = 0;
+}
+
+}  // namespace motion

@@ -1,0 +1,1 @@
+#include "tests/motion/FakeStagePage.h"

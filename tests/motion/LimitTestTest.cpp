@@ -1,1 +1,237 @@
+// The limit test against the fake page: seeks to both switches, centering, the voltage limit,
+// stops per phase, a limit that never registers, the first generation's start, and the report.
+#include "motion/TestTexts.h"
+#include "motion/Tests.h"
 #include "tests/motion/FakeStagePage.h"
+
+namespace motion_testing {
+namespace {
+
+using motion::TestButton;
+
+// An X axis with switches at +-100 mm and hard stops 1 mm beyond, expected where the switches are.
+FakeStagePage& LimitPage(MotionFixture& fixture, FakeStagePage& page) {
+  (void)fixture;
+  page.SetAxis(0, {.position = 5000,
+                   .negStop = -101000,
+                   .posStop = 101000,
+                   .negSwitch = -100000,
+                   .posSwitch = 100000});
+  page.extents_.Extent3[0] = static_cast<std::uint32_t>(-100000);
+  page.extents_.Extent4[0] = 100000;
+  return page;
+}
+
+// The number after `label` in the report.
+int Value(const std::string& report, const std::string& label, std::size_t from = 0) {
+  const std::size_t at = report.find(label, from);
+  EXPECT_NE(at, std::string::npos) << label;
+  return at == std::string::npos ? 0 : std::stoi(report.substr(at + label.size()));
+}
+
+class LimitTest : public MotionFixture {
+ protected:
+  FakeStagePage& Page(bool firstGeneration = false) {
+    return LimitPage(*this, MakePage(firstGeneration));
+  }
+};
+
+TEST_F(LimitTest, SeeksBothLimitsAndCentres) {
+  FakeStagePage& page = Page();
+  Run(page, TestButton::kXLimit);
+  ASSERT_EQ(page.Dialogs().size(), 1u);
+  EXPECT_EQ(page.Dialogs()[0].texts[1], motion::texts::kLimitStartPosition.fallback);
+  const std::string report = Report("LimitTest_X_0.dat");
+  EXPECT_EQ(report.rfind("          X Axis \r\nLinear encoder limits\r\n          Negative: ", 0),
+            0u)
+      << report;
+  const int negative = Value(report, "          Negative: ");
+  const int positive = Value(report, "          Positive: ");
+  EXPECT_LE(negative, -100000);
+  EXPECT_GE(positive, 100000);
+  EXPECT_NE(report.find("    Manually Stopped: \r\n          Negative: No\r\n          Positive: "
+                        "No\r\n\r\n"),
+            std::string::npos);
+  // Back to the centre of travel, within one pass of it.
+  EXPECT_LE(page.AxisPosition(0), negative / 2 + positive / 2);
+  EXPECT_GT(page.AxisPosition(0), -10000);
+  // The centering starts at an eighth of the lowest moving voltage and climbs 250 a pass to it.
+  const int minimum = Value(report, "               Min: ");
+  std::vector<std::string> texts = page.Texts(0);
+  const auto centering = std::find(texts.rbegin(), texts.rend(), "MB: 0").base();
+  ASSERT_NE(centering, texts.end());
+  for (int mb = minimum / 8, i = 0; mb < minimum + 250; mb += 250, ++i) {
+    ASSERT_LT(centering + i, texts.end());
+    EXPECT_EQ(*(centering + i), "MB: " + std::to_string(mb));
+  }
+  const std::string box = page.BoxTexts().at(0);
+  EXPECT_EQ(box, "X Axis Limits\r\n" +
+                     report.substr(report.find("\r\nLinear"),
+                                   report.find("    Moving") - report.find("\r\nLinear")) +
+                     "\r\nTest finished.");
+  EXPECT_EQ(page.Syncs(), (std::vector<unsigned>{0, 0, 0}));
+  EXPECT_EQ(page.BoardPid(0).Kp, 100);
+  const motion::StageTestState& state = page.TestState();
+  EXPECT_FALSE(state.Running || state.TestX || state.LimitTest);
+}
+
+TEST_F(LimitTest, CancelMovesNothingAndWritesNothing) {
+  FakeStagePage& page = Page();
+  page.Choice(ui::kIdCancel, 1);
+  Run(page, TestButton::kXLimit);
+  EXPECT_TRUE(page.Stores().empty());
+  EXPECT_TRUE(page.Boxes().empty());
+  EXPECT_FALSE(Exists("LimitTest_X_0.dat"));
+  EXPECT_EQ(page.TestState().MessageResult, 1);
+}
+
+TEST_F(LimitTest, FirstGenerationAsksNothingAndTakesTheLastChoice) {
+  FakeStagePage& page = Page(true);
+  page.SetAxis(0, {.deadBand = 30000});
+  page.VoltageChoice = 1;        // High from the last axis test
+  page.motorMaximum_[0] = 2250;  // High: 1000
+  Run(page, TestButton::kXLimit);
+  EXPECT_TRUE(page.Dialogs().empty());
+  // The ramp to the High limit, then one step more in the seek.
+  EXPECT_EQ(page.Biases(0), (std::vector<int>{0, -250, -500, -750, -1000, -1250}));
+  // After a platen test MessageResult is 0: a click only puts it back to 1.
+  page.TestState().MessageResult = 0;
+  const std::size_t stores = page.Stores().size();
+  Run(page, TestButton::kXLimit);
+  EXPECT_EQ(page.Stores().size(), stores);
+  EXPECT_EQ(page.TestState().MessageResult, 1);
+}
+
+TEST_F(LimitTest, VoltageLimitInASeekWarnsWithoutReport) {
+  FakeStagePage& page = Page();
+  page.SetAxis(0, {.deadBand = 30000});
+  page.motorMaximum_[0] = 4250;  // Standard: 1000
+  Run(page, TestButton::kXLimit);
+  EXPECT_EQ(page.BoxTexts(), std::vector<std::string>{
+                                 "VOLTAGE LIMIT REACHED\r\nMake sure nothing is obstructing the "
+                                 "movement of the machine \r\nbefore running the test with a "
+                                 "higher voltage limit."});
+  EXPECT_FALSE(Exists("LimitTest_X_0.dat"));
+  EXPECT_EQ(page.Biases(0), (std::vector<int>{0, -250, -500, -750, -1000, -1250}));
+  EXPECT_EQ(page.Syncs().size(), 1u);
+}
+
+TEST_F(LimitTest, OneStopEndsOnePhase) {
+  struct Case {
+    int phase;  // 0 negative seek, 1 positive seek, 2 centering
+    const char* negative;
+    const char* positive;
+    bool centering;
+  };
+  for (const Case& c :
+       {Case{0, "Yes", "No", false}, Case{1, "No", "Yes", false}, Case{2, "No", "No", true}}) {
+    testing_support::ScratchDir folder;
+    FakeStagePage& page = Page();
+    page.SetFolder(folder.Path() + "/");
+    int phase = 0;
+    bool stopped = false;
+    page.onTick = [&](FakeStagePage& p) {
+      const std::int32_t at = p.AxisPosition(0);
+      if (phase == 0 && at <= -100000) phase = 1;
+      if (phase == 1 && at >= 100000) phase = 2;
+      const bool midway = phase == 0 ? at < -40000 : phase == 1 ? at > 40000 : at < 60000;
+      if (!stopped && phase == c.phase && midway && p.Sampling) {
+        stopped = true;
+        p.StopRequested = 1;
+      }
+    };
+    Run(page, TestButton::kXLimit);
+    EXPECT_TRUE(stopped);
+    const std::string report = ReadReport(folder / "LimitTest_X_0.dat");
+    EXPECT_NE(report.find(std::string("    Manually Stopped: \r\n          Negative: ") +
+                          c.negative + "\r\n          Positive: " + c.positive +
+                          (c.centering ? "\r\n         Centering: Yes\r\n\r\n" : "\r\n\r\n")),
+              std::string::npos)
+        << report;
+    // The stopped seek ended short of its switch; the phases after it ran in full.
+    const int negative = Value(report, "          Negative: ");
+    const int positive = Value(report, "          Positive: ");
+    EXPECT_EQ(negative > -100000, c.phase == 0) << negative;
+    EXPECT_EQ(positive < 100000, c.phase == 1) << positive;
+  }
+}
+
+TEST_F(LimitTest, StallShortOfTheExpectedLimitIsNotRegistered) {
+  struct Case {
+    std::int32_t negStop;
+    bool remark;
+  };
+  for (const Case& c : {Case{-50000, true}, Case{-120000, false}}) {
+    testing_support::ScratchDir folder;
+    FakeStagePage& page = Page();
+    page.SetFolder(folder.Path() + "/");
+    // No negative switch at all: the axis stalls on its hard stop.
+    page.SetAxis(0,
+                 {.position = 5000, .negStop = c.negStop, .posStop = 101000, .posSwitch = 100000});
+    Run(page, TestButton::kXLimit);
+    const std::string report = ReadReport(folder / "LimitTest_X_0.dat");
+    EXPECT_EQ(report.find("DIDN'T REGISTER HITTING NEGATIVE LIMIT") != std::string::npos, c.remark)
+        << report;
+    EXPECT_EQ(Value(report, "          Negative: "), c.negStop);
+    EXPECT_EQ(report.find("POSITIVE LIMIT"), std::string::npos);
+  }
+}
+
+TEST_F(LimitTest, QuitEndsTheSeekAndSkipsTheRest) {
+  FakeStagePage& page = Page();
+  page.onTick = [](FakeStagePage& p) {
+    if (p.AxisPosition(0) < -50000) p.ThreadGuard().RequestQuit();
+  };
+  Run(page, TestButton::kXLimit);
+  EXPECT_GT(page.AxisPosition(0), -100000);
+  EXPECT_EQ(page.Syncs().size(), 1u);
+  EXPECT_EQ(page.BoardPid(0).Kp, 100);
+  EXPECT_FALSE(page.TestState().Running);
+}
+
+TEST(LimitTexts, ReportWithAndWithoutItsOptionalLines) {
+  motion::LimitTestResult r;
+  r.LinearLimit[0] = -100500;
+  r.LinearLimit[1] = 100700;
+  r.RotaryLimit[0] = -200993;
+  r.RotaryLimit[1] = 201407;
+  r.MinVoltage[0] = 1750;
+  r.MaxVoltage[0] = 2250;
+  r.MinVoltage[1] = -250;
+  r.MaxVoltage[1] = 2000;
+  const std::string rest =
+      "\r\nLinear encoder limits\r\n"
+      "          Negative: -100500\r\n"
+      "          Positive: 100700\r\n"
+      "Rotary encoder limits\r\n"
+      "          Negative: -200993\r\n"
+      "          Positive: 201407\r\n"
+      "    Moving voltage (-)\r\n"
+      "               Min: 1750\r\n"
+      "               Max: 2250\r\n"
+      "    Moving voltage (+)\r\n"
+      "               Min: -250\r\n"
+      "               Max: 2000\r\n"
+      "    Manually Stopped: \r\n"
+      "          Negative: No\r\n"
+      "          Positive: ";
+  EXPECT_EQ(motion::LimitReportBody(r, 1), "          Y Axis " + rest + "No\r\n\r\n");
+  r.VoltageLimitReached[0] = 1;
+  r.LimitNotRegistered[0] = r.LimitNotRegistered[1] = 1;
+  r.ManuallyStopped[1] = 1;
+  r.CenteringStopped = 1;
+  EXPECT_EQ(motion::LimitReportBody(r, 7),
+            "          0 Axis \r\nVOLTAGE LIMIT REACHED\r\n\r\nDIDN'T REGISTER HITTING NEGATIVE "
+            "LIMIT\r\nDIDN'T REGISTER HITTING POSITIVE LIMIT" +
+                rest + "Yes\r\n         Centering: Yes\r\n\r\n");
+  EXPECT_EQ(
+      motion::LimitResultText(r, 2),
+      "Z Axis Limits\r\n\r\nVOLTAGE LIMIT REACHED\r\nBefore continuing, make sure that there "
+      "is nothing obstructing \r\n the movement of the machine and that the axis is not at "
+      "the \r\ntravel limit.\r\n\r\nLinear encoder limits\r\n          Negative: -100500\r\n  "
+      "        Positive: 100700\r\nRotary encoder limits\r\n          Negative: -200993\r\n  "
+      "        Positive: 201407\r\n\r\nTest finished.");
+}
+
+}  // namespace
+}  // namespace motion_testing

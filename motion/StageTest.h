@@ -54,7 +54,9 @@ StageTestState& FirstGenerationTestState();
 // ends every box the thread waits in (the window's Shutdown answers them cautiously), and joins
 // the thread, whether or not ClearThread was called, so a worker never outlives its page.
 // ClearThread marks that the thread has handed its axis back; it no longer changes what the
-// destructor waits for.
+// destructor waits for. The thread calls the page's virtual operations until it ends, so a page
+// does this first thing in its own destructor (RequestQuit, end its boxes, Join), before any of
+// its members goes; the guard's destructor is the backstop.
 class TestThreadGuard {
  public:
   TestThreadGuard() = default;

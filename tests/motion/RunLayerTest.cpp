@@ -220,12 +220,6 @@ TEST_F(ReportFiles, Utf16LittleEndianWithMark) {
                                           10));
 }
 
-TEST_F(ReportFiles, PrefixesOfEveryTest) {
-  EXPECT_EQ(motion::AxisReportPrefix(0), "AxisTest_X_");
-  EXPECT_EQ(motion::LimitReportPrefix(2), "LimitTest_Z_");
-  EXPECT_EQ(motion::AxisReportPrefix(5), "AxisTest_0_");
-}
-
 TEST_F(ReportFiles, UnwritableFolderIsToldWithNameAndReason) {
   // A folder that is gone fails for root too, unlike one without write permission.
   const std::string missing = dir_ / "gone";

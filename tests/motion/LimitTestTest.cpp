@@ -156,6 +156,19 @@ TEST_F(LimitTest, OneStopEndsOnePhase) {
   }
 }
 
+TEST_F(LimitTest, EStopEndsEveryPhaseAtItsFirstLook) {
+  FakeStagePage& page = Page();
+  page.estop_ = true;
+  Run(page, TestButton::kXLimit);
+  const std::string report = Report("LimitTest_X_0.dat");
+  // The axis never left its place, which is then the centre: the centering has nothing to do.
+  EXPECT_EQ(report.substr(report.find("    Manually")),
+            "    Manually Stopped: \r\n          Negative: Yes\r\n          Positive: Yes\r\n\r\n");
+  // Each ramp ended at its first pass, at a bias of 0.
+  EXPECT_EQ(page.Biases(0), std::vector<int>{0});
+  EXPECT_EQ(page.Syncs().size(), 3u);
+}
+
 TEST_F(LimitTest, StallShortOfTheExpectedLimitIsNotRegistered) {
   struct Case {
     std::int32_t negStop;

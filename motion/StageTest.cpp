@@ -95,8 +95,10 @@ void RunTrace::Append(const TraceSample& sample) {
 }
 
 std::vector<TraceSample> RunTrace::Take() {
+  std::vector<TraceSample> taken;
   std::lock_guard lock(lock_);
-  return std::move(samples_);
+  taken.swap(samples_);
+  return taken;
 }
 
 bool RunTrace::Active() const {

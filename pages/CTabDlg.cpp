@@ -13,8 +13,11 @@ struct DocumentOfId {
 constexpr DocumentOfId kDocuments[] = {
     {104, "/pages/BoardInformation.html"},
     {105, "/pages/UsbSerial.html"},
+    {106, "/pages/Stage.html"},
     {110, "/pages/V1BoardInformation.html"},
     {113, "/pages/ManualVisionBoardInformation.html"},
+    {114, "/pages/ManualVisionStage.html"},
+    {141, "/pages/V1Stage.html"},
 };
 
 }  // namespace

@@ -61,6 +61,8 @@ class HtmlPage {
   virtual void OnDocumentComplete() {}
   // Some browser shows the page now (true), or none does any more (false).
   virtual void OnShowWindow(bool /*shown*/) {}
+  // The Escape key while the page is shown; a page with nothing to cancel ignores it.
+  virtual void OnCancel() {}
 
  private:
   std::string path_;

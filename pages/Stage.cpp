@@ -1,0 +1,569 @@
+#include "pages/Stage.h"
+
+#include "config/Folders.h"
+#include "ui/MessageBox.h"
+#include "ui/Window.h"
+#include "util/WinX.h"
+
+namespace {
+
+// Element id suffixes of the slots.
+constexpr const char* kSlotNames[kStageSlots] = {"X", "Y", "Z", "Zoom", "W", "Platen"};
+
+// The operator's boxes carry the program's name, as the platform's plain boxes do.
+constexpr const char* kBoxTitle = "TavroTest";
+
+// How long construction waits for other programs to let go of the board before it gives up on
+// the machine image. The lock is normally held for one long read; a program that keeps it longer
+// must not freeze the window, and a zeroed image is what a failed read leaves anyway.
+constexpr std::uint32_t kImageLockMs = 10000;
+
+std::string Id(const char* stem, unsigned slot) {
+  return std::string(stem) + kSlotNames[slot];
+}
+
+std::string LimitWord(std::int8_t limit) {
+  if (limit < 0) return "Neg";
+  if (limit > 0) return "Pos";
+  return {};
+}
+
+// A motion flag's text, rebuilt only when its byte changed. Never sets the page's dirty flag:
+// the text reaches the document with the next push that something else causes.
+void FollowFlag(bool previous, bool now, std::string& text, const char* word) {
+  if (previous != now) text = now ? word : "";
+}
+
+// The index capture of a slot as the board reports it; a reply without `valid` keeps what the
+// page showed. Returns whether the shown value changed.
+bool TakeIndex(bool valid, bool captured, std::uint32_t count, std::uint8_t& shown,
+               std::int32_t& value) {
+  if (!valid) return false;
+  const auto c = static_cast<std::int32_t>(count);
+  if (static_cast<std::uint8_t>(captured) == shown && c == value) return false;
+  shown = captured ? 1 : 0;
+  value = c;
+  return true;
+}
+
+bool TakeValue(std::int32_t now, std::int32_t& shown) {
+  if (now == shown) return false;
+  shown = now;
+  return true;
+}
+
+// The W axis's position and index capture, the reads both servo and manual-vision pages make.
+// False on a failed read.
+bool ReadW(CTavroUsbWAxis& w, std::int32_t& position, std::uint8_t& indexValid, std::int32_t& index,
+           bool& dirty) {
+  std::uint32_t count = 0;
+  std::uint32_t second = 0;
+  if (!w.GetPosition(count, second)) return false;
+  dirty |= TakeValue(static_cast<std::int32_t>(count), position);
+  bool valid = false;
+  std::uint32_t state = 0;
+  std::uint32_t captures = 0;
+  if (!w.GetIndexCapture(valid, state, captures)) return false;
+  dirty |= TakeIndex(valid, state > 0, captures, indexValid, index);
+  return true;
+}
+
+void IndexText(DataExchange& dx, const std::string& id, std::uint8_t valid, std::int32_t value) {
+  if (valid) {
+    dx.Text(id, value);
+  } else {
+    dx.Text(id, std::string());
+  }
+}
+
+}  // namespace
+
+// --- StageDlg: construction and lifetime ---
+
+StageDlg::StageDlg(const StageForm& form, ui::Window& window, CTavroUsbServo* owner,
+                   const BoardVersionInfo& version)
+    : CTabDlg(103, form.htmlId, owner, version), form_(form), window_(window) {
+  for (auto& text : RunningText)
+    text.clear();
+  ReadMachineImage();
+  controller->GetAxisExtents(extents_);
+  ListEvents();
+}
+
+StageDlg::~StageDlg() {
+  // The test thread calls this page until it ends: stop it before any member goes. A thread
+  // that waits in a box would never end, so the window's boxes are answered first; the page
+  // goes only with the main dialog, at the end of the run.
+  threadGuard_.RequestQuit();
+  StopRequested = 1;
+  if (TestState().Running) window_.Shutdown();
+  threadGuard_.Join();
+}
+
+void StageDlg::ReadMachineImage() {
+  MachineImage = EepromImage{};
+  WinX::Mutex& lock = controller->AccessMutex();
+  const std::uint32_t wait = lock.Wait(kImageLockMs);
+  if (wait != WinX::kWaitObject0 && wait != WinX::kWaitAbandoned) return;
+  std::uint32_t result = 0;
+  if (!controller->GetEepromImage(MachineImage, result, true) || result != 0) {
+    MachineImage = EepromImage{};
+  }
+  lock.Release();
+}
+
+void StageDlg::ListEvents() {
+  using motion::TestButton;
+  auto& events = Events();
+  events.OnClick("StatusClearSleep", [this](const ui::Event&) { OnClearSleep(); });
+  const struct {
+    const char* id;
+    TestButton button;
+  } buttons[] = {
+      {"XAxisTest", TestButton::kXAxis},       {"YAxisTest", TestButton::kYAxis},
+      {"ZAxisTest", TestButton::kZAxis},       {"ZoomAxisTest", TestButton::kZoomAxis},
+      {"XLimitTest", TestButton::kXLimit},     {"YLimitTest", TestButton::kYLimit},
+      {"ZLimitTest", TestButton::kZLimit},     {"PlatenToggle", TestButton::kPlatenToggle},
+      {"PlatenTest", TestButton::kPlatenTest},
+  };
+  for (const auto& b : buttons) {
+    if (b.button == TestButton::kZoomAxis && !form_.zoomTest) continue;
+    events.OnClick(b.id, [this, button = b.button](const ui::Event&) { OnTestButton(button); });
+  }
+  events.OnClick("StopMotor", [this](const ui::Event&) { StopRequested = 1; });
+}
+
+// --- Events ---
+
+void StageDlg::OnTestButton(motion::TestButton button) {
+  // A second test is refused without a word, and without touching anything.
+  if (TestState().Running) return;
+  std::string typed = Doc().Text("PlatenCount");
+  if (typed.size() > kMaxPlatenCountText) typed.resize(kMaxPlatenCountText);
+  {
+    std::lock_guard lock(textLock_);
+    platenCountValue = std::move(typed);
+  }
+  motion::StartTest(*this, button);
+}
+
+void StageDlg::OnClearSleep() {
+  if (Doc().Enabled("StatusClearSleep") && PreviousStatus.Sleep) controller->ClearSleep();
+}
+
+void StageDlg::OnCancel() {
+  if (TestState().AnyTestFlag()) StopRequested = 1;
+}
+
+// --- ResetPage ---
+
+void StageDlg::ResetPage(const BoardVersionInfo& record) {
+  Connected = true;
+  versionInfo = record;
+  Linear.fill(0);
+  Rotary.fill(0);
+  Index.fill(0);
+  IndexValid.fill(0);
+  PreviousStatus = ServoStatus{};
+  for (auto* texts : {&LimitText, &MovingText, &SettledText, &StalledText, &FailedText}) {
+    for (auto& t : *texts)
+      t.clear();
+  }
+  EStopText.clear();
+  SleepText.clear();
+  CachedEStop = 0;
+  CachedSleep = 0;
+  CachedRunning = 0;
+  {
+    std::lock_guard lock(textLock_);
+    RunningText.fill("Ready");
+    PlatenStatusText = "Ready";
+    platenCountValue = "100";
+  }
+  Sampling = 0;
+  PidReady = 1;
+  TestAxis = motion::kNoAxis;
+  TestPosition = 0;
+  VoltageChoice = 0;
+  for (unsigned axis = 0; axis < 4; ++axis) {
+    // A test thread that holds an axis across the reconnection keeps its own record there.
+    if (axis != HeldAxis) LoadAxisPid(axis);
+  }
+  if (PageReady) UpdateData();
+}
+
+// --- Ticks ---
+
+void StageDlg::UpdatePage(std::uint32_t timerId, const ServoStatus& status) {
+  TickGuard guard(*this);
+  if (!guard.Entered()) return;
+  switch (timerId) {
+    case 1:
+      Tick20ms(status);
+      break;
+    case 2:
+      if (TestState().LimitTest && TestAxis < 4) SetLimitFlags(status.Limit[TestAxis]);
+      break;
+    case 3:
+      if (Connected && PageReady) Tick200ms(status);
+      break;
+    case 4:
+      if (FirstSleepRefresh) {
+        Doc().Enable("StatusClearSleep", status.Sleep);
+        FirstSleepRefresh = 0;
+      }
+      break;
+    default:
+      break;
+  }
+}
+
+void StageDlg::Tick20ms(const ServoStatus& status) {
+  const std::uint32_t axis = TestAxis;
+  if (Sampling && axis < 4) TestPosition = status.LinearPosition[axis];
+  if (!Trace.Active()) return;
+  // The unit under test: an axis, else the platen while its test runs. The sample costs no
+  // transfer: the rotary count is the one the 200 ms tick read last.
+  motion::TraceSample sample{.time = Trace.Seconds(), .bias = BiasWritten, .linear = TestPosition};
+  if (axis < 4) {
+    sample.rotary = Rotary[axis];
+    sample.limit = status.Limit[axis];
+  } else if (TestState().PlatenTest) {
+    sample.rotary = Rotary[kPlatenSlot];
+    sample.limit = status.PlatenLimit;
+  }
+  Trace.Append(sample);
+}
+
+void StageDlg::SetLimitFlags(std::int8_t limit) {
+  motion::StageTestState& state = TestState();
+  state.NegLimit = limit < 0 ? 1 : 0;
+  state.PosLimit = limit > 0 ? 1 : 0;
+}
+
+void StageDlg::Tick200ms(const ServoStatus& status) {
+  bool dirty = RefreshAxes(status);
+  if (!Connected) return;
+  if (versionInfo.hasWAxis) {
+    dirty |= RefreshW(status);
+    if (!Connected) return;
+  }
+  if (versionInfo.platenFitted) {
+    dirty |= RefreshPlaten(status);
+    if (!Connected) return;
+  }
+  dirty |= RefreshStates(status);
+  PreviousStatus = status;
+  if (dirty) UpdateData();
+}
+
+bool StageDlg::RefreshAxes(const ServoStatus& status) {
+  bool dirty = false;
+  for (unsigned i = 0; i < 4; ++i)
+    dirty |= TakeValue(status.LinearPosition[i], Linear[i]);
+  for (std::uint16_t i = 0; i < 4; ++i) {
+    std::uint32_t rotary = 0;
+    if (!controller->GetRotaryPosition(i, rotary)) {
+      Connected = false;
+      break;
+    }
+    dirty |= TakeValue(static_cast<std::int32_t>(rotary), Rotary[i]);
+    bool valid = false;
+    bool captured = false;
+    std::uint32_t count = 0;
+    if (!controller->CTavroUsbController::GetIndexCapture(i, valid, captured, count)) {
+      Connected = false;
+      break;
+    }
+    dirty |= TakeIndex(valid, captured, count, IndexValid[i], Index[i]);
+    if (status.Limit[i] != PreviousStatus.Limit[i]) {
+      dirty = true;
+      LimitText[i] = LimitWord(status.Limit[i]);
+      if (i == TestAxis) SetLimitFlags(status.Limit[i]);
+    }
+    FollowFlag(PreviousStatus.Moving[i], status.Moving[i], MovingText[i], "Moving");
+    FollowFlag(PreviousStatus.Settled[i], status.Settled[i], SettledText[i], "Settled");
+    FollowFlag(PreviousStatus.Stalled[i], status.Stalled[i], StalledText[i], "Stall");
+    FollowFlag(PreviousStatus.Failed[i], status.Failed[i], FailedText[i], "Fail");
+  }
+  return dirty;
+}
+
+bool StageDlg::RefreshW(const ServoStatus& status) {
+  bool dirty = false;
+  CTavroUsbWAxis& w = *controller;
+  if (!ReadW(w, Rotary[kWSlot], IndexValid[kWSlot], Index[kWSlot], dirty)) {
+    Connected = false;
+    return dirty;
+  }
+  FollowFlag(PreviousStatus.WMoving, status.WMoving, MovingText[kWSlot], "Moving");
+  FollowFlag(PreviousStatus.WSettled, status.WSettled, SettledText[kWSlot], "Settled");
+  FollowFlag(PreviousStatus.WStalled, status.WStalled, StalledText[kWSlot], "Stall");
+  return dirty;
+}
+
+bool StageDlg::RefreshPlaten(const ServoStatus& status) {
+  CTavroUsbPlaten& platen = *controller;
+  std::uint32_t count = 0;
+  if (!platen.GetPosition(count)) {
+    Connected = false;
+    return false;
+  }
+  const auto position = static_cast<std::int32_t>(count);
+  // The platen test samples the platen encoder at this tick's rate.
+  if (TestState().PlatenTest) TestPosition = position;
+  bool dirty = TakeValue(position, Rotary[kPlatenSlot]);
+  if (status.PlatenLimit != PreviousStatus.PlatenLimit) {
+    dirty = true;
+    LimitText[kPlatenSlot] = LimitWord(status.PlatenLimit);
+    motion::StageTestState& state = TestState();
+    state.PlatenClosed = status.PlatenLimit < 0 ? 1 : 0;
+    state.PlatenOpen = status.PlatenLimit > 0 ? 1 : 0;
+  }
+  FollowFlag(PreviousStatus.PlatenMoving, status.PlatenMoving, MovingText[kPlatenSlot], "Moving");
+  FollowFlag(PreviousStatus.PlatenSettled, status.PlatenSettled, SettledText[kPlatenSlot],
+             "Settled");
+  FollowFlag(PreviousStatus.PlatenStalled, status.PlatenStalled, StalledText[kPlatenSlot], "Stall");
+  return dirty;
+}
+
+// E-stop, the running test's texts, sleep.
+bool StageDlg::RefreshStates(const ServoStatus& status) {
+  bool dirty = false;
+  if (CachedEStop != status.EStop) {
+    dirty = true;
+    CachedEStop = status.EStop;
+    EStopText = status.EStop ? "EStop" : "";
+  }
+  motion::StageTestState& state = TestState();
+  const std::uint8_t running = state.Running;
+  // The thread's "MB: %d" texts follow at this tick's rate while a test runs.
+  if (running) dirty = true;
+  if (CachedRunning != running) {
+    dirty = true;
+    CachedRunning = running;
+    const std::uint8_t flags[4] = {state.TestX, state.TestY, state.TestZ, state.TestZoom};
+    std::lock_guard lock(textLock_);
+    for (unsigned axis = 0; axis < 4; ++axis) {
+      RunningText[axis] = !running ? "Ready" : flags[axis] ? "Testing Axis" : "";
+    }
+    if (!running) {
+      PlatenStatusText = "Ready";
+    } else if (!state.PlatenTest) {
+      PlatenStatusText.clear();
+    }
+  }
+  if (CachedSleep != status.Sleep) {
+    dirty = true;
+    CachedSleep = status.Sleep;
+    SleepText = status.Sleep ? "Sleep" : "";
+    Doc().Enable("StatusClearSleep", status.Sleep);
+  }
+  return dirty;
+}
+
+// --- The document ---
+
+void StageDlg::DoDataExchange(DataExchange& dx) {
+  for (unsigned i = 0; i < 4; ++i) {
+    dx.Text(Id("Linear", i), Linear[i]);
+    dx.Text(Id("Rotary", i), Rotary[i]);
+    IndexText(dx, Id("Index", i), IndexValid[i], Index[i]);
+    dx.Text(Id("Limit", i), LimitText[i]);
+    dx.Text(Id("Moving", i), MovingText[i]);
+    dx.Text(Id("Settled", i), SettledText[i]);
+    dx.Text(Id("Stalled", i), StalledText[i]);
+    dx.Text(Id("Failed", i), FailedText[i]);
+  }
+  // The W and platen columns stay as the document has them on a machine without those units.
+  // IndexPlaten is bound like any index, but nothing ever reads the platen's capture, so it stays
+  // blank.
+  for (unsigned slot : {kWSlot, kPlatenSlot}) {
+    if (slot == kWSlot ? !versionInfo.hasWAxis : !versionInfo.platenFitted) continue;
+    dx.Text(Id("Rotary", slot), Rotary[slot]);
+    IndexText(dx, Id("Index", slot), IndexValid[slot], Index[slot]);
+    if (slot == kPlatenSlot) dx.Text(Id("Limit", slot), LimitText[slot]);
+    dx.Text(Id("Moving", slot), MovingText[slot]);
+    dx.Text(Id("Settled", slot), SettledText[slot]);
+    dx.Text(Id("Stalled", slot), StalledText[slot]);
+  }
+  dx.Text("EStop", EStopText);
+  dx.Text("Sleep", SleepText);
+  std::lock_guard lock(textLock_);
+  const unsigned runningTexts = form_.zoomTest ? 4 : 3;
+  for (unsigned axis = 0; axis < runningTexts; ++axis)
+    dx.Text(Id("RunningTest", axis), RunningText[axis]);
+  // The platen test row belongs to every machine; the count box shows what the page holds, so
+  // what was typed since the last click lasts only until this push.
+  dx.Text("PlatenStatus", PlatenStatusText);
+  dx.Text("PlatenCount", platenCountValue);
+}
+
+// --- What the test thread calls ---
+
+void StageDlg::LoadAxisPid(unsigned axis) {
+  if (axis < 4 && PidReady)
+    controller->GetAxisPid(static_cast<std::uint16_t>(axis), AxisPids[axis]);
+}
+
+void StageDlg::StoreAxisPid(unsigned axis) {
+  if (axis >= 4 || !PidReady) return;
+  BiasWritten = AxisPids[axis].Mb;
+  controller->SetAxisPid(static_cast<std::uint16_t>(axis), AxisPids[axis]);
+}
+
+void StageDlg::SyncTestedAxis(unsigned axis) {
+  if (axis < 4 && PidReady) controller->SyncAxis(static_cast<std::uint16_t>(axis));
+}
+
+std::uint16_t StageDlg::MotorMaximum(unsigned axis) const {
+  return axis < 4 ? MachineImage.MotorMaximum(axis) : 0;
+}
+
+std::int32_t StageDlg::CountsPerMm(unsigned axis) const {
+  return axis < 4 ? MachineImage.CountsPerMm(axis) : 0;
+}
+
+bool StageDlg::GetRotaryPosition(unsigned axis, std::int32_t& count) {
+  std::uint32_t raw = 0;
+  if (axis >= 4 || !controller->GetRotaryPosition(static_cast<std::uint16_t>(axis), raw)) {
+    return false;
+  }
+  count = static_cast<std::int32_t>(raw);
+  return true;
+}
+
+bool StageDlg::MovePlaten(bool open) {
+  CTavroUsbPlaten& platen = *controller;
+  return platen.MovePlaten(open ? 1 : 0);
+}
+
+void StageDlg::SetRunningText(unsigned axis, const std::string& text) {
+  if (axis >= RunningText.size()) return;
+  std::lock_guard lock(textLock_);
+  RunningText[axis] = text;
+}
+
+void StageDlg::SetPlatenStatusText(const std::string& text) {
+  std::lock_guard lock(textLock_);
+  PlatenStatusText = text;
+}
+
+int StageDlg::Ask(const std::string& text, unsigned style) {
+  return ui::MessageBox(text, kBoxTitle, style);
+}
+
+ui::ChoiceResult StageDlg::Choose(const ui::ChoiceDialog& dialog) {
+  return window_.ShowChoice(dialog);
+}
+
+std::string StageDlg::ReportFolder() const {
+  return config::GetProgramFolder();
+}
+
+std::string StageDlg::PlatenCountText() const {
+  std::lock_guard lock(textLock_);
+  return platenCountValue;
+}
+
+// --- CTabManualVisionStageDlg ---
+
+CTabManualVisionStageDlg::CTabManualVisionStageDlg(CTavroUsbManualVision* owner,
+                                                   const BoardVersionInfo& version)
+    : CTabManualVisionDlg(103, 114, owner, version) {}
+
+void CTabManualVisionStageDlg::ResetPage(const BoardVersionInfo& record) {
+  Connected = true;
+  versionInfo = record;
+  Linear.fill(0);
+  Index.fill(0);
+  IndexValid.fill(0);
+  PreviousStatus = ServoStatus{};
+  for (auto* texts : {&MovingText, &SettledText, &StalledText}) {
+    for (auto& t : *texts)
+      t.clear();
+  }
+  EStopText.clear();
+  FootswitchText.clear();
+  CachedEStop = 0;
+  CachedFootswitch = 0;
+  if (PageReady) UpdateData();
+}
+
+void CTabManualVisionStageDlg::UpdatePage(std::uint32_t timerId, const ServoStatus& status) {
+  TickGuard guard(*this);
+  if (!guard.Entered() || timerId != 3 || !Connected || !PageReady) return;
+  bool dirty = RefreshAxes(status);
+  if (!Connected) return;
+  if (versionInfo.hasWAxis) {
+    dirty |= RefreshW(status);
+    if (!Connected) return;
+  }
+  PreviousStatus = status;
+  if (CachedEStop != status.EStop) {
+    dirty = true;
+    CachedEStop = status.EStop;
+    EStopText = status.EStop ? "EStop" : "";
+  }
+  if (CachedFootswitch != status.Footswitch) {
+    dirty = true;
+    CachedFootswitch = status.Footswitch;
+    FootswitchText = status.Footswitch ? "On" : "";
+  }
+  if (dirty) UpdateData();
+}
+
+bool CTabManualVisionStageDlg::RefreshAxes(const ServoStatus& status) {
+  bool dirty = false;
+  for (unsigned i = 0; i < 4; ++i)
+    dirty |= TakeValue(status.LinearPosition[i], Linear[i]);
+  for (std::uint16_t i = 0; i < 4; ++i) {
+    bool valid = false;
+    bool captured = false;
+    std::uint32_t count = 0;
+    if (!controller->CTavroUsbController::GetIndexCapture(i, valid, captured, count)) {
+      Connected = false;
+      break;
+    }
+    dirty |= TakeIndex(valid, captured, count, IndexValid[i], Index[i]);
+  }
+  // Only the zoom has motion flags on this machine; they follow even after a failed read.
+  constexpr unsigned zoom = 3;
+  FollowFlag(PreviousStatus.Moving[zoom], status.Moving[zoom], MovingText[zoom], "Moving");
+  FollowFlag(PreviousStatus.Settled[zoom], status.Settled[zoom], SettledText[zoom], "Settled");
+  FollowFlag(PreviousStatus.Stalled[zoom], status.Stalled[zoom], StalledText[zoom], "Stall");
+  return dirty;
+}
+
+bool CTabManualVisionStageDlg::RefreshW(const ServoStatus& status) {
+  bool dirty = false;
+  CTavroUsbWAxis& w = *controller;
+  if (!ReadW(w, Linear[kWSlot], IndexValid[kWSlot], Index[kWSlot], dirty)) {
+    Connected = false;
+    return dirty;
+  }
+  FollowFlag(PreviousStatus.WMoving, status.WMoving, MovingText[kWSlot], "Moving");
+  FollowFlag(PreviousStatus.WSettled, status.WSettled, SettledText[kWSlot], "Settled");
+  FollowFlag(PreviousStatus.WStalled, status.WStalled, StalledText[kWSlot], "Stall");
+  return dirty;
+}
+
+void CTabManualVisionStageDlg::DoDataExchange(DataExchange& dx) {
+  for (unsigned i = 0; i < 4; ++i) {
+    dx.Text(Id("Linear", i), Linear[i]);
+    IndexText(dx, Id("Index", i), IndexValid[i], Index[i]);
+  }
+  constexpr unsigned zoom = 3;
+  dx.Text("MovingZoom", MovingText[zoom]);
+  dx.Text("SettledZoom", SettledText[zoom]);
+  dx.Text("StalledZoom", StalledText[zoom]);
+  if (versionInfo.hasWAxis) {
+    dx.Text("RotaryW", Linear[kWSlot]);
+    IndexText(dx, "IndexW", IndexValid[kWSlot], Index[kWSlot]);
+    dx.Text("MovingW", MovingText[kWSlot]);
+    dx.Text("SettledW", SettledText[kWSlot]);
+    dx.Text("StalledW", StalledText[kWSlot]);
+  }
+  dx.Text("EStop", EStopText);
+  dx.Text("Footswitch", FootswitchText);
+}

@@ -5,6 +5,7 @@
 #include "link/CTavroUsbManualVision.h"
 #include "link/CTavroUsbServo.h"
 #include "pages/BoardInformation.h"
+#include "pages/Stage.h"
 #include "pages/UsbSerial.h"
 #include "platform/Clock.h"
 #include "ui/MessageBox.h"
@@ -207,9 +208,11 @@ std::vector<CTavroTestDlgBase::PageRow> CTavroTestDlg::MakePages() {
   std::vector<PageRow> rows;
   if (machineKind == MachineKind::AutoVision) {
     rows.push_back({"Board Information", Make<CTabBoardInformationDlg>(servo, versionInfo)});
+    rows.push_back({"Stage", std::make_unique<CTabStageDlg>(window, servo, versionInfo)});
     rows.push_back({"Diag Output", Make<CTabUsbSerialDlg>(servo, versionInfo)});
   } else if (machineKind == MachineKind::Servo) {
     rows.push_back({"Board Information", Make<CTabV1BoardInformationDlg>(servo, versionInfo)});
+    rows.push_back({"Stage", std::make_unique<CTabV1StageDlg>(window, servo, versionInfo)});
     rows.push_back({"Diag Output", Make<CTabUsbSerialDlg>(servo, versionInfo)});
   }
   return rows;
@@ -228,6 +231,7 @@ std::vector<CTavroTestDlgBase::PageRow> CTavroTestManualVisionDlg::MakePages() {
   std::vector<PageRow> rows;
   rows.push_back(
       {"Board Information", Make<CTabManualVisionBoardInformationDlg>(manual, versionInfo)});
+  rows.push_back({"Stage", Make<CTabManualVisionStageDlg>(manual, versionInfo)});
   rows.push_back({"Diag Output", Make<CTabManualVisionUsbSerialDlg>(manual, versionInfo)});
   return rows;
 }

@@ -86,7 +86,7 @@ test('Board Information shows what each kind of board says about itself', async 
         assert.equal(await field(page, 0, `PMDName${sfx}`).count(), 0);
       }
       const tabs = await page.locator('.tabs button').allTextContents();
-      assert.deepEqual(tabs, ['Board Information', 'Diag Output'], c.profile);
+      assert.deepEqual(tabs, ['Board Information', 'Stage', 'Diag Output'], c.profile);
       if (SHOTS && c.shot) await page.screenshot({ path: join(SHOTS, c.shot) });
     });
   }
@@ -124,14 +124,14 @@ test('a board of another kind plugged in meanwhile stays disconnected', () => wi
 
 test('Diag Output collects the board text, follows the end, and stays put when scrolled back',
   () => withSession('autovision', async ({ board, page }) => {
-    const log = field(page, 1, 'UsbSerial');
+    const log = field(page, 2, 'UsbSerial');
     const has = (i) => async () => (await log.inputValue()).includes(`line ${i} of`);
     const diag = (i) => board.control(`diag "line ${i} of the board's text"`);
     const scrollTo = async (top) => {
       await log.evaluate((el, t) => { el.scrollTop = t; el.dispatchEvent(new Event('scroll')); }, top);
       await new Promise((r) => setTimeout(r, 300));  // for the report to reach the program
     };
-    await page.locator('#tab-1').click();
+    await page.locator('#tab-2').click();
     // Text that came while the tab was hidden is there too.
     for (let i = 0; i < 40; i += 1) await diag(i);
     await eventually(has(39), true);

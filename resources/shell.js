@@ -124,6 +124,7 @@
       if (el) el.addEventListener('scroll', () => reportScroll(page), { passive: true });
     }
     doc.addEventListener('keydown', enterMovesFocus, true);
+    doc.addEventListener('keydown', escapeToPage);
     const state = docs.get(page);
     if (state) for (const [id, props] of Object.entries(state)) applyElement(doc, id, props);
     send({ t: 'loaded', page });
@@ -280,6 +281,27 @@
         send({ t: 'event', page: SHELL, id, kind: 'click' });
       });
     }
+    document.getElementById('stop-test').addEventListener('click', () => {
+      send({ t: 'event', page: SHELL, id: 'stop-test', kind: 'click' });
+    });
+    document.addEventListener('keydown', escapeToPage);
+  }
+
+  // Escape, in the shell or in a page's frame, is the page in front's cancel. Boxes, choice
+  // dialogs and message windows answer Escape themselves, so the key is left to them whenever
+  // the focus is in one or a modal one is up; an open menu just closes.
+  function escapeToPage(e) {
+    if (e.key !== 'Escape' || e.repeat || e.defaultPrevented) return;
+    const target = e.target;
+    if (target && target.closest && target.closest('.dialog, .msgwin')) return;
+    if (!document.getElementById('dialog-layer').hidden) return;
+    const menu = document.getElementById('menu');
+    if (!menu.hidden) {
+      menu.hidden = true;
+      document.getElementById('menu-button').setAttribute('aria-expanded', 'false');
+      return;
+    }
+    if (tabs.length) send({ t: 'cancel', page: selected });
   }
 
   // --- Dialogs ------------------------------------------------------------------------------

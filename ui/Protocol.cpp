@@ -95,8 +95,8 @@ bool DecodeFields(const std::string& type, const json& j, Incoming& in, std::str
     in.kind = K::kEvent;
     return DecodeEvent(j, in, error);
   }
-  if (type == "shown" || type == "loaded") {
-    in.kind = type == "shown" ? K::kShown : K::kLoaded;
+  if (type == "shown" || type == "loaded" || type == "cancel") {
+    in.kind = type == "shown" ? K::kShown : type == "loaded" ? K::kLoaded : K::kCancel;
     if (GetInt(j, "page", in.page)) return true;
     error = type + " without page";
     return false;

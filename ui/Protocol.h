@@ -14,6 +14,7 @@
 //   answer    {"t":"answer","dialog":n,"result":r,"choice"?:k}
 //   resize    {"t":"resize","dialog":n,"width":w,"height":h}   a message window's new client size
 //   viewport  {"t":"viewport","width":w,"height":h}           the browser's viewport
+//   cancel    {"t":"cancel","page":p}          Escape on page p while no dialog had the focus
 #pragma once
 
 #include <cstdint>
@@ -29,7 +30,7 @@
 namespace ui::protocol {
 
 struct Incoming {
-  enum class Kind { kEvent, kShown, kLoaded, kScroll, kAnswer, kResize, kViewport };
+  enum class Kind { kEvent, kShown, kLoaded, kScroll, kAnswer, kResize, kViewport, kCancel };
   Kind kind;
   int page = 0;
   std::string id;

@@ -113,12 +113,21 @@ void MessageWindowView::Close() {
 // ---------------------------------------------------------------------------------------------
 // Window: set-up and pages
 
-Window::Window(platform::TaskLoop& loop) : loop_(loop), uiThread_(std::this_thread::get_id()) {
+Window::Window(platform::TaskLoop& loop)
+    : loop_(loop),
+      uiThread_(std::this_thread::get_id()),
+      noBrowserSince_(platform::Clock::Current().Now()) {
   shell_.SetObserver([this] { ScheduleFlush(); });
   // The menu works from the start, before any dialog runs, with the box the dialog shows later.
   aboutText_ = AboutText();
   shellEvents_.OnClick("menu-about", [this](const Event&) {
     ShowBoxAsync(aboutText_, "About TavroTest", kMbOk, {});
+  });
+  // The STOP control is up only while a test runs; a click that comes after the test ended (the
+  // control was still drawn in some browser) finds no handler or a handler with nothing to stop.
+  shell_.Show("stop-test", false);
+  shellEvents_.OnClick("stop-test", [this](const Event&) {
+    if (onStop_ && !shell_.Text("stop-test-name").empty()) onStop_();
   });
   shellEvents_.OnClick("menu-close", [this](const Event&) {
     if (onClose_) {
@@ -146,6 +155,16 @@ int Window::AddPage(const std::string& tabTitle, HtmlPage& page) {
         protocol::EncodeDoc(index, page.Doc().Snapshot(), true)));
   }
   return index;
+}
+
+void Window::SetStopControl(const std::string& testName) {
+  shell_.SetText("stop-test-name", testName);
+  shell_.Show("stop-test", !testName.empty());
+}
+
+platform::Duration Window::NoBrowserFor() const {
+  if (!clients_.empty()) return platform::Duration::zero();
+  return platform::Clock::Current().Now() - noBrowserSince_;
 }
 
 bool Window::PageShown(int index) const {
@@ -237,6 +256,7 @@ void Window::Detach(ClientId client) {
     if (it == clients_.end()) return;
     HandleShown(client, -1);
     clients_.erase(it);
+    if (clients_.empty()) noBrowserSince_ = platform::Clock::Current().Now();
   });
 }
 
@@ -293,6 +313,21 @@ void Window::Handle(ClientId client, const protocol::Incoming& in) {
         pages_[in.page].loaded = true;
         pages_[in.page].page->OnDocumentComplete();
       }
+      return;
+    case K::kCancel:
+      // Only a page can be cancelled: the shell (-1) and pages that are not there are refused,
+      // and so is a page that the sending browser does not show (the key went to the page in
+      // front of that browser, so anything else is stale or forged).
+      if (in.page < 0 || in.page >= PageCount()) {
+        UI_LOG("UI: cancel for unknown page %d\r\n", in.page);
+        return;
+      }
+      if (const auto it = clients_.find(client);
+          it == clients_.end() || it->second.shownPage != in.page) {
+        UI_LOG("UI: cancel for page %d that the browser does not show\r\n", in.page);
+        return;
+      }
+      pages_[in.page].page->OnCancel();
       return;
     case K::kScroll: {
       Document* doc = DocOf(in.page);

@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/Clock.h"
 #include "platform/TaskLoop.h"
 #include "ui/Dialogs.h"
 #include "ui/Document.h"
@@ -144,6 +145,14 @@ class Window : public MessageBoxPresenter {
   // The about box's text (the menu item shows it in an OK box titled "About TavroTest"), until
   // the main dialog takes the menu item over: AboutText() unless set.
   void SetAboutText(const std::string& text) { aboutText_ = text; }
+  // The STOP control in the title bar: shown with `testName` ("STOP — X Axis Test") while a test
+  // runs, hidden for "". Kept in the shell's document, so a browser that comes later sees it.
+  void SetStopControl(const std::string& testName);
+  // Runs on the UI thread when a browser clicks the STOP control (no confirmation is asked).
+  void SetStopHandler(std::function<void()> handler) { onStop_ = std::move(handler); }
+  // How long no browser has been attached: zero while one is, else the time since the last went
+  // away (or since the window was made, before the first came).
+  platform::Duration NoBrowserFor() const;
   // Whether some browser shows page `index` now.
   bool PageShown(int index) const;
   // The size of the browser viewport the window is shown in: the last that a browser reported,
@@ -248,6 +257,8 @@ class Window : public MessageBoxPresenter {
   int nextDialog_ = 1;
   bool flushPosted_ = false;
   std::function<void()> onClose_;
+  std::function<void()> onStop_;
+  platform::TimePoint noBrowserSince_;
   std::string aboutText_;
   std::pair<int, int> viewport_{1280, 800};
 

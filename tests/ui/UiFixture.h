@@ -72,6 +72,7 @@ class RecordingPage : public ui::HtmlPage {
   explicit RecordingPage(const std::string& path) : HtmlPage(path) {}
   void OnDocumentComplete() override { notices.push_back("complete"); }
   void OnShowWindow(bool shown) override { notices.push_back(shown ? "shown" : "hidden"); }
+  void OnCancel() override { notices.push_back("cancel"); }
   std::vector<std::string> notices;  // UI thread
 };
 

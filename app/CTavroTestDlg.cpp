@@ -4,6 +4,7 @@
 
 #include "link/CTavroUsbManualVision.h"
 #include "link/CTavroUsbServo.h"
+#include "motion/StageTest.h"
 #include "pages/BoardInformation.h"
 #include "pages/Stage.h"
 #include "pages/UsbSerial.h"
@@ -50,6 +51,13 @@ int CTavroTestDlgBase::DoModal() {
   if (OnCreate() != 0) return -1;
   OnInitDialog();
   const int result = loop.Run();
+  // The run is over (Close, SIGINT, SIGTERM): a test that runs is asked to stop, and every box a
+  // test thread waits in is answered cautiously, so that the thread hands its axis back and the
+  // pages, which join their threads, can go.
+  if (motion::StagePage* stage = StageTests(); stage && stage->TestState().Running) {
+    stage->StopRequested = 1;
+  }
+  window.Shutdown();
   OnDestroy();
   return result;
 }
@@ -82,6 +90,11 @@ bool CTavroTestDlgBase::OnInitDialog() {
   }
   // The window's Close ends the modal run, as the dialog's cancel does.
   window.SetCloseHandler([this] { loop.Quit(ui::kIdCancel); });
+  // The title bar's STOP asks for the same stop as the page's own STOP, without a question.
+  window.SetStopHandler([this] {
+    motion::StagePage* stage = StageTests();
+    if (stage && stage->TestState().Running) stage->StopRequested = 1;
+  });
 
   SetTitleSuffix(kConnected);
   for (const TimerPeriod& t : kTimers) {
@@ -123,6 +136,23 @@ void CTavroTestDlgBase::OnTimer(unsigned id) {
     }
   }
   if (pages[0]) RunBanner();
+  if (id == 3) WatchRunningTest();
+}
+
+motion::StagePage* CTavroTestDlgBase::StageTests() const {
+  return dynamic_cast<motion::StagePage*>(pages[1].get());
+}
+
+void CTavroTestDlgBase::WatchRunningTest() {
+  motion::StagePage* stage = StageTests();
+  if (!stage) return;
+  window.SetStopControl(motion::RunningTestName(*stage));
+  // A ramp, seek or centering must not go on unwatched: its boxes wait for the next browser,
+  // but the motor is stopped once no browser has been there for a second (within two ticks of
+  // the second passing, so within 2 s of the last browser going).
+  if (stage->Sampling && window.NoBrowserFor() >= std::chrono::seconds(1)) {
+    stage->StopRequested = 1;
+  }
 }
 
 // The link, as the dialog sees it: connected (" : Connected", polls, pages ticked) or
@@ -188,6 +218,8 @@ void CTavroTestDlgBase::OnDestroy() {
     timersStarted[id] = false;
   }
   window.SetCloseHandler(nullptr);
+  window.SetStopHandler(nullptr);
+  window.SetStopControl("");
 }
 
 void CTavroTestDlgBase::SetTitleSuffix(const char* suffix) {

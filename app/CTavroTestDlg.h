@@ -24,6 +24,9 @@
 #include "ui/Window.h"
 
 class CTavroUsbController;
+namespace motion {
+class StagePage;
+}
 class CTavroUsbServo;
 class CTavroUsbManualVision;
 
@@ -42,7 +45,9 @@ class CTavroTestDlgBase {
   CTavroTestDlgBase& operator=(const CTavroTestDlgBase&) = delete;
 
   // The modal run: creation, the loop until the window's Close or SIGINT/SIGTERM ends it, then
-  // the destruction of the window. Returns the loop's code, or -1 when creation failed.
+  // the destruction of the window. Returns the loop's code, or -1 when creation failed. The
+  // window's waits end (Shutdown) before the timers go and long before the pages do, so a test
+  // thread that waits in a box gets its cautious answer and the page's end can join it.
   int DoModal();
 
   // The dialog's message handlers, in the order a run calls them. Public so that a test can run
@@ -92,6 +97,12 @@ class CTavroTestDlgBase {
   void Reconnect();
   void RunBanner();
   void SetTitleSuffix(const char* suffix);
+  // The Stage page of tab 1 as its test thread sees it, or null (no such page, or one without
+  // tests).
+  motion::StagePage* StageTests() const;
+  // On the 200 ms tick: the title bar's STOP control follows the running test, and a test that
+  // holds an axis is stopped once no browser has watched it for a second.
+  void WatchRunningTest();
 
   std::string baseTitle = "TavroTest";  // the template's caption
   bool connected = true;

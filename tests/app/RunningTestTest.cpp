@@ -1,0 +1,276 @@
+// The main dialog and a test that runs on its Stage page, in virtual time: the title bar's STOP
+// control, the stop when the last browser goes, and the end of the run while a test thread
+// waits in a box or ramps. The Stage page here is a stand-in with a scripted test thread.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/CTavroTestDlg.h"
+#include "motion/StageTest.h"
+#include "tests/pages/PageFixture.h"
+
+namespace {
+
+using namespace testing_support;
+using std::chrono::milliseconds;
+
+class PlainPage final : public CTabPage {
+ public:
+  PlainPage() : CTabPage(103, 104, BoardVersionInfo{}) {}
+  void ResetPage(const BoardVersionInfo&) override {}
+};
+
+// A Stage page whose X axis test takes the axis, waits in a box, a choice dialog or a ramp that
+// samples until it is stopped, and hands the axis back.
+class FakeStagePage final : public CTabPage, public motion::StagePage {
+ public:
+  enum class Wait { kNone, kBox, kChoice, kRamp };
+
+  explicit FakeStagePage(ui::Window& window)
+      : CTabPage(103, 104, BoardVersionInfo{}), window_(window) {}
+  // As the real page does: the thread goes first, before any member it uses.
+  ~FakeStagePage() override {
+    guard_.RequestQuit();
+    guard_.Join();
+  }
+  void ResetPage(const BoardVersionInfo&) override {}
+
+  void StartXTest(Wait wait) {
+    state_.Running = 1;
+    state_.TestX = 1;
+    StopRequested = 0;
+    guard_.RecordThread(platform::ParticipantThread([this, wait] { Run(wait); }));
+  }
+
+  std::atomic<bool> driven{false};
+  std::atomic<bool> finished{false};
+  std::atomic<int> answer{0};
+  motion::StageTestState state_;
+
+  // --- motion::StagePage ---
+  motion::StageTestState& TestState() override { return state_; }
+  motion::TestThreadGuard& ThreadGuard() override { return guard_; }
+  bool FirstGeneration() const override { return false; }
+  void LoadAxisPid(unsigned) override {}
+  void StoreAxisPid(unsigned) override {}
+  void SyncTestedAxis(unsigned) override {}
+  std::uint16_t MotorMaximum(unsigned) const override { return 0; }
+  std::int32_t CountsPerMm(unsigned) const override { return 1; }
+  const AxisExtents& Extents() const override { return extents_; }
+  bool PlatenPresent() const override { return false; }
+  bool GetRotaryPosition(unsigned, std::int32_t&) override { return true; }
+  bool MovePlaten(bool) override { return true; }
+  void SetRunningText(unsigned, const std::string&) override {}
+  void SetPlatenStatusText(const std::string&) override {}
+  int Ask(const std::string& text, unsigned style) override {
+    return window_.Show(text, "X Axis Test", style);
+  }
+  ui::ChoiceResult Choose(const ui::ChoiceDialog& dialog) override {
+    return window_.ShowChoice(dialog);
+  }
+  std::string ReportFolder() const override { return ""; }
+  std::string PlatenCountText() const override { return ""; }
+
+ private:
+  void Run(Wait wait) {
+    driven = true;
+    if (wait == Wait::kBox) answer = Ask("Move the X axis?", ui::kMbOkCancel);
+    if (wait == Wait::kChoice)
+      answer = Choose({"X Axis Test", {"Pick"}, "Voltage", {"A", "B"}}).result;
+    if (wait == Wait::kRamp || wait == Wait::kNone) {
+      Sampling = 1;
+      while (!StopRequested && !guard_.IsQuitRequested()) {
+        platform::Clock::Current().SleepFor(milliseconds(20));
+      }
+      Sampling = 0;
+    }
+    driven = false;  // the axis is handed back
+    state_.TestX = 0;
+    state_.Running = 0;
+    guard_.ClearThread();
+    finished = true;
+  }
+
+  ui::Window& window_;
+  motion::TestThreadGuard guard_;
+  AxisExtents extents_{};
+};
+
+class StageDlg final : public CTavroTestDlgBase {
+ public:
+  StageDlg(ui::Window& w, platform::TaskLoop& l, CTavroUsbServo* servo, const BoardVersionInfo& v)
+      : CTavroTestDlgBase(w, l, servo, v) {}
+  FakeStagePage& Stage() { return dynamic_cast<FakeStagePage&>(*Page(1)); }
+
+ protected:
+  unsigned PollTimer() const override { return 2; }
+  bool IsSameMachine(const BoardVersionInfo& fresh) override { return fresh.isServo; }
+  std::vector<PageRow> MakePages() override {
+    std::vector<PageRow> rows;
+    rows.push_back({"Board Information", std::make_unique<PlainPage>()});
+    rows.push_back({"Stage", std::make_unique<FakeStagePage>(window)});
+    return rows;
+  }
+};
+
+class NullBrowser final : public ui::Connection {
+ public:
+  void Send(std::shared_ptr<const std::string>) override {}
+};
+
+class RunningTestTest : public PageFixture {
+ protected:
+  void SetUp() override {
+    Start("autovision");
+    dlg = std::make_unique<StageDlg>(window, loop, &Servo(), version_);
+  }
+  void TearDown() override {
+    window.Shutdown();  // a failed check must not leave a thread waiting in a box
+    dlg.reset();
+  }
+  void RunFor(platform::Duration d) {
+    bool over = false;
+    loop.SetTimer(99, d, [&](unsigned) {
+      loop.KillTimer(99);
+      over = true;
+    });
+    loop.RunUntil([&] { return over; });
+  }
+  void Open() {
+    ASSERT_EQ(dlg->OnCreate(), 0);
+    dlg->OnInitDialog();
+  }
+  void ClickStop() {
+    window.ShellEvents().Dispatch(ui::Event{ui::kShellPage, "stop-test", ui::EventKind::kClick});
+  }
+  // Waits up to `limit` of virtual time for the test thread to end.
+  bool Finished(platform::Duration limit) {
+    const auto end = clock.Now() + limit;
+    while (!dlg->Stage().finished && clock.Now() < end)
+      clock.SleepFor(milliseconds(10));
+    return dlg->Stage().finished;
+  }
+
+  platform::TaskLoop loop;
+  ui::Window window{loop};
+  std::unique_ptr<StageDlg> dlg;
+};
+
+TEST_F(RunningTestTest, TheStopControlShowsTheRunningTestOnItsTickAndOneClickStopsIt) {
+  Open();
+  auto browser = window.Attach(std::make_shared<NullBrowser>());
+  RunFor(milliseconds(400));
+  EXPECT_EQ(window.Shell().Text("stop-test-name"), "");
+
+  FakeStagePage& stage = dlg->Stage();
+  stage.StartXTest(FakeStagePage::Wait::kNone);
+  RunFor(milliseconds(200));
+  EXPECT_EQ(window.Shell().Text("stop-test-name"), "X Axis Test");
+  EXPECT_EQ(stage.StopRequested, 0);
+
+  ClickStop();
+  EXPECT_EQ(stage.StopRequested, 1) << "one click, no question";
+  ASSERT_TRUE(Finished(milliseconds(100)));
+  EXPECT_FALSE(stage.driven);
+  RunFor(milliseconds(200));
+  EXPECT_EQ(window.Shell().Text("stop-test-name"), "") << "hidden on the next tick";
+
+  stage.StopRequested = 0;
+  ClickStop();
+  EXPECT_EQ(stage.StopRequested, 0) << "nothing runs, nothing to stop";
+  window.Detach(browser);
+}
+
+// The ramp goes on while a browser watches; once the last has gone, it is stopped within 2 s,
+// and not before a second has passed (a browser that reloads comes back well within that).
+TEST_F(RunningTestTest, ARampIsStoppedWithinTwoSecondsOfTheLastBrowserGoing) {
+  Open();
+  const auto a = window.Attach(std::make_shared<NullBrowser>());
+  const auto b = window.Attach(std::make_shared<NullBrowser>());
+  FakeStagePage& stage = dlg->Stage();
+  stage.StartXTest(FakeStagePage::Wait::kRamp);
+  RunFor(milliseconds(3000));
+  EXPECT_EQ(stage.StopRequested, 0) << "watched";
+
+  window.Detach(a);
+  RunFor(milliseconds(3000));
+  EXPECT_EQ(stage.StopRequested, 0) << "one browser is still there";
+
+  // A reload: away for half a second, back again.
+  window.Detach(b);
+  RunFor(milliseconds(500));
+  const auto c = window.Attach(std::make_shared<NullBrowser>());
+  RunFor(milliseconds(3000));
+  EXPECT_EQ(stage.StopRequested, 0) << "a reload does not stop the test";
+
+  window.Detach(c);
+  RunFor(milliseconds(900));
+  EXPECT_EQ(stage.StopRequested, 0) << "less than a second without a browser";
+  RunFor(milliseconds(1100));
+  EXPECT_EQ(stage.StopRequested, 1) << "stopped within 2 s";
+  ASSERT_TRUE(Finished(milliseconds(100)));
+  EXPECT_FALSE(stage.driven);
+}
+
+TEST_F(RunningTestTest, ATestThatDoesNotHoldAnAxisIsLeftToWaitForTheNextBrowser) {
+  Open();
+  FakeStagePage& stage = dlg->Stage();
+  stage.StartXTest(FakeStagePage::Wait::kBox);
+  RunFor(milliseconds(5000));
+  EXPECT_EQ(stage.StopRequested, 0);
+  EXPECT_FALSE(stage.finished) << "the box waits";
+}
+
+// Closing the window or SIGTERM (which quits the loop the same way) ends the modal run; the
+// thread, in a box, a choice or a ramp, ends with the cautious answer or a stop and hands its
+// axis back before the dialog (and its pages) go.
+TEST_F(RunningTestTest, TheEndOfTheRunEndsATestThreadWhereverItWaits) {
+  struct Case {
+    const char* what;
+    FakeStagePage::Wait wait;
+    bool bySignal;
+    int answer;
+  };
+  const Case cases[] = {
+      {"box, Close", FakeStagePage::Wait::kBox, false, ui::kIdCancel},
+      {"box, SIGTERM", FakeStagePage::Wait::kBox, true, ui::kIdCancel},
+      {"choice, Close", FakeStagePage::Wait::kChoice, false, ui::kIdCancel},
+      {"ramp, SIGTERM", FakeStagePage::Wait::kRamp, true, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    platform::TaskLoop caseLoop;
+    ui::Window caseWindow(caseLoop);
+    auto caseDlg = std::make_unique<StageDlg>(caseWindow, caseLoop, &Servo(), version_);
+    const auto browser = caseWindow.Attach(std::make_shared<NullBrowser>());
+    caseLoop.SetTimer(50, milliseconds(300), [&](unsigned) {
+      caseLoop.KillTimer(50);
+      caseDlg->Stage().StartXTest(c.wait);
+    });
+    caseLoop.SetTimer(51, milliseconds(900), [&](unsigned) {
+      caseLoop.KillTimer(51);
+      if (c.bySignal) {
+        caseLoop.Quit(ui::kIdCancel);
+      } else {
+        caseWindow.ShellEvents().Dispatch(
+            ui::Event{ui::kShellPage, "menu-close", ui::EventKind::kClick});
+      }
+    });
+    EXPECT_EQ(caseDlg->DoModal(), ui::kIdCancel);
+    FakeStagePage& stage = caseDlg->Stage();
+    const auto end = clock.Now() + milliseconds(500);
+    while (!stage.finished && clock.Now() < end)
+      clock.SleepFor(milliseconds(10));
+    EXPECT_TRUE(stage.finished) << "the thread ended before the pages went";
+    EXPECT_FALSE(stage.driven);
+    EXPECT_EQ(stage.answer, c.answer);
+    caseWindow.Shutdown();  // backstop, so that a failure above cannot hang the test
+    caseDlg.reset();        // the page joins its thread
+    (void)browser;
+  }
+}
+
+}  // namespace

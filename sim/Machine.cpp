@@ -78,7 +78,12 @@ bool Axis::Moving() const {
 }
 
 bool Axis::Settled() const {
-  return !Moving() && std::abs(Drive()) <= kDeadBand;
+  return !Moving() && std::abs(Drive()) <= DeadBand();
+}
+
+void Axis::PlaceObstacle(double mm) {
+  obstacle = mm;
+  obstacleSide = mm < 0 ? 0 : position <= mm ? 1 : -1;
 }
 
 std::int32_t Axis::LinearCounts() const {
@@ -94,6 +99,7 @@ void Axis::PlaceAt(double mm) {
   velocity = 0;
   limit = position <= 0 ? -1 : position >= travel ? 1 : 0;
   lastTurn = TurnOf(position, mmPerTurn);
+  if (obstacle >= 0) obstacleSide = position <= obstacle ? 1 : -1;
 }
 
 std::int8_t Channel::Limit() const {
@@ -175,7 +181,7 @@ std::array<std::uint32_t, kStageAxes> Machine::LinearPositions() const {
 
 bool Machine::AtRest() const {
   for (const Axis& a : axes) {
-    if (a.velocity != 0 || a.stalled || std::abs(a.Drive()) > kDeadBand) return false;
+    if (a.velocity != 0 || a.stalled || std::abs(a.Drive()) > a.DeadBand()) return false;
   }
   if (servoMachine_ && (joystick[0] != 0 || joystick[1] != 0 || joystick[2] != 0)) return false;
   return !w.Moving() && !platen.Moving();
@@ -222,8 +228,9 @@ void Machine::Step(double dt) {
 
 void Machine::StepAxis(Axis& a, double jog, double dt) {
   const double drive = a.Drive();
-  const double excess = std::max(0.0, std::abs(drive) - kDeadBand);
-  const double span = std::max(1.0, a.motorMaximum - kDeadBand);
+  const double deadBand = a.DeadBand();
+  const double excess = std::max(0.0, std::abs(drive) - deadBand);
+  const double span = std::max(1.0, a.motorMaximum - deadBand);
   // Above the dead band the speed rises in proportion to the drive; a closed loop holds the
   // axis where it is, unless the pendant's joystick jogs it.
   double target = excess > 0 ? std::copysign(std::min(1.0, excess / span) * a.fullSpeed, drive)
@@ -243,9 +250,11 @@ void Machine::StepAxis(Axis& a, double jog, double dt) {
     a.velocity = std::max(0.0, a.velocity);
     a.limit = -1;
   }
-  // Driven against an end switch or a blockage, the motor stalls; held there, it fails.
-  const bool intoLimit = (a.limit > 0 && drive > kDeadBand) || (a.limit < 0 && -drive > kDeadBand);
-  a.stalled = !estop && (intoLimit || (a.blocked && excess > 0));
+  const bool intoObstacle = StopAtObstacle(a) && excess > 0 && drive * a.obstacleSide > 0;
+  // Driven against an end switch, an obstacle or a blockage, the motor stalls; held there, it
+  // fails.
+  const bool intoLimit = (a.limit > 0 && drive > deadBand) || (a.limit < 0 && -drive > deadBand);
+  a.stalled = !estop && (intoLimit || intoObstacle || (a.blocked && excess > 0));
   a.stalledFor = a.stalled ? a.stalledFor + dt : 0;
   a.failed = a.stalledFor >= kFailAfterSeconds;
   const std::int64_t turn = TurnOf(a.position, a.mmPerTurn);
@@ -256,6 +265,16 @@ void Machine::StepAxis(Axis& a, double jog, double dt) {
         std::llround(static_cast<double>(std::max(turn, a.lastTurn)) * kRotaryCountsPerTurn));
     a.lastTurn = turn;
   }
+}
+
+// Keeps the axis on its side of an obstacle; true while it rests against it.
+bool Machine::StopAtObstacle(Axis& a) {
+  if (a.obstacleSide == 0) return false;
+  const double past = (a.position - a.obstacle) * a.obstacleSide;
+  if (past < 0) return false;
+  a.position = a.obstacle;
+  a.velocity = a.obstacleSide > 0 ? std::min(0.0, a.velocity) : std::max(0.0, a.velocity);
+  return true;
 }
 
 void Machine::StepChannel(Channel& c, double dt) {

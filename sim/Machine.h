@@ -51,6 +51,14 @@ struct Axis {
   double position = 0;  // mm from the negative end switch
   double velocity = 0;  // mm/s
   bool blocked = false;
+  // Something in the way at `obstacle` mm (none below 0): the axis comes to rest against it from
+  // the side it stood on when it was put there (`obstacleSide` 1: from below, -1: from above)
+  // and, driven on, stalls with no end switch to say why.
+  double obstacle = -1;
+  int obstacleSide = 0;
+  // A factor on the drive that friction takes (the dead band): above 1 the axis is harder to
+  // start.
+  double friction = 1;
   bool stalled = false;
   bool failed = false;
   double stalledFor = 0;  // seconds
@@ -63,6 +71,9 @@ struct Axis {
   std::int64_t lastTurn = 0;
 
   double Drive() const;  // the open-loop drive, 0 when the loop is closed
+  double DeadBand() const { return kDeadBand * friction; }
+  // Puts something in the way at `mm` (below 0: takes it away).
+  void PlaceObstacle(double mm);
   bool Moving() const;
   bool Settled() const;
   std::int32_t LinearCounts() const;
@@ -81,6 +92,8 @@ struct Channel {
   double countsPerMm = 0;
   double mmPerTurn = 0;
   bool blocked = false;
+  // Stuck: it stays where it is without a stall, so a move never reaches its switch.
+  bool stuck = false;
   bool indexSeen = false;  // as for an axis
   bool indexCaptured = false;
   std::uint32_t indexCount = 0;
@@ -90,7 +103,7 @@ struct Channel {
   std::vector<std::uint8_t> extra = std::vector<std::uint8_t>(32, 0);
   std::vector<std::uint8_t> serial = std::vector<std::uint8_t>(126, 0);
 
-  bool Moving() const { return position != target && !blocked; }
+  bool Moving() const { return position != target && !blocked && !stuck; }
   bool Stalled() const { return blocked && position != target; }
   std::int8_t Limit() const;
   std::uint32_t Counts() const;
@@ -168,6 +181,7 @@ class Machine {
   void Step(double seconds);
   void StepAxis(Axis& a, double jog, double dt);
   void StepChannel(Channel& c, double dt);
+  static bool StopAtObstacle(Axis& a);
   void RunTriggers(double elapsed);
 
   platform::TimePoint poweredAt_;

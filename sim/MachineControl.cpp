@@ -1,5 +1,6 @@
 // The control commands of what a person does at the machine: buttons, joystick, e-stop, probe,
-// blocking an axis, plugging the platen or W axis in or out, the laser, the light channels.
+// blocking an axis, obstacles and friction, plugging the platen or W axis in or out or making it
+// stick, the laser, the light channels.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -183,6 +184,42 @@ std::string RunUnblock(Board& b, const Words& a) {
   return RunBlock(b, a, false);
 }
 
+// The stage axes only: the W axis and the platen have neither dead band nor obstacles.
+bool ParseStageAxis(const Words& a, std::size_t count, int& axis) {
+  return a.size() == count && ParseAxis(a[0], axis) && axis >= 0;
+}
+
+// An obstacle strictly inside the travel, so that it is never mistaken for an end switch.
+std::string RunStall(Board& b, const Words& a) {
+  int axis = 0;
+  double mm = 0;
+  if (!ParseStageAxis(a, 2, axis) || !ParseReal(a[1], mm)) {
+    return Error("stall takes a stage axis (x y z zoom) and a position in mm");
+  }
+  Axis& x = b.machine().axes[static_cast<std::size_t>(axis)];
+  if (mm <= 0 || mm >= x.travel) return Error("an obstacle lies inside the travel of " + a[0]);
+  x.PlaceObstacle(mm);
+  return "ok " + a[0] + " stalls at " + a[1];
+}
+
+std::string RunUnstall(Board& b, const Words& a) {
+  int axis = 0;
+  if (!ParseStageAxis(a, 1, axis)) return Error("unstall takes a stage axis (x y z zoom)");
+  b.machine().axes[static_cast<std::size_t>(axis)].PlaceObstacle(-1);
+  return "ok " + a[0] + " free";
+}
+
+// A factor on the dead band, from a frictionless 0 to 20 (a drive of 4000 only just starts it).
+std::string RunFriction(Board& b, const Words& a) {
+  int axis = 0;
+  double factor = 0;
+  if (!ParseStageAxis(a, 2, axis) || !ParseReal(a[1], factor) || factor < 0 || factor > 20) {
+    return Error("friction takes a stage axis (x y z zoom) and a factor 0 to 20");
+  }
+  b.machine().axes[static_cast<std::size_t>(axis)].friction = factor;
+  return "ok " + a[0] + " friction " + a[1];
+}
+
 std::string RunAxis(Board& b, const Words& a) {
   int axis = 0;
   if (a.size() != 1 || !ParseAxis(a[0], axis)) return Error("name an axis: x y z zoom w platen");
@@ -218,7 +255,13 @@ std::string RunPlug(Board& b, const Words& a, bool platen) {
   (platen ? v.platenFitted : v.hasWAxis) = in;
   return std::string("ok ") + (platen ? "platen" : "w") + (in ? " in" : " out");
 }
+// Besides in and out: stick (the platen stays where it is, so a move never reaches its
+// switch, and reports no stall) and free.
 std::string RunPlaten(Board& b, const Words& a) {
+  if (a.size() == 1 && (a[0] == "stick" || a[0] == "free")) {
+    b.machine().platen.stuck = a[0] == "stick";
+    return "ok platen " + a[0];
+  }
   return RunPlug(b, a, true);
 }
 std::string RunWPlug(Board& b, const Words& a) {
@@ -303,7 +346,10 @@ constexpr MachineCommand kMachineVerbs[] = {
     {"unblock", "unblock AXIS", RunUnblock},
     {"axis", "axis AXIS", RunAxis},
     {"place", "place AXIS MM", RunPlace},
-    {"platen", "platen in|out", RunPlaten},
+    {"stall", "stall AXIS MM", RunStall},
+    {"unstall", "unstall AXIS", RunUnstall},
+    {"friction", "friction AXIS F", RunFriction},
+    {"platen", "platen in|out|stick|free", RunPlaten},
     {"wplug", "wplug in|out", RunWPlug},
     {"lights", "lights N", RunLights},
     {"temp", "temp SENSOR C", RunTemp},

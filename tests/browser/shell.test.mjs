@@ -134,3 +134,43 @@ test('the file access warning is placed by the program and answers the keyboard'
   await first.keyboard.press('Escape');
   await eventually(() => first.locator('.msgwin.placed').count(), 0);
 });
+
+test('Escape goes to the page in front unless a dialog or message window takes it', async () => {
+  const cancels = field(first, 0, 'CancelCount');
+  // The message window's Escape in the test before reached no page.
+  assert.equal(await cancels.inputValue(), '');
+  await field(first, 0, 'Greeting').click();  // the focus in the page's frame
+  await first.keyboard.press('Escape');
+  await eventually(() => cancels.inputValue(), '1');
+  await first.locator('#title').click();  // the focus in the shell
+  await first.keyboard.press('Escape');
+  await eventually(() => cancels.inputValue(), '2');
+
+  // A Yes/No box keeps Escape to itself and stays up; the page is not told.
+  await field(first, 0, 'AskButton').click();
+  const box = first.locator('.dialog[role="alertdialog"]');
+  await box.waitFor();
+  await first.keyboard.press('Escape');
+  await box.locator('button[data-result="7"]').click();
+  await eventually(() => field(first, 0, 'Answer').inputValue(), 'No');
+  // The answer went after the Escape on the same socket: a cancel would be in by now.
+  assert.equal(await cancels.inputValue(), '2');
+  await field(first, 0, 'Greeting').click();
+  await first.keyboard.press('Escape');
+  await eventually(() => cancels.inputValue(), '3');
+});
+
+test('the title bar shows STOP with the running test and one click stops it', async () => {
+  const stop = first.getByRole('button', { name: 'STOP' });
+  assert.equal(await stop.isVisible(), false);
+  await field(first, 0, 'RunButton').click();
+  await stop.waitFor();
+  assert.equal(await stop.textContent(), 'STOP \u2014 Demo Axis Test');
+  // A browser that comes while the test runs sees the control too.
+  const second = await openShell();
+  await second.getByRole('button', { name: 'STOP' }).waitFor();
+  await second.close();
+  await stop.click();
+  await eventually(() => field(first, 0, 'RunState').inputValue(), 'Stopped');
+  await eventually(() => stop.isVisible(), false);
+});

@@ -75,6 +75,15 @@ class ControlsPage : public ui::HtmlPage {
       Doc().SetText("RawLevel", std::to_string(Doc().SliderPosition("Level")));
     });
     Events().OnChange("RawLevel", [this](const ui::Event&) { RawLevelChanged(); });
+    // A pretend test run: the title bar's STOP shows while it runs and ends it.
+    Events().OnClick("RunButton", [this](const ui::Event&) {
+      window_.SetStopControl("Demo Axis Test");
+      Doc().SetText("RunState", "Running");
+    });
+    window_.SetStopHandler([this] {
+      window_.SetStopControl("");
+      Doc().SetText("RunState", "Stopped");
+    });
     Doc().SetText("Greeting", "Hello from the program");
     Doc().SetChecked("EnableBox", true);
     Doc().SetSliderRange("Level", 0, kLevelMax);
@@ -92,6 +101,7 @@ class ControlsPage : public ui::HtmlPage {
   }
 
   void OnShowWindow(bool shown) override { Doc().SetText("State", shown ? "Shown" : "Hidden"); }
+  void OnCancel() override { Doc().SetText("CancelCount", std::to_string(++cancels_)); }
 
  private:
   void Ask() {
@@ -145,6 +155,7 @@ class ControlsPage : public ui::HtmlPage {
   platform::TaskLoop& loop_;
   Workers& workers_;
   int clicks_ = 0;
+  int cancels_ = 0;
   int progress_ = 0;
   std::shared_ptr<ui::MessageWindowView> progressWindow_;
 };

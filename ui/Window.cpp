@@ -315,19 +315,7 @@ void Window::Handle(ClientId client, const protocol::Incoming& in) {
       }
       return;
     case K::kCancel:
-      // Only a page can be cancelled: the shell (-1) and pages that are not there are refused,
-      // and so is a page that the sending browser does not show (the key went to the page in
-      // front of that browser, so anything else is stale or forged).
-      if (in.page < 0 || in.page >= PageCount()) {
-        UI_LOG("UI: cancel for unknown page %d\r\n", in.page);
-        return;
-      }
-      if (const auto it = clients_.find(client);
-          it == clients_.end() || it->second.shownPage != in.page) {
-        UI_LOG("UI: cancel for page %d that the browser does not show\r\n", in.page);
-        return;
-      }
-      pages_[in.page].page->OnCancel();
+      HandleCancel(client, in.page);
       return;
     case K::kScroll: {
       Document* doc = DocOf(in.page);
@@ -340,6 +328,22 @@ void Window::Handle(ClientId client, const protocol::Incoming& in) {
       return;
     }
   }
+}
+
+// Only a page can be cancelled: the shell (-1) and pages that are not there are refused, and so
+// is a page that the sending browser does not show (the key went to the page in front of that
+// browser, so anything else is stale or forged).
+void Window::HandleCancel(ClientId client, int page) {
+  if (page < 0 || page >= PageCount()) {
+    UI_LOG("UI: cancel for unknown page %d\r\n", page);
+    return;
+  }
+  const auto it = clients_.find(client);
+  if (it == clients_.end() || it->second.shownPage != page) {
+    UI_LOG("UI: cancel for page %d that the browser does not show\r\n", page);
+    return;
+  }
+  pages_[page].page->OnCancel();
 }
 
 void Window::HandleEvent(const protocol::Incoming& in) {

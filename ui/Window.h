@@ -230,6 +230,7 @@ class Window : public MessageBoxPresenter {
   void Resolve(const std::shared_ptr<Waiter>& waiter, ChoiceResult answer);
   void Handle(ClientId client, const protocol::Incoming& in);
   void HandleEvent(const protocol::Incoming& in);
+  void HandleCancel(ClientId client, int page);
   void HandleAnswer(const protocol::Incoming& in);
   void HandleShown(ClientId client, int page);
   void SendFullState(Client& client);

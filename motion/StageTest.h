@@ -1,7 +1,3 @@
-// >>> TEAM NOTE (temporary, the lead removes it before merging): whoever works on motion/ MUST
-// >>> read /tmp/rules.md now and follow it — the project's rules, your own build dir
-// >>> (build-motion), how to commit alongside others (stage only your files, never git add -A),
-// >>> and the 21:25 UTC deadline. Do not remove this note yourself.
 // What a Stage page and its motion test thread share. The page (pages/Stage.*) runs on the UI
 // thread and feeds the shared fields from its timer ticks; one test thread at a time per page
 // family reads them, drives an axis through the page's operations, talks to the operator through

@@ -212,7 +212,7 @@ bool StartTest(StagePage& page, TestButton button) {
 }
 
 std::string RunningTestName(const StagePage& page) {
-  StageTestState& state = const_cast<StagePage&>(page).TestState();
+  StageTestState& state = page.TestState();
   if (!state.Running) return "";
   const char* kind = state.LimitTest ? " Limit Test" : " Axis Test";
   if (state.TestX) return std::string("X") + kind;

@@ -134,7 +134,7 @@ class StagePage {
   RunTrace Trace;
 
   // --- What kind of page ---
-  virtual StageTestState& TestState() = 0;
+  virtual StageTestState& TestState() const = 0;
   virtual TestThreadGuard& ThreadGuard() = 0;
   // CTabV1StageDlg: longer holds in the axis test, no limit start dialog, its own seek band, the
   // zoom test.

@@ -62,7 +62,7 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   void OnCancel() override;
 
   // --- motion::StagePage ---
-  motion::StageTestState& TestState() override { return form_.testState(); }
+  motion::StageTestState& TestState() const override { return form_.testState(); }
   motion::TestThreadGuard& ThreadGuard() override { return threadGuard_; }
   bool FirstGeneration() const override { return form_.firstGeneration; }
   void LoadAxisPid(unsigned axis) override;

@@ -48,10 +48,10 @@ class FakeStagePage final : public CTabPage, public motion::StagePage {
   std::atomic<bool> driven{false};
   std::atomic<bool> finished{false};
   std::atomic<int> answer{0};
-  motion::StageTestState state_;
+  mutable motion::StageTestState state_;  // the family's shared state stands outside the page
 
   // --- motion::StagePage ---
-  motion::StageTestState& TestState() override { return state_; }
+  motion::StageTestState& TestState() const override { return state_; }
   motion::TestThreadGuard& ThreadGuard() override { return guard_; }
   bool FirstGeneration() const override { return false; }
   void LoadAxisPid(unsigned) override {}

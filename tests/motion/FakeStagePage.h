@@ -68,7 +68,7 @@ class FakeStagePage : public motion::StagePage {
   }
 
   // --- StagePage ---
-  motion::StageTestState& TestState() override {
+  motion::StageTestState& TestState() const override {
     return firstGeneration_ ? motion::FirstGenerationTestState() : motion::AutoVisionTestState();
   }
   motion::TestThreadGuard& ThreadGuard() override { return guard_; }

@@ -105,10 +105,12 @@ class CTavroUsb {
   };
 
   // The system-wide mutex "CTavroUsb Access" that keeps other programs off the board during a
-  // long read. Every object holds its own handle on it; the channel itself never takes it.
+  // long read. Every object holds its own handle on it; the channel itself never takes it. The
+  // measuring application runs as any user and must be kept off too, so it is open to every
+  // user; its only taker here waits with a time limit.
   class CTavroUsbMutex : public WinX::Mutex {
    public:
-    CTavroUsbMutex() : WinX::Mutex("CTavroUsb Access") {}
+    CTavroUsbMutex() : WinX::Mutex("CTavroUsb Access", true) {}
   };
 
   // Makes a new channel (closed) and zeroes both records.

@@ -63,18 +63,40 @@ std::uint64_t Hash(const std::string& text) {
   return hash;
 }
 
+// Whether an existing object may serve as an owner-only one: made by this user, and writable by
+// nobody else.
+bool OwnedAlone(int fd) {
+  struct stat st;
+  return fstat(fd, &st) == 0 && st.st_uid == geteuid() && (st.st_mode & 022) == 0;
+}
+
 // Opens the object, creating it if it doesn't exist. Returns the descriptor, or -1 with *error set.
-int OpenObject(const std::string& shmName, SteadyTime deadline, int* error) {
+int OpenObject(const std::string& shmName, NamedMutex::Sharing sharing, SteadyTime deadline,
+               int* error) {
+  const bool everyUser = sharing == NamedMutex::Sharing::kEveryUser;
+  const mode_t mode = everyUser ? 0666 : 0600;
   for (;;) {
-    int fd = shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+    int fd = shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
     if (fd >= 0) {
-      // The umask narrows the mode given above; programs of every user must be able to open it.
-      // Should this fail, the object still serves this user.
-      (void)fchmod(fd, 0666);
+      // The umask narrows the mode given above; programs of every user must be able to open a
+      // shared one. Should this fail, the object still serves this user.
+      if (everyUser) (void)fchmod(fd, mode);
       return fd;
     }
     if (errno != EEXIST) break;
-    fd = shm_open(shmName.c_str(), O_RDWR, 0);
+    fd = shm_open(shmName.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC, 0);
+    if (fd >= 0 && !everyUser && !OwnedAlone(fd)) {
+      // Planted by another user, or left open to others: whoever can write it can hold the
+      // mutex for good. It goes, and the loop makes a new one (or finds one a process of this
+      // user made meanwhile).
+      close(fd);
+      if (shm_unlink(shmName.c_str()) != 0 && errno != ENOENT) {
+        *error = EACCES;
+        return -1;
+      }
+      if (std::chrono::steady_clock::now() >= deadline) break;
+      continue;
+    }
     if (fd >= 0) return fd;
     // Removed again between the two calls, or its creator has not widened the mode yet.
     if ((errno != ENOENT && errno != EACCES) || std::chrono::steady_clock::now() >= deadline) break;
@@ -164,8 +186,8 @@ bool NamedMutex::Initialize(int fd, Shared* shared, int* error) {
   return rc == 0;
 }
 
-NamedMutex::Shared* NamedMutex::Attach(const std::string& shmName, int* error) {
-  const int fd = OpenObject(shmName, std::chrono::steady_clock::now() + kOpenLimit, error);
+NamedMutex::Shared* NamedMutex::Attach(const std::string& shmName, Sharing sharing, int* error) {
+  const int fd = OpenObject(shmName, sharing, std::chrono::steady_clock::now() + kOpenLimit, error);
   if (fd < 0) return nullptr;
   struct stat st;
   if (fstat(fd, &st) != 0) {
@@ -207,9 +229,10 @@ NamedMutex::Shared* NamedMutex::Attach(const std::string& shmName, int* error) {
   return shared;
 }
 
-std::unique_ptr<NamedMutex> NamedMutex::OpenOrCreate(const std::string& name, int* error) {
+std::unique_ptr<NamedMutex> NamedMutex::OpenOrCreate(const std::string& name, int* error,
+                                                     Sharing sharing) {
   int ignored = 0;
-  Shared* shared = Attach(ShmName(name), error ? error : &ignored);
+  Shared* shared = Attach(ShmName(name), sharing, error ? error : &ignored);
   if (!shared) return nullptr;
   if (error) *error = 0;
   return std::unique_ptr<NamedMutex>(new NamedMutex(shared));

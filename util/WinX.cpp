@@ -13,8 +13,11 @@ void OutputDebugString(const char* text) {
 
 Handle::~Handle() = default;
 
-Mutex::Mutex(const std::string& name) {
-  std::unique_ptr<platform::NamedMutex> mutex = platform::NamedMutex::OpenOrCreate(name);
+Mutex::Mutex(const std::string& name, bool everyUser) {
+  std::unique_ptr<platform::NamedMutex> mutex =
+      platform::NamedMutex::OpenOrCreate(name, nullptr,
+                                         everyUser ? platform::NamedMutex::Sharing::kEveryUser
+                                                   : platform::NamedMutex::Sharing::kOwnerOnly);
   // A failed create is only traced, and the trace goes nowhere: the empty object fails its waits.
   if (mutex) handle = std::shared_ptr<platform::NamedMutex>(std::move(mutex));
 }

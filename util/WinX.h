@@ -40,10 +40,11 @@ class Handle {
 };
 
 // A named mutex shared by every process of the machine. A failed create leaves the object empty
-// and alive; Wait then fails.
+// and alive; Wait then fails. With the default security only programs of the same user may open
+// it; `everyUser` opens it to programs of every user (see platform/NamedMutex.h for the cost).
 class Mutex : public Handle {
  public:
-  explicit Mutex(const std::string& name);
+  explicit Mutex(const std::string& name, bool everyUser = false);
 
   // kWaitObject0, kWaitAbandoned (the previous owner died; the caller owns it now), kWaitTimeout
   // or kWaitFailed.

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/PlantedMutex.h"
+
 namespace platform {
 namespace {
 
@@ -176,18 +178,41 @@ TEST_F(NamedMutexTest, AnyNameMapsToItsOwnValidObject) {
   }
 }
 
-TEST_F(NamedMutexTest, EveryUserCanOpenItWhateverTheUmask) {
-  const std::string name = NewName();
-  const mode_t previous = umask(077);
-  auto mutex = NamedMutex::OpenOrCreate(name);
-  umask(previous);
-  ASSERT_TRUE(mutex);
+// The object's permission bits, or ~0 when it can't be looked at.
+unsigned ObjectMode(const std::string& name) {
   const int fd = shm_open(NamedMutex::ShmName(name).c_str(), O_RDONLY, 0);
-  ASSERT_GE(fd, 0);
-  struct stat st;
-  ASSERT_EQ(fstat(fd, &st), 0);
-  close(fd);
-  EXPECT_EQ(st.st_mode & 0777, 0666u);
+  struct stat st {};
+  const bool good = fd >= 0 && fstat(fd, &st) == 0;
+  if (fd >= 0) close(fd);
+  return good ? st.st_mode & 07777 : ~0u;
+}
+
+TEST_F(NamedMutexTest, OnlyAMutexSharedWithEveryUserIsWritableByOthersWhateverTheUmask) {
+  const std::string shared = NewName();
+  const std::string own = NewName();
+  const mode_t previous = umask(0);
+  auto sharedMutex = NamedMutex::OpenOrCreate(shared, nullptr, NamedMutex::Sharing::kEveryUser);
+  auto ownMutex = NamedMutex::OpenOrCreate(own);
+  umask(previous);
+  ASSERT_TRUE(sharedMutex && ownMutex);
+  EXPECT_EQ(ObjectMode(shared), 0666u);
+  EXPECT_EQ(ObjectMode(own), 0600u);
+}
+
+// Anyone who can write an object can write a made-up owner into it. An owner-only mutex found
+// open to others was planted: it is made anew instead of waited on.
+TEST_F(NamedMutexTest, AnOwnerOnlyMutexFoundOpenToOthersIsMadeAnew) {
+  const std::string name = NewName();
+  ASSERT_TRUE(testing_support::PlantMutexOwner(name));
+  auto planted = NamedMutex::OpenOrCreate(name, nullptr, NamedMutex::Sharing::kEveryUser);
+  ASSERT_TRUE(planted);
+  EXPECT_EQ(planted->Wait(20), kTimeout);
+
+  auto mutex = Open(name);
+  ASSERT_TRUE(mutex);
+  EXPECT_EQ(mutex->Wait(0), kOwned);
+  EXPECT_TRUE(mutex->Release());
+  EXPECT_EQ(ObjectMode(name), 0600u);
 }
 
 // A creator that died before it set the object up must not make the name unusable.

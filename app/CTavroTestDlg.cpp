@@ -6,6 +6,8 @@
 #include "link/CTavroUsbServo.h"
 #include "motion/StageTest.h"
 #include "pages/BoardInformation.h"
+#include "pages/Probes.h"
+#include "pages/Readings.h"
 #include "pages/Stage.h"
 #include "pages/UsbSerial.h"
 #include "platform/Clock.h"
@@ -241,10 +243,13 @@ std::vector<CTavroTestDlgBase::PageRow> CTavroTestDlg::MakePages() {
   if (machineKind == MachineKind::AutoVision) {
     rows.push_back({"Board Information", Make<CTabBoardInformationDlg>(servo, versionInfo)});
     rows.push_back({"Stage", std::make_unique<CTabStageDlg>(window, servo, versionInfo)});
+    rows.push_back({"Readings", Make<CTabReadingsDlg>(servo, versionInfo)});
+    rows.push_back({"Probes", Make<CTabProbesDlg>(servo, versionInfo)});
     rows.push_back({"Diag Output", Make<CTabUsbSerialDlg>(servo, versionInfo)});
   } else if (machineKind == MachineKind::Servo) {
     rows.push_back({"Board Information", Make<CTabV1BoardInformationDlg>(servo, versionInfo)});
     rows.push_back({"Stage", std::make_unique<CTabV1StageDlg>(window, servo, versionInfo)});
+    rows.push_back({"Probes", Make<CTabProbesDlg>(servo, versionInfo)});
     rows.push_back({"Diag Output", Make<CTabUsbSerialDlg>(servo, versionInfo)});
   }
   return rows;
@@ -264,6 +269,8 @@ std::vector<CTavroTestDlgBase::PageRow> CTavroTestManualVisionDlg::MakePages() {
   rows.push_back(
       {"Board Information", Make<CTabManualVisionBoardInformationDlg>(manual, versionInfo)});
   rows.push_back({"Stage", Make<CTabManualVisionStageDlg>(manual, versionInfo)});
+  rows.push_back({"Readings", Make<CTabManualVisionReadingsDlg>(manual, versionInfo)});
+  rows.push_back({"Probes", Make<CTabManualVisionProbesDlg>(manual, versionInfo)});
   rows.push_back({"Diag Output", Make<CTabManualVisionUsbSerialDlg>(manual, versionInfo)});
   return rows;
 }

@@ -145,7 +145,7 @@ TEST_F(MainDialogTest, ABoardOfAnotherKindIsRefusedWithoutAWord) {
   Start("autovision");
   CTavroTestDlg dlg(window, loop, &Servo(), version_);
   Open(dlg);
-  EXPECT_EQ(dlg.PageCount(), 3);  // Board Information, Stage, Diag Output
+  EXPECT_EQ(dlg.PageCount(), 5);  // Board Information, Stage, Readings, Probes, Diag Output
   RunFor(milliseconds(200));
 
   // Another family, and the same family with another machine kind.

@@ -8,6 +8,8 @@
 #include <bit>
 #include <cerrno>
 #include <cstring>
+#include <new>
+#include <optional>
 #include <string_view>
 
 #include "config/ErrorLog.h"
@@ -78,20 +80,67 @@ bool WriteAll(int fd, const void* data, std::size_t bytes) {
 
 // Opens for reading with the sequential-scan hint. Linux has no share modes: writers of these
 // files are kept out by the file's mutex, and every writer replaces the file in one step, so a
-// reader never sees a half-written one.
+// reader never sees a half-written one. The files lie in a folder every user may write, so a link
+// is not followed (a create through a dangling one would make a file wherever it points), and
+// only a plain file is read (a pipe would block the reader for good).
 int OpenForReading(const std::string& path, bool create) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | (create ? O_CREAT : 0), 0666);
-  if (fd >= 0) ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  // An existing file is opened without O_CREAT: in a sticky folder the kernel may refuse a create
+  // mode open of another user's file, even to root.
+  constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  int fd = ::open(path.c_str(), kFlags);
+  if (fd < 0 && errno == ENOENT && create) {
+    fd = ::open(path.c_str(), kFlags | O_CREAT | O_EXCL, 0666);
+    if (fd < 0 && errno == EEXIST) fd = ::open(path.c_str(), kFlags);
+  }
+  if (fd < 0) return fd;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(fd);
+    errno = EINVAL;
+    return -1;
+  }
+  ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   return fd;
 }
 
+// A file larger than this is taken for corrupt without being read: no configuration file comes
+// near it, and reading one whole would take memory without bound.
+constexpr std::uint64_t kMaxFileBytes = 64ull << 20;
+
 // The file's size in bytes plus one, halved: an odd byte count asks for one byte more than the
-// file has, and that byte reads as zero.
-std::uint32_t UnitsOf(int fd) {
+// file has, and that byte reads as zero. Null for a file above kMaxFileBytes.
+std::optional<std::uint32_t> UnitsOf(int fd) {
   struct stat st {};
   if (::fstat(fd, &st) != 0 || st.st_size < 0) return 0;
-  const auto units = (static_cast<std::uint64_t>(st.st_size) + 1) / 2;
-  return static_cast<std::uint32_t>(std::min<std::uint64_t>(units, 0x7FFFFFFF));
+  if (static_cast<std::uint64_t>(st.st_size) > kMaxFileBytes) return std::nullopt;
+  return static_cast<std::uint32_t>((static_cast<std::uint64_t>(st.st_size) + 1) / 2);
+}
+
+// How long a file's lock is waited for. Another program holds it only while it reads or stores
+// the file; one that holds it longer is stuck or hostile, and the file is then one that can't be
+// had, rather than the thread that wanted it (often one that serves the window) freezing.
+constexpr std::uint32_t kLockWaitMs = 2000;
+
+// A file's lock is as open as its folder: where other users may write (the shared data folder)
+// they can change the file anyway and the measuring application must take the same lock; where
+// only this user writes, only this user's programs get the lock.
+// The stored file keeps the owner, group and mode of the one it replaces, so that the measuring
+// application's user can still write a file that this program stored. As far as the rights
+// allow: a user that isn't root keeps its own ownership.
+void CarryOverOwnerAndMode(const std::string& path, int fd) {
+  struct stat st {};
+  if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return;
+  // The owner first: a change of owner may clear mode bits. Set-id bits are not carried over.
+  (void)!::fchown(fd, st.st_uid, st.st_gid);
+  (void)!::fchmod(fd, st.st_mode & 0777);
+}
+
+bool FolderWritableByOthers(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string folder =
+      slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+  struct stat st {};
+  return ::stat(folder.c_str(), &st) == 0 && (st.st_mode & 022) != 0;
 }
 
 }  // namespace
@@ -119,8 +168,8 @@ std::u16string Configuration::Text() const {
 
 bool Configuration::Lock() {
   if (mutex) return true;
-  auto candidate = std::make_unique<WinX::Mutex>(MutexName(path));
-  const std::uint32_t wait = candidate->Wait(WinX::kInfinite);
+  auto candidate = std::make_unique<WinX::Mutex>(MutexName(path), FolderWritableByOthers(path));
+  const std::uint32_t wait = candidate->Wait(kLockWaitMs);
   // An owner that died left the mutex abandoned; the file it guarded is still whole, since every
   // store replaces the file in one step, so the lock is taken and the work goes on.
   if (wait != WinX::kWaitObject0 && wait != WinX::kWaitAbandoned) return false;
@@ -132,7 +181,12 @@ bool Configuration::Lock() {
 // the mark, or (with `checkFirstUnit`, for a main file) a text that begins with a zero unit, makes
 // the file corrupt. kFailed is a read error after a good open.
 Configuration::ReadResult Configuration::ReadFile(int fd, bool checkFirstUnit) {
-  length = UnitsOf(fd);
+  const std::optional<std::uint32_t> units = UnitsOf(fd);
+  if (!units) {
+    length = 0;
+    return ReadResult::kCorrupt;
+  }
+  length = *units;
   if (length >= 1) {
     char16_t first = 0;
     if (!ReadAll(fd, &first, std::min<std::size_t>(2, std::size_t{length} * 2))) {
@@ -145,8 +199,9 @@ Configuration::ReadResult Configuration::ReadFile(int fd, bool checkFirstUnit) {
       return ReadResult::kCorrupt;
     }
   }
-  text = std::make_unique<char16_t[]>(std::size_t{length} + 1);  // zero-filled
-  if (!ReadAll(fd, text.get(), std::size_t{length} * 2)) {
+  // Zero-filled. Short of memory the file is one that can't be read, not an exception.
+  text.reset(new (std::nothrow) char16_t[std::size_t{length} + 1]());
+  if (!text || !ReadAll(fd, text.get(), std::size_t{length} * 2)) {
     text.reset();
     length = 0;
     return ReadResult::kFailed;
@@ -337,7 +392,11 @@ void Configuration::Splice(std::size_t at, std::size_t removed, std::u16string_v
 void Configuration::Store() {
   if (!text || !(dirty || (corrupt && keepBackup))) return;
   const std::string temporary = path + ".tmp";
-  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // Any user may have put something at the temporary's name: it goes, and the temporary is made
+  // new (should another user's file come back meanwhile, the create fails and nothing is written).
+  ::unlink(temporary.c_str());
+  const int fd =
+      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
   if (fd < 0) {
     const std::string reason = std::strerror(errno);
     config::ReportFileAccessError(temporary, reason,
@@ -355,6 +414,7 @@ void Configuration::Store() {
   // fails leaves the old file as it is and the change is lost, with the same log line as a
   // temporary file that can't be made.
   bool good = WriteAll(fd, bytes.data(), bytes.size());
+  CarryOverOwnerAndMode(path, fd);
   good = ::fsync(fd) == 0 && good;
   good = ::close(fd) == 0 && good;
   if (!good) {
@@ -365,5 +425,9 @@ void Configuration::Store() {
   }
   std::string backup;
   if (keepBackup) backup = path + (corrupt ? ".corrupt" : ".backup");
-  platform::ReplaceFile(path, temporary, backup);
+  if (!platform::ReplaceFile(path, temporary, backup)) {
+    ::unlink(temporary.c_str());
+    ErrorLog("Configuration.cpp", __LINE__)("Failure to store configuration to %s\r\n",
+                                            path.c_str());
+  }
 }

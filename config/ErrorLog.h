@@ -9,7 +9,14 @@
 //
 // Entries go to error.trl in the configuration folder (UTF-16LE with its mark), shared with the
 // measuring application under the system-wide mutex "_Mirava_ErrorLog_Mutex_". A log above
-// 512,000 bytes at the first entry of a run becomes error.bak. SetErrorLogSink redirects entries.
+// 512,000 bytes at the first entry of a run, or that an entry would take past that later, becomes
+// error.bak. SetErrorLogSink redirects entries.
+//
+// Logging never freezes its caller and never throws: an entry whose wait for the mutex runs out
+// (250 ms; after one has run out, until the mutex is had again, entries only try it) is dropped,
+// as is one that can't be written. Control characters in a message are written as \xNN (the
+// closing line end excepted), a message is cut at 4,096 bytes, and the log file is taken only
+// when it is a plain file of this user, not a link.
 #pragma once
 
 #include <ctime>

@@ -25,12 +25,12 @@ constexpr char kDefaultAcl[] = "system.posix_acl_default";
 // The probe's content: "Temp" in UTF-16LE, 8 bytes.
 constexpr unsigned char kProbeText[] = {'T', 0, 'e', 0, 'm', 0, 'p', 0};
 
-// Reads an extended attribute whole; empty when the file has none.
-std::string ReadAttribute(const std::string& path, const char* name) {
-  const ssize_t size = ::getxattr(path.c_str(), name, nullptr, 0);
-  if (size <= 0) return {};
+// Reads an extended attribute of an open file whole; empty when the file has none.
+std::string ReadAttribute(int fd, const char* name) {
+  const ssize_t size = ::fgetxattr(fd, name, nullptr, 0);
+  if (size <= 0 || size > 65536) return {};
   std::string value(static_cast<std::size_t>(size), '\0');
-  const ssize_t read = ::getxattr(path.c_str(), name, value.data(), value.size());
+  const ssize_t read = ::fgetxattr(fd, name, value.data(), value.size());
   if (read < 0) return {};
   value.resize(static_cast<std::size_t>(read));
   return value;
@@ -69,18 +69,21 @@ std::string EveryoneAcl() {
 bool CollectDefaultSecurity(const std::string& folder, std::unique_ptr<FileSecurity>& out) {
   out.reset();
   const std::string probe = folder + "_tmp.ini";
-  const int fd = ::open(probe.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // A stale probe, or whatever another user put at its name, goes; the probe is made new and
+  // everything after is read through it, never through the name.
+  ::unlink(probe.c_str());
+  const int fd = ::open(probe.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
   if (fd < 0) return false;
   const bool written = ::write(fd, kProbeText, sizeof kProbeText) == sizeof kProbeText;
-  ::close(fd);
   struct stat st {};
-  const bool good = written && ::stat(probe.c_str(), &st) == 0;
+  const bool good = written && ::fstat(fd, &st) == 0;
   if (good) {
     // Out of memory leaves the result true and `out` null: the files then move with what they
     // have, as with a list that could not be collected.
     out.reset(new (std::nothrow) FileSecurity{st.st_mode & 07777, st.st_gid, {}});
-    if (out) out->aclValue = ReadAttribute(probe, kAccessAcl);
+    if (out) out->aclValue = ReadAttribute(fd, kAccessAcl);
   }
+  ::close(fd);
   ::unlink(probe.c_str());
   return good;
 }
@@ -88,16 +91,20 @@ bool CollectDefaultSecurity(const std::string& folder, std::unique_ptr<FileSecur
 bool ApplyDefaultSecurity(const std::string& file, const FileSecurity* security) {
   if (!security) return true;
   int error = 0;
+  // Through a descriptor of the file itself: a link put in its place meanwhile is refused, never
+  // followed to some other file whose rights would change.
+  const int fd = ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) error = errno;
   // The group first: a change of group may clear the set-id bits that the mode then sets again.
-  if (::chown(file.c_str(), static_cast<uid_t>(-1), security->group) != 0 && errno != EPERM) {
+  if (error == 0 && ::fchown(fd, static_cast<uid_t>(-1), security->group) != 0 && errno != EPERM) {
     error = errno;
   }
-  if (error == 0 && ::chmod(file.c_str(), security->mode) != 0) error = errno;
+  if (error == 0 && ::fchmod(fd, security->mode) != 0) error = errno;
   if (error == 0 && !security->aclValue.empty() &&
-      ::setxattr(file.c_str(), kAccessAcl, security->aclValue.data(), security->aclValue.size(),
-                 0) != 0) {
+      ::fsetxattr(fd, kAccessAcl, security->aclValue.data(), security->aclValue.size(), 0) != 0) {
     error = errno;
   }
+  if (fd >= 0) ::close(fd);
   if (error != 0) {
     ErrorLog(kSharedFilesLogSource, __LINE__)("First SetNamedSecurityInfo call failed: %u\n",
                                               static_cast<unsigned>(error));
@@ -108,8 +115,14 @@ bool ApplyDefaultSecurity(const std::string& file, const FileSecurity* security)
 
 bool CreateFolderForEveryone(const std::string& folder) {
   if (::mkdir(folder.c_str(), 0777) != 0 && errno != EEXIST) return false;
-  // The mode is set apart from mkdir, which the process's umask would narrow.
-  if (::chmod(folder.c_str(), 02777) != 0) return false;
+  // The mode is set apart from mkdir, which the process's umask would narrow. The sticky bit is a
+  // choice for safety over sharing: without it any user may delete or rename any file here, the
+  // files of this program (running as root) included, and put a link in their place; with it only
+  // a file's owner (or root) may, and the kernel's protection against following other users'
+  // links and opening their files in such folders applies. The cost: a program of one user can
+  // no longer replace a file that another user made here. Stores keep a file's owner, so a file
+  // the measuring application made stays its own.
+  if (::chmod(folder.c_str(), 03777) != 0) return false;
   // A file system without access lists keeps only the mode: the folder is still writable by
   // all, though files made in it later get their creator's umask.
   const std::string acl = EveryoneAcl();

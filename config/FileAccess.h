@@ -40,7 +40,8 @@ bool CollectDefaultSecurity(const std::string& folder, std::unique_ptr<FileSecur
 bool ApplyDefaultSecurity(const std::string& file, const FileSecurity* security);
 
 // Makes `folder` (and everything later created in it) writable by every user: mode 0777 with the
-// sticky bit off, the group's set-group bit on so new files share the group, and a default access
+// sticky bit on (only a file's owner may delete or rename it; see FileAccess.cpp for why), the
+// group's set-group bit on so new files share the group, and a default access
 // list granting everyone full rights where the file system takes one. The stand-in for a folder
 // created with security attributes that give Everyone full control, inherited. False when the
 // folder can't be created or its mode set.

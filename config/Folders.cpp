@@ -103,6 +103,16 @@ constexpr ModelRow kModels[] = {
     {{"Fake Vision", "Scanner"}, "Fake Vision"},
 };
 
+// Whether a name read from a configuration file may name one folder inside another. Those files
+// lie where every user may write, so a name that climbs out (".."), reaches further down (a
+// separator) or holds control characters is refused.
+bool IsPlainFolderName(const std::string& name) {
+  if (name.empty() || name.find("..") != std::string::npos) return false;
+  return std::none_of(name.begin(), name.end(), [](char c) {
+    return c == '/' || c == '\\' || static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+  });
+}
+
 std::string WithSlash(std::string folder) {
   if (!folder.empty() && folder.back() != '/') folder += '/';
   return folder;
@@ -213,7 +223,7 @@ bool SettleMachineIdentity() {
     if (subDirectory.empty() && machine->OpenSection("SerialInfo", false)) {
       subDirectory = ValueOf(*machine, "SerialNumber");
     }
-    if (!subDirectory.empty()) hardware.SetValue("SubDirectory", subDirectory);
+    if (IsPlainFolderName(subDirectory)) hardware.SetValue("SubDirectory", subDirectory);
   }
   machine.reset();  // Machine.ini is stored first, then Hardware.ini at the end of the scope
   return true;
@@ -305,7 +315,7 @@ std::string GetMachineSubDirectory() {
   HardwareConfiguration hardware;
   std::string subDirectory;
   if (hardware.OpenSection("Machine", false)) hardware.GetValue("SubDirectory", subDirectory);
-  return subDirectory;
+  return IsPlainFolderName(subDirectory) ? subDirectory : std::string();
 }
 
 std::string GetMachineFolder() {

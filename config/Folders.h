@@ -48,7 +48,8 @@ std::string GetProgramFolder();
 std::string GetCommonDataFolder(bool create);
 // `create` passes to GetCommonDataFolder; a folder named in Folders.ini exists already.
 std::string GetConfigFolder(bool create);
-// Hardware.ini's [Machine] SubDirectory, read anew on every call; empty when there is none.
+// Hardware.ini's [Machine] SubDirectory, read anew on every call; empty when there is none, and
+// when it is no plain folder name (it holds a separator, "..", or a control character).
 std::string GetMachineSubDirectory();
 std::string GetMachineFolder();
 

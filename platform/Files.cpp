@@ -1,5 +1,6 @@
 #include "platform/Files.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,8 +35,12 @@ bool KeepAs(const std::string& path, const std::string& backup) {
 bool ReplaceFile(const std::string& replaced, const std::string& replacement,
                  const std::string& backup) {
   // The backup is made before the rename, from the old file's own name, so that at every moment
-  // `replaced` is a whole file: the old one until the rename, the new one after it.
-  if (!backup.empty() && FileExists(replaced)) KeepAs(replaced, backup);
+  // `replaced` is a whole file: the old one until the rename, the new one after it. Without its
+  // backup the old file is not given up: the replace fails and changes nothing.
+  struct stat st {};
+  if (!backup.empty() && ::lstat(replaced.c_str(), &st) == 0 && !KeepAs(replaced, backup)) {
+    return false;
+  }
   return ::rename(replacement.c_str(), replaced.c_str()) == 0;
 }
 
@@ -79,19 +84,37 @@ bool FileExists(const std::string& path) {
 }
 
 bool CopyFile(const std::string& source, const std::string& destination) {
-  std::FILE* in = std::fopen(source.c_str(), "rb");
-  if (!in) return false;
-  std::FILE* out = std::fopen(destination.c_str(), "wb");
-  bool good = out != nullptr;
-  char buffer[65536];
-  std::size_t n;
-  while (good && (n = std::fread(buffer, 1, sizeof buffer, in)) > 0) {
-    good = std::fwrite(buffer, 1, n, out) == n;
+  // Both ends may lie in a folder every user writes: neither is followed when it is a link, and
+  // the copy is a new file, made after whatever stood at its name is gone.
+  const int in = ::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (in < 0) return false;
+  struct stat st {};
+  if (::fstat(in, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ::close(in);
+    return false;
   }
-  good = good && !std::ferror(in);
-  std::fclose(in);
-  if (out && std::fclose(out) != 0) good = false;
-  if (!good && out) ::unlink(destination.c_str());
+  ::unlink(destination.c_str());
+  const int out =
+      ::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+  bool good = out >= 0;
+  char buffer[65536];
+  while (good) {
+    const ssize_t n = ::read(in, buffer, sizeof buffer);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      good = n == 0;
+      break;
+    }
+    for (ssize_t done = 0; good && done < n;) {
+      const ssize_t w = ::write(out, buffer + done, static_cast<std::size_t>(n - done));
+      if (w < 0 && errno == EINTR) continue;
+      good = w > 0;
+      done += w > 0 ? w : 0;
+    }
+  }
+  ::close(in);
+  if (out >= 0 && ::close(out) != 0) good = false;
+  if (!good && out >= 0) ::unlink(destination.c_str());
   return good;
 }
 

@@ -10,7 +10,8 @@ namespace platform {
 // file or the new one, whole, whatever happens meanwhile (a killed process included). With a
 // non-empty `backup` the old file stays behind under that name, replacing any file there. A
 // missing `replaced` is no failure: `replacement` just takes its name. False (with errno) when
-// the new file could not take the place; the old one is then still there.
+// the backup could not be made or the new file could not take the place; the old one is then
+// still there.
 bool ReplaceFile(const std::string& replaced, const std::string& replacement,
                  const std::string& backup);
 
@@ -25,11 +26,12 @@ std::string CommonDataBase();
 // For tests and relocated installations: "" restores the system's base.
 void SetCommonDataBase(const std::string& base);
 
-// Whether `path` names an existing directory.
-// Copies the bytes of `source` to `destination` (made or emptied); on failure nothing is left at
+// Copies the bytes of the plain file `source` to a new file `destination` (whatever was there is
+// removed first); neither is followed when it is a link. On failure nothing is left at
 // `destination` that this call wrote.
 bool CopyFile(const std::string& source, const std::string& destination);
 
+// Whether `path` names an existing directory.
 bool IsDirectory(const std::string& path);
 bool FileExists(const std::string& path);
 

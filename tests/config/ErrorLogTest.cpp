@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <regex>
 #include <set>
 #include <string>
@@ -17,6 +18,7 @@
 #include "config/Configuration.h"
 #include "platform/NamedMutex.h"
 #include "tests/config/FolderFixture.h"
+#include "tests/support/PlantedMutex.h"
 #include "util/Text.h"
 
 namespace {
@@ -95,16 +97,22 @@ TEST_F(ErrorLogTest, ALogAboveTheLimitAtTheFirstEntryOfARunBecomesTheBackup) {
   EXPECT_EQ(ReadBytes(folder + "error.bak"), big);
   EXPECT_TRUE(LogText(Log()).ends_with("): first\r\n"));
 
-  // Exactly the limit stays, and a log that grows past it during a run waits for the next run.
-  WriteBytes(Log(), "\xFF\xFE" + std::string(511998, 'y'));
+  // Exactly the limit stays at the start of a run, but no entry takes the log past it: the log
+  // becomes error.bak first, as at the start, however much the run writes.
+  const std::string full = "\xFF\xFE" + std::string(511998, 'y');
+  WriteBytes(Log(), full);
   Forget();
-  ErrorLog("A.cpp", 2)("at the limit\r\n");
-  ErrorLog("A.cpp", 3)("past it now\r\n");
-  EXPECT_EQ(ReadBytes(folder + "error.bak"), big);
-  Forget();
-  ErrorLog("A.cpp", 4)("next run\r\n");
-  EXPECT_TRUE(LogText(folder + "error.bak").ends_with("): past it now\r\n"));
+  ErrorLog("A.cpp", 2)("past the limit\r\n");
+  EXPECT_TRUE(ReadBytes(folder + "error.bak") == full);
+  EXPECT_THAT(Lines(LogText(Log())), ElementsAre(testing::EndsWith("): past the limit")));
+  const std::string id(3000, 'i');
+  for (int i = 0; i < 400; ++i) {
+    ErrorLog("A.cpp", 5)("Unknown id %s\r\n", id.c_str());
+  }
+  EXPECT_LE(std::filesystem::file_size(Log()), 512000u);
+  EXPECT_LE(std::filesystem::file_size(folder + "error.bak"), 512000u);
   EXPECT_TRUE(std::regex_match(Lines(LogText(Log()))[0], kEntry));
+  EXPECT_TRUE(std::regex_match(Lines(LogText(folder + "error.bak"))[0], kEntry));
 }
 
 TEST_F(ErrorLogTest, EntriesCausedByTheLogsOwnLookupAreDroppedButTheEntryIsWritten) {
@@ -180,6 +188,80 @@ TEST_F(ErrorLogTest, ConcurrentWritersOfSeveralProcessesLeaveOneWholeEntryPerCal
     EXPECT_TRUE(seen.insert(message).second) << "twice: " << message;
   }
   EXPECT_EQ(seen.size(), static_cast<std::size_t>(kProcesses * kThreads * kEntries));
+}
+
+}  // namespace
+
+namespace {
+
+// Any user may write a made-up owner into the log's mutex: entries are dropped after a short wait
+// (and later ones don't wait again), and logging goes on once the mutex is free.
+TEST_F(ErrorLogTest, AMadeUpOwnerOfTheLogsMutexCostsEntriesButFreezesNobody) {
+  const std::string name = "TavroTest held log " + std::to_string(::getpid());
+  errorlog::UseMutexName(name);
+  ASSERT_TRUE(testing_support::PlantMutexOwner(name));
+  const int status = testing_support::RunWithAlarm(20, [] {
+    for (int i = 0; i < 20; ++i) {
+      ErrorLog("A.cpp", 1)("lost\r\n");
+    }
+    return 0;
+  });
+  EXPECT_EQ(status, 0) << "-1: still waiting when the alarm came";
+  testing_support::PlantMutexOwner(name, 0);
+  ErrorLog("A.cpp", 2)("kept\r\n");
+  errorlog::UseMutexName("");
+  ::shm_unlink(platform::NamedMutex::ShmName(name).c_str());
+  EXPECT_THAT(Lines(LogText(Log())), ElementsAre(testing::EndsWith("): kept")));
+}
+
+TEST_F(ErrorLogTest, ALogThatIsALinkOrAnotherUsersFileIsNotWritten) {
+  const std::string victim = dir / "victim";
+  WriteBytes(victim, "precious");
+  ASSERT_EQ(::symlink(victim.c_str(), Log().c_str()), 0);
+  ErrorLog("A.cpp", 1)("through a link\r\n");
+  EXPECT_EQ(ReadBytes(victim), "precious");
+
+  ::unlink(Log().c_str());
+  ASSERT_EQ(::link(victim.c_str(), Log().c_str()), 0);
+  ErrorLog("A.cpp", 2)("through a second name\r\n");
+  EXPECT_EQ(ReadBytes(victim), "precious");
+
+  ::unlink(Log().c_str());
+  WriteBytes(Log(), "theirs");
+  ASSERT_EQ(::chown(Log().c_str(), 65534, 65534), 0);
+  ErrorLog("A.cpp", 3)("into another user's file\r\n");
+  EXPECT_EQ(ReadBytes(Log()), "theirs");
+
+  ::unlink(Log().c_str());
+  ErrorLog("A.cpp", 4)("kept\r\n");
+  EXPECT_THAT(Lines(LogText(Log())), ElementsAre(testing::EndsWith("): kept")));
+}
+
+TEST_F(ErrorLogTest, ControlCharactersInAMessageCannotMakeUpLinesAndLongOnesAreCut) {
+  const std::string forged = "id\r\n2026-01-01T00:00:00Z, v9, (0x1), Fake.cpp(1): forged\x1b[2J";
+  ErrorLog("A.cpp", 1)("Unknown id %s\r\n", forged.c_str());
+  ErrorLog("A.cpp", 2)("\tkept\ttabs\r\n");
+  ErrorLog("A.cpp", 3)("%s\r\n", std::string(70000, 'z').c_str());
+  const std::vector<std::string> lines = Lines(LogText(Log()));
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_TRUE(lines[0].ends_with(
+      "): Unknown id id\\x0D\\x0A2026-01-01T00:00:00Z, v9, (0x1), Fake.cpp(1): forged\\x1B[2J"))
+      << lines[0];
+  EXPECT_TRUE(lines[1].ends_with("): \tkept\ttabs")) << lines[1];
+  EXPECT_TRUE(lines[2].ends_with(std::string(100, 'z') + "...")) << lines[2].size();
+  EXPECT_LT(lines[2].size(), 4200u);
+}
+
+// Logging never throws, and a failure in the middle of an entry lets go of the log.
+TEST_F(ErrorLogTest, AnEntryThatFailsMidWayIsDroppedAndTheLogStaysUsable) {
+  int calls = 0;
+  errorlog::SetErrorLogSink([&](const std::string&) {
+    if (++calls == 1) throw std::bad_alloc();
+  });
+  EXPECT_NO_THROW(ErrorLog("A.cpp", 1)("thrown\r\n"));
+  ErrorLog("A.cpp", 2)("after\r\n");
+  errorlog::SetErrorLogSink(nullptr);
+  EXPECT_EQ(calls, 2);
 }
 
 }  // namespace

@@ -238,7 +238,7 @@ TEST_F(FoldersTest, AMovedFileGetsTheRightsOfANewFileInItsFolderAndNoProbeStays)
   ASSERT_TRUE(config::CreateFolderForEveryone(folder));
   struct stat st {};
   ASSERT_EQ(::stat(folder.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 07777, 02777u);
+  EXPECT_EQ(st.st_mode & 07777, 03777u) << "sticky: only a file's owner may remove it";
 
   std::unique_ptr<config::FileSecurity> security;
   ASSERT_TRUE(config::CollectDefaultSecurity(folder, security));

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "sim/Profiles.h"
+#include "sim/ReadingsControl.h"
 #include "sim/Simulator.h"
 
 namespace sim {
@@ -240,7 +241,7 @@ std::string RunHelp(Simulator&, const Words&) {
   std::string answer = "ok commands:";
   for (const Verb& v : kVerbs)
     answer += std::string(" ") + (&v == kVerbs ? "" : "| ") + v.usage;
-  return answer + MachineControlUsage();
+  return answer + MachineControlUsage() + ReadingsControlUsage();
 }
 
 bool ReadEscape(const std::string& line, std::size_t& i, std::string& word) {
@@ -306,6 +307,7 @@ std::string RunControlCommand(Simulator& sim, const std::string& line) {
   for (const Verb& v : kVerbs) {
     if (words[0] == v.name) return v.run(sim, Words(words.begin() + 1, words.end()));
   }
+  if (std::string answer; RunReadingsControl(sim, words, answer)) return answer;
   if (std::string answer; RunMachineControl(sim, words, answer)) return answer;
   return Error("unknown command '" + words[0] + "' (try help)");
 }

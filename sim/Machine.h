@@ -11,6 +11,7 @@
 
 #include "platform/Clock.h"
 #include "sim/Profiles.h"
+#include "sim/Supplies.h"
 
 namespace sim {
 
@@ -134,6 +135,7 @@ class Machine {
   void Advance(platform::TimePoint now);
   platform::TimePoint Now() const { return now_; }
   std::uint32_t Millis() const;
+  double Seconds() const { return Millis() / 1000.0; }
 
   std::array<Axis, kStageAxes> axes;
   Channel w;
@@ -156,6 +158,7 @@ class Machine {
   std::array<double, kTemperatureSensors> temperatures{24.5, 31.0, 38.5, 27.0,
                                                        26.0, 33.5, -273, -273};
   double wTemperature = 29.5;
+  std::array<SupplyRail, kSupplyChannels> supplies{};
 
   bool laserReady = true;
   std::uint16_t laserPointsReady = 0;

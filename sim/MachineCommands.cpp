@@ -194,8 +194,8 @@ Machine& M(Board& b) {
 }
 
 // The supply rails as the converter sees them: full scale (65535) is the nominal voltage over the
-// channel's divider, and each rail sits a little below nominal. The manual-vision board's last
-// eight channels are spare inputs near zero.
+// channel's divider, and each rail sits where its SupplyRail says (as built a little below
+// nominal). The manual-vision board's last eight channels are spare inputs near zero.
 std::uint16_t AnalogWord(Machine& m, bool manualVision, std::size_t channel) {
   static constexpr double kServoDivider[16] = {1,      0.9324, 0.7576, 0.8503, 0.3636, 0.7576,
                                                0.9186, 1,      0.9324, 0.9324, 0.9324, 0.9324,
@@ -203,7 +203,7 @@ std::uint16_t AnalogWord(Machine& m, bool manualVision, std::size_t channel) {
   static constexpr double kManualDivider[8] = {0.852, 0.788, 0.852, 0.88, 0.912, 0.852, 0.48, 0.88};
   if (manualVision && channel >= 8) return static_cast<std::uint16_t>(std::lround(12 + m.Noise(4)));
   const double divider = manualVision ? kManualDivider[channel] : kServoDivider[channel];
-  const double share = 0.99 + m.Noise(0.004);
+  const double share = m.supplies[channel].Share(m.Seconds()) + m.Noise(0.004);
   return static_cast<std::uint16_t>(std::lround(std::min(65535.0, 65535.0 * divider * share)));
 }
 
@@ -719,7 +719,9 @@ std::int8_t FillLaserPoints(Board& board, wire::Bytes q, wire::MutableBytes r) {
       continue;
     }
     const std::size_t at = f.head + f.stride * i;
-    if (f.valid >= 0) PutFlag(r, at + f.valid, true);
+    // A point taken while the laser interrupt is armed is marked as the interrupt's; one read
+    // without it is a polled sample.
+    if (f.valid >= 0) PutFlag(r, at + f.valid, m.laserInterrupt);
     PutLong(r, at + f.time, time);
     for (std::size_t j = 0; j < 3; ++j)
       PutLong(r, at + f.position + 4 * j, position[j]);

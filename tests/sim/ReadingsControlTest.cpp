@@ -1,0 +1,70 @@
+// The board's measurements a person changes through the control language: supply rails set off
+// nominal and drifting, and the laser switched or re-rated by the board itself.
+#include <chrono>
+
+#include "SimTestSupport.h"
+#include "wire/WireFormat.h"
+
+namespace sim::testing {
+namespace {
+
+using std::chrono::seconds;
+
+class ReadingsControlTest : public SimTest {
+ protected:
+  void SetUp() override {
+    StartBoard("autovision", {.diagPeriod = platform::Duration::zero()});
+    client_ = Connect();
+    ASSERT_TRUE(client_->Connected());
+  }
+  // Channel `i`'s rail over its nominal, as the converter reports it (full scale is the nominal
+  // over the divider; channel 3's divider is 0.8503).
+  double Share(std::size_t i, double divider) {
+    const RawReply r = client_->Command(Request(0x57, 15, {0, 3}), 33);
+    return wire::GetWord(r.bytes, 1 + 2 * i) / (65535.0 * divider);
+  }
+  std::uint32_t LaserWord(std::size_t word) {
+    const RawReply r = client_->Command(Request(0x2A, 2), 126);
+    return wire::GetLong(r.bytes, 2 + 4 * word);
+  }
+
+  std::unique_ptr<RawClient> client_;
+};
+
+TEST_F(ReadingsControlTest, ASupplySetOffNominalReadsThereAndDriftsOnWithMachineTime) {
+  EXPECT_NEAR(Share(3, 0.8503), 0.99, 0.005) << "as built, about 1 % low";
+  EXPECT_EQ(Control("supply 3 7"), "ok supply 3 +7.00% drift +0.00%/s");
+  EXPECT_NEAR(Share(3, 0.8503), 1.07, 0.005);
+  EXPECT_NEAR(Share(4, 0.3636), 0.99, 0.005) << "the other rails stay";
+
+  Control("supply 3 -2 -1");  // 1 % a second downwards
+  clock_.SleepFor(seconds(10));
+  EXPECT_NEAR(Share(3, 0.8503), 0.88, 0.005);
+  EXPECT_EQ(Control("supply 3").rfind("ok supply 3 -12.0", 0), 0u);
+
+  Control("supply all 0");
+  EXPECT_NEAR(Share(3, 0.8503), 1.0, 0.005);
+  EXPECT_NEAR(Share(15, 0.9324), 1.0, 0.005);
+}
+
+TEST_F(ReadingsControlTest, SupplyRefusesWhatNoRailCanDo) {
+  for (const char* line : {"supply", "supply 16 5", "supply x 5", "supply 3 60", "supply 3 5 11",
+                           "supply 3 nan", "supply 3 5 1 2", "supply all"}) {
+    EXPECT_EQ(sim_->Command(line).rfind("error:", 0), 0u) << line;
+  }
+}
+
+TEST_F(ReadingsControlTest, TheLaserSwitchesAndChangesItsRateByItself) {
+  EXPECT_EQ(LaserWord(19), 1u);
+  Control("laser off");
+  EXPECT_EQ(LaserWord(19), 0u);
+  Control("laser rate 4");
+  EXPECT_EQ(LaserWord(1), 4u);
+  EXPECT_EQ(sim_->Command("laser rate 16").rfind("error:", 0), 0u);
+  // The machine's own laser commands are still there.
+  EXPECT_EQ(Control("laser notready"), "ok laser notready");
+  EXPECT_EQ(sim_->Command("laser sideways").rfind("error:", 0), 0u);
+}
+
+}  // namespace
+}  // namespace sim::testing

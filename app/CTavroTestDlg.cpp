@@ -6,6 +6,8 @@
 #include "link/CTavroUsbServo.h"
 #include "motion/StageTest.h"
 #include "pages/BoardInformation.h"
+#include "pages/Lights.h"
+#include "pages/Pendant.h"
 #include "pages/Probes.h"
 #include "pages/Readings.h"
 #include "pages/Stage.h"
@@ -243,12 +245,16 @@ std::vector<CTavroTestDlgBase::PageRow> CTavroTestDlg::MakePages() {
   if (machineKind == MachineKind::AutoVision) {
     rows.push_back({"Board Information", Make<CTabBoardInformationDlg>(servo, versionInfo)});
     rows.push_back({"Stage", std::make_unique<CTabStageDlg>(window, servo, versionInfo)});
+    rows.push_back({"Pendant", Make<CTabPendantDlg>(servo, versionInfo)});
+    rows.push_back({"Lights", Make<CTabLightsDlg>(servo, versionInfo)});
     rows.push_back({"Readings", Make<CTabReadingsDlg>(servo, versionInfo)});
     rows.push_back({"Probes", Make<CTabProbesDlg>(servo, versionInfo)});
     rows.push_back({"Diag Output", Make<CTabUsbSerialDlg>(servo, versionInfo)});
   } else if (machineKind == MachineKind::Servo) {
     rows.push_back({"Board Information", Make<CTabV1BoardInformationDlg>(servo, versionInfo)});
     rows.push_back({"Stage", std::make_unique<CTabV1StageDlg>(window, servo, versionInfo)});
+    rows.push_back({"Pendant", Make<CTabV1PendantDlg>(servo, versionInfo)});
+    rows.push_back({"Lights", Make<CTabV1LightsDlg>(servo, versionInfo)});
     rows.push_back({"Probes", Make<CTabProbesDlg>(servo, versionInfo)});
     rows.push_back({"Diag Output", Make<CTabUsbSerialDlg>(servo, versionInfo)});
   }
@@ -269,6 +275,7 @@ std::vector<CTavroTestDlgBase::PageRow> CTavroTestManualVisionDlg::MakePages() {
   rows.push_back(
       {"Board Information", Make<CTabManualVisionBoardInformationDlg>(manual, versionInfo)});
   rows.push_back({"Stage", Make<CTabManualVisionStageDlg>(manual, versionInfo)});
+  rows.push_back({"Lights", Make<CTabManualVisionLightsDlg>(manual, versionInfo)});
   rows.push_back({"Readings", Make<CTabManualVisionReadingsDlg>(manual, versionInfo)});
   rows.push_back({"Probes", Make<CTabManualVisionProbesDlg>(manual, versionInfo)});
   rows.push_back({"Diag Output", Make<CTabManualVisionUsbSerialDlg>(manual, versionInfo)});

@@ -14,12 +14,16 @@ constexpr DocumentOfId kDocuments[] = {
     {104, "/pages/BoardInformation.html"},
     {105, "/pages/UsbSerial.html"},
     {106, "/pages/Stage.html"},
+    {107, "/pages/Lights.html"},
     {108, "/pages/Readings.html"},
+    {109, "/pages/Pendant.html"},
     {110, "/pages/V1BoardInformation.html"},
+    {111, "/pages/V1Pendant.html"},
     {112, "/pages/Probes.html"},
     {113, "/pages/ManualVisionBoardInformation.html"},
     {114, "/pages/ManualVisionStage.html"},
     {115, "/pages/Readings.html"},  // the same elements; the page sets its own labels
+    {117, "/pages/V1Lights.html"},
     {141, "/pages/V1Stage.html"},
 };
 

@@ -8,6 +8,10 @@
 #include <vector>
 
 #include "app/CTavroTestDlg.h"
+#include "pages/Lights.h"
+#include "pages/Pendant.h"
+#include "pages/Probes.h"
+#include "pages/Readings.h"
 #include "platform/WindowProbe.h"
 #include "tests/pages/PageFixture.h"
 
@@ -145,7 +149,8 @@ TEST_F(MainDialogTest, ABoardOfAnotherKindIsRefusedWithoutAWord) {
   Start("autovision");
   CTavroTestDlg dlg(window, loop, &Servo(), version_);
   Open(dlg);
-  EXPECT_EQ(dlg.PageCount(), 5);  // Board Information, Stage, Readings, Probes, Diag Output
+  // Board Information, Stage, Pendant, Lights, Readings, Probes, Diag Output
+  EXPECT_EQ(dlg.PageCount(), 7);
   RunFor(milliseconds(200));
 
   // Another family, and the same family with another machine kind.
@@ -167,10 +172,33 @@ TEST_F(MainDialogTest, ABoardOfAnotherKindIsRefusedWithoutAWord) {
   EXPECT_EQ(dlg.VersionRecord().firmwareName, "Auto Vision");
 }
 
+// The pendant and lights pages sit between Stage and the rest; the manual-vision family has no
+// pendant and the first generation no readings, so both have six tabs.
+TEST_F(MainDialogTest, EachFamilyHasItsPendantAndLightsPagesInTabOrder) {
+  Start("servo");
+  CTavroTestDlg servo(window, loop, &Servo(), version_);
+  Open(servo);
+  EXPECT_EQ(servo.PageCount(), 6);
+  EXPECT_NE(dynamic_cast<CTabV1PendantDlg*>(servo.Page(2)), nullptr);
+  EXPECT_NE(dynamic_cast<CTabV1LightsDlg*>(servo.Page(3)), nullptr);
+  EXPECT_NE(dynamic_cast<CTabProbesDlg*>(servo.Page(4)), nullptr);
+}
+
+TEST_F(MainDialogTest, TheCurrentFamilyHasSevenTabsWithPendantThenLights) {
+  Start("autovision");
+  CTavroTestDlg dlg(window, loop, &Servo(), version_);
+  Open(dlg);
+  EXPECT_NE(dynamic_cast<CTabPendantDlg*>(dlg.Page(2)), nullptr);
+  EXPECT_NE(dynamic_cast<CTabLightsDlg*>(dlg.Page(3)), nullptr);
+  EXPECT_NE(dynamic_cast<CTabReadingsDlg*>(dlg.Page(4)), nullptr);
+}
+
 TEST_F(MainDialogTest, ManualVisionPollsOnTimerThreeAndRefusesAServoBoard) {
   Start("manualvision");
   CTavroTestManualVisionDlg dlg(window, loop, &Manual(), version_);
   Open(dlg);
+  EXPECT_EQ(dlg.PageCount(), 6);
+  EXPECT_NE(dynamic_cast<CTabManualVisionLightsDlg*>(dlg.Page(2)), nullptr);
   const std::uint32_t polls = Polls();
   RunFor(milliseconds(1000));
   EXPECT_EQ(Polls() - polls, 5u);

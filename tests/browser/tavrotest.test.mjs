@@ -63,15 +63,16 @@ function expectedFields(answer, chips) {
 test('Board Information shows what each kind of board says about itself', async () => {
   const cases = [
     { profile: 'autovision', chips: 2, fpga: (f) => f, shot: 'board-information.png',
-      tabs: ['Board Information', 'Stage', 'Readings', 'Probes', 'Diag Output'] },
+      tabs: ['Board Information', 'Stage', 'Pendant', 'Lights', 'Readings', 'Probes',
+        'Diag Output'] },
     { profile: 'servo', chips: 1, fpga: () => undefined, shot: 'board-information-servo.png',
-      tabs: ['Board Information', 'Stage', 'Probes', 'Diag Output'] },
+      tabs: ['Board Information', 'Stage', 'Pendant', 'Lights', 'Probes', 'Diag Output'] },
     { profile: 'manualvision', chips: 0, fpga: (f) => f,
-      tabs: ['Board Information', 'Stage', 'Readings', 'Probes', 'Diag Output'] },
+      tabs: ['Board Information', 'Stage', 'Lights', 'Readings', 'Probes', 'Diag Output'] },
     // Below protocol 5 a manual-vision board has no FPGA word: "N/A".
     { profile: 'manualvision-pv4', chips: 0, fpga: () => 'N/A',
       shot: 'board-information-manual-vision.png',
-      tabs: ['Board Information', 'Stage', 'Readings', 'Probes', 'Diag Output'] },
+      tabs: ['Board Information', 'Stage', 'Lights', 'Readings', 'Probes', 'Diag Output'] },
   ];
   for (const c of cases) {
     await withSession(c.profile, async ({ board, page }) => {

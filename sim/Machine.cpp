@@ -155,8 +155,22 @@ Machine::Machine(const Profile& profile, platform::TimePoint now)
   SetLightChannels(profile.version.hasLightChannels ? profile.version.lightChannelCount : 0);
 }
 
+namespace {
+std::uint32_t BuiltLightMaximum(std::size_t channel) {
+  return 4095 - 5 * static_cast<std::uint32_t>(channel);
+}
+}  // namespace
+
 void Machine::SetLightChannels(std::size_t count) {
   lights.resize(count, 0);
+  const std::size_t had = lightMaxima.size();
+  lightMaxima.resize(count);
+  for (std::size_t i = had; i < count; ++i)
+    lightMaxima[i] = BuiltLightMaximum(i);
+}
+
+std::uint32_t Machine::LightMaximum(std::size_t channel) const {
+  return channel < lightMaxima.size() ? lightMaxima[channel] : BuiltLightMaximum(channel);
 }
 
 std::uint32_t Machine::Millis() const {

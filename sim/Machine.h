@@ -168,6 +168,9 @@ class Machine {
   bool laserInterrupt = false;
 
   std::vector<std::uint32_t> lights;  // set values, one per channel
+  // Each channel's largest value; a set value is bounded by it. As built they differ a little
+  // (4095 - 5 x channel) so that a channel mixed up shows.
+  std::vector<std::uint32_t> lightMaxima;
   std::uint8_t statusLight = 0;
   std::array<std::uint16_t, 4> ledWords{};
 
@@ -176,7 +179,10 @@ class Machine {
 
   void TripProbe();
   void ReleaseProbe();
+  // A new channel starts dark at its built maximum; the others keep value and maximum.
   void SetLightChannels(std::size_t count);
+  // The maximum of `channel`; the built one for a channel the board does not have.
+  std::uint32_t LightMaximum(std::size_t channel) const;
   std::array<std::uint32_t, kStageAxes> LinearPositions() const;
 
  private:

@@ -599,13 +599,13 @@ std::int8_t FillMachineData(Board&, wire::Bytes, wire::MutableBytes r) {
 
 // ---- fills: lights, probes, laser, interrupts ---------------------------------------------------
 
-// Each channel's largest value; they differ a little so that a channel mixed up shows.
-std::uint32_t LightMaximum(std::size_t channel) {
-  return 4095 - 5 * static_cast<std::uint32_t>(channel);
+// The one-word form's single maximum is channel 0's, as much of it as a word holds.
+std::uint32_t OneWordMaximum(const Machine& m) {
+  return std::min<std::uint32_t>(m.LightMaximum(0), 0xFFFF);
 }
 
-std::int8_t FillLightMaxOneWord(Board&, wire::Bytes, wire::MutableBytes r) {
-  PutWord(r, 2, static_cast<std::uint16_t>(LightMaximum(0)));
+std::int8_t FillLightMaxOneWord(Board& board, wire::Bytes, wire::MutableBytes r) {
+  PutWord(r, 2, static_cast<std::uint16_t>(OneWordMaximum(M(board))));
   return 0;
 }
 
@@ -626,26 +626,28 @@ std::int8_t FillLightMax(Board& board, wire::Bytes q, wire::MutableBytes r) {
   const std::size_t n = M(board).lights.size();
   if (first > n) return kReasonBadArgument;
   for (std::size_t i = 0; i < ChannelsPerPacket(p) && first + i < n; ++i)
-    PutLong(r, 2 + 4 * i, LightMaximum(first + i));
+    PutLong(r, 2 + 4 * i, M(board).LightMaximum(first + i));
   return 0;
 }
 
 // A channel whose byte is set takes the word; the board's one maximum bounds it.
 std::int8_t FillSetLightsOneWord(Board& board, wire::Bytes q, wire::MutableBytes) {
-  auto& lights = M(board).lights;
+  Machine& m = M(board);
+  auto& lights = m.lights;
   for (std::size_t i = 0; i < lights.size() && i < 42; ++i) {
     if (GetByte(q, 1 + i) != 0)
-      lights[i] = std::min<std::uint32_t>(GetWord(q, 43 + 2 * i), LightMaximum(0));
+      lights[i] = std::min<std::uint32_t>(GetWord(q, 43 + 2 * i), OneWordMaximum(m));
   }
   return 0;
 }
 
 std::int8_t FillSetLights(Board& board, wire::Bytes q, wire::MutableBytes) {
-  auto& lights = M(board).lights;
+  Machine& m = M(board);
+  auto& lights = m.lights;
   const std::size_t first = GetByte(q, 1);
   if (first > lights.size()) return kReasonBadArgument;
   for (std::size_t i = 0; i < ChannelsPerPacket(board.profile()) && first + i < lights.size(); ++i)
-    lights[first + i] = std::min(GetLong(q, 2 + 4 * i), LightMaximum(first + i));
+    lights[first + i] = std::min(GetLong(q, 2 + 4 * i), m.LightMaximum(first + i));
   return 0;
 }
 

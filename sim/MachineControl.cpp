@@ -1,6 +1,7 @@
 // The control commands of what a person does at the machine: buttons, joystick, e-stop, probe,
 // blocking an axis, obstacles and friction, plugging the platen or W axis in or out or making it
 // stick, the laser, the light channels.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -268,7 +269,19 @@ std::string RunWPlug(Board& b, const Words& a) {
   return RunPlug(b, a, false);
 }
 
+std::string JoinNumbers(const std::vector<std::uint32_t>& values) {
+  std::string s;
+  for (std::size_t i = 0; i < values.size(); ++i)
+    s += (i ? "," : "") + std::to_string(values[i]);
+  return s.empty() ? "-" : s;
+}
+
+// Without N: what the channels are set to, in channel order.
 std::string RunLights(Board& b, const Words& a) {
+  if (a.empty()) {
+    const Machine& m = b.machine();
+    return "ok lights=" + std::to_string(m.lights.size()) + " values=" + JoinNumbers(m.lights);
+  }
   char* end = nullptr;
   const long n = a.size() == 1 ? std::strtol(a[0].c_str(), &end, 10) : -1;
   if (a.size() != 1 || *end != '\0' || n < 0 || n > 255) return Error("lights takes 0 to 255");
@@ -277,6 +290,50 @@ std::string RunLights(Board& b, const Words& a) {
   v.hasLightChannels = n > 0;
   b.machine().SetLightChannels(static_cast<std::size_t>(n));
   return "ok lights " + a[0];
+}
+
+// The board flashed with another release of its firmware (same name, same protocol): every
+// gate on the firmware's version follows at once; the host sees it after its next open.
+std::string RunFirmware(Board& b, const Words& a) {
+  double version = 0;
+  if (a.size() != 1 || !ParseReal(a[0], version) || version < 0.01 || version > 99.99) {
+    return Error("firmware takes a version from 0.01 to 99.99");
+  }
+  b.mutableProfile().version.firmwareVersion = static_cast<float>(version);
+  return "ok firmware " + a[0];
+}
+
+// A channel's largest value, or every channel's; without arguments, the maxima in channel order.
+std::string RunLightMax(Board& b, const Words& a) {
+  Machine& m = b.machine();
+  if (a.empty()) return "ok lightmax=" + JoinNumbers(m.lightMaxima);
+  char* end = nullptr;
+  const bool all = a.size() == 2 && a[0] == "all";
+  const long channel = a.size() == 2 && !all ? std::strtol(a[0].c_str(), &end, 10) : -1;
+  const bool one = !all && a.size() == 2 && *end == '\0' && channel >= 0 &&
+                   channel < static_cast<long>(m.lightMaxima.size());
+  const long value = a.size() == 2 ? std::strtol(a[1].c_str(), &end, 10) : -1;
+  if ((!all && !one) || *end != '\0' || a[1].empty() || value < 0 || value > 1000000) {
+    return Error("lightmax takes a channel the board has, or all, and 0 to 1000000");
+  }
+  for (std::size_t i = 0; i < m.lightMaxima.size(); ++i) {
+    if (all || i == static_cast<std::size_t>(channel)) {
+      m.lightMaxima[i] = static_cast<std::uint32_t>(value);
+      m.lights[i] = std::min(m.lights[i], m.lightMaxima[i]);
+    }
+  }
+  return "ok lightmax " + a[0] + " " + a[1];
+}
+
+// What the board was last told of its status light and raw LED words.
+std::string RunStatusLight(Board& b, const Words& a) {
+  if (!a.empty()) return Error("statuslight takes no arguments");
+  static const char* const kColours[] = {"off", "green", "amber", "red"};
+  const Machine& m = b.machine();
+  const std::string colour =
+      m.statusLight < std::size(kColours) ? kColours[m.statusLight] : std::to_string(m.statusLight);
+  return "ok statuslight=" + colour +
+         " led=" + JoinNumbers({m.ledWords[0], m.ledWords[1], m.ledWords[2], m.ledWords[3]});
 }
 
 // Sensors 0 to 7 of the board, or w; a reading below -100 °C takes the sensor away.
@@ -351,7 +408,10 @@ constexpr MachineCommand kMachineVerbs[] = {
     {"friction", "friction AXIS F", RunFriction},
     {"platen", "platen in|out|stick|free", RunPlaten},
     {"wplug", "wplug in|out", RunWPlug},
-    {"lights", "lights N", RunLights},
+    {"lights", "lights [N]", RunLights},
+    {"lightmax", "lightmax [CHANNEL|all VALUE]", RunLightMax},
+    {"statuslight", "statuslight", RunStatusLight},
+    {"firmware", "firmware VERSION", RunFirmware},
     {"temp", "temp SENSOR C", RunTemp},
     {"state", "state", RunState},
 };

@@ -424,4 +424,41 @@ TEST_F(MachineControlTest, WhatAPersonChangesShowsInTheVersionRecordAndThePoll) 
 }
 
 }  // namespace
+// The lights page's board: maxima set by hand bound what the host sets, and the board tells what
+// it holds; the status light and LED words as the host last sent them; an older release of the
+// firmware closes its gates.
+TEST_F(MachineControlTest, LightMaximaValuesStatusLightAndFirmwareAreTheControlsToo) {
+  StartBoard("autovision");
+  auto client = Connect();
+  Control("lights 3");
+  EXPECT_EQ(Control("lightmax"), "ok lightmax=4095,4090,4085");
+  Control("lightmax 1 1000");
+  Control("lightmax all 900");
+  Control("lights 4");  // the new channel comes as built
+  EXPECT_EQ(Control("lightmax"), "ok lightmax=900,900,900,4080");
+  Packet set = Request(0x6E, 254, {0});
+  for (std::size_t i = 0; i < 4; ++i)
+    wire::PutLong(set, 2 + 4 * i, 950);
+  client->Command(set, 2);
+  EXPECT_EQ(Control("lights"), "ok lights=4 values=900,900,900,950");
+  Control("lightmax 3 100");  // a lower maximum cuts what is set
+  EXPECT_EQ(Control("lights"), "ok lights=4 values=900,900,900,100");
+  for (const char* bad : {"lightmax 4 10", "lightmax all -1", "lightmax all 1000001", "lightmax x",
+                          "lightmax 1 2x", "firmware 0", "firmware two", "statuslight red"}) {
+    EXPECT_EQ(sim_->Command(bad).rfind("error:", 0), 0u) << bad;
+  }
+
+  EXPECT_EQ(Control("statuslight"), "ok statuslight=off led=0,0,0,0");
+  client->Command(Request(0x55, 16, {0, 2}), 2);
+  Packet led = Request(0x55, 16, {130});
+  wire::PutWord(led, 3, 7);
+  wire::PutWord(led, 5, 8);
+  client->Command(led, 2);
+  EXPECT_EQ(Control("statuslight"), "ok statuslight=amber led=0,0,7,8");
+
+  Control("firmware 2.17");
+  EXPECT_EQ(client->Command(Request(0x55, 16, {0, 1}), 2).bytes, (Packet{0x3F, 0xFF}));
+  EXPECT_EQ(Control("statuslight"), "ok statuslight=amber led=0,0,7,8");
+}
+
 }  // namespace sim::testing

@@ -101,7 +101,8 @@ Clock* Clock::Install(Clock* clock) {
 
 // ---------------------------------------------------------------------------------------------
 // RealClock: every waiter of WaitUntil sleeps on one condition variable; NotifyAll bumps a
-// generation so that a notification between the predicate test and the wait is never lost.
+// generation so that a notification between the predicate test and the wait is never lost, even
+// one about state that `lock` does not guard (a wait on several events at once).
 
 struct RealClock::State {
   std::mutex mutex;
@@ -119,10 +120,16 @@ TimePoint RealClock::Now() {
 bool RealClock::WaitUntil(std::unique_lock<std::mutex>& lock, TimePoint deadline,
                           const std::function<bool()>& pred) {
   for (;;) {
+    // The generation is taken before the predicate runs: a change made (and notified) by a
+    // thread that does not hold `lock` between the test and the wait must still end the wait.
+    std::uint64_t seen;
+    {
+      std::lock_guard guard(state_->mutex);
+      seen = state_->generation;
+    }
     if (pred()) return true;
     if (Now() >= deadline) return false;
     std::unique_lock guard(state_->mutex);
-    const std::uint64_t seen = state_->generation;
     lock.unlock();
     const auto changed = [&] { return state_->generation != seen; };
     if (deadline == kNever) {
@@ -241,10 +248,16 @@ bool VirtualClock::WaitUntil(std::unique_lock<std::mutex>& lock, TimePoint deadl
                              const std::function<bool()>& pred) {
   State& s = *state_;
   for (;;) {
+    // As with the real clock: the generation before the predicate, so that no notice is lost.
+    std::uint64_t seen;
+    {
+      std::lock_guard guard(s.mutex);
+      seen = s.generation;
+    }
     if (pred()) return true;
     std::unique_lock guard(s.mutex);
     if (s.now >= deadline) return false;
-    const std::uint64_t seen = s.generation;
+    if (s.generation != seen) continue;  // noticed meanwhile: test again before time may move
     lock.unlock();
     State::Waiter w{State::Kind::kCondition, deadline};
     w.counted = ThreadParticipates(this);

@@ -39,7 +39,8 @@ class Clock {
   // Waits until pred() holds or the deadline passes, and returns pred() as it last stood.
   // `lock` holds the std::mutex that guards what pred reads; it is released while waiting and
   // held again whenever pred runs. Whoever changes that state must call NotifyAll afterwards
-  // (with or without the lock held); there is no other wake-up.
+  // (with or without the lock held); there is no other wake-up. pred may also read state that
+  // other locks guard (several events at once): a NotifyAll after such a change is never lost.
   virtual bool WaitUntil(std::unique_lock<std::mutex>& lock, TimePoint deadline,
                          const std::function<bool()>& pred) = 0;
 

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -80,6 +81,39 @@ TEST_F(VirtualClockTest, WaitReadableSeesDataWithoutTimePassingAndTimesOutExactl
   ::close(fds[1]);  // a hang-up counts as readable: the reader must learn of it
   EXPECT_EQ(clock.WaitReadable(fds[0], kNever), 1);
   ::close(fds[0]);
+}
+
+// A wait on state that its lock does not guard (two events at once, as the channel waits for a
+// reply or a cancel): the state changes and is notified right after the predicate read it and
+// before the clock sleeps. The notice must end the wait; missing it cost the channel a 5 s
+// reply time-out while a motor kept running.
+template <typename AClock>
+bool NoticeAfterThePredicateEndsTheWait(AClock& clock, TimePoint deadline) {
+  std::mutex unrelated;
+  std::unique_lock lock(unrelated);
+  std::atomic<bool> set{false};
+  bool poked = false;
+  return clock.WaitUntil(lock, deadline, [&] {
+    const bool was = set.load();
+    if (!poked) {  // what another thread does in that gap
+      poked = true;
+      set = true;
+      clock.NotifyAll();
+    }
+    return was;
+  });
+}
+
+TEST_F(VirtualClockTest, ANoticeBetweenThePredicateAndTheWaitIsNotLost) {
+  EXPECT_TRUE(NoticeAfterThePredicateEndsTheWait(clock, clock.Deadline(milliseconds(5000))));
+  EXPECT_EQ(ElapsedMs(), 0) << "the wait ran into its deadline";
+}
+
+TEST(RealClockTest, ANoticeBetweenThePredicateAndTheWaitIsNotLost) {
+  RealClock clock;
+  const auto start = clock.Now();
+  EXPECT_TRUE(NoticeAfterThePredicateEndsTheWait(clock, clock.Deadline(std::chrono::seconds(60))));
+  EXPECT_LT(clock.Now() - start, std::chrono::seconds(30)) << "the wait ran into its deadline";
 }
 
 TEST(RealClockTest, NotifyEndsAWaitAndAnElapsedDeadlineReturnsAtOnce) {

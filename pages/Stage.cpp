@@ -131,6 +131,10 @@ void StageDlg::ListEvents() {
     events.OnClick(b.id, [this, button = b.button](const ui::Event&) { OnTestButton(button); });
   }
   events.OnClick("StopMotor", [this](const ui::Event&) { StopRequested = 1; });
+  // A browser sends a text box's value only for a change the page listens to, and the window
+  // takes the value into the document before the handler runs. Without this the count typed
+  // into "Test Qty:" never reached the page, and every platen test ran the default 100 cycles.
+  events.OnChange("PlatenCount", [](const ui::Event&) {});
 }
 
 // --- Events ---
@@ -223,9 +227,11 @@ void StageDlg::Tick20ms(const ServoStatus& status) {
   if (Sampling && axis < 4) TestPosition = status.LinearPosition[axis];
   if (!Trace.Active()) return;
   // The unit under test: an axis, else the platen while its test runs. The sample costs no
-  // transfer: the rotary count is the one the 200 ms tick read last.
+  // transfer: the rotary count is the one the 200 ms tick read last. An axis's position comes
+  // from this poll, not from the test's sample, which reads 0 between two runs of one test.
   motion::TraceSample sample{.time = Trace.Seconds(), .bias = BiasWritten, .linear = TestPosition};
   if (axis < 4) {
+    sample.linear = status.LinearPosition[axis];
     sample.rotary = Rotary[axis];
     sample.limit = status.Limit[axis];
   } else if (TestState().PlatenTest) {

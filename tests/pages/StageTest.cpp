@@ -274,6 +274,8 @@ TEST_F(StageTest, WAndPlatenColumnsAreLeftAloneWithoutThoseUnits) {
 
 TEST_F(StageTest, PlatenCountLastsUntilTheNextPushAndAClickReadsItFirst) {
   Open("autovision");
+  EXPECT_TRUE(page->Events().Has("PlatenCount", ui::EventKind::kChange))
+      << "a browser sends what was typed only for a change the page listens to";
   Type("PlatenCount", "25");
   page->ResetPage(version_);
   EXPECT_EQ(Text("PlatenCount"), "100");

@@ -184,6 +184,19 @@ void LightsPage<Base, kForm>::LoadChannels() {
   ProfileChannel = ChannelCount >= 2 ? ChannelCount - 2 : 0;
   CoaxChannel = ChannelCount >= 2 ? ChannelCount - 1 : 0;
   SurfaceChannelsText = ChannelCount >= 3 ? text::Format("%u - %u", 0u, ProfileChannel - 1) : "";
+  ShowReach();
+}
+
+template <class Base, const LightsForm& kForm>
+void LightsPage<Base, kForm>::ShowReach() {
+  ui::Document& doc = this->Doc();
+  const std::pair<std::uint32_t, std::array<const char*, 3>> rows[] = {
+      {ProfileChannel, {"ProfileCycle", "ProfileSlider", "RawProfile"}},
+      {CoaxChannel, {"CoaxCycle", "CoaxSlider", "RawCoax"}}};
+  for (const auto& [channel, ids] : rows) {
+    for (const char* id : ids)
+      doc.Enable(id, channel < kLightChannels);
+  }
 }
 
 template <class Base, const LightsForm& kForm>

@@ -127,6 +127,8 @@ class LightsPage : public Base {
   void OnInitDialog();
   void ListEvents();
   void LoadChannels();
+  // Greys out the controls of a profile or coaxial light past the page's arrays.
+  void ShowReach();
   // Every field but ChannelCount, ChannelRecheck and SurfaceChannelsText, and the raw texts.
   void ClearFields();
   std::uint32_t Usable() const {

@@ -37,19 +37,6 @@ class PendantTest : public PageFixture {
   std::unique_ptr<CTabPage> page;
 };
 
-TEST(DeflectionTextTest, EachSignHasItsOwnBox) {
-  struct Case {
-    std::int32_t deflection;
-    const char *positive, *negative;
-  };
-  for (const Case c : {Case{5, "5", ""}, Case{-5, "", "-5"}, Case{0, "", ""}, Case{1, "1", ""},
-                       Case{-2147483647 - 1, "", "-2147483648"}}) {
-    const DeflectionTexts t = DeflectionText(c.deflection);
-    EXPECT_EQ(t.positive, c.positive) << c.deflection;
-    EXPECT_EQ(t.negative, c.negative) << c.deflection;
-  }
-}
-
 TEST_F(PendantTest, ButtonsPressedAtTheBoardShowTheirNumbers) {
   Open("autovision");
   Control("press b3");

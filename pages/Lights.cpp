@@ -132,9 +132,9 @@ void LightsPage<Base, kForm>::OnInitDialog() {
       doc.SetSliderTicks(SliderElement(slider), 4096);
     }
   }
-  profileTop_ = MaxAt(ProfileChannel);
-  coaxTop_ = MaxAt(CoaxChannel);
-  surfaceTop_ = MaxAt(0);
+  profileTop_ = MaxValue(ProfileChannel);
+  coaxTop_ = MaxValue(CoaxChannel);
+  surfaceTop_ = MaxValue(0);
   const std::pair<LightSlider, std::uint32_t> tops[] = {{LightSlider::kProfile, profileTop_},
                                                         {LightSlider::kCoax, coaxTop_},
                                                         {LightSlider::kSurface, surfaceTop_}};
@@ -379,15 +379,15 @@ void LightsPage<Base, kForm>::OnRawText(LightSlider slider) {
   }
   std::string* shown = &RawProfileText;
   std::uint32_t* field = &ProfileRaw;
-  std::uint32_t maximum = MaxAt(ProfileChannel);
+  std::uint32_t maximum = MaxValue(ProfileChannel);
   if (slider == LightSlider::kCoax) {
     shown = &RawCoaxText;
     field = &CoaxRaw;
-    maximum = MaxAt(CoaxChannel);
+    maximum = MaxValue(CoaxChannel);
   } else if (slider == LightSlider::kSurface) {
     shown = &RawSurfaceText;
     field = &SurfaceRaw;
-    maximum = MaxAt(0);
+    maximum = MaxValue(0);
   }
   std::uint32_t value = 0;
   if (ParseRawText(*shown, maximum, value)) {
@@ -498,9 +498,9 @@ void LightsPage<Base, kForm>::DoDataExchange(DataExchange& dx) {
   dx.Text("ProfileChannelNum", ProfileChannel);
   dx.Text("CoaxChannelNum", CoaxChannel);
   dx.Text("SurfaceChannelNums", SurfaceChannelsText);
-  dx.Text("ProfileMaxValue", MaxAt(ProfileChannel));
-  dx.Text("CoaxMaxValue", MaxAt(CoaxChannel));
-  if (ChannelCount > 2) dx.Text("SurfaceMaxValue", MaxAt(0));
+  dx.Text("ProfileMaxValue", MaxValue(ProfileChannel));
+  dx.Text("CoaxMaxValue", MaxValue(CoaxChannel));
+  if (ChannelCount > 2) dx.Text("SurfaceMaxValue", MaxValue(0));
   dx.Text("RawProfile", RawProfileText);
   dx.Text("RawCoax", RawCoaxText);
   dx.Text("RawSurface", RawSurfaceText);

@@ -99,7 +99,7 @@ class LightsPage : public Base {
   void ResetPage(const BoardVersionInfo& record) override;
   void UpdatePage(std::uint32_t timerId, const ServoStatus& status) override;
 
-  // What a test looks at.
+  // What a test looks at; a channel past the arrays reads 0 and false.
   std::uint32_t ChannelCount = 0;
   std::uint32_t ProfileChannel = 0;
   std::uint32_t CoaxChannel = 0;
@@ -109,9 +109,6 @@ class LightsPage : public Base {
   }
   std::uint32_t RawValue(std::uint32_t channel) const {
     return channel < kLightChannels ? RawValues[channel] : 0;
-  }
-  std::uint32_t CycleValueOf(std::uint32_t channel) const {
-    return channel < kLightChannels ? CycleValues[channel] : 0;
   }
   bool ChannelCyclingOf(std::uint32_t channel) const {
     return channel < kLightChannels && ChannelCycling[channel];
@@ -135,7 +132,6 @@ class LightsPage : public Base {
     return ChannelCount < kLightChannels ? ChannelCount : kLightChannels;
   }
   std::uint32_t SurfaceEnd() const;  // the surface channels the page drives: 0 to this - 1
-  std::uint32_t MaxAt(std::uint32_t channel) const { return MaxValue(channel); }
 
   // Channels `first` to `end` - 1 join the cycle (or start it again); a channel whose group has
   // no row in `shapes` stays out.

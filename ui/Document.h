@@ -37,7 +37,8 @@ struct ElementState {
   bool operator==(const ElementState&) const = default;
 };
 
-// Scroll state of an element as a browser last reported it.
+// Scroll state of an element as a browser last reported it. Each field is from 0 to INT32_MAX
+// (the window refuses other reports), so a difference of two of them cannot overflow.
 struct ScrollInfo {
   std::int32_t scrollHeight = 0;
   std::int32_t scrollTop = 0;

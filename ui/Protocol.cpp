@@ -40,12 +40,27 @@ bool NestingWithin(const std::string& text, int limit) {
   return true;
 }
 
+// The parser keeps numbers above INT64_MAX as unsigned: read as signed, 2^64-1 would be -1.
 bool GetInt(const json& j, const char* key, int& out) {
   const auto it = j.find(key);
   if (it == j.end() || !it->is_number_integer()) return false;
+  if (it->is_number_unsigned()) {
+    const auto v = it->get<std::uint64_t>();
+    if (v > static_cast<std::uint64_t>(INT_MAX)) return false;
+    out = static_cast<int>(v);
+    return true;
+  }
   const auto v = it->get<std::int64_t>();
   if (v < INT_MIN || v > INT_MAX) return false;
   out = static_cast<int>(v);
+  return true;
+}
+
+// Sizes and offsets in pixels: never negative, so that pages can subtract one from another.
+bool GetSize(const json& j, const char* key, std::int32_t& out) {
+  int v = 0;
+  if (!GetInt(j, key, v) || v < 0) return false;
+  out = v;
   return true;
 }
 
@@ -104,11 +119,11 @@ bool DecodeFields(const std::string& type, const json& j, Incoming& in, std::str
   if (type == "scroll") {
     in.kind = K::kScroll;
     if (GetInt(j, "page", in.page) && GetString(j, "id", in.id) &&
-        GetInt(j, "height", in.scroll.scrollHeight) && GetInt(j, "top", in.scroll.scrollTop) &&
-        GetInt(j, "client", in.scroll.clientHeight)) {
+        GetSize(j, "height", in.scroll.scrollHeight) && GetSize(j, "top", in.scroll.scrollTop) &&
+        GetSize(j, "client", in.scroll.clientHeight)) {
       return true;
     }
-    error = "scroll report with missing fields";
+    error = "scroll report with missing or negative fields";
     return false;
   }
   if (type == "answer") {

@@ -305,14 +305,7 @@ void Window::Handle(ClientId client, const protocol::Incoming& in) {
       HandleShown(client, in.page);
       return;
     case K::kLoaded:
-      if (in.page < 0 || in.page >= PageCount()) {
-        if (in.page != kShellPage) UI_LOG("UI: loaded for unknown page %d\r\n", in.page);
-        return;
-      }
-      if (!pages_[in.page].loaded) {
-        pages_[in.page].loaded = true;
-        pages_[in.page].page->OnDocumentComplete();
-      }
+      HandleLoaded(client, in.page);
       return;
     case K::kCancel:
       HandleCancel(client, in.page);
@@ -373,8 +366,38 @@ void Window::HandleShown(ClientId client, int page) {
   if (page >= 0 && ++pages_[page].shownBy == 1) pages_[page].page->OnShowWindow(true);
 }
 
+// Every browser that loads a page's HTML has it brought up to date: what a page did while no
+// browser showed it (a board that came back with other values) is in the document then. A
+// browser's repeated notices for the same page are not passed on.
+void Window::HandleLoaded(ClientId client, int page) {
+  if (page < 0 || page >= PageCount()) {
+    if (page != kShellPage) UI_LOG("UI: loaded for unknown page %d\r\n", page);
+    return;
+  }
+  const auto it = clients_.find(client);
+  if (it == clients_.end() || !it->second.loaded.insert(page).second) return;
+  pages_[page].page->OnDocumentComplete();
+}
+
 // ---------------------------------------------------------------------------------------------
 // Dialogs
+
+bool Window::RoomForBox(const std::string& title) {
+  const auto boxes = std::count_if(dialogs_.begin(), dialogs_.end(), [](const auto& d) {
+    return d.second.kind != DialogKind::kWindow;
+  });
+  if (static_cast<std::size_t>(boxes) < kMaxOpenBoxes) {
+    boxesFull_ = false;
+    return true;
+  }
+  // One line while the limit holds: the clicks that reach it are not worth one each.
+  if (!boxesFull_) {
+    UI_LOG("UI: %zu boxes open; \"%s\" and the next ones answered unseen until one closes\r\n",
+           kMaxOpenBoxes, title.c_str());
+  }
+  boxesFull_ = true;
+  return false;
+}
 
 bool Window::OnUiThread() {
   return std::this_thread::get_id() == uiThread_ || loop_.OnLoopThread();
@@ -382,6 +405,10 @@ bool Window::OnUiThread() {
 
 int Window::OpenBox(const std::string& text, const std::string& title, unsigned style,
                     std::function<void(int)> done) {
+  if (!RoomForBox(title)) {
+    if (done) loop_.Post([done = std::move(done), style] { done(CautiousAnswer(style)); });
+    return 0;
+  }
   const int id = nextDialog_++;
   OpenDialog& d = dialogs_[id];
   d.kind = DialogKind::kBox;
@@ -395,6 +422,14 @@ int Window::OpenBox(const std::string& text, const std::string& title, unsigned 
 }
 
 int Window::OpenChoice(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done) {
+  if (!RoomForBox(dialog.title)) {
+    if (done) {
+      loop_.Post([done = std::move(done), initial = dialog.initial] {
+        done({kIdCancel, initial});
+      });
+    }
+    return 0;
+  }
   const int id = nextDialog_++;
   OpenDialog& d = dialogs_[id];
   d.kind = DialogKind::kChoice;

@@ -57,8 +57,8 @@ class HtmlPage {
   EventTable& Events() { return events_; }
   const std::string& DocumentPath() const { return path_; }
 
-  // The first browser has loaded the page's HTML (once per run): the moment to push the fields
-  // that were set while no document was there.
+  // A browser has loaded the page's HTML (each browser, once per connection): the moment to
+  // bring the document up to date, with what changed while no browser showed the page.
   virtual void OnDocumentComplete() {}
   // Some browser shows the page now (true), or none does any more (false).
   virtual void OnShowWindow(bool /*shown*/) {}
@@ -124,6 +124,10 @@ class Window : public MessageBoxPresenter {
   using ClientId = std::uint64_t;
   // Larger messages from a browser are refused (the server closes such a connection).
   static constexpr std::size_t kMaxMessage = 64 * 1024;
+  // Message boxes and choice dialogs open at once. One more (a browser clicking a menu item that
+  // opens one, thousands of times) is not opened: it gets the cautious answer (one log line
+  // until a box opens again). It bounds the full state that a browser is sent when it connects.
+  static constexpr std::size_t kMaxOpenBoxes = 32;
 
   explicit Window(platform::TaskLoop& loop);
   ~Window() override;
@@ -196,12 +200,12 @@ class Window : public MessageBoxPresenter {
   struct Page {
     std::string title;
     HtmlPage* page;
-    bool loaded = false;
     int shownBy = 0;  // browsers that show it
   };
   struct Client {
     std::shared_ptr<Connection> connection;
     int shownPage = -1;
+    std::set<int> loaded;  // pages whose HTML this browser has loaded
   };
   enum class DialogKind { kBox, kChoice, kWindow };
   struct OpenDialog {
@@ -233,6 +237,9 @@ class Window : public MessageBoxPresenter {
   void HandleCancel(ClientId client, int page);
   void HandleAnswer(const protocol::Incoming& in);
   void HandleShown(ClientId client, int page);
+  void HandleLoaded(ClientId client, int page);
+  // Whether one more box or choice dialog may open; logs when not.
+  bool RoomForBox(const std::string& title);
   void SendFullState(Client& client);
   void SendTabs(Client& client);
   void Broadcast(const std::string& message);
@@ -256,6 +263,7 @@ class Window : public MessageBoxPresenter {
   std::map<int, OpenDialog> dialogs_;
   std::set<int> dirtyWindows_;
   int nextDialog_ = 1;
+  bool boxesFull_ = false;  // boxes refused since the last one opened (logged once)
   bool flushPosted_ = false;
   std::function<void()> onClose_;
   std::function<void()> onStop_;

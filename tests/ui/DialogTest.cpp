@@ -152,5 +152,35 @@ TEST(StartUpBoxTest, WaitsOnTheUiThreadUntilABrowserAnswersOrTheRunIsEnded) {
   window.Shutdown();
 }
 
+// Any browser can open boxes by clicking (the about box). Thousands of clicks must not open
+// thousands of boxes that every later browser is sent; past the limit a box is answered
+// cautiously, unseen, and an answered box makes room again.
+TEST_F(DialogTest, OpenBoxesAreBoundedAndOneTooManyIsAnsweredCautiously) {
+  ui::Window::ClientId id;
+  auto clicker = Connect(&id);
+  const std::size_t clicks = ui::Window::kMaxOpenBoxes + 20;
+  for (std::size_t i = 0; i < clicks; ++i)
+    Receive(id, {{"t", "event"}, {"page", -1}, {"id", "menu-about"}, {"kind", "click"}});
+  int yesNo = 0;
+  ui::ChoiceResult choice{0, 0};
+  OnUi([&] {
+    window.ShowBoxAsync("Sure?", "t", ui::kMbYesNo, [&](int r) { yesNo = r; });
+    window.ShowChoiceAsync({.title = "Speed", .options = {"Standard", "High"}, .initial = 1},
+                           [&](ui::ChoiceResult r) { choice = r; });
+  });
+  OnUi();
+  EXPECT_EQ(yesNo, ui::kIdNo);
+  EXPECT_EQ(choice.result, ui::kIdCancel);
+  EXPECT_EQ(choice.choice, 1);
+  EXPECT_EQ(log.Messages().size(), 1u);
+
+  auto late = Connect();
+  const auto open = late->OfType("dialog");
+  ASSERT_EQ(open.size(), ui::Window::kMaxOpenBoxes);
+  Receive(id, Answer(open[0]["id"], ui::kIdOk));
+  OnUi([&] { window.ShowBoxAsync("Sure?", "t", ui::kMbYesNo, [&](int r) { yesNo = r; }); });
+  EXPECT_EQ(late->WaitFor("dialog", late->Count() - 1)["text"], "Sure?");
+}
+
 }  // namespace
 }  // namespace testing_support

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <optional>
+#include <tuple>
+
 #include "tests/ui/UiFixture.h"
 
 namespace testing_support {
@@ -86,6 +90,9 @@ TEST_F(WindowTest, MalformedOrUnknownInputIsDroppedWithOneLogLineEach) {
       R"({"t":"event","page":"0","id":"Go","kind":"click"})",
       R"({"t":"event","page":0,"id":"Go","kind":"click","value":5})",
       R"({"t":"event","page":4294967296,"id":"Go","kind":"click"})",
+      R"({"t":"event","page":18446744073709551615,"id":"menu-close","kind":"click"})",
+      R"({"t":"shown","page":18446744073709551615})",
+      R"({"t":"answer","dialog":18446744073709551615,"result":1})",
       R"({"t":"event","page":0,"id":"Go","kind":"click","x":[[[[[[1]]]]]]})",
       R"({"t":"shown","page":9})",
       R"({"t":"scroll","page":0,"id":"Unwatched","height":1,"top":0,"client":1})",
@@ -103,8 +110,8 @@ TEST_F(WindowTest, MalformedOrUnknownInputIsDroppedWithOneLogLineEach) {
   EXPECT_EQ(clicks, 1);
 }
 
-// A page is shown while at least one browser shows it; its document's first load is told once;
-// a browser that left is sent nothing more.
+// A page is shown while at least one browser shows it; each browser's load of its document is
+// told once; a browser that left is sent nothing more.
 TEST_F(WindowTest, PagesFollowWhatTheBrowsersShowAndLoad) {
   ui::Window::ClientId a, b;
   Connect(&a);
@@ -113,6 +120,7 @@ TEST_F(WindowTest, PagesFollowWhatTheBrowsersShowAndLoad) {
   Receive(b, {{"t", "shown"}, {"page", 0}});
   Receive(a, {{"t", "loaded"}, {"page", 1}});
   Receive(b, {{"t", "loaded"}, {"page", 1}});
+  Receive(a, {{"t", "loaded"}, {"page", 1}});
   OnUi();
   EXPECT_TRUE(window.PageShown(0));
   Receive(a, {{"t", "shown"}, {"page", 1}});
@@ -123,12 +131,69 @@ TEST_F(WindowTest, PagesFollowWhatTheBrowsersShowAndLoad) {
   EXPECT_FALSE(window.PageShown(0));
   EXPECT_TRUE(window.PageShown(1));
   EXPECT_EQ(first.notices, (std::vector<std::string>{"shown", "hidden"}));
-  EXPECT_EQ(second.notices, (std::vector<std::string>{"complete", "shown"}));
+  EXPECT_EQ(second.notices, (std::vector<std::string>{"complete", "complete", "shown"}));
 
   const auto before = leaving->Count();
   OnUi([&] { first.Doc().SetText("A", "1"); });
   OnUi();
   EXPECT_EQ(leaving->Count(), before);
+}
+
+// A page changed while no browser showed it (a board that came back with other values) must
+// reach a browser that loads it later, however many loaded it before.
+TEST_F(WindowTest, EveryBrowserThatLoadsAPageHasItsDocumentBroughtUpToDate) {
+  class Board : public RecordingPage {
+   public:
+    using RecordingPage::RecordingPage;
+    void OnDocumentComplete() override { Doc().SetText("Serial", serial); }
+    std::string serial = "A1";
+  } board("/pages/board.html");
+  int index = 0;
+  OnUi([&] { index = window.AddPage("Board", board); });
+  for (const std::string serial : {"A1", "B2"}) {
+    OnUi([&] { board.serial = serial; });
+    ui::Window::ClientId id;
+    auto browser = Connect(&id);
+    Receive(id, {{"t", "loaded"}, {"page", index}});
+    OnUi();
+    OnUi();
+    bool seen = false;
+    for (const json& m : browser->OfType("doc")) {
+      if (m["page"] == index && m["el"].contains("Serial")) seen = m["el"]["Serial"]["v"] == serial;
+    }
+    EXPECT_TRUE(seen) << serial;
+    window.Detach(id);
+    OnUi();
+  }
+}
+
+// Scroll reports are sizes in pixels: negative ones are refused before a page subtracts them.
+TEST_F(WindowTest, AScrollReportOutsideItsRangeIsRefusedAndTheLastGoodOneKept) {
+  OnUi([&] { first.Doc().WatchScroll("Log"); });
+  ui::Window::ClientId id;
+  auto browser = Connect(&id);
+  const auto report = [&](std::int64_t height, std::int64_t top, std::int64_t client) {
+    Receive(id, {{"t", "scroll"},
+                 {"page", 0},
+                 {"id", "Log"},
+                 {"height", height},
+                 {"top", top},
+                 {"client", client}});
+    OnUi();
+  };
+  report(900, 500, 400);
+  for (const auto& [height, top, client] :
+       std::vector<std::tuple<std::int64_t, std::int64_t, std::int64_t>>{
+           {INT32_MAX, INT32_MIN, 10}, {-1, 0, 0}, {10, 0, -5}, {INT64_MAX, 0, 0}}) {
+    report(height, top, client);
+  }
+  EXPECT_EQ(log.Messages().size(), 4u);
+  std::optional<ui::ScrollInfo> kept;
+  OnUi([&] { kept = first.Doc().Scroll("Log"); });
+  ASSERT_TRUE(kept);
+  EXPECT_EQ(kept->scrollHeight, 900);
+  EXPECT_EQ(kept->scrollTop, 500);
+  EXPECT_EQ(kept->clientHeight, 400);
 }
 
 }  // namespace

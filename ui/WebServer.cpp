@@ -8,8 +8,10 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <deque>
+#include <list>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -145,6 +147,8 @@ struct Gate {
   net::io_context* io;
 };
 
+class Session;
+
 }  // namespace
 
 std::uint16_t DefaultPort() {
@@ -159,8 +163,15 @@ std::uint16_t DefaultPort() {
 struct WebServer::Impl {
   Window& window;
   std::vector<const ResourceTable*> tables;
+  WebServerLimits limits;
+  // Every open connection, oldest first (I/O thread). Before `io`: sessions that the io_context
+  // still holds leave it when the context goes.
+  std::list<Session*> sessions;
   net::io_context io{1};
   tcp::acceptor acceptor{io};
+  net::steady_timer acceptRetry{io};
+  bool acceptFailing = false;  // since the last accept that worked (one log line each time)
+  bool refusing = false;       // every connection busy: new ones closed (one log line)
   std::thread thread;
   std::string token = RandomToken();
   std::uint16_t port = 0;
@@ -168,12 +179,15 @@ struct WebServer::Impl {
   std::set<Window::ClientId> clients;  // I/O thread; read after the thread ended
   bool started = false;
 
-  Impl(Window& w, std::vector<const ResourceTable*> t) : window(w), tables(std::move(t)) {
+  Impl(Window& w, std::vector<const ResourceTable*> t, const WebServerLimits& l)
+      : window(w), tables(std::move(t)), limits(l) {
     gate->io = &io;
   }
 
   bool Listen(std::uint16_t firstPort);
   void Accept();
+  void OnAccept(error_code ec, tcp::socket socket);
+  void Admit(tcp::socket socket);
   std::string CookieName() const { return "tavro_" + std::to_string(port); }
   bool HostAllowed(std::string_view host) const {
     const std::string p = ":" + std::to_string(port);
@@ -200,6 +214,35 @@ struct WebServer::Impl {
 
 namespace {
 
+// One open connection as the server counts it.
+class Session {
+ public:
+  explicit Session(WebServer::Impl& server) : server_(server) {
+    slot_ = server_.sessions.insert(server_.sessions.end(), this);
+  }
+  virtual ~Session() { Unlist(); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // Waits for a request: the connection may go to make room for a new one.
+  virtual bool Idle() const = 0;
+  // Closes the connection now; it no longer counts.
+  virtual void Drop() = 0;
+
+ protected:
+  void Unlist() {
+    if (!listed_) return;
+    listed_ = false;
+    server_.sessions.erase(slot_);
+  }
+
+  WebServer::Impl& server_;
+
+ private:
+  std::list<Session*>::iterator slot_;
+  bool listed_ = true;
+};
+
 class WsSession;
 
 class WsConnection final : public Connection {
@@ -213,27 +256,36 @@ class WsConnection final : public Connection {
   std::weak_ptr<WsSession> session_;
 };
 
-class WsSession : public std::enable_shared_from_this<WsSession> {
+class WsSession : public Session, public std::enable_shared_from_this<WsSession> {
  public:
   WsSession(tcp::socket&& socket, WebServer::Impl& server)
-      : ws_(std::move(socket)), server_(server) {}
+      : Session(server), ws_(std::move(socket)) {}
 
   void Start(http::request<http::string_body> request) {
     ws_.read_message_max(Window::kMaxMessage);
-    ws_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+    websocket::stream_base::timeout timeout{};
+    timeout.handshake_timeout = server_.limits.requestTime;
+    timeout.idle_timeout = server_.limits.idleTime;
+    timeout.keep_alive_pings = true;
+    ws_.set_option(timeout);
     ws_.async_accept(request, [self = shared_from_this()](error_code ec) { self->OnAccept(ec); });
   }
+
+  bool Idle() const override { return false; }
+  void Drop() override { Fail(); }
 
   // On the I/O thread.
   void Enqueue(std::shared_ptr<const std::string> message) {
     if (closed_) return;
-    if (queue_.size() >= kMaxQueued) {
-      WEB_LOG("UI browser %llu too slow, disconnected\r\n", static_cast<unsigned long long>(id_));
+    queuedBytes_ += message->size();
+    queue_.push_back(std::move(message));
+    if (queue_.size() > kMaxQueued || queuedBytes_ > server_.limits.maxQueuedBytes) {
+      WEB_LOG("UI browser %llu too slow (%zu messages, %zu bytes unsent), disconnected\r\n",
+              static_cast<unsigned long long>(id_), queue_.size(), queuedBytes_);
       Fail();
       return;
     }
-    queue_.push_back(std::move(message));
-    if (queue_.size() == 1) Write();
+    if (!writing_) Write();
   }
 
  private:
@@ -267,17 +319,28 @@ class WsSession : public std::enable_shared_from_this<WsSession> {
     Read();
   }
 
+  // The message being written stays with its completion: Fail may empty the queue meanwhile.
   void Write() {
+    writing_ = true;
     ws_.text(true);
-    ws_.async_write(net::buffer(*queue_.front()),
-                    [self = shared_from_this()](error_code ec, std::size_t) {
-                      if (ec) {
-                        self->Fail();
-                        return;
-                      }
-                      self->queue_.pop_front();
-                      if (!self->queue_.empty()) self->Write();
-                    });
+    std::shared_ptr<const std::string> message = queue_.front();
+    ws_.async_write(
+        net::buffer(*message),
+        [self = shared_from_this(), message](error_code ec, std::size_t) { self->OnWritten(ec); });
+  }
+
+  void OnWritten(error_code ec) {
+    writing_ = false;
+    // A session that failed meanwhile has no queue left to take from, even when this write
+    // itself went through.
+    if (closed_) return;
+    if (ec) {
+      Fail();
+      return;
+    }
+    queuedBytes_ -= queue_.front()->size();
+    queue_.pop_front();
+    if (!queue_.empty()) Write();
   }
 
   // Ends the session once: the window forgets the browser, the socket closes, and the pending
@@ -285,7 +348,9 @@ class WsSession : public std::enable_shared_from_this<WsSession> {
   void Fail() {
     if (closed_) return;
     closed_ = true;
+    Unlist();
     queue_.clear();
+    queuedBytes_ = 0;
     if (id_ != 0) {
       server_.window.Detach(id_);
       server_.clients.erase(id_);
@@ -295,10 +360,11 @@ class WsSession : public std::enable_shared_from_this<WsSession> {
   }
 
   websocket::stream<beast::tcp_stream> ws_;
-  WebServer::Impl& server_;
   Window::ClientId id_ = 0;
   beast::flat_buffer buffer_;
   std::deque<std::shared_ptr<const std::string>> queue_;
+  std::size_t queuedBytes_ = 0;
+  bool writing_ = false;
   bool closed_ = false;
 };
 
@@ -310,22 +376,33 @@ void WsConnection::Send(std::shared_ptr<const std::string> message) {
   });
 }
 
-class HttpSession : public std::enable_shared_from_this<HttpSession> {
+class HttpSession : public Session, public std::enable_shared_from_this<HttpSession> {
  public:
   HttpSession(tcp::socket&& socket, WebServer::Impl& server)
-      : stream_(std::move(socket)), server_(server) {}
+      : Session(server), stream_(std::move(socket)) {}
 
+  // A request must come whole within the request time: a connection that holds a descriptor
+  // without asking anything does not keep it for long.
   void Read() {
     parser_.emplace();
     parser_->header_limit(kRequestLimit);
     parser_->body_limit(kRequestLimit);
-    stream_.expires_after(std::chrono::seconds(60));
+    stream_.expires_after(server_.limits.requestTime);
+    reading_ = true;
     http::async_read(stream_, buffer_, *parser_,
                      [self = shared_from_this()](error_code ec, std::size_t) { self->OnRead(ec); });
   }
 
+  bool Idle() const override { return reading_; }
+  void Drop() override {
+    Unlist();
+    error_code ignored;
+    stream_.socket().close(ignored);
+  }
+
  private:
   void OnRead(error_code ec) {
+    reading_ = false;
     if (ec) {
       error_code ignored;
       stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
@@ -397,6 +474,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     res->prepare_payload();
     if (head) res->content_length(body.size());
     res->keep_alive(req.keep_alive() && status == http::status::ok);
+    stream_.expires_after(server_.limits.idleTime);
     http::async_write(stream_, *res, [self = shared_from_this(), res](error_code ec, std::size_t) {
       if (ec || !res->keep_alive()) {
         error_code ignored;
@@ -408,9 +486,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   }
 
   beast::tcp_stream stream_;
-  WebServer::Impl& server_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
+  bool reading_ = false;
 };
 
 }  // namespace
@@ -437,14 +515,55 @@ bool WebServer::Impl::Listen(std::uint16_t firstPort) {
 }
 
 void WebServer::Impl::Accept() {
-  acceptor.async_accept([this](error_code ec, tcp::socket socket) {
-    if (!ec) std::make_shared<HttpSession>(std::move(socket), *this)->Read();
-    if (acceptor.is_open()) Accept();
-  });
+  acceptor.async_accept(
+      [this](error_code ec, tcp::socket socket) { OnAccept(ec, std::move(socket)); });
 }
 
-WebServer::WebServer(Window& window, std::vector<const ResourceTable*> tables)
-    : impl_(std::make_unique<Impl>(window, std::move(tables))) {}
+// A failed accept (no file descriptor left, say) fails again at once while its cause lasts: it
+// is tried again after a pause instead of spinning the I/O thread.
+void WebServer::Impl::OnAccept(error_code ec, tcp::socket socket) {
+  if (!acceptor.is_open() || ec == net::error::operation_aborted) return;
+  if (ec) {
+    if (!acceptFailing) {
+      WEB_LOG("UI server: accept failed (%s); trying again every %lld ms\r\n", ec.message().c_str(),
+              static_cast<long long>(limits.acceptRetry.count()));
+    }
+    acceptFailing = true;
+    acceptRetry.expires_after(limits.acceptRetry);
+    acceptRetry.async_wait([this](error_code waitEc) {
+      if (!waitEc) Accept();
+    });
+    return;
+  }
+  acceptFailing = false;
+  Admit(std::move(socket));
+  Accept();
+}
+
+// At the limit a new connection takes the place of the oldest one that waits for a request;
+// when every connection is busy (browsers' WebSockets, responses on their way) it is closed.
+void WebServer::Impl::Admit(tcp::socket socket) {
+  if (sessions.size() >= limits.maxConnections) {
+    const auto idle =
+        std::find_if(sessions.begin(), sessions.end(), [](const Session* s) { return s->Idle(); });
+    if (idle == sessions.end()) {
+      if (!refusing) {
+        WEB_LOG("UI server: %zu connections, none idle; new ones refused\r\n", sessions.size());
+      }
+      refusing = true;
+      error_code ignored;
+      socket.close(ignored);
+      return;
+    }
+    (*idle)->Drop();
+  }
+  refusing = false;
+  std::make_shared<HttpSession>(std::move(socket), *this)->Read();
+}
+
+WebServer::WebServer(Window& window, std::vector<const ResourceTable*> tables,
+                     const WebServerLimits& limits)
+    : impl_(std::make_unique<Impl>(window, std::move(tables), limits)) {}
 
 WebServer::~WebServer() {
   Stop();

@@ -9,12 +9,21 @@
 // and, when it has an Origin, one of http://127.0.0.1:<port> or http://localhost:<port>; the
 // Host header must name the same two. Everything else gets 403.
 //
-// Browser messages larger than Window::kMaxMessage close that browser's connection, with a log
-// line; the window copes with what remains (malformed JSON and the like).
+// Limits, since any local user can connect: a request must arrive whole within
+// `requestTime` of the connection or of the previous response; at most `maxConnections` are
+// open at once, and one more closes the oldest that waits for a request (or is closed itself
+// when none does); a failing accept (out of file descriptors) is tried again after
+// `acceptRetry`, with one log line. A browser whose queue of unsent messages passes
+// `maxQueuedBytes` (it does not read) is disconnected with one log line, and one that sends
+// nothing for `idleTime` (pings go out at half of it) is closed. Browser messages larger than
+// Window::kMaxMessage close that browser's connection, with a log line; the window copes with
+// what remains (malformed JSON and the like).
 //
 // Beast and Asio stay inside WebServer.cpp: they cost seconds per translation unit.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -29,10 +38,19 @@ class Window;
 // $TAVROTEST_PORT when it holds a port number, else 7570.
 std::uint16_t DefaultPort();
 
+struct WebServerLimits {
+  std::size_t maxConnections = 256;  // HTTP and WebSocket together
+  std::chrono::milliseconds requestTime{10'000};
+  std::chrono::milliseconds idleTime{30'000};
+  std::size_t maxQueuedBytes = 8 * 1024 * 1024;
+  std::chrono::milliseconds acceptRetry{200};
+};
+
 class WebServer {
  public:
   // Serves the files of `tables` (the first that has a path wins); "/" is "/shell.html".
-  WebServer(Window& window, std::vector<const ResourceTable*> tables);
+  WebServer(Window& window, std::vector<const ResourceTable*> tables,
+            const WebServerLimits& limits = {});
   ~WebServer();
   WebServer(const WebServer&) = delete;
   WebServer& operator=(const WebServer&) = delete;

@@ -11,10 +11,12 @@
 
 namespace testing_support {
 
-namespace {
-
-int ConnectLoopback(std::uint16_t port) {
+int ConnectLoopback(std::uint16_t port, int receiveBuffer) {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  if (receiveBuffer > 0) {
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+  }
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(port);
@@ -25,6 +27,8 @@ int ConnectLoopback(std::uint16_t port) {
   }
   return fd;
 }
+
+namespace {
 
 void SendAll(int fd, const std::string& bytes) {
   std::size_t sent = 0;
@@ -48,7 +52,10 @@ bool ReadSome(int fd, std::string& out) {
 }  // namespace
 
 std::string HttpExchange(std::uint16_t port, const std::string& request) {
-  const int fd = ConnectLoopback(port);
+  return HttpExchangeOn(ConnectLoopback(port), request);
+}
+
+std::string HttpExchangeOn(int fd, const std::string& request) {
   if (fd < 0) return {};
   SendAll(fd, request);
   std::string response;
@@ -68,8 +75,8 @@ WsClient::~WsClient() {
 }
 
 int WsClient::Open(std::uint16_t port, const std::string& target, const std::string& origin,
-                   const std::string& host) {
-  fd_ = ConnectLoopback(port);
+                   const std::string& host, int receiveBuffer) {
+  fd_ = ConnectLoopback(port, receiveBuffer);
   if (fd_ < 0) return 0;
   std::string request = "GET " + target + " HTTP/1.1\r\nHost: " +
                         (host.empty() ? "127.0.0.1:" + std::to_string(port) : host) +

@@ -10,9 +10,14 @@
 
 namespace testing_support {
 
+// A connected loopback socket, or -1. `receiveBuffer` (bytes, 0: the system's) keeps the kernel
+// from taking up much of what a server sends to a client that does not read.
+int ConnectLoopback(std::uint16_t port, int receiveBuffer = 0);
 // Sends `request` (a whole HTTP request with "Connection: close") and returns everything the
 // server sends until it closes.
 std::string HttpExchange(std::uint16_t port, const std::string& request);
+// The same on a connected socket, which it closes.
+std::string HttpExchangeOn(int fd, const std::string& request);
 // The status code of a response ("HTTP/1.1 403 ..." gives 403); 0 when there is none.
 int StatusOf(const std::string& response);
 
@@ -26,7 +31,7 @@ class WsClient {
   // Connects and asks for the upgrade of `target` with the given Origin (empty: none) and Host
   // (empty: the loopback address). Returns the HTTP status: 101 when it is a WebSocket now.
   int Open(std::uint16_t port, const std::string& target, const std::string& origin,
-           const std::string& host = "");
+           const std::string& host = "", int receiveBuffer = 0);
   void SendText(const std::string& text);
   // Reads text messages until one contains `fragment`; nullopt when the connection closed first.
   std::optional<std::string> ReceiveContaining(const std::string& fragment);

@@ -91,7 +91,8 @@
       tab.frame.id = `page-${i}`;
       tab.frame.title = info.title;
       tab.frame.addEventListener('load', () => pageLoaded(i));
-      tab.frame.src = info.src;
+      // The token goes with every request; the document adds it to what it loads itself.
+      tab.frame.src = `${info.src}${info.src.includes('?') ? '&' : '?'}token=${encodeURIComponent(token)}`;
       pages.appendChild(tab.frame);
       tabs[i] = tab;
     });

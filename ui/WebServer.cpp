@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <deque>
 #include <list>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <random>
@@ -125,18 +126,45 @@ std::string_view QueryParam(std::string_view target, std::string_view name) {
   return {};
 }
 
-std::string_view CookieValue(std::string_view header, std::string_view name) {
-  while (!header.empty()) {
-    const std::size_t semi = header.find(';');
-    std::string_view pair = header.substr(0, semi);
-    while (!pair.empty() && pair.front() == ' ')
-      pair.remove_prefix(1);
-    const std::size_t eq = pair.find('=');
-    if (eq != std::string_view::npos && pair.substr(0, eq) == name) return pair.substr(eq + 1);
-    if (semi == std::string_view::npos) break;
-    header = header.substr(semi + 1);
+// `html` with `token=<token>` added to the query of every relative href="..." and src="...", so
+// that what a served page loads carries the token as the page's own URL does. Only the
+// program's own files come here; an attribute is a name after a space or a line break.
+std::string WithToken(std::string_view html, const std::string& token) {
+  constexpr auto npos = std::string_view::npos;
+  std::string out;
+  out.reserve(html.size() + 256);
+  std::size_t at = 0;
+  while (true) {
+    std::size_t name = npos;
+    std::size_t valueStart = 0;
+    for (const std::string_view attribute :
+         {std::string_view(" href=\""), std::string_view(" src=\""), std::string_view("\nhref=\""),
+          std::string_view("\nsrc=\"")}) {
+      const std::size_t found = html.find(attribute, at);
+      if (found < name) {
+        name = found;
+        valueStart = found + attribute.size();
+      }
+    }
+    const std::size_t valueEnd = name == npos ? npos : html.find('"', valueStart);
+    if (valueEnd == npos) break;
+    const std::string_view value = html.substr(valueStart, valueEnd - valueStart);
+    const bool relative =
+        !value.empty() && value[0] != '#' && value.find(':') == npos && value.substr(0, 2) != "//";
+    // Before a fragment, if there is one.
+    const std::size_t insertAt =
+        relative ? valueStart + std::min(value.find('#'), value.size()) : valueEnd;
+    out.append(html.substr(at, insertAt - at));
+    if (relative) {
+      const bool hasQuery = value.substr(0, insertAt - valueStart).find('?') != npos;
+      out += hasQuery ? '&' : '?';
+      out += "token=";
+      out += token;
+    }
+    at = insertAt;
   }
-  return {};
+  out.append(html.substr(at));
+  return out;
 }
 
 // Blocks of the server shared with the window's connections, which outlive it: sending after
@@ -172,6 +200,7 @@ struct WebServer::Impl {
   net::steady_timer acceptRetry{io};
   bool acceptFailing = false;  // since the last accept that worked (one log line each time)
   bool refusing = false;       // every connection busy: new ones closed (one log line)
+  std::map<std::string, std::string> htmlWithToken;  // served HTML files, made once
   std::thread thread;
   std::string token = RandomToken();
   std::uint16_t port = 0;
@@ -188,7 +217,6 @@ struct WebServer::Impl {
   void Accept();
   void OnAccept(error_code ec, tcp::socket socket);
   void Admit(tcp::socket socket);
-  std::string CookieName() const { return "tavro_" + std::to_string(port); }
   bool HostAllowed(std::string_view host) const {
     const std::string p = ":" + std::to_string(port);
     return host == "127.0.0.1" + p || host == "localhost" + p;
@@ -200,9 +228,7 @@ struct WebServer::Impl {
   template <typename Request>
   bool Authorized(const Request& req) const {
     const std::string_view target(req.target().data(), req.target().size());
-    if (SameSecret(QueryParam(target, "token"), token)) return true;
-    const auto cookie = req[http::field::cookie];
-    return SameSecret(CookieValue({cookie.data(), cookie.size()}, CookieName()), token);
+    return SameSecret(QueryParam(target, "token"), token);
   }
   const Resource* Find(const std::string& path) const {
     for (const ResourceTable* table : tables) {
@@ -448,13 +474,20 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
       Respond(req, http::status::not_found, "text/plain", "Not found\n");
       return;
     }
-    Respond(req, http::status::ok, resource->mime,
-            std::string(reinterpret_cast<const char*>(resource->data), resource->size),
-            *path == "/shell.html");
+    Respond(req, http::status::ok, resource->mime, Body(*path, *resource));
+  }
+
+  // HTML files carry the token in what they load; the rest is served as it is.
+  std::string Body(const std::string& path, const Resource& resource) {
+    const std::string_view bytes(reinterpret_cast<const char*>(resource.data), resource.size);
+    if (std::string_view(resource.mime).substr(0, 9) != "text/html") return std::string(bytes);
+    auto [it, added] = server_.htmlWithToken.try_emplace(path);
+    if (added) it->second = WithToken(bytes, server_.token);
+    return it->second;
   }
 
   void Respond(const http::request<http::string_body>& req, http::status status,
-               const std::string& mime, std::string body, bool setCookie = false) {
+               const std::string& mime, std::string body) {
     auto res = std::make_shared<http::response<http::string_body>>(status, req.version());
     res->set(http::field::content_type, mime);
     res->set(http::field::cache_control, "no-store");
@@ -465,10 +498,6 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
              "default-src 'self'; style-src 'self' 'unsafe-inline'; connect-src 'self' "
              "ws://127.0.0.1:" +
                  p + " ws://localhost:" + p + "; frame-ancestors 'self'");
-    if (setCookie) {
-      res->set(http::field::set_cookie,
-               server_.CookieName() + "=" + server_.token + "; Path=/; HttpOnly; SameSite=Strict");
-    }
     const bool head = req.method() == http::verb::head;
     res->body() = head ? std::string() : std::move(body);
     res->prepare_payload();

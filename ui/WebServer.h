@@ -3,11 +3,13 @@
 // 127.0.0.1 only and runs one I/O thread of its own.
 //
 // Access: a random token made per run must come with every request, as the query parameter
-// `token` (the URL the program prints carries it). The shell page's response also sets it as a
-// cookie (HttpOnly, SameSite=Strict, named for the port), so that the documents, scripts and
-// style sheets the shell loads by relative URL carry it too. A WebSocket upgrade needs the token
-// and, when it has an Origin, one of http://127.0.0.1:<port> or http://localhost:<port>; the
-// Host header must name the same two. Everything else gets 403.
+// `token` (the URL the program prints carries it). It is never a cookie: cookies ignore the port,
+// so every other web service on 127.0.0.1 that the browser visits would receive it. Instead the
+// HTML the server hands out carries it: each relative `href="..."` and `src="..."` of a served
+// HTML file gets `token=<token>` added to its query, and the shell adds it to the page documents
+// it loads. A WebSocket upgrade needs the token and, when it has an Origin, one of
+// http://127.0.0.1:<port> or http://localhost:<port>; the Host header must name the same two.
+// Everything else gets 403.
 //
 // Limits, since any local user can connect: a request must arrive whole within
 // `requestTime` of the connection or of the previous response; at most `maxConnections` are

@@ -1,0 +1,125 @@
+// The guided motion tests through the real window, as a service engineer runs them: the Stage
+// tab, a test button, the start dialog's voltage limit, every box answered by its caption, the
+// running texts and the title bar's STOP while the axis moves, and the report on disk. TavroTest
+// runs from a copy in a scratch folder, since reports go beside the program.
+import { test, before, after } from 'node:test';
+import assert from 'node:assert/strict';
+import { copyFileSync, existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { launchBrowser, startBoard, startUi, eventually, field } from './harness.mjs';
+
+const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
+const STAGE = 1;
+let browser;
+
+before(async () => { browser = await launchBrowser({ width: 1000, height: 700 }); });
+after(async () => { if (browser) await browser.close(); });
+
+async function withStage(profile, body) {
+  const board = await startBoard(profile);
+  const folder = mkdtempSync(join(tmpdir(), 'tavro-program-'));
+  const program = join(folder, 'tavrotest');
+  copyFileSync(process.env.TAVROTEST, program);
+  const port = 20000 + Math.floor(Math.random() * 30000);
+  const app = await startUi(program, [], { TAVRO_DEVICE_DIR: board.dir, TAVROTEST_PORT: String(port) });
+  const page = await browser.context.newPage();
+  try {
+    await page.goto(app.url);
+    await eventually(() => page.locator('#title').textContent(), 'TavroTest : Connected');
+    await page.locator(`#tab-${STAGE}`).click();
+    await field(page, STAGE, 'EStop').waitFor();
+    await body({ board, page, folder });
+  } finally {
+    await page.close();
+    await app.stop();
+    await board.stop();
+    rmSync(folder, { recursive: true, force: true });
+  }
+}
+
+// A report as text: UTF-16LE behind its mark.
+function readReport(path) {
+  const bytes = readFileSync(path);
+  assert.deepEqual([...bytes.subarray(0, 2)], [0xff, 0xfe], 'the UTF-16LE mark');
+  return bytes.subarray(2).toString('utf16le');
+}
+
+// Answers every box and dialog as an operator who agrees with everything would, until `done`
+// holds; `onStep` runs between looks. Returns the texts of the boxes, in order. A box stays in
+// the page until the program closes it, so each answer waits for its box to go.
+async function answerUntil(page, done, onStep = async () => {}, timeout = 90000) {
+  const texts = [];
+  const end = Date.now() + timeout;
+  const answer = async (node, caption) => {
+    const button = await node.$(`.buttons button:text-is("${caption}")`);
+    if (!button) return false;
+    await button.click({ timeout: 2000 }).catch(() => {});
+    await node.waitForElementState('hidden', { timeout: 5000 }).catch(() => {});
+    return true;
+  };
+  while (!(await done())) {
+    assert.ok(Date.now() < end, `the test did not end; boxes so far:\n${texts.join('\n---\n')}`);
+    const start = await page.$('[role="dialog"]:has(input[type="radio"])');
+    if (start) {
+      // Standard is the choice the dialog opens with, as an operator leaves it.
+      assert.ok(await page.getByRole('radio', { name: 'Standard' }).isChecked());
+      if (await answer(start, 'OK')) texts.push('[start dialog]');
+      continue;
+    }
+    const box = await page.$('[role="alertdialog"]');
+    if (box) {
+      const text = await box.textContent();
+      if ((await answer(box, 'Yes')) || (await answer(box, 'OK'))) texts.push(text);
+      continue;
+    }
+    await onStep();
+    await new Promise((r) => setTimeout(r, 50));
+  }
+  return texts;
+}
+
+test('an axis test runs from its button to its report, with the running texts and STOP shown',
+  () => withStage('autovision', async ({ page, folder }) => {
+    // The page has read the machine once its 200 ms tick has run.
+    await eventually(async () => (await field(page, STAGE, 'SettledX').inputValue()) !== '', true);
+    if (SHOTS) await page.screenshot({ path: join(SHOTS, 'stage.png') });
+    const running = field(page, STAGE, 'RunningTestX');
+    assert.equal(await running.inputValue(), 'Ready');
+    const stop = page.getByRole('button', { name: /^STOP/ });
+    const report = join(folder, 'AxisTest_X_0.dat');
+    let sawRamp = false;
+    await field(page, STAGE, 'XAxisTest').click();
+    const boxes = await answerUntil(page, async () => existsSync(report)
+      && (await page.getByRole('alertdialog').count()) === 0 && !(await stop.isVisible()),
+    async () => {
+      // A shot once the bias has climbed a few steps, with the axis on its way.
+      const mb = /^MB: (\d+)$/.exec(await running.inputValue());
+      if (sawRamp || !mb || Number(mb[1]) < 1000) return;
+      sawRamp = true;
+      assert.match(await stop.textContent(), /X Axis/, 'the title bar names the running test');
+      if (SHOTS) await page.screenshot({ path: join(SHOTS, 'stage-running.png') });
+    });
+    assert.ok(sawRamp, 'the running text showed the bias while the axis moved');
+    assert.equal(boxes[0], '[start dialog]');
+    assert.ok(boxes.some((b) => b.includes('Did the machine move correctly?')), boxes.join('\n'));
+    const body = readReport(report);
+    assert.equal((body.match(/Correct Distance: Yes/g) || []).length, 2, body);
+    assert.ok(body.includes('\r\n'), 'CR LF line ends');
+    assert.ok(existsSync(join(folder, 'AxisTest_X_0.csv')), 'the trace beside the report');
+    await eventually(() => running.inputValue(), 'Ready', 5000);
+  }));
+
+test('a platen test runs the count typed into the page and reports each cycle',
+  () => withStage('servo', async ({ page, folder }) => {
+    const count = field(page, STAGE, 'PlatenCount');
+    await count.fill('2');
+    await count.blur();  // a text box's change reaches the program on blur
+    const report = join(folder, 'PlatenTest_0.dat');
+    await field(page, STAGE, 'PlatenTest').click();
+    const boxes = await answerUntil(page, async () => existsSync(report)
+      && (await page.getByRole('alertdialog').count()) === 0);
+    assert.ok(boxes.some((b) => b.includes(' The Platen test will run 2')), boxes.join('\n'));
+    assert.ok(boxes.some((b) => b.includes('Platen test completed cycle 2')), boxes.join('\n'));
+    await eventually(() => field(page, STAGE, 'PlatenStatus').inputValue(), 'Ready', 5000);
+  }));

@@ -1,6 +1,8 @@
 #include "sim/Control.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 
@@ -173,6 +175,32 @@ std::string RunCount(Simulator& sim, const Words& args) {
   return Error("count takes a command byte, link or malformed");
 }
 
+// The last transfers (of one command byte, if named) as `sequence:microseconds:bytes`, the time on
+// the board's clock when each came and the packet's kept bytes in hex: enough for a look at a
+// host's timing from outside without a trace of every packet.
+std::string RunRecent(Simulator& sim, const Words& args) {
+  long long code = -1;
+  if (args.size() > 1 ||
+      (args.size() == 1 && (!ParseNumber(args[0], code) || code < 0 || code > 0xFF))) {
+    return Error("recent takes at most a command byte");
+  }
+  std::string answer = "ok";
+  for (const Transfer& t : sim.TrafficSeen().recent) {
+    if (code >= 0 && (t.requestLength == 0 || t.request[0] != code)) continue;
+    const auto us =
+        std::chrono::duration_cast<std::chrono::microseconds>(t.at.time_since_epoch()).count();
+    char entry[48];
+    std::snprintf(entry, sizeof entry, " %u:%lld:", t.sequence, static_cast<long long>(us));
+    answer += entry;
+    const std::size_t kept = std::min<std::size_t>(t.requestLength, t.request.size());
+    for (std::size_t i = 0; i < kept; ++i) {
+      std::snprintf(entry, sizeof entry, "%02x", t.request[i]);
+      answer += entry;
+    }
+  }
+  return answer;
+}
+
 std::string FormatVersion(float v) {
   char out[32];
   std::snprintf(out, sizeof out, "%.2f", static_cast<double>(v));
@@ -232,6 +260,7 @@ constexpr Verb kVerbs[] = {
     {"faults", "faults", RunFaults},
     {"diag", "diag [raw] \"TEXT\"", RunDiag},
     {"count", "count [CODE|link|malformed]", RunCount},
+    {"recent", "recent [CODE]", RunRecent},
     {"board", "board", RunBoard},
     {"app", "app on|off", RunApp},
     {"quit", "quit", RunQuit},

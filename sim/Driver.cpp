@@ -88,9 +88,10 @@ Outcome AnswerCommand(Board& board, const std::optional<FaultRule>& fault, std::
 
 // Keeps the transfer in the traffic's bounded list of recent ones.
 void Remember(Traffic& traffic, std::uint32_t code, std::uint32_t replyLength, wire::Bytes packet,
-              const Outcome& out) {
+              const Outcome& out, platform::TimePoint at) {
   Transfer t;
   t.sequence = traffic.total;
+  t.at = at;
   t.code = code;
   t.requestLength = static_cast<std::uint32_t>(packet.size());
   std::copy_n(packet.begin(), std::min(packet.size(), Transfer::kKeptBytes), t.request.begin());
@@ -106,7 +107,8 @@ void Remember(Traffic& traffic, std::uint32_t code, std::uint32_t replyLength, w
 
 }  // namespace
 
-Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire::Bytes datagram) {
+Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire::Bytes datagram,
+                       platform::TimePoint at) {
   ++traffic.total;
   if (datagram.size() < kHeaderBytes) {
     ++traffic.malformed;
@@ -120,7 +122,7 @@ Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire:
   if (code == kLinkOpenedCode) {
     ++traffic.linkOpened;
     Outcome out = AnswerLinkOpened(board, faults.Take({.linkOpened = true}), tag);
-    Remember(traffic, code, replyLength, packet, out);
+    Remember(traffic, code, replyLength, packet, out, at);
     return out;
   }
   if (code != kNormalCommandCode && code != kCapturePositionCode) {
@@ -134,7 +136,7 @@ Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire:
   ++traffic.commands[packet[0]];
   Outcome out =
       AnswerCommand(board, faults.Take({.command = packet[0]}), tag, code, replyLength, packet);
-  Remember(traffic, code, replyLength, packet, out);
+  Remember(traffic, code, replyLength, packet, out, at);
   return out;
 }
 

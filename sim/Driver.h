@@ -59,6 +59,7 @@ struct Transfer {
   bool answered = false;  // false: nothing went back (dropped, or no reply to wait for)
   std::uint32_t status = 0;
   std::uint32_t bytesReturned = 0;
+  platform::TimePoint at{};  // when the request came, on the board's clock
 };
 
 // Requests seen, by kind; counted before any fault acts.
@@ -73,7 +74,9 @@ struct Traffic {
 };
 
 // Answers one request datagram on behalf of `board`, applying the first matching rule of
-// `faults`. Malformed datagrams (shorter than the header) get no answer.
-Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire::Bytes datagram);
+// `faults`. Malformed datagrams (shorter than the header) get no answer. `at` is when the request
+// came, kept with the transfer.
+Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire::Bytes datagram,
+                       platform::TimePoint at = {});
 
 }  // namespace sim

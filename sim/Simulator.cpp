@@ -213,9 +213,10 @@ void Simulator::ServeDevice(int fd) {
     Outcome out;
     {
       std::lock_guard lock(boardMutex_);
-      board_->Advance(clock.Now());
+      const platform::TimePoint now = clock.Now();
+      board_->Advance(now);
       out = AnswerDatagram(*board_, faults_, traffic_,
-                           wire::Bytes(buffer.data(), static_cast<std::size_t>(n)));
+                           wire::Bytes(buffer.data(), static_cast<std::size_t>(n)), now);
     }
     if (!out.send) continue;
     if (out.delay > platform::Duration::zero() && !device_.SleepUntil(clock.Deadline(out.delay))) {

@@ -3,6 +3,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 
 #include "SimTestSupport.h"
@@ -46,6 +47,30 @@ TEST_F(SimTest, ControlAnswersAndErrors) {
     EXPECT_EQ(answer.rfind(c.answer, 0), 0u) << c.line << " -> " << answer;
   }
   EXPECT_GE(quits, 1);
+}
+
+// The recent transfers carry when each came, so that a host's timing can be read from outside.
+TEST_F(SimTest, RecentTransfersShowWhenEachCameAndFilterByCommand) {
+  StartBoard("autovision", {.diagPeriod = platform::Duration::zero()});
+  auto client = Connect();
+  client->Command(Packet{0x2B}, 0);
+  clock_.SleepFor(std::chrono::milliseconds(250));
+  client->Command(Packet{0x2B}, 0);
+  client->Command(Packet{0x5A, 0x01}, 0);
+  const std::string answer = Control("recent 0x2B");
+  unsigned seq1 = 0, seq2 = 0;
+  long long us1 = 0, us2 = 0;
+  char bytes1[8] = {}, bytes2[8] = {};
+  ASSERT_EQ(std::sscanf(answer.c_str(), "ok %u:%lld:%7s %u:%lld:%7s", &seq1, &us1, bytes1, &seq2,
+                        &us2, bytes2),
+            6)
+      << answer;
+  EXPECT_LT(seq1, seq2);
+  EXPECT_EQ(us2 - us1, 250'000) << "the board's clock, to the microsecond";
+  EXPECT_STREQ(bytes1, "2b") << "the packet's bytes, no more";
+  EXPECT_EQ(answer.find("5a01"), std::string::npos) << "only the command named";
+  EXPECT_TRUE(Control("recent").ends_with(":5a01")) << "every command, the last one last";
+  EXPECT_EQ(sim_->Command("recent 0x100").rfind("error: ", 0), 0u);
 }
 
 TEST_F(SimTest, PosesAsTheMeasuringApplicationInItsDeviceFolder) {

@@ -1,11 +1,16 @@
 #!/usr/bin/env bash
-# The window's idle CPU, idle traffic and change-to-screen latency (bench/window_bench.mjs).
-#   bench/window_bench.sh [build dir]      QUIET_SECONDS=30 SAMPLES=200 by default
+# Runs one of the benchmarks that drive TavroTest and the simulated board through a browser:
+#   bench/browser_bench.sh window [build dir]   the window's idle CPU, idle traffic and
+#                                               change-to-screen latency (QUIET_SECONDS=30 SAMPLES=200)
+#   bench/browser_bench.sh stage [build dir]    CPU with each tab in front, CPU and pass timing of
+#                                               axis test ramps (QUIET_SECONDS=20 RUNS=4)
 set -euo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-BUILD="$(realpath "${1:-$ROOT/build}")"
+NAME="${1:?usage: browser_bench.sh window|stage [build dir]}"
+[[ -f "$ROOT/bench/${NAME}_bench.mjs" ]] || { echo "no benchmark named $NAME" >&2; exit 2; }
+BUILD="$(realpath "${2:-$ROOT/build}")"
 export TAVROTEST="$BUILD/app/tavrotest" TAVROSIM="$BUILD/sim/tavrosim"
 if [[ ! -d "$ROOT/tests/browser/node_modules/playwright-core" ]]; then
   (cd "$ROOT/tests/browser" && npm ci --no-audit --no-fund --ignore-scripts >/dev/null)
 fi
-exec node "$ROOT/bench/window_bench.mjs"
+exec node "$ROOT/bench/${NAME}_bench.mjs"

@@ -2,11 +2,12 @@
 # Runs one of the benchmarks that drive TavroTest and the simulated board through a browser:
 #   bench/browser_bench.sh window [build dir]   the window's idle CPU, idle traffic and
 #                                               change-to-screen latency (QUIET_SECONDS=30 SAMPLES=200)
-#   bench/browser_bench.sh stage [build dir]    CPU with each tab in front, CPU and pass timing of
-#                                               axis test ramps (QUIET_SECONDS=20 RUNS=4)
+#   bench/browser_bench.sh pages [build dir]    CPU with each tab in front; CPU and pass timing of
+#                                               axis test ramps; CPU and tick spacing of the
+#                                               Lights page's ring cycle (QUIET_SECONDS=20 RUNS=4)
 set -euo pipefail
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
-NAME="${1:?usage: browser_bench.sh window|stage [build dir]}"
+NAME="${1:?usage: browser_bench.sh window|pages [build dir]}"
 [[ -f "$ROOT/bench/${NAME}_bench.mjs" ]] || { echo "no benchmark named $NAME" >&2; exit 2; }
 BUILD="$(realpath "${2:-$ROOT/build}")"
 export TAVROTEST="$BUILD/app/tavrotest" TAVROSIM="$BUILD/sim/tavrosim"

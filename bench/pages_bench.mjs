@@ -1,12 +1,15 @@
-// The Stage page's and the motion tests' costs, measured with TavroTest against the simulated
-// board in real time and one headless chromium connected:
+// The pages' costs, measured with TavroTest against the simulated board in real time and one
+// headless chromium connected:
 //   idle CPU    tavrotest's user+system time with each tab in front and nothing moving, as a
 //               share of one core (goal for every page: at most 1 %)
+//   cycle CPU   the same while the Lights page runs its ring cycle (goal: at most 3 %)
+//   cycle ticks the spacing of the cycle's light writes at the board, one a 20 ms tick (goal:
+//               p99 within 5 ms of 20 ms)
 //   ramp CPU    the same while an axis test ramps its bias, from its first write to its last
 //   ramp passes the spacing of the bias writes at the board: a ramp writes after a whole number
 //               of 100 ms passes, so each interval's distance from the nearest multiple of
 //               100 ms is what the passes lost (goal: p99 within 10 ms)
-// Run through `bench/browser_bench.sh stage`; prints one line per measure.
+// Run through `bench/browser_bench.sh pages`; prints one line per measure.
 import { readFileSync } from 'node:fs';
 import { performance } from 'node:perf_hooks';
 import { launchBrowser, startBoard, startTavroTest, eventually, field } from '../tests/browser/harness.mjs';
@@ -15,6 +18,7 @@ const QUIET_SECONDS = Number(process.env.QUIET_SECONDS || 20);
 const RUNS = Number(process.env.RUNS || 4);
 const TICKS_PER_SECOND = 100;  // USER_HZ on Linux
 const SET_TUNING = '0x73';     // the command that carries the bias
+const SET_LIGHTS = '0x6E';     // the command that carries the light values
 
 function cpuSeconds(pid) {
   const fields = readFileSync(`/proc/${pid}/stat`, 'utf8').split(') ')[1].split(' ');
@@ -43,6 +47,50 @@ async function runTest(page, button, onStep) {
   }
 }
 
+// The ring cycle of the Lights page, RUNS times: each tick writes the first channels in a packet
+// of their own (byte 1 is the first channel, 0), so those packets' spacing is the tick's.
+async function lightCycles(page) {
+  await page.locator(`#tab-${lightsTab}`).click();
+  const seen = new Map();  // sequence -> microseconds
+  const cpuAt = [];        // [wall milliseconds, tavrotest CPU seconds]
+  let lastNew = 0;
+  const look = async () => {
+    const answer = await board.control(`recent ${SET_LIGHTS}`);
+    for (const entry of answer.split(' ').slice(1)) {
+      const [seq, us, hex] = entry.split(':');
+      if (hex.startsWith('6e00') && !seen.has(Number(seq))) {
+        seen.set(Number(seq), Number(us));
+        lastNew = performance.now();
+      }
+    }
+    cpuAt.push([performance.now(), cpuSeconds(app.child.pid)]);
+  };
+  for (let run = 0; run < RUNS; run += 1) {
+    await field(page, lightsTab, 'SurfaceCycleRing').click();
+    lastNew = performance.now();
+    // The cycle has ended once no light write came for a second.
+    while (performance.now() - lastNew < 1000) {
+      await sleep(100);
+      await look();
+    }
+  }
+  const times = [...seen.entries()].sort((a, b) => a[0] - b[0]).map(([, us]) => us);
+  const gaps = [];
+  for (let k = 1; k < times.length; k += 1) {
+    const ms = (times[k] - times[k - 1]) / 1000;
+    if (ms < 200) gaps.push(Math.abs(ms - 20));  // longer: between two cycles
+  }
+  gaps.sort((a, b) => a - b);
+  const cpu = cpuAt.at(-1)[1] - cpuAt[0][1];
+  const seconds = (cpuAt.at(-1)[0] - cpuAt[0][0]) / 1000;
+  console.log(`cycle CPU: ${(100 * cpu / seconds).toFixed(2)} % of one core ` +
+    `(${cpu.toFixed(2)} s in ${seconds.toFixed(1)} s, ${RUNS} ring cycles; goal <= 3 %)`);
+  console.log(`cycle ticks, ${gaps.length} light writes: distance from 20 ms: ` +
+    `median ${percentile(gaps, 0.5).toFixed(2)} ms, p99 ${percentile(gaps, 0.99).toFixed(2)} ms, ` +
+    `max ${gaps.at(-1).toFixed(2)} ms (goal: p99 within 5 ms)`);
+}
+
+let lightsTab = -1;
 const board = await startBoard('autovision', ['--diag-every', '0']);
 const app = await startTavroTest(board.dir);
 const browser = await launchBrowser();
@@ -51,6 +99,7 @@ try {
   await page.goto(app.url);
   await eventually(() => page.locator('#title').textContent(), 'TavroTest : Connected');
   const tabs = await page.locator('[id^="tab-"]').allTextContents();
+  lightsTab = tabs.indexOf('Lights');
 
   // Each tab in front in turn, the Stage page first.
   for (const i of [1, ...tabs.keys()].filter((v, k, all) => all.indexOf(v) === k)) {
@@ -101,6 +150,7 @@ try {
       }
     }
   }
+  await lightCycles(page);
   console.log(`ramp CPU: ${(100 * rampCpu / rampSeconds).toFixed(2)} % of one core ` +
     `(${rampCpu.toFixed(2)} s in ${rampSeconds.toFixed(1)} s of ramps, ${RUNS} axis tests)`);
   intervals.sort((a, b) => a - b);

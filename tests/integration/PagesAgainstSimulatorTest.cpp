@@ -1,0 +1,283 @@
+// Every page of every family against the simulated board: the real main dialog with its timers
+// and pages, a browser that shows each tab in turn for some seconds of virtual time, and the
+// board's record of every transfer. Each read a page makes must go out in the form the board's
+// generation speaks: a wrong length, a command the board does not know or one on the wrong io
+// code comes back refused or cut, which shows in the transfer record, the error log and the
+// dialog's title.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "app/CTavroTestDlg.h"
+#include "platform/WindowProbe.h"
+#include "tests/pages/PageFixture.h"
+
+namespace {
+
+using namespace testing_support;
+using nlohmann::json;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr std::uint32_t kLinkOpenedCode = 0x80002010;
+constexpr std::uint8_t kPoll = 0x59;
+
+// A browser: it loads every page, shows one at a time, clicks, and answers OK to any box (and
+// keeps it, as none should come).
+class Browser final : public ui::Connection {
+ public:
+  explicit Browser(ui::Window& window) : window_(window) {}
+
+  void Connect(int pages) {
+    id_ = window_.Attach(std::shared_ptr<Browser>(this, [](Browser*) {}));
+    for (int page = 0; page < pages; ++page)
+      Send(json{{"t", "loaded"}, {"page", page}});
+  }
+  void Show(int page) { Send(json{{"t", "shown"}, {"page", page}}); }
+  void Click(int page, const std::string& id) {
+    Send(json{{"t", "event"}, {"page", page}, {"id", id}, {"kind", "click"}});
+  }
+  std::vector<std::string> Boxes() {
+    std::lock_guard lock(mutex_);
+    return boxes_;
+  }
+
+  void Send(std::shared_ptr<const std::string> message) override {
+    const json m = json::parse(*message);
+    if (m["t"] != "dialog" || m["kind"] == "window") return;
+    {
+      std::lock_guard lock(mutex_);
+      boxes_.push_back(m.value("text", std::string("(dialog)")));
+    }
+    Send(json{{"t", "answer"}, {"dialog", m["id"]}, {"result", ui::kIdOk}, {"choice", 0}});
+  }
+
+ private:
+  void Send(const json& message) { window_.Receive(id_, message.dump()); }
+
+  ui::Window& window_;
+  ui::Window::ClientId id_ = 0;
+  std::mutex mutex_;
+  std::vector<std::string> boxes_;
+};
+
+// What a page must at least read while it is shown, by the command bytes of its reads.
+struct PageReads {
+  const char* title;
+  const char* document;
+  std::set<std::uint8_t> codes;
+};
+
+struct Family {
+  const char* profile;
+  bool manualVision;
+  std::vector<PageReads> pages;  // in tab order
+};
+
+// Status poll 0x59, board data 0x57, temperature 0x5D, laser points 0x5F, laser settings 0x2A,
+// touch capture 0x36, probe capture 0x6B, diagnostic text 0x22, rotary count 0x63, sensitivity
+// 0x78 and its maximum 0x79.
+const Family kFamilies[] = {
+    {"autovision",
+     false,
+     {{"Board Information", "/pages/BoardInformation.html", {0x59}},
+      {"Stage", "/pages/Stage.html", {0x59}},
+      {"Pendant", "/pages/Pendant.html", {0x57}},
+      {"Lights", "/pages/Lights.html", {0x59}},
+      {"Readings", "/pages/Readings.html", {0x5D, 0x57}},
+      {"Probes", "/pages/Probes.html", {0x5F, 0x2A, 0x36, 0x6B}},
+      {"Diag Output", "/pages/UsbSerial.html", {0x22}}}},
+    {"servo",
+     false,
+     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
+      {"Stage", "/pages/V1Stage.html", {0x59}},
+      {"Pendant", "/pages/V1Pendant.html", {0x59}},
+      {"Lights", "/pages/V1Lights.html", {0x59}},
+      {"Probes", "/pages/Probes.html", {0x36, 0x6B}},
+      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
+    // The first generation with a laser: the packed form of its points.
+    {"servo-laser",
+     false,
+     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
+      {"Stage", "/pages/V1Stage.html", {0x59}},
+      {"Pendant", "/pages/V1Pendant.html", {0x59}},
+      {"Lights", "/pages/V1Lights.html", {0x59}},
+      {"Probes", "/pages/Probes.html", {0x5F, 0x36, 0x6B}},
+      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
+    {"manualvision",
+     true,
+     {{"Board Information", "/pages/ManualVisionBoardInformation.html", {0x59}},
+      {"Stage", "/pages/ManualVisionStage.html", {0x59}},
+      {"Lights", "/pages/V1Lights.html", {0x59}},
+      {"Readings", "/pages/Readings.html", {0x5D, 0x57}},
+      {"Probes", "/pages/Probes.html", {0x5F, 0x2A, 0x36, 0x6B}},
+      {"Diag Output", "/pages/UsbSerial.html", {0x22}}}},
+};
+
+class PagesAgainstSimulator : public PageFixture, public ::testing::WithParamInterface<Family> {
+ protected:
+  void SetUp() override {
+    platform::SetWindowProbe([](const std::string&) { return false; });
+    Start(GetParam().profile);
+    ui::SetMessageBoxPresenter(&window);
+    if (GetParam().manualVision) {
+      dlg = std::make_unique<CTavroTestManualVisionDlg>(window, loop, &Manual(), version_);
+    } else {
+      dlg = std::make_unique<CTavroTestDlg>(window, loop, &Servo(), version_);
+    }
+    std::atomic<bool> created{false};
+    loop.Post([&] { created = true; });
+    ui = platform::ParticipantThread([this] { dlg->DoModal(); });
+    while (!created)
+      clock.SleepFor(milliseconds(20));
+    seen_ = board_->TrafficSeen().total;
+  }
+  void TearDown() override {
+    loop.Quit(ui::kIdCancel);
+    platform::Join(ui);
+    dlg.reset();
+    ui::SetMessageBoxPresenter(nullptr);
+    platform::SetWindowProbe(nullptr);
+  }
+
+  // Runs `span` of machine time in 20 ms steps, looking at every transfer the board saw: each
+  // must have been answered with status 0 and exactly the bytes the host asked for. Notes the
+  // command bytes of the transfers with their io codes, and the polls that asked for capture data.
+  struct Seen {
+    std::map<std::uint8_t, std::set<std::uint32_t>> codes;
+    unsigned captureAsks = 0;
+  };
+  void Run(platform::Duration span, Seen& seen) {
+    const auto end = clock.Now() + span;
+    while (clock.Now() < end) {
+      clock.SleepFor(milliseconds(20));
+      const sim::Traffic t = board_->TrafficSeen();
+      ASSERT_FALSE(t.recent.empty());
+      ASSERT_LE(t.recent.front().sequence, seen_ + 1) << "transfers went by unseen";
+      for (const sim::Transfer& x : t.recent) {
+        if (x.sequence <= seen_) continue;
+        seen_ = x.sequence;
+        if (x.code == kLinkOpenedCode) continue;
+        seen.codes[x.request[0]].insert(x.code);
+        if (x.request[0] == kPoll && x.request[1] != 0) ++seen.captureAsks;
+        EXPECT_TRUE(x.answered && x.status == 0 && x.bytesReturned == x.replyLength)
+            << "command 0x" << std::hex << int{x.request[0]} << " of " << std::dec
+            << x.requestLength << " bytes: status " << x.status << ", " << x.bytesReturned << " of "
+            << x.replyLength << " bytes";
+      }
+    }
+  }
+
+  CTabPage& PageAt(int tab) {
+    CTabPage* page = dlg->Page(tab);
+    if (!page) throw std::out_of_range("no page at tab " + std::to_string(tab));
+    return *page;
+  }
+
+  platform::TaskLoop loop;
+  ui::Window window{loop};
+  Browser browser{window};
+  std::unique_ptr<CTavroTestDlgBase> dlg;
+  std::thread ui;
+  std::uint32_t seen_ = 0;
+};
+
+TEST_P(PagesAgainstSimulator, EveryPageShownInTurnReadsInItsGenerationsForms) {
+  const Family& f = GetParam();
+  ASSERT_EQ(dlg->PageCount(), static_cast<int>(f.pages.size()));
+  browser.Connect(dlg->PageCount());
+  for (int tab = 0; tab < dlg->PageCount(); ++tab) {
+    const PageReads& expected = f.pages[static_cast<std::size_t>(tab)];
+    SCOPED_TRACE(expected.title);
+    EXPECT_EQ(PageAt(tab).DocumentPath(), expected.document);
+    browser.Show(tab);
+    Seen seen;
+    Run(seconds(3), seen);
+    const bool probes = expected.title == std::string("Probes");
+    if (!probes) {
+      EXPECT_EQ(seen.captureAsks, 0u) << "no source is armed";
+    }
+    if (probes) {
+      // Each source armed in turn, with something to catch: the touch probe trips, the camera
+      // triggers every 250 ms, the laser has points waiting.
+      Control("laser points 5");
+      for (const char* box : {"TouchProbeInterruptEnable", "VideoInterruptEnable",
+                              "LaserInterruptEnable", "LaserInterruptEnable"}) {
+        browser.Click(tab, box);
+        Control("probe trip");
+        Run(seconds(1), seen);
+        Control("probe release");
+        Run(milliseconds(500), seen);
+      }
+      EXPECT_GT(seen.captureAsks, 0u) << "the poll asks for capture data while a source is armed";
+      // Without a laser the video trigger stays armed: disarmed, the poll asks for nothing more.
+      if (PageAt(tab).WantsCaptureData()) browser.Click(tab, "VideoInterruptEnable");
+      Run(milliseconds(300), seen);
+      EXPECT_FALSE(PageAt(tab).WantsCaptureData());
+    }
+    for (std::uint8_t code : expected.codes)
+      EXPECT_TRUE(seen.codes.count(code)) << "no command 0x" << std::hex << int{code};
+    // The capture commands go on the capture code, everything else on the normal one.
+    for (const auto& [code, ioCodes] : seen.codes) {
+      const bool capture = code == 0x6B || code == 0x5F;
+      EXPECT_EQ(ioCodes, std::set<std::uint32_t>{capture ? 0x80002008u : 0x80002000u})
+          << "command 0x" << std::hex << int{code};
+    }
+    EXPECT_TRUE(dlg->IsConnected());
+    for (int p = 0; p < dlg->PageCount(); ++p)
+      EXPECT_TRUE(PageAt(p).Connected) << "page " << p;
+  }
+  EXPECT_EQ(dlg->Title().find("Disconnected"), std::string::npos);
+  EXPECT_TRUE(log.Entries().empty()) << log.Entries().front();
+  EXPECT_TRUE(browser.Boxes().empty()) << browser.Boxes().front();
+}
+
+// The Readings page of the families that have it fills every voltage and colours a rail walked
+// out of tolerance; the Probes page shows the video trigger's capture.
+TEST_P(PagesAgainstSimulator, ReadingsAndCapturesReachTheDocuments) {
+  const Family& f = GetParam();
+  browser.Connect(dlg->PageCount());
+  Seen seen;
+  for (int tab = 0; tab < dlg->PageCount(); ++tab) {
+    const std::string title = f.pages[static_cast<std::size_t>(tab)].title;
+    ui::Document& doc = PageAt(tab).Doc();
+    browser.Show(tab);
+    if (title == "Readings") {
+      Control("supply 0 -7");
+      Run(milliseconds(1100), seen);
+      for (unsigned i = 0; i < 16; ++i)
+        EXPECT_NE(doc.Text("Analog" + std::to_string(i)), "") << i;
+      EXPECT_EQ(doc.Snapshot().elements["Analog0"].background, "#ffff00");
+      EXPECT_EQ(doc.Snapshot().elements["Analog1"].background, "#ffffff");
+    }
+    if (title == "Probes") {
+      Control("place x 100");
+      browser.Click(tab, "VideoInterruptEnable");
+      Run(milliseconds(600), seen);
+      const std::string axis = board_->Command("axis x");
+      const std::size_t at = axis.find("counts=") + 7;
+      EXPECT_EQ(doc.Text("VideoCaptureX"), axis.substr(at, axis.find(' ', at) - at));
+      EXPECT_TRUE(doc.Checked("VideoInterruptEnable"));
+    }
+  }
+  EXPECT_TRUE(dlg->IsConnected());
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, PagesAgainstSimulator, ::testing::ValuesIn(kFamilies),
+                         [](const ::testing::TestParamInfo<Family>& param) {
+                           std::string name = param.param.profile;
+                           std::erase(name, '-');
+                           return name;
+                         });
+
+}  // namespace

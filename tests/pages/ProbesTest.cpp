@@ -156,6 +156,27 @@ TEST_F(ProbesTest, TheVideoTriggerCapturesOnlyWhileArmed) {
   EXPECT_NE(Text("VideoCaptureX"), "0");
 }
 
+// A capture announced by the touch probe while the video trigger is armed finds no frame of the
+// camera: the board marks it invalid, and the video values stay as they were.
+TEST_F(ProbesTest, AnInvalidVideoCaptureLeavesTheVideoValuesAlone) {
+  Open("autovision");
+  Click("VideoInterruptEnable");
+  clock.SleepFor(platform::Milliseconds(300));
+  Tick3();
+  const std::string first = Text("VideoCaptureX");
+  ASSERT_EQ(first, std::to_string(status_.LinearPosition[0]));
+  Control("place x 20");
+  Control("probe trip");  // no time passes: no new frame
+  Tick3();
+  ASSERT_TRUE(status_.CaptureReady);
+  EXPECT_EQ(Sent(kProbeCapture), 2u);
+  EXPECT_EQ(Text("VideoCaptureX"), first);
+  clock.SleepFor(platform::Milliseconds(300));
+  Tick3();
+  EXPECT_EQ(Text("VideoCaptureX"), std::to_string(status_.LinearPosition[0]));
+  EXPECT_NE(Text("VideoCaptureX"), first);
+}
+
 TEST_F(ProbesTest, ATouchProbeTripShowsAndItsCaptureIsFetchedWhileTheProbeInterrupts) {
   Open("autovision");
   Click("TouchProbeEnable");

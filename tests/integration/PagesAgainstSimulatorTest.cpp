@@ -2,8 +2,8 @@
 // and pages, a browser that shows each tab in turn for some seconds of virtual time, and the
 // board's record of every transfer. Each read a page makes must go out in the form the board's
 // generation speaks: a wrong length, a command the board does not know or one on the wrong io
-// code comes back refused or cut, which shows in the transfer record, the error log and the
-// dialog's title.
+// code comes back refused or cut, which the board's record of its transfers shows even when the
+// dialog has reconnected by the time the test looks.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>

@@ -111,11 +111,32 @@ export async function startUi(program, args = [], env = {}) {
   };
 }
 
-// TavroTest against the device folder `dir`.
-export function startTavroTest(dir) {
+// TavroTest (`program`, else the one under test) against the device folder `dir`.
+export function startTavroTest(dir, program = process.env.TAVROTEST) {
   const port = 20000 + Math.floor(Math.random() * 30000);
-  return startUi(process.env.TAVROTEST, [],
-    { TAVRO_DEVICE_DIR: dir, TAVROTEST_PORT: String(port) });
+  return startUi(program, [], { TAVRO_DEVICE_DIR: dir, TAVROTEST_PORT: String(port) });
+}
+
+// A board of `profile`, set up by the control lines `setUp` before TavroTest opens it, TavroTest
+// (`program`, else the one under test) against it, and a page of `browser` showing its window
+// once connected, on tab `tab` when one is named. All of it is stopped once `body` is done.
+export async function withSession(browser, { profile, setUp = [], program, tab }, body) {
+  const board = await startBoard(profile);
+  const app = await (async () => {
+    for (const line of setUp) await board.control(line);
+    return startTavroTest(board.dir, program);
+  })().catch(async (e) => { await board.stop(); throw e; });
+  const page = await browser.context.newPage();
+  try {
+    await page.goto(app.url);
+    await eventually(() => page.locator('#title').textContent(), 'TavroTest : Connected');
+    if (tab !== undefined) await page.locator(`#tab-${tab}`).click();
+    await body({ board, page, app });
+  } finally {
+    await page.close();
+    await app.stop();
+    await board.stop();
+  }
 }
 
 // Polls until `read` gives `expected`; fails with the last value after the time-out.

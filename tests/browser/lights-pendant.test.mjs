@@ -4,7 +4,7 @@
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { join } from 'node:path';
-import { launchBrowser, startBoard, startTavroTest, eventually, field } from './harness.mjs';
+import { launchBrowser, withSession, eventually, field } from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 const PENDANT_TAB = 2;
@@ -14,25 +14,6 @@ let browser;
 before(async () => { browser = await launchBrowser({ width: 1000, height: 560 }); });
 after(async () => { if (browser) await browser.close(); });
 
-// A board of `profile` set up by `setUp` control lines before TavroTest opens it (the count of
-// light channels is read at the open), and a browser showing tab `tab`.
-async function withSession(profile, setUp, tab, body) {
-  const board = await startBoard(profile);
-  for (const line of setUp) await board.control(line);
-  const app = await startTavroTest(board.dir);
-  const page = await browser.context.newPage();
-  try {
-    await page.goto(app.url);
-    await eventually(() => page.locator('#title').textContent(), 'TavroTest : Connected');
-    await page.locator(`#tab-${tab}`).click();
-    await body({ board, page });
-  } finally {
-    await page.close();
-    await app.stop();
-    await board.stop();
-  }
-}
-
 // What the board's light channels hold now.
 async function boardLights(board) {
   const answer = await board.control('lights');
@@ -40,7 +21,7 @@ async function boardLights(board) {
 }
 
 test('Lights: a cycle runs on the board, raw numbers are taken or refused, a slider steps',
-  () => withSession('autovision', ['lights 10', 'lightmax all 1000'], LIGHTS_TAB,
+  () => withSession(browser, { profile: 'autovision', setUp: ['lights 10', 'lightmax all 1000'], tab: LIGHTS_TAB },
     async ({ board, page }) => {
       const value = (id) => field(page, LIGHTS_TAB, id).inputValue();
       assert.equal(await page.locator(`#tab-${LIGHTS_TAB}`).textContent(), 'Lights');
@@ -79,7 +60,7 @@ test('Lights: a cycle runs on the board, raw numbers are taken or refused, a sli
     }));
 
 test('Pendant: buttons, joystick, accelerometer and e-stop at the board show on the page',
-  () => withSession('autovision', [], PENDANT_TAB, async ({ board, page }) => {
+  () => withSession(browser, { profile: 'autovision', tab: PENDANT_TAB }, async ({ board, page }) => {
     const value = (id) => field(page, PENDANT_TAB, id).inputValue();
     assert.equal(await page.locator(`#tab-${PENDANT_TAB}`).textContent(), 'Pendant');
     await board.control('press b3');

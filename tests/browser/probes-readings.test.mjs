@@ -5,7 +5,7 @@
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
 import { join } from 'node:path';
-import { launchBrowser, startBoard, startTavroTest, eventually, field } from './harness.mjs';
+import { launchBrowser, withSession, eventually, field } from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 const READINGS_TAB = 4;
@@ -18,23 +18,6 @@ let browser;
 before(async () => { browser = await launchBrowser({ width: 1000, height: 640 }); });
 after(async () => { if (browser) await browser.close(); });
 
-// An Auto Vision board and TavroTest against it, with a browser showing tab `tab`.
-async function withSession(tab, body) {
-  const board = await startBoard('autovision');
-  const app = await startTavroTest(board.dir);
-  const page = await browser.context.newPage();
-  try {
-    await page.goto(app.url);
-    await eventually(() => page.locator('#title').textContent(), 'TavroTest : Connected');
-    await page.locator(`#tab-${tab}`).click();
-    await body({ board, page });
-  } finally {
-    await page.close();
-    await app.stop();
-    await board.stop();
-  }
-}
-
 // The stage's linear count on `axis` as the board has it.
 async function counts(board, axis) {
   const answer = await board.control(`axis ${axis}`);
@@ -42,7 +25,7 @@ async function counts(board, axis) {
 }
 
 test('Probes: a touch probe armed and tripped, a video capture, the laser as the board sets it',
-  () => withSession(PROBES_TAB, async ({ board, page }) => {
+  () => withSession(browser, { profile: 'autovision', tab: PROBES_TAB }, async ({ board, page }) => {
     const value = (id) => field(page, PROBES_TAB, id).inputValue();
     const checked = (id) => field(page, PROBES_TAB, id).isChecked();
     assert.equal(await page.locator(`#tab-${PROBES_TAB}`).textContent(), 'Probes');
@@ -90,7 +73,7 @@ test('Probes: a touch probe armed and tripped, a video capture, the laser as the
   }));
 
 test('Readings: a supply rail walked off its nominal turns its cell yellow, then red',
-  () => withSession(READINGS_TAB, async ({ board, page }) => {
+  () => withSession(browser, { profile: 'autovision', tab: READINGS_TAB }, async ({ board, page }) => {
     const value = (id) => field(page, READINGS_TAB, id).inputValue();
     const colour = (id) => field(page, READINGS_TAB, id)
       .evaluate((e) => getComputedStyle(e).backgroundColor);

@@ -7,7 +7,7 @@ import assert from 'node:assert/strict';
 import { copyFileSync, existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
-import { launchBrowser, startBoard, startUi, eventually, field } from './harness.mjs';
+import { launchBrowser, withSession, eventually, field } from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 const STAGE = 1;
@@ -16,24 +16,17 @@ let browser;
 before(async () => { browser = await launchBrowser({ width: 1000, height: 700 }); });
 after(async () => { if (browser) await browser.close(); });
 
+// A session on the Stage tab, TavroTest running from a copy in a scratch folder of its own.
 async function withStage(profile, body) {
-  const board = await startBoard(profile);
   const folder = mkdtempSync(join(tmpdir(), 'tavro-program-'));
   const program = join(folder, 'tavrotest');
   copyFileSync(process.env.TAVROTEST, program);
-  const port = 20000 + Math.floor(Math.random() * 30000);
-  const app = await startUi(program, [], { TAVRO_DEVICE_DIR: board.dir, TAVROTEST_PORT: String(port) });
-  const page = await browser.context.newPage();
   try {
-    await page.goto(app.url);
-    await eventually(() => page.locator('#title').textContent(), 'TavroTest : Connected');
-    await page.locator(`#tab-${STAGE}`).click();
-    await field(page, STAGE, 'EStop').waitFor();
-    await body({ board, page, folder });
+    await withSession(browser, { profile, program, tab: STAGE }, async ({ page }) => {
+      await field(page, STAGE, 'EStop').waitFor();
+      await body({ page, folder });
+    });
   } finally {
-    await page.close();
-    await app.stop();
-    await board.stop();
     rmSync(folder, { recursive: true, force: true });
   }
 }

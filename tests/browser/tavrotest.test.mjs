@@ -6,7 +6,9 @@ import assert from 'node:assert/strict';
 import { mkdirSync, mkdtempSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
-import { launchBrowser, startBoard, startTavroTest, eventually, field } from './harness.mjs';
+import {
+  launchBrowser, startTavroTest, eventually, field, withSession as session,
+} from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 let browser;
@@ -17,22 +19,11 @@ after(async () => { if (browser) await browser.close(); });
 const title = (page) => page.locator('#title').textContent();
 
 // Runs `body` with a board of `profile`, TavroTest against it, and a page showing its window
-// once it is connected.
-async function withSession(profile, body) {
-  const board = await startBoard(profile);
-  const app = await startTavroTest(board.dir);
-  const page = await browser.context.newPage();
-  try {
-    await page.goto(app.url);
-    await field(page, 0, 'WarningLabel').waitFor({ state: 'attached' });
-    await eventually(() => title(page), 'TavroTest : Connected');
-    await body({ board, page });
-  } finally {
-    await page.close();
-    await app.stop();
-    await board.stop();
-  }
-}
+// once it is connected and its first page is there.
+const withSession = (profile, body) => session(browser, { profile }, async (s) => {
+  await field(s.page, 0, 'WarningLabel').waitFor({ state: 'attached' });
+  await body(s);
+});
 
 // The `board` answer of the simulator as the values Board Information should show, by element
 // id. A size the answer does not carry ("-") shows as TavroTest takes it: 0, and for the page

@@ -1,0 +1,386 @@
+#include "recorder/Export.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <limits>
+
+namespace recorder {
+
+namespace {
+
+constexpr std::size_t kChunkBytes = 32 * 1024;
+constexpr std::size_t kTicksPerBlock = 1024;
+constexpr std::size_t kSecondsPerBlock = 1024;
+// Seconds since the epoch written with at most this many digits: past the year 5000.
+constexpr std::size_t kMaxSecondDigits = 11;
+
+int HexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// %XX decoded; false on a broken escape.
+bool PercentDecode(std::string_view in, std::string& out) {
+  out.clear();
+  for (std::size_t i = 0; i < in.size(); ++i) {
+    if (in[i] != '%') {
+      out += in[i];
+      continue;
+    }
+    if (i + 2 >= in.size()) return false;
+    const int hi = HexDigit(in[i + 1]);
+    const int lo = HexDigit(in[i + 2]);
+    if (hi < 0 || lo < 0) return false;
+    out += static_cast<char>(hi * 16 + lo);
+    i += 2;
+  }
+  return true;
+}
+
+// Printable for a one-line reason: at most 64 bytes, control bytes as '?'.
+std::string Shown(std::string_view text) {
+  std::string out(text.substr(0, 64));
+  for (char& c : out) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+  }
+  if (text.size() > 64) out += "...";
+  return out;
+}
+
+void AppendValue(std::string& out, ValueKind kind, double v) {
+  char buffer[32];
+  if (FormOf(kind).isFloat) {
+    std::snprintf(buffer, sizeof buffer, "%.9g", v);
+  } else {
+    std::snprintf(buffer, sizeof buffer, "%" PRId64, static_cast<std::int64_t>(v));
+  }
+  out += buffer;
+}
+
+void AppendJsonString(std::string& out, std::string_view s) {
+  out += '"';
+  for (char c : s) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += c;
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      char buffer[8];
+      std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned>(c));
+      out += buffer;
+    } else {
+      out += c;
+    }
+  }
+  out += '"';
+}
+
+// Collects the answer and hands it on in chunks.
+class Writer {
+ public:
+  Writer(const ExportSink& sink, bool json) : sink_(sink), json_(json) {}
+
+  std::string& Text() { return text_; }
+  bool Flush(bool force) {
+    if (!ok_) return false;
+    if (text_.size() >= kChunkBytes || (force && !text_.empty())) {
+      ok_ = sink_(text_);
+      text_.clear();
+    }
+    return ok_;
+  }
+
+  void Header(const std::vector<std::string>& columns) {
+    if (json_) {
+      text_ += "{\"columns\":[";
+      for (std::size_t i = 0; i < columns.size(); ++i) {
+        if (i > 0) text_ += ',';
+        AppendJsonString(text_, columns[i]);
+      }
+      text_ += "],\"rows\":[";
+    } else {
+      for (std::size_t i = 0; i < columns.size(); ++i) {
+        if (i > 0) text_ += ',';
+        text_ += columns[i];
+      }
+      text_ += '\n';
+    }
+  }
+  void BeginRow(const std::string& time) {
+    if (json_) {
+      text_ += rows_ > 0 ? ",\n[" : "\n[";
+    }
+    text_ += time;
+    ++rows_;
+  }
+  void Cell(bool has, ValueKind kind, double v) {
+    text_ += ',';
+    if (has) {
+      AppendValue(text_, kind, v);
+    } else if (json_) {
+      text_ += "null";
+    }
+  }
+  void EndRow() { text_ += json_ ? "]" : "\n"; }
+  bool Finish() {
+    if (json_) text_ += "]}\n";
+    return Flush(true);
+  }
+
+ private:
+  const ExportSink& sink_;
+  bool json_;
+  bool ok_ = true;
+  std::string text_;
+  std::uint64_t rows_ = 0;
+};
+
+struct GroupCursor {
+  std::vector<ChannelId> ids;
+  std::vector<std::size_t> columns;  // where each id stands in the row
+  std::uint64_t cursor = 0;
+  FullBlock block;
+  std::size_t at = 0;
+  bool done = false;
+};
+
+bool ExportFull(const Recorder& recorder, const ExportQuery& q, const std::vector<ValueKind>& kinds,
+                Writer& w) {
+  std::vector<GroupCursor> groups;
+  std::vector<std::uint32_t> rates;
+  for (std::size_t i = 0; i < q.channels.size(); ++i) {
+    const std::uint32_t rate = recorder.Info(q.channels[i]).rateMs;
+    const auto found = std::find(rates.begin(), rates.end(), rate);
+    const std::size_t g = static_cast<std::size_t>(found - rates.begin());
+    if (found == rates.end()) {
+      rates.push_back(rate);
+      groups.emplace_back();
+    }
+    groups[g].ids.push_back(q.channels[i]);
+    groups[g].columns.push_back(i);
+  }
+  std::vector<std::uint8_t> has(q.channels.size());
+  std::vector<double> values(q.channels.size());
+  for (;;) {
+    // Refill the groups whose block is used up; the row time is the earliest head.
+    TimeUs next = std::numeric_limits<TimeUs>::max();
+    for (GroupCursor& g : groups) {
+      if (!g.done && g.at >= g.block.times.size()) {
+        g.at = 0;
+        g.done = !recorder.ReadFull(g.ids, q.from, q.to, g.cursor, kTicksPerBlock, g.block);
+      }
+      if (!g.done) next = std::min(next, g.block.times[g.at]);
+    }
+    if (next == std::numeric_limits<TimeUs>::max()) return true;
+    std::fill(has.begin(), has.end(), std::uint8_t{0});
+    for (GroupCursor& g : groups) {
+      if (g.done || g.block.times[g.at] != next) continue;
+      for (std::size_t k = 0; k < g.ids.size(); ++k) {
+        const std::size_t cell = g.at * g.ids.size() + k;
+        has[g.columns[k]] = g.block.has[cell];
+        values[g.columns[k]] = g.block.values[cell];
+      }
+      ++g.at;
+    }
+    w.BeginRow(FormatTime(next));
+    for (std::size_t i = 0; i < has.size(); ++i)
+      w.Cell(has[i] != 0, kinds[i], values[i]);
+    w.EndRow();
+    if (!w.Flush(false)) return false;
+  }
+}
+
+std::int64_t FloorSecond(TimeUs t) {
+  return t >= 0 ? t / kUsPerSecond : -((-t + kUsPerSecond - 1) / kUsPerSecond);
+}
+
+bool ExportSeconds(const Recorder& recorder, const ExportQuery& q,
+                   const std::vector<ValueKind>& kinds, Writer& w) {
+  const std::int64_t last = FloorSecond(q.to);
+  // Nothing older than the history is kept: a window reaching further back starts there.
+  const std::int64_t first = std::max(FloorSecond(q.from), last - recorder.Limits().historyS);
+  const std::size_t n = q.channels.size();
+  std::vector<double> mins(n * kSecondsPerBlock), maxs(n * kSecondsPerBlock);
+  std::vector<std::uint8_t> has(n * kSecondsPerBlock);
+  for (std::int64_t s = first; s <= last; s += static_cast<std::int64_t>(kSecondsPerBlock)) {
+    const auto count =
+        static_cast<std::size_t>(std::min<std::int64_t>(kSecondsPerBlock, last - s + 1));
+    for (std::size_t c = 0; c < n; ++c) {
+      recorder.ReadSeconds(q.channels[c], s, count, &mins[c * kSecondsPerBlock],
+                           &maxs[c * kSecondsPerBlock], &has[c * kSecondsPerBlock]);
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      bool any = false;
+      for (std::size_t c = 0; c < n; ++c)
+        any = any || has[c * kSecondsPerBlock + i];
+      if (!any) continue;
+      w.BeginRow(std::to_string(s + static_cast<std::int64_t>(i)));
+      for (std::size_t c = 0; c < n; ++c) {
+        const std::size_t k = c * kSecondsPerBlock + i;
+        w.Cell(has[k] != 0, kinds[c], mins[k]);
+        w.Cell(has[k] != 0, kinds[c], maxs[k]);
+      }
+      w.EndRow();
+      if (!w.Flush(false)) return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string FormatTime(TimeUs time) {
+  const bool negative = time < 0;
+  const std::uint64_t magnitude =
+      negative ? static_cast<std::uint64_t>(-(time + 1)) + 1 : static_cast<std::uint64_t>(time);
+  std::string out = (negative ? "-" : "") + std::to_string(magnitude / kUsPerSecond);
+  std::uint64_t fraction = magnitude % kUsPerSecond;
+  if (fraction == 0) return out;
+  int digits = 6;
+  while (fraction % 10 == 0) {
+    fraction /= 10;
+    --digits;
+  }
+  std::string f = std::to_string(fraction);
+  out += '.';
+  out.append(static_cast<std::size_t>(digits) - f.size(), '0');
+  return out + f;
+}
+
+bool ParseTime(std::string_view text, TimeUs& out) {
+  std::size_t i = 0;
+  const bool negative = !text.empty() && text[0] == '-';
+  if (negative) ++i;
+  std::int64_t whole = 0;
+  std::size_t digits = 0;
+  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i, ++digits) {
+    if (digits >= kMaxSecondDigits) return false;
+    whole = whole * 10 + (text[i] - '0');
+  }
+  std::int64_t fraction = 0;
+  std::size_t decimals = 0;
+  if (i < text.size() && text[i] == '.') {
+    ++i;
+    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i, ++decimals) {
+      if (decimals >= 18) return false;
+      // Beyond the microsecond the digits are read and dropped.
+      if (decimals < 6) fraction = fraction * 10 + (text[i] - '0');
+    }
+    if (decimals == 0 && digits == 0) return false;
+  }
+  if (i != text.size() || (digits == 0 && decimals == 0)) return false;
+  for (std::size_t d = std::min<std::size_t>(decimals, 6); d < 6; ++d)
+    fraction *= 10;
+  const TimeUs value = whole * kUsPerSecond + fraction;
+  out = negative ? -value : value;
+  return true;
+}
+
+bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs now,
+                      ExportQuery& out, std::string& reason) {
+  out = ExportQuery{};
+  if (query.size() > kMaxQueryLength) {
+    reason = "query too long";
+    return false;
+  }
+  bool haveChannels = false, haveFrom = false, haveTo = false;
+  std::string channels, value;
+  TimeUs from = 0, to = now;
+  while (!query.empty()) {
+    const std::size_t amp = query.find('&');
+    const std::string_view pair = query.substr(0, amp);
+    query = amp == std::string_view::npos ? std::string_view{} : query.substr(amp + 1);
+    const std::size_t eq = pair.find('=');
+    const std::string_view key = pair.substr(0, eq);
+    if (!PercentDecode(eq == std::string_view::npos ? std::string_view{} : pair.substr(eq + 1),
+                       value)) {
+      reason = "bad escape in " + Shown(key);
+      return false;
+    }
+    if (key == "channels") {
+      channels = value;
+      haveChannels = true;
+    } else if (key == "from" || key == "to") {
+      TimeUs t;
+      if (!ParseTime(value, t)) {
+        reason = "bad time in " + std::string(key) + ": " + Shown(value);
+        return false;
+      }
+      if (key == "from") {
+        // A negative start counts back from now.
+        from = t < 0 ? now + t : t;
+        haveFrom = true;
+      } else {
+        to = t;
+        haveTo = true;
+      }
+    } else if (key == "format") {
+      if (value != "csv" && value != "json") {
+        reason = "unknown format: " + Shown(value);
+        return false;
+      }
+      out.json = value == "json";
+    } else if (key == "resolution") {
+      if (value != "full" && value != "1s") {
+        reason = "unknown resolution: " + Shown(value);
+        return false;
+      }
+      out.perSecond = value == "1s";
+    }
+  }
+  if (!haveChannels || channels.empty()) {
+    reason = "no channels named";
+    return false;
+  }
+  std::string_view rest = channels;
+  while (true) {
+    const std::size_t comma = rest.find(',');
+    const std::string_view name = rest.substr(0, comma);
+    if (out.channels.size() >= kMaxExportChannels) {
+      reason = "too many channels";
+      return false;
+    }
+    const ChannelId id = recorder.Find(name);
+    if (id == kNoChannel) {
+      reason = "unknown channel: " + Shown(name);
+      return false;
+    }
+    out.channels.push_back(id);
+    out.names.emplace_back(name);
+    if (comma == std::string_view::npos) break;
+    rest = rest.substr(comma + 1);
+  }
+  if (!haveTo) to = now;
+  if (!haveFrom) from = std::numeric_limits<TimeUs>::min();
+  if (from > to) {
+    reason = "from is after to";
+    return false;
+  }
+  out.from = from;
+  out.to = to;
+  return true;
+}
+
+bool Export(const Recorder& recorder, const ExportQuery& q, const ExportSink& sink) {
+  Writer w(sink, q.json);
+  std::vector<std::string> columns{"time"};
+  std::vector<ValueKind> kinds;
+  for (std::size_t i = 0; i < q.channels.size(); ++i) {
+    const std::string name = i < q.names.size() ? q.names[i] : recorder.Info(q.channels[i]).name;
+    kinds.push_back(recorder.Info(q.channels[i]).kind);
+    if (q.perSecond) {
+      columns.push_back(name + ".min");
+      columns.push_back(name + ".max");
+    } else {
+      columns.push_back(name);
+    }
+  }
+  w.Header(columns);
+  const bool whole =
+      q.perSecond ? ExportSeconds(recorder, q, kinds, w) : ExportFull(recorder, q, kinds, w);
+  return whole && w.Finish();
+}
+
+}  // namespace recorder

@@ -1,0 +1,45 @@
+// Export of recorded channels: the query of an export request, and the CSV and JSON it answers,
+// written to a sink chunk by chunk so that no answer is ever held whole.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "recorder/Recorder.h"
+
+namespace recorder {
+
+struct ExportQuery {
+  std::vector<ChannelId> channels;
+  std::vector<std::string> names;
+  TimeUs from = 0;
+  TimeUs to = 0;
+  bool json = false;
+  bool perSecond = false;  // resolution=1s; else full
+};
+
+// Bounds on the untrusted query.
+inline constexpr std::size_t kMaxQueryLength = 16384;
+inline constexpr std::size_t kMaxExportChannels = 512;
+
+// Parses the query part of /export (without '?'): channels=A,B,... (required), from=S, to=S
+// (seconds since the epoch, up to 6 decimals; a negative `from` is seconds before `now`, a
+// missing `to` is now, a missing `from` the oldest kept), format=csv|json, resolution=full|1s.
+// Other parameters (the token) are left alone. False with a one-line reason on bad input.
+bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs now,
+                      ExportQuery& out, std::string& reason);
+
+// Receives the answer a chunk at a time; false stops the export (the download was closed).
+using ExportSink = std::function<bool(std::string_view chunk)>;
+
+// Writes the answer to the query. False when the sink stopped it.
+bool Export(const Recorder& recorder, const ExportQuery& query, const ExportSink& sink);
+
+// "1764043200.02" from microseconds: the fewest decimals that keep the time exact.
+std::string FormatTime(TimeUs time);
+// Parses a time as FormatTime writes it (and an optional leading '-'); false when it is not one.
+bool ParseTime(std::string_view text, TimeUs& out);
+
+}  // namespace recorder

@@ -1,0 +1,427 @@
+#include "recorder/ReportFiles.h"
+
+#include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <unordered_map>
+
+namespace recorder {
+
+namespace {
+
+constexpr std::string_view kTraceHeader = "time,bias,linear,rotary,limit";
+
+bool StartsWith(std::string_view s, std::string_view prefix) {
+  return s.substr(0, prefix.size()) == prefix;
+}
+
+std::string_view Trim(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
+    s.remove_prefix(1);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\r'))
+    s.remove_suffix(1);
+  return s;
+}
+
+// A report's number: plain decimal as the writer makes it, no sign and no leading zero.
+bool ParseNumber(std::string_view s, std::uint64_t& out) {
+  if (s.empty() || s.size() > 19 || (s.size() > 1 && s[0] == '0')) return false;
+  out = 0;
+  for (char c : s) {
+    if (c < '0' || c > '9') return false;
+    out = out * 10 + static_cast<std::uint64_t>(c - '0');
+  }
+  return true;
+}
+
+bool ParseInt32(std::string_view s, std::int32_t& out) {
+  const bool negative = !s.empty() && s[0] == '-';
+  if (negative) s.remove_prefix(1);
+  if (s.empty() || s.size() > 10) return false;
+  std::int64_t v = 0;
+  for (char c : s) {
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + (c - '0');
+  }
+  if (negative) v = -v;
+  if (v < INT32_MIN || v > INT32_MAX) return false;
+  out = static_cast<std::int32_t>(v);
+  return true;
+}
+
+// "Yes" true, "No" false, an empty answer none; anything else is not understood.
+bool ParseAnswer(std::string_view s, std::optional<bool>& out) {
+  if (s == "Yes") {
+    out = true;
+  } else if (s == "No") {
+    out = false;
+  } else if (s.empty()) {
+    out.reset();
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// The name of a report file without its extension: kind, axis and number.
+bool ParseReportName(std::string_view base, ReportEntry& e) {
+  std::string_view rest;
+  if (StartsWith(base, "AxisTest_Zoom_")) {
+    e.kind = ReportKind::kZoom;
+    e.axis = "Zoom";
+    rest = base.substr(14);
+  } else if (StartsWith(base, "AxisTest_") || StartsWith(base, "LimitTest_")) {
+    e.kind = base[0] == 'A' ? ReportKind::kAxis : ReportKind::kLimit;
+    rest = base.substr(base[0] == 'A' ? 9 : 10);
+    if (rest.size() < 2 || rest[1] != '_' ||
+        std::string_view("XYZ0").find(rest[0]) == std::string_view::npos)
+      return false;
+    e.axis = std::string(1, rest[0]);
+    rest.remove_prefix(2);
+  } else if (StartsWith(base, "PlatenTest_")) {
+    e.kind = ReportKind::kPlaten;
+    rest = base.substr(11);
+  } else {
+    return false;
+  }
+  return ParseNumber(rest, e.number);
+}
+
+void AppendUtf8(std::string& out, std::uint32_t cp) {
+  if (cp < 0x80) {
+    out += static_cast<char>(cp);
+  } else if (cp < 0x800) {
+    out += static_cast<char>(0xC0 | (cp >> 6));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else if (cp < 0x10000) {
+    out += static_cast<char>(0xE0 | (cp >> 12));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  } else {
+    out += static_cast<char>(0xF0 | (cp >> 18));
+    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
+    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    out += static_cast<char>(0x80 | (cp & 0x3F));
+  }
+}
+
+// Calls fn(line) for each line, without its CR LF.
+template <typename Fn>
+void ForEachLine(std::string_view text, Fn&& fn) {
+  while (!text.empty()) {
+    const std::size_t nl = text.find('\n');
+    std::string_view line = text.substr(0, nl);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    fn(line);
+    if (nl == std::string_view::npos) break;
+    text.remove_prefix(nl + 1);
+  }
+}
+
+void Note(std::string& problem, std::size_t lineNo, std::string_view line) {
+  if (!problem.empty()) return;
+  std::string shown(line.substr(0, 80));
+  for (char& c : shown) {
+    if (static_cast<unsigned char>(c) < 0x20) c = '?';
+  }
+  problem = "line " + std::to_string(lineNo) + " not understood: " + shown;
+}
+
+// "Key: value" split at the first colon; false when there is none.
+bool KeyValue(std::string_view line, std::string_view& key, std::string_view& value) {
+  const std::size_t colon = line.find(':');
+  if (colon == std::string_view::npos) return false;
+  key = Trim(line.substr(0, colon));
+  value = Trim(line.substr(colon + 1));
+  return true;
+}
+
+}  // namespace
+
+bool ReadBoundedFile(const std::string& path, std::size_t maxBytes, std::string& bytes,
+                     std::string& reason) {
+  bytes.clear();
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    reason = std::strerror(errno);
+    return false;
+  }
+  struct stat st {};
+  bool ok = ::fstat(fd, &st) == 0;
+  if (!ok) {
+    reason = std::strerror(errno);
+  } else if (!S_ISREG(st.st_mode)) {
+    reason = "not a plain file";
+    ok = false;
+  } else if (static_cast<std::uint64_t>(st.st_size) > maxBytes) {
+    reason = "file too large (" + std::to_string(st.st_size) + " bytes)";
+    ok = false;
+  }
+  if (ok) {
+    // Read at most one byte past the limit: a file that grew since fstat is refused too.
+    bytes.resize(maxBytes + 1);
+    std::size_t done = 0;
+    while (done < bytes.size()) {
+      const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) {
+        reason = std::strerror(errno);
+        ok = false;
+      }
+      if (n <= 0) break;
+      done += static_cast<std::size_t>(n);
+    }
+    bytes.resize(done);
+    if (ok && done > maxBytes) {
+      reason = "file too large";
+      ok = false;
+    }
+  }
+  ::close(fd);
+  if (!ok) bytes.clear();
+  return ok;
+}
+
+std::vector<ReportEntry> ListReports(const std::string& folder, bool* truncated) {
+  if (truncated != nullptr) *truncated = false;
+  std::vector<ReportEntry> entries;
+  const int dirFd =
+      ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dirFd < 0) return entries;
+  DIR* dir = ::fdopendir(dirFd);
+  if (dir == nullptr) {
+    ::close(dirFd);
+    return entries;
+  }
+  std::unordered_map<std::string, std::size_t> byBase;
+  while (const dirent* d = ::readdir(dir)) {
+    const std::string_view name = d->d_name;
+    if (name.size() < 5) continue;
+    const std::string_view ext = name.substr(name.size() - 4);
+    if (ext != ".dat" && ext != ".csv") continue;
+    ReportEntry e;
+    const std::string base(name.substr(0, name.size() - 4));
+    if (!ParseReportName(base, e)) continue;
+    struct stat st {};
+    if (::fstatat(dirFd, d->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode))
+      continue;
+    auto found = byBase.find(base);
+    if (found == byBase.end()) {
+      if (entries.size() >= kMaxListedReports) {
+        if (truncated != nullptr) *truncated = true;
+        continue;
+      }
+      e.base = base;
+      found = byBase.emplace(base, entries.size()).first;
+      entries.push_back(std::move(e));
+    }
+    ReportEntry& entry = entries[found->second];
+    (ext == ".dat" ? entry.hasReport : entry.hasTrace) = true;
+    entry.modified = std::max<std::int64_t>(entry.modified, st.st_mtime);
+  }
+  ::closedir(dir);
+  std::sort(entries.begin(), entries.end(), [](const ReportEntry& a, const ReportEntry& b) {
+    if (a.modified != b.modified) return a.modified > b.modified;
+    const std::string_view pa(a.base.data(), a.base.rfind('_'));
+    const std::string_view pb(b.base.data(), b.base.rfind('_'));
+    if (pa != pb) return pa < pb;
+    return a.number > b.number;
+  });
+  return entries;
+}
+
+std::string DecodeReport(std::string_view bytes, std::string& problem) {
+  problem.clear();
+  std::string out;
+  if (bytes.size() < 2 || static_cast<unsigned char>(bytes[0]) != 0xFF ||
+      static_cast<unsigned char>(bytes[1]) != 0xFE) {
+    problem = "no UTF-16 mark";
+    return out;
+  }
+  out.reserve(bytes.size() / 2);
+  const std::size_t units = (bytes.size() - 2) / 2;
+  auto unit = [&](std::size_t i) {
+    return static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[2 + 2 * i])) |
+           static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[3 + 2 * i])) << 8;
+  };
+  for (std::size_t i = 0; i < units; ++i) {
+    const std::uint32_t u = unit(i);
+    if (u >= 0xD800 && u <= 0xDBFF && i + 1 < units && unit(i + 1) >= 0xDC00 &&
+        unit(i + 1) <= 0xDFFF) {
+      AppendUtf8(out, 0x10000 + ((u - 0xD800) << 10) + (unit(i + 1) - 0xDC00));
+      ++i;
+    } else if (u >= 0xD800 && u <= 0xDFFF) {
+      if (problem.empty()) problem = "broken surrogate at unit " + std::to_string(i);
+      AppendUtf8(out, 0xFFFD);
+    } else {
+      AppendUtf8(out, u);
+    }
+  }
+  if (bytes.size() % 2 != 0 && problem.empty()) problem = "truncated: odd last byte";
+  return out;
+}
+
+bool ParseAxisReport(std::string_view text, AxisReport& out) {
+  out = AxisReport{};
+  int d = -1;
+  int section = 0;  // 1 linear, 2 rotary
+  std::size_t lineNo = 0;
+  bool any = false;
+  ForEachLine(text, [&](std::string_view raw) {
+    ++lineNo;
+    const std::string_view line = Trim(raw);
+    if (line.empty()) return;
+    if (line.size() > 9 && (line.ends_with(" Axis (-)") || line.ends_with(" Axis (+)"))) {
+      d = line[line.size() - 2] == '-' ? 0 : 1;
+      out.axis = std::string(line.substr(0, line.size() - 9));
+      out.dir[d] = AxisDirection{};
+      out.dir[d].present = any = true;
+      section = 0;
+      return;
+    }
+    if (d < 0) return Note(out.problem, lineNo, line);
+    AxisDirection& r = out.dir[d];
+    std::string_view key, value;
+    std::int32_t n = 0;
+    std::optional<bool> answer;
+    if (line == "VOLTAGE LIMIT REACHED") {
+      r.voltageLimitReached = true;
+    } else if (line == "Linear Encoder Positions") {
+      section = 1;
+    } else if (line == "Rotary Encoder Positions") {
+      section = 2;
+    } else if (!KeyValue(line, key, value)) {
+      Note(out.problem, lineNo, line);
+    } else if ((key == "Initial" || key == "Final" || key == "Change") && section != 0 &&
+               ParseInt32(value, n)) {
+      auto& slot = key == "Initial" ? (section == 1 ? r.linearInitial : r.rotaryInitial)
+                   : key == "Final" ? (section == 1 ? r.linearFinal : r.rotaryFinal)
+                                    : (section == 1 ? r.linearChange : r.rotaryChange);
+      slot = n;
+    } else if (key == "Starting Voltage" && ParseInt32(value, n)) {
+      r.startingVoltage = n;
+    } else if (key == "Correct Direction" && ParseAnswer(value, answer)) {
+      r.correctDirection = answer;
+    } else if (key == "Correct Distance" && ParseAnswer(value, answer)) {
+      r.correctDistance = answer;
+    } else if (key == "Manually Stopped" && ParseAnswer(value, answer)) {
+      r.manuallyStopped = answer;
+    } else {
+      Note(out.problem, lineNo, line);
+    }
+  });
+  if (!any && out.problem.empty()) out.problem = "no axis block";
+  return any;
+}
+
+std::optional<std::int64_t> LimitReport::Travel() const {
+  if (!linearLimit[0] || !linearLimit[1]) return std::nullopt;
+  return static_cast<std::int64_t>(*linearLimit[1]) - *linearLimit[0];
+}
+
+bool ParseLimitReport(std::string_view text, LimitReport& out) {
+  out = LimitReport{};
+  enum { kNone, kLinear, kRotary, kMovingNeg, kMovingPos, kStopped } section = kNone;
+  std::size_t lineNo = 0;
+  bool any = false;
+  ForEachLine(text, [&](std::string_view raw) {
+    ++lineNo;
+    const std::string_view line = Trim(raw);
+    if (line.empty()) return;
+    std::string_view key, value;
+    std::int32_t n = 0;
+    std::optional<bool> answer;
+    if (lineNo == 1 && line.ends_with(" Axis") && line.size() > 5) {
+      out.axis = std::string(line.substr(0, line.size() - 5));
+      any = true;
+    } else if (line == "VOLTAGE LIMIT REACHED") {
+      out.voltageLimitReached = true;
+    } else if (line == "DIDN'T REGISTER HITTING NEGATIVE LIMIT") {
+      out.limitNotRegistered[0] = true;
+    } else if (line == "DIDN'T REGISTER HITTING POSITIVE LIMIT") {
+      out.limitNotRegistered[1] = true;
+    } else if (line == "Linear encoder limits") {
+      section = kLinear;
+    } else if (line == "Rotary encoder limits") {
+      section = kRotary;
+    } else if (line == "Moving voltage (-)") {
+      section = kMovingNeg;
+    } else if (line == "Moving voltage (+)") {
+      section = kMovingPos;
+    } else if (line == "Manually Stopped:") {
+      section = kStopped;
+    } else if (!KeyValue(line, key, value)) {
+      Note(out.problem, lineNo, line);
+    } else if ((key == "Negative" || key == "Positive") && section == kStopped &&
+               ParseAnswer(value, answer)) {
+      out.manuallyStopped[key == "Positive" ? 1 : 0] = answer;
+      any = true;
+    } else if ((key == "Negative" || key == "Positive") &&
+               (section == kLinear || section == kRotary) && ParseInt32(value, n)) {
+      std::optional<std::int32_t>* limits = section == kLinear ? out.linearLimit : out.rotaryLimit;
+      limits[key == "Positive" ? 1 : 0] = n;
+      any = true;
+    } else if ((key == "Min" || key == "Max") && (section == kMovingNeg || section == kMovingPos) &&
+               ParseInt32(value, n)) {
+      std::optional<std::int32_t>* voltages = key == "Min" ? out.minVoltage : out.maxVoltage;
+      voltages[section == kMovingPos ? 1 : 0] = n;
+      any = true;
+    } else if (key == "Centering" && value == "Yes") {
+      out.centeringStopped = true;
+    } else {
+      Note(out.problem, lineNo, line);
+    }
+  });
+  if (!any && out.problem.empty()) out.problem = "no limit results";
+  return any;
+}
+
+Trace ParseTrace(std::string_view csv) {
+  Trace trace;
+  std::size_t lineNo = 0;
+  ForEachLine(csv, [&](std::string_view line) {
+    ++lineNo;
+    if (lineNo == 1) {
+      if (line != kTraceHeader) Note(trace.problem, lineNo, line);
+      return;
+    }
+    if (line.empty()) return;
+    std::string_view fields[5];
+    std::size_t count = 0;
+    std::string_view rest = line;
+    for (bool more = true; more && count < 6; ++count) {
+      const std::size_t comma = rest.find(',');
+      if (count < 5) fields[count] = rest.substr(0, comma);
+      more = comma != std::string_view::npos;
+      if (more) rest.remove_prefix(comma + 1);
+    }
+    TraceRow row;
+    // The time: seconds with up to three decimals, kept as milliseconds.
+    std::string_view t = count == 5 ? fields[0] : std::string_view{};
+    const std::size_t dot = t.find('.');
+    std::int32_t whole = 0, part = 0;
+    const std::string_view decimals = dot == std::string_view::npos ? "" : t.substr(dot + 1);
+    bool ok = count == 5 && ParseInt32(t.substr(0, dot), whole) && decimals.size() <= 3 &&
+              (decimals.empty() || (ParseInt32(decimals, part) && decimals[0] != '-')) &&
+              ParseInt32(fields[1], row.bias) && ParseInt32(fields[2], row.linear) &&
+              ParseInt32(fields[3], row.rotary) && ParseInt32(fields[4], row.limit);
+    if (ok) {
+      for (std::size_t k = decimals.size(); k < 3; ++k)
+        part *= 10;
+      const bool negative = !t.empty() && t[0] == '-';
+      row.timeMs = static_cast<std::int64_t>(whole) * 1000 + (negative ? -part : part);
+      trace.rows.push_back(row);
+    } else {
+      Note(trace.problem, lineNo, line);
+    }
+  });
+  if (lineNo == 0) trace.problem = "empty trace";
+  return trace;
+}
+
+}  // namespace recorder

@@ -1,0 +1,100 @@
+// The report viewer's side of the test reports: the folder's list, a report's text, the axis and
+// limit results a per-axis history needs, and a run's trace. Every file is untrusted: another
+// program may have written, cut or replaced it, so each reader is bounded and says what it could
+// not read instead of failing whole.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace recorder {
+
+// Files above these sizes are refused unread. A report is a few hundred bytes (a platen test of
+// many cycles some kilobytes); a trace holds at most an hour of 20 ms rows.
+inline constexpr std::size_t kMaxReportBytes = 1u << 20;
+inline constexpr std::size_t kMaxTraceBytes = 32u << 20;
+inline constexpr std::size_t kMaxListedReports = 100000;
+
+enum class ReportKind : std::uint8_t { kAxis, kZoom, kLimit, kPlaten };
+
+// One report of the folder: its .dat, its .csv, or both.
+struct ReportEntry {
+  std::string base;  // "AxisTest_X_3"
+  ReportKind kind = ReportKind::kAxis;
+  std::string axis;  // "X", "Y", "Z", "0", "Zoom"; empty for the platen
+  std::uint64_t number = 0;
+  bool hasReport = false;     // the .dat
+  bool hasTrace = false;      // the .csv
+  std::int64_t modified = 0;  // seconds since the epoch, the later of the two files
+};
+
+// The folder's reports, newest first (then by name, number descending). Only plain files with a
+// report's name count; links and other entries are passed over. `truncated` is set when the
+// folder held more than kMaxListedReports.
+std::vector<ReportEntry> ListReports(const std::string& folder, bool* truncated = nullptr);
+
+// Reads a plain file (never through a link) of at most maxBytes. False with the reason.
+bool ReadBoundedFile(const std::string& path, std::size_t maxBytes, std::string& bytes,
+                     std::string& reason);
+
+// A report's text as UTF-8 from its bytes: the mark FF FE, then UTF-16LE. What can be read is
+// returned in every case; `problem` names the first fault (no mark, an odd last byte, a broken
+// surrogate, which becomes U+FFFD), empty when there is none.
+std::string DecodeReport(std::string_view bytes, std::string& problem);
+
+// One direction of an axis (or zoom) test report.
+struct AxisDirection {
+  bool present = false;
+  bool voltageLimitReached = false;
+  std::optional<std::int32_t> linearInitial, linearFinal, linearChange;
+  std::optional<std::int32_t> rotaryInitial, rotaryFinal, rotaryChange;
+  std::optional<std::int32_t> startingVoltage;
+  std::optional<bool> correctDirection, correctDistance;  // none when the report says neither
+  std::optional<bool> manuallyStopped;
+};
+
+struct AxisReport {
+  std::string axis;      // from the block headings
+  AxisDirection dir[2];  // 0 negative, 1 positive
+  std::string problem;   // the first line not understood, empty when all were
+};
+
+struct LimitReport {
+  std::string axis;
+  bool voltageLimitReached = false;
+  bool limitNotRegistered[2] = {};
+  std::optional<std::int32_t> linearLimit[2], rotaryLimit[2];
+  std::optional<std::int32_t> minVoltage[2], maxVoltage[2];
+  std::optional<bool> manuallyStopped[2];
+  bool centeringStopped = false;
+  std::string problem;
+
+  // The travel between the two limits in linear counts, when both were read.
+  std::optional<std::int64_t> Travel() const;
+};
+
+// Parse the UTF-8 text of a report. What was understood is kept; `problem` names the first line
+// that was not (a report of another version, a cut file). False when nothing was understood.
+bool ParseAxisReport(std::string_view text, AxisReport& out);
+bool ParseLimitReport(std::string_view text, LimitReport& out);
+
+struct TraceRow {
+  std::int64_t timeMs = 0;  // the time column, in milliseconds as written (3 decimals)
+  std::int32_t bias = 0;
+  std::int32_t linear = 0;
+  std::int32_t rotary = 0;
+  std::int32_t limit = 0;
+};
+
+struct Trace {
+  std::vector<TraceRow> rows;
+  std::string problem;  // the first row not read (with its line number), empty when all were
+};
+
+// The header "time,bias,linear,rotary,limit", then rows; a bad row is skipped and named.
+Trace ParseTrace(std::string_view csv);
+
+}  // namespace recorder

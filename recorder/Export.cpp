@@ -10,7 +10,8 @@ namespace recorder {
 namespace {
 
 constexpr std::size_t kChunkBytes = 32 * 1024;
-constexpr std::size_t kTicksPerBlock = 1024;
+// A block is what a reader copies under a group's lock, while the UI thread may wait for it.
+constexpr std::size_t kTicksPerBlock = 256;
 constexpr std::size_t kSecondsPerBlock = 1024;
 // Seconds since the epoch written with at most this many digits: past the year 5000.
 constexpr std::size_t kMaxSecondDigits = 11;

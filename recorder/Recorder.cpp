@@ -303,7 +303,7 @@ void Recorder::Mark(EventKind kind, TimeUs time, std::string_view text) {
   e.time = time;
   e.kind = kind;
   e.length = static_cast<std::uint8_t>(length);
-  std::memcpy(e.text, text.data(), length);
+  if (length > 0) std::memcpy(e.text, text.data(), length);
   ++eventCount_;
 }
 

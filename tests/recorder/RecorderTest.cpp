@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <limits>
+#include <thread>
 
 #include "recorder/PagePlan.h"
 
@@ -206,6 +208,47 @@ TEST(Recorder, EveryPageFitsTheDefaultBudget) {
   }
   EXPECT_EQ(rec.BytesUsed(), plan);
   EXPECT_GE(channels, 140u);
+}
+
+// A reader copying blocks while the UI thread records: the reader sees ticks in order, each
+// value the one recorded with its tick, however the ring turns under it.
+TEST(Recorder, ReadersSeeWholeTicksWhileTheRingTurns) {
+  Recorder rec({.fullWindowS = 1, .historyS = 10});
+  const ChannelId a = rec.AddChannel({.name = "a", .rateMs = 20, .kind = ValueKind::kInt32});
+  const ChannelId b = rec.AddChannel({.name = "b", .rateMs = 20, .kind = ValueKind::kInt32});
+  std::atomic<bool> done{false};
+  std::size_t blocks = 0;
+  bool inOrder = true, matched = true;
+  std::thread reader([&] {
+    // One pass more after the writer is done, so that the last pass sees every tick.
+    for (bool finalPass = false; !finalPass;) {
+      finalPass = done.load();
+      std::uint64_t cursor = 0;
+      FullBlock block;
+      TimeUs last = std::numeric_limits<TimeUs>::min();
+      while (rec.ReadFull({a, b}, 0, std::numeric_limits<TimeUs>::max(), cursor, 16, block)) {
+        ++blocks;
+        for (std::size_t k = 0; k < block.times.size(); ++k) {
+          inOrder = inOrder && block.times[k] > last;
+          last = block.times[k];
+          const double tick = static_cast<double>((block.times[k] - kT0) / 20'000);
+          if (block.has[2 * k] && block.has[2 * k + 1]) {
+            matched = matched && block.values[2 * k] == tick && block.values[2 * k + 1] == -tick;
+          }
+        }
+      }
+    }
+  });
+  for (int i = 0; i < 200'000; ++i) {
+    rec.BeginTick(20, kT0 + i * 20'000LL);
+    rec.Record(a, i);
+    rec.Record(b, -i);
+  }
+  done = true;
+  reader.join();
+  EXPECT_TRUE(inOrder);
+  EXPECT_TRUE(matched);
+  EXPECT_GT(blocks, 0u);
 }
 
 TEST(Recorder, EventsAreBoundedAndCutWithinACharacter) {

@@ -34,7 +34,10 @@ bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs n
 // Receives the answer a chunk at a time; false stops the export (the download was closed).
 using ExportSink = std::function<bool(std::string_view chunk)>;
 
-// Writes the answer to the query. False when the sink stopped it.
+// Writes the answer to the query. Full resolution: one row per tick time of any selected
+// channel's timer, as far back as the full-rate rings reach. 1s: one row per second in which any
+// selected channel has a value, as far back as the history reaches. False when the sink
+// stopped it.
 bool Export(const Recorder& recorder, const ExportQuery& query, const ExportSink& sink);
 
 // "1764043200.02" from microseconds: the fewest decimals that keep the time exact.

@@ -18,7 +18,8 @@ struct PlannedChannels {
 };
 
 // Stage: linear (X Y Z Zoom), rotary and index (six slots) every 20 ms; the limit bytes every
-// 50 ms; moving, settled, stalled (six slots), failed (four), e-stop and sleep every 200 ms.
+// 50 ms; moving, settled, stalled (six slots), failed (four), e-stop, sleep, platen open and
+// closed every 200 ms.
 // Readings: eight temperatures, the W sensor and sixteen voltages once a second. Pendant: eight
 // buttons, e-stop, joystick readings and deflections, accelerometer every 200 ms. Probes: trip,
 // laser on and interrupt, touch, laser and video captures and the laser's value every 200 ms, the

@@ -1,5 +1,7 @@
 #include "pages/UsbSerial.h"
 
+#include <cstdint>
+
 #include "util/Text.h"
 
 template <class Base>
@@ -34,8 +36,9 @@ template <class Base>
 bool UsbSerialPage<Base>::ViewFollowsEnd() {
   const auto scroll = this->Doc().Scroll("UsbSerial");
   if (!scroll) return false;
+  // In 64 bits: the sizes come from a browser, and their difference need not fit an int.
   return scroll->scrollHeight > scroll->clientHeight &&
-         scroll->scrollHeight - scroll->scrollTop <= scroll->clientHeight;
+         std::int64_t{scroll->scrollHeight} - scroll->scrollTop <= scroll->clientHeight;
 }
 
 template class UsbSerialPage<CTabDlg>;

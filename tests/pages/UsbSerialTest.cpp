@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <limits>
 #include <optional>
 
 #include "pages/UsbSerial.h"
@@ -73,6 +74,10 @@ TEST_F(UsbSerialTest, FollowsTheEndOnlyWhenTheViewWasAtTheEnd) {
       {"at the end of a longer text", ui::ScrollInfo{900, 700, 200}, "three\r\n", true},
       {"scrolled back by the user", ui::ScrollInfo{900, 650, 200}, "four\r\n", false},
       {"nothing new", ui::ScrollInfo{900, 700, 200}, "", false},
+      {"sizes whose difference does not fit an int",
+       ui::ScrollInfo{std::numeric_limits<std::int32_t>::max(),
+                      std::numeric_limits<std::int32_t>::min(), 200},
+       "five\r\n", false},
   };
   for (const Case& c : cases) {
     if (c.view) page->Doc().TakeScrollReport("UsbSerial", *c.view);

@@ -3,6 +3,7 @@
 // what it gets.
 #include <benchmark/benchmark.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -23,9 +24,10 @@ struct Planned {
     for (const recorder::PlannedChannels& p : recorder::kPagePlan) {
       for (unsigned i = 0; i < p.count; ++i) {
         const recorder::ChannelId id =
-            rec.AddChannel({.name = std::string(p.what) + "." + std::to_string(i),
+            rec.AddChannel({.name = "c" + std::to_string(rec.Channels().size()),
                             .rateMs = p.rateMs,
                             .kind = p.kind});
+        if (id == recorder::kNoChannel) std::abort();  // the plan no longer fits its budget
         for (std::size_t r = 0; r < std::size(kRates); ++r) {
           if (kRates[r] == p.rateMs) byRate[r].push_back(id);
         }

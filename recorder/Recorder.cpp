@@ -20,6 +20,16 @@ constexpr KindForm kForms[] = {
 
 constexpr std::size_t kMaxNameLength = 128;
 
+// Names travel in export queries (comma-separated, in a URL) and CSV headers: letters, digits,
+// '.', '_' and '-' only, so that none needs quoting or escaping anywhere.
+bool IsChannelName(const std::string& name) {
+  if (name.empty() || name.size() > kMaxNameLength) return false;
+  return std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+           c == '_' || c == '-';
+  });
+}
+
 std::size_t BitWords(std::size_t bits) {
   return (bits + 63) / 64;
 }
@@ -176,8 +186,7 @@ Recorder::Recorder(RecorderLimits limits) : limits_(limits) {
 Recorder::~Recorder() = default;
 
 ChannelId Recorder::AddChannel(const ChannelInfo& info) {
-  if (info.name.empty() || info.name.size() > kMaxNameLength || info.unit.size() > 32 ||
-      info.rateMs == 0 ||
+  if (!IsChannelName(info.name) || info.unit.size() > 32 || info.rateMs == 0 ||
       static_cast<unsigned>(info.kind) > static_cast<unsigned>(ValueKind::kFloat))
     return kNoChannel;
   std::lock_guard lock(registry_);

@@ -102,8 +102,9 @@ class Recorder {
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
 
-  // Adds a channel and makes its rings; on the UI thread, as Record. kNoChannel when the name is
-  // empty, too long or taken, the rate is 0, or the rings would take the recorder past its budget.
+  // Adds a channel and makes its rings; on the UI thread, as Record. kNoChannel when the name
+  // is taken, empty, longer than 128 bytes or holds other than letters, digits, '.', '_' and
+  // '-'; when the rate is 0; or when the rings would take the recorder past its budget.
   ChannelId AddChannel(const ChannelInfo& info);
   std::size_t BytesUsed() const;
   const RecorderLimits& Limits() const { return limits_; }
@@ -111,7 +112,9 @@ class Recorder {
   // --- UI thread ---
   // Starts a tick of the timer of that rate; the values recorded until its next tick belong to
   // it. A time earlier than the group's last tick is taken as that tick's time (the rings stay
-  // in order). A rate no channel has is ignored.
+  // in order), so the caller should count time on a steady clock (wall time at the start plus
+  // the steady time since), which a wall clock set back cannot step back. A rate no channel
+  // has is ignored.
   void BeginTick(std::uint32_t rateMs, TimeUs time);
   // The channel's value at its group's present tick. A second value in one tick replaces the
   // first in the full-rate ring and widens the second's range. Non-finite values and values

@@ -189,6 +189,9 @@ TEST(Recorder, NeverPassesItsBudget) {
   EXPECT_EQ(rec.AddChannel({.name = "", .rateMs = 20}), kNoChannel);
   EXPECT_EQ(rec.AddChannel({.name = std::string(200, 'x'), .rateMs = 20}), kNoChannel);
   EXPECT_EQ(rec.AddChannel({.name = "zero", .rateMs = 0}), kNoChannel);
+  for (const char* name : {"a,b", "a b", "a&b=c", "a%2C", "a\"b", "a\nb", "\xC3\xA9"})
+    EXPECT_EQ(rec.AddChannel({.name = name, .rateMs = 20, .kind = ValueKind::kFlag}), kNoChannel)
+        << name;
 }
 
 TEST(Recorder, EveryPageFitsTheDefaultBudget) {
@@ -199,9 +202,8 @@ TEST(Recorder, EveryPageFitsTheDefaultBudget) {
   unsigned channels = 0;
   for (const PlannedChannels& p : kPagePlan) {
     for (unsigned i = 0; i < p.count; ++i, ++channels) {
-      ASSERT_NE(rec.AddChannel({.name = std::string(p.what) + std::to_string(i),
-                                .rateMs = p.rateMs,
-                                .kind = p.kind}),
+      ASSERT_NE(rec.AddChannel(
+                    {.name = "c" + std::to_string(channels), .rateMs = p.rateMs, .kind = p.kind}),
                 kNoChannel)
           << p.what;
     }

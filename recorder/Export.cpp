@@ -364,6 +364,18 @@ bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs n
   return true;
 }
 
+std::string ChannelsJson(const Recorder& recorder) {
+  std::string out = "[";
+  for (const ChannelInfo& c : recorder.Channels()) {
+    out += out.size() > 1 ? ",\n{\"name\":" : "\n{\"name\":";
+    AppendJsonString(out, c.name);
+    out += ",\"unit\":";
+    AppendJsonString(out, c.unit);
+    out += ",\"rate_ms\":" + std::to_string(c.rateMs) + "}";
+  }
+  return out + "]\n";
+}
+
 bool Export(const Recorder& recorder, const ExportQuery& q, const ExportSink& sink) {
   Writer w(sink, q.json);
   std::vector<std::string> columns{"time"};

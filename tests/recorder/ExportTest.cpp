@@ -121,6 +121,20 @@ TEST(Export, JsonAndPerSecondForms) {
             "\"rows\":[]}\n");
 }
 
+TEST(Export, ChannelList) {
+  Recorder rec;
+  rec.AddChannel({.name = "status.LinearPosition.X", .rateMs = 20});
+  rec.AddChannel({.name = "readings.Temperature1",
+                  .unit = "\xC2\xB0"
+                          "C\"\n",
+                  .rateMs = 1000});
+  EXPECT_EQ(ChannelsJson(rec),
+            "[\n{\"name\":\"status.LinearPosition.X\",\"unit\":\"\",\"rate_ms\":20},\n"
+            "{\"name\":\"readings.Temperature1\",\"unit\":\"\xC2\xB0"
+            "C\\\"\\u000a\",\"rate_ms\":1000}]\n");
+  EXPECT_EQ(ChannelsJson(Recorder()), "[]\n");
+}
+
 TEST(Export, StreamsInChunksAndStopsWhenTheSinkDoes) {
   Recorder rec({.fullWindowS = 600, .historyS = 700});
   const ChannelId a = rec.AddChannel({.name = "a", .rateMs = 20, .kind = ValueKind::kInt32});

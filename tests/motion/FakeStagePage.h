@@ -240,9 +240,19 @@ class FakeStagePage : public motion::StagePage {
   bool platenCloseWorks_ = true;
   std::atomic<bool> estop_{false};
   std::atomic<bool> frozen_{false};    // the link is down: nothing is fed any more
+  std::uint64_t ticksDone_ = 0;        // ticks whose hook has returned
   std::atomic<bool> blockAsks{false};  // boxes wait for the page's end
   // Runs on the tick thread after each tick, and on the worker at each box.
   std::function<void(FakeStagePage&)> onTick;
+  // Takes the tick hook away and returns once no call of it can still be running: a hook holds
+  // references to the test's locals, which end before the page does.
+  void ClearOnTick() {
+    std::unique_lock lock(mutex_);
+    onTick = nullptr;
+    const std::uint64_t seen = ticksDone_;
+    platform::Clock::Current().WaitUntil(lock, platform::kNever,
+                                         [&] { return stop_ || ticksDone_ > seen; });
+  }
   std::function<void(FakeStagePage&, const std::string&)> onAsk;
   std::function<void(FakeStagePage&)> onChoose;
   std::atomic<std::int32_t> platenEncoder{0};
@@ -261,6 +271,11 @@ class FakeStagePage : public motion::StagePage {
         hook = onTick;
       }
       if (hook) hook(*this);
+      {
+        std::lock_guard lock(mutex_);
+        ++ticksDone_;
+      }
+      clock.NotifyAll();
     }
   }
 
@@ -380,10 +395,11 @@ class MotionFixture : public ::testing::Test {
     pages_.back()->SetFolder(dir_.Path() + "/");
     return *pages_.back();
   }
-  // Starts the test and waits until its thread is done.
+  // Starts the test and waits until its thread is done; the page's tick hook goes with it.
   void Run(FakeStagePage& page, motion::TestButton button) {
     ASSERT_TRUE(motion::StartTest(page, button));
     page.ThreadGuard().Join();
+    page.ClearOnTick();
   }
   std::string Report(const std::string& name) { return ReadReport(dir_ / name); }
   bool Exists(const std::string& name) { return std::ifstream(dir_ / name).good(); }

@@ -130,7 +130,7 @@ TEST_F(MachineTest, FixedBytesAndTheWayInAreCheckedBeforeTheBoardActs) {
     Use(c.profile);
     const Packet r = board_->Execute(c.request, c.pipe).bytes;
     SCOPED_TRACE(::testing::Message() << c.profile << " code 0x" << std::hex << int{c.request[0]}
-                                      << " byte 1 " << std::dec << int{c.request[1]});
+                                      << " length " << std::dec << c.request.size());
     if (c.reason == 0) {
       EXPECT_NE(r.at(0), 0x3F);
     } else {

@@ -245,6 +245,11 @@ TEST_F(WebServerLimitsTest, ARequestThatDoesNotComeInTimeAndASilentBrowserAreClo
 // With no descriptor left, accept fails at once for as long as that lasts: the server tries
 // again after a pause, says so once, and serves the waiting connection when it can.
 TEST_F(WebServerLimitsTest, AnAcceptWithNoDescriptorLeftIsTriedAgainAfterAPause) {
+#if defined(__SANITIZE_ADDRESS__)
+  // The undefined-behaviour checker tests memory through a pipe of its own; with no descriptor
+  // left it takes every object for a bad one and stops the run.
+  GTEST_SKIP() << "not under the sanitizers, which need descriptors of their own";
+#endif
   Start({.acceptRetry = 20ms});
   auto limit = std::make_unique<DescriptorLimit>(OpenDescriptors() + 64);
   // Fill the table, then give the last place to a connection the server cannot accept.

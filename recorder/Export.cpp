@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <limits>
 
+#include "util/Text.h"
+
 namespace recorder {
 
 namespace {
@@ -15,31 +17,6 @@ constexpr std::size_t kTicksPerBlock = 256;
 constexpr std::size_t kSecondsPerBlock = 1024;
 // Seconds since the epoch written with at most this many digits: past the year 5000.
 constexpr std::size_t kMaxSecondDigits = 11;
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// %XX decoded; false on a broken escape.
-bool PercentDecode(std::string_view in, std::string& out) {
-  out.clear();
-  for (std::size_t i = 0; i < in.size(); ++i) {
-    if (in[i] != '%') {
-      out += in[i];
-      continue;
-    }
-    if (i + 2 >= in.size()) return false;
-    const int hi = HexDigit(in[i + 1]);
-    const int lo = HexDigit(in[i + 2]);
-    if (hi < 0 || lo < 0) return false;
-    out += static_cast<char>(hi * 16 + lo);
-    i += 2;
-  }
-  return true;
-}
 
 // Printable for a one-line reason: at most 64 bytes, control bytes as '?'.
 std::string Shown(std::string_view text) {
@@ -295,8 +272,8 @@ bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs n
     query = amp == std::string_view::npos ? std::string_view{} : query.substr(amp + 1);
     const std::size_t eq = pair.find('=');
     const std::string_view key = pair.substr(0, eq);
-    if (!PercentDecode(eq == std::string_view::npos ? std::string_view{} : pair.substr(eq + 1),
-                       value)) {
+    if (!text::PercentDecode(
+            eq == std::string_view::npos ? std::string_view{} : pair.substr(eq + 1), value)) {
       reason = "bad escape in " + Shown(key);
       return false;
     }

@@ -21,6 +21,7 @@
 
 #include "config/ErrorLog.h"
 #include "ui/Window.h"
+#include "util/Text.h"
 
 namespace ui {
 
@@ -65,37 +66,12 @@ bool SameSecret(std::string_view a, std::string_view b) {
   return diff == 0;
 }
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// Percent-decodes `in`; false on a broken escape.
-bool PercentDecode(std::string_view in, std::string& out) {
-  out.clear();
-  for (std::size_t i = 0; i < in.size(); ++i) {
-    if (in[i] != '%') {
-      out += in[i];
-      continue;
-    }
-    if (i + 2 >= in.size()) return false;
-    const int hi = HexValue(in[i + 1]);
-    const int lo = HexValue(in[i + 2]);
-    if (hi < 0 || lo < 0) return false;
-    out += static_cast<char>(hi * 16 + lo);
-    i += 2;
-  }
-  return true;
-}
-
 // The decoded path of a request target, or nullopt when it tries to leave the served tree or
 // is not a plain path: no "." or ".." segments, no empty segments, no backslashes or NULs.
 std::optional<std::string> SafePath(std::string_view target) {
   const std::string_view raw = target.substr(0, target.find('?'));
   std::string path;
-  if (!PercentDecode(raw, path) || path.empty() || path[0] != '/') return std::nullopt;
+  if (!text::PercentDecode(raw, path) || path.empty() || path[0] != '/') return std::nullopt;
   if (path == "/") return std::string("/shell.html");
   if (path.find('\\') != std::string::npos || path.find('\0') != std::string::npos) {
     return std::nullopt;

@@ -27,4 +27,7 @@ void KeepLastCharacters(std::string& utf8, std::size_t count);
 // Compares ASCII letters without regard to case.
 bool EqualsNoCase(const std::string& a, const std::string& b);
 
+// Decodes the %XX escapes of a URL's path or query into `out`; false on a broken escape.
+bool PercentDecode(std::string_view in, std::string& out);
+
 }  // namespace text

@@ -1,0 +1,333 @@
+#include "recorder/ReportApi.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "recorder/ReportFiles.h"
+
+namespace recorder {
+
+namespace {
+
+constexpr std::size_t kChunkBytes = 32 * 1024;
+// A report's base is "LimitTest_Z_" and up to 19 digits; anything longer is not one.
+constexpr std::size_t kMaxBaseLength = 40;
+
+const char* KindName(ReportKind kind) {
+  switch (kind) {
+    case ReportKind::kAxis:
+      return "axis";
+    case ReportKind::kZoom:
+      return "zoom";
+    case ReportKind::kLimit:
+      return "limit";
+    case ReportKind::kPlaten:
+      return "platen";
+  }
+  return "axis";
+}
+
+// The length of the well-formed UTF-8 sequence at the start of `s`, 0 when there is none.
+std::size_t Utf8Length(std::string_view s) {
+  const auto b = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
+  const unsigned char c = b(0);
+  std::size_t n = 0;
+  unsigned char lo = 0x80, hi = 0xBF;  // the second byte's range
+  if (c < 0x80) return 1;
+  if (c >= 0xC2 && c <= 0xDF) {
+    n = 2;
+  } else if (c >= 0xE0 && c <= 0xEF) {
+    n = 3;
+    if (c == 0xE0) lo = 0xA0;
+    if (c == 0xED) hi = 0x9F;  // no surrogates
+  } else if (c >= 0xF0 && c <= 0xF4) {
+    n = 4;
+    if (c == 0xF0) lo = 0x90;
+    if (c == 0xF4) hi = 0x8F;
+  } else {
+    return 0;
+  }
+  if (s.size() < n || b(1) < lo || b(1) > hi) return 0;
+  for (std::size_t i = 2; i < n; ++i) {
+    if (b(i) < 0x80 || b(i) > 0xBF) return 0;
+  }
+  return n;
+}
+
+void AppendInt(std::string& out, std::int64_t v) {
+  char buffer[24];
+  std::snprintf(buffer, sizeof buffer, "%" PRId64, v);
+  out += buffer;
+}
+
+template <typename T>
+void AppendOptional(std::string& out, const std::optional<T>& v) {
+  if (v) {
+    AppendInt(out, *v);
+  } else {
+    out += "null";
+  }
+}
+
+// "12.340", "-0.020": the trace's milliseconds as the seconds with three decimals it was read from.
+void AppendTraceTime(std::string& out, std::int64_t ms) {
+  const std::uint64_t magnitude =
+      ms < 0 ? 0 - static_cast<std::uint64_t>(ms) : static_cast<std::uint64_t>(ms);
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, "%s%" PRIu64 ".%03" PRIu64, ms < 0 ? "-" : "",
+                magnitude / 1000, magnitude % 1000);
+  out += buffer;
+}
+
+// The entry the folder lists under `base`; none for a name that is not a report's (a path, "..").
+std::optional<ReportEntry> FindReport(const std::string& folder, std::string_view base) {
+  if (base.empty() || base.size() > kMaxBaseLength) return std::nullopt;
+  for (char c : base) {
+    const bool ok =
+        (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
+    if (!ok) return std::nullopt;
+  }
+  for (ReportEntry& e : ListReports(folder)) {
+    if (e.base == base) return std::move(e);
+  }
+  return std::nullopt;
+}
+
+std::string FilePath(const std::string& folder, const std::string& base, std::string_view ext) {
+  return (folder.empty() ? std::string(".") : folder) + "/" + base + "." + std::string(ext);
+}
+
+// The report's text and the first fault in it: undecodable bytes first, then a line the parser
+// of its kind did not understand.
+void AppendReportText(std::string& out, const std::string& folder, const ReportEntry& e) {
+  std::string text, problem;
+  bool read = false;
+  if (e.hasReport) {
+    std::string bytes, reason;
+    read = ReadBoundedFile(FilePath(folder, e.base, "dat"), kMaxReportBytes, bytes, reason);
+    if (read) {
+      text = DecodeReport(bytes, problem);
+    } else {
+      problem = e.base + ".dat not read: " + reason;
+    }
+  }
+  if (read && problem.empty()) {
+    if (e.kind == ReportKind::kLimit) {
+      LimitReport l;
+      ParseLimitReport(text, l);
+      problem = l.problem;
+    } else if (e.kind != ReportKind::kPlaten) {
+      AxisReport a;
+      ParseAxisReport(text, a);
+      problem = a.problem;
+    }
+  }
+  out += ",\"text\":";
+  if (read) {
+    AppendJsonText(out, text);
+  } else {
+    out += "null";
+  }
+  out += ",\"problem\":";
+  AppendJsonText(out, problem);
+}
+
+bool WriteTrace(std::string& out, const std::string& folder, const ReportEntry& e,
+                const ExportSink& sink) {
+  out += ",\"trace\":";
+  if (!e.hasTrace) {
+    out += "null";
+    return true;
+  }
+  std::string bytes, reason;
+  Trace trace;
+  if (ReadBoundedFile(FilePath(folder, e.base, "csv"), kMaxTraceBytes, bytes, reason)) {
+    trace = ParseTrace(bytes);
+  } else {
+    trace.problem = e.base + ".csv not read: " + reason;
+  }
+  bytes = std::string();
+  out += "{\"columns\":[\"time\",\"bias\",\"linear\",\"rotary\",\"limit\"],\"rows\":[";
+  for (std::size_t i = 0; i < trace.rows.size(); ++i) {
+    const TraceRow& r = trace.rows[i];
+    out += i == 0 ? "[" : ",\n[";
+    AppendTraceTime(out, r.timeMs);
+    for (const std::int32_t v : {r.bias, r.linear, r.rotary, r.limit}) {
+      out += ',';
+      AppendInt(out, v);
+    }
+    out += ']';
+    if (out.size() >= kChunkBytes) {
+      if (!sink(out)) return false;
+      out.clear();
+    }
+  }
+  out += "],\"problem\":";
+  AppendJsonText(out, trace.problem);
+  out += '}';
+  return true;
+}
+
+// One report's results for the history; false when nothing in it could be read.
+bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportEntry& e) {
+  std::string bytes, reason, problem;
+  if (!ReadBoundedFile(FilePath(folder, e.base, "dat"), kMaxHistoryReportBytes, bytes, reason))
+    return false;
+  const std::string text = DecodeReport(bytes, problem);
+  std::string row = "{\"time\":";
+  AppendInt(row, e.modified);
+  row += ",\"base\":";
+  AppendJsonText(row, e.base);
+  row += ",\"kind\":\"";
+  row += KindName(e.kind);
+  row += '"';
+  if (e.kind == ReportKind::kLimit) {
+    LimitReport l;
+    if (!ParseLimitReport(text, l)) return false;
+    row += ",\"startNeg\":null,\"startPos\":null";
+    for (int d = 0; d < 2; ++d) {
+      row += d == 0 ? ",\"movingNeg\":" : ",\"movingPos\":";
+      if (l.minVoltage[d] || l.maxVoltage[d]) {
+        row += '[';
+        AppendOptional(row, l.minVoltage[d]);
+        row += ',';
+        AppendOptional(row, l.maxVoltage[d]);
+        row += ']';
+      } else {
+        row += "null";
+      }
+    }
+    row += ",\"travel\":";
+    AppendOptional(row, l.Travel());
+  } else {
+    AxisReport a;
+    if (!ParseAxisReport(text, a)) return false;
+    row += ",\"startNeg\":";
+    AppendOptional(row, a.dir[0].startingVoltage);
+    row += ",\"startPos\":";
+    AppendOptional(row, a.dir[1].startingVoltage);
+    row += ",\"movingNeg\":null,\"movingPos\":null,\"travel\":null";
+  }
+  row += '}';
+  out += row;
+  return true;
+}
+
+}  // namespace
+
+void AppendJsonText(std::string& out, std::string_view s) {
+  out += '"';
+  while (!s.empty()) {
+    const unsigned char c = static_cast<unsigned char>(s[0]);
+    const std::size_t n = Utf8Length(s);
+    if (n == 0) {
+      out += "\\ufffd";
+      s.remove_prefix(1);
+      continue;
+    }
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20 || c == 0x7F) {
+      char buffer[8];
+      std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned>(c));
+      out += buffer;
+    } else {
+      out.append(s.substr(0, n));
+    }
+    s.remove_prefix(n);
+  }
+  out += '"';
+}
+
+std::string ReportsJson(const std::string& folder) {
+  bool truncated = false;
+  const std::vector<ReportEntry> list = ListReports(folder, &truncated);
+  std::string out =
+      truncated ? "{\"truncated\":true,\"reports\":[" : "{\"truncated\":false,\"reports\":[";
+  out.reserve(list.size() * 120 + 64);
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    const ReportEntry& e = list[i];
+    out += i == 0 ? "\n{\"base\":" : ",\n{\"base\":";
+    AppendJsonText(out, e.base);
+    out += ",\"kind\":\"";
+    out += KindName(e.kind);
+    out += "\",\"axis\":";
+    AppendJsonText(out, e.axis);
+    out += ",\"number\":";
+    char buffer[24];
+    std::snprintf(buffer, sizeof buffer, "%" PRIu64, e.number);
+    out += buffer;
+    out += e.hasReport ? ",\"hasReport\":true" : ",\"hasReport\":false";
+    out += e.hasTrace ? ",\"hasTrace\":true" : ",\"hasTrace\":false";
+    out += ",\"modified\":";
+    AppendInt(out, e.modified);
+    out += '}';
+  }
+  out += "]}\n";
+  return out;
+}
+
+ApiStatus WriteReportJson(const std::string& folder, std::string_view base,
+                          const ExportSink& sink) {
+  const std::optional<ReportEntry> entry = FindReport(folder, base);
+  if (!entry) return ApiStatus::kNotFound;
+  std::string out = "{\"base\":";
+  AppendJsonText(out, entry->base);
+  AppendReportText(out, folder, *entry);
+  if (!WriteTrace(out, folder, *entry, sink)) return ApiStatus::kStopped;
+  out += "}\n";
+  return sink(out) ? ApiStatus::kOk : ApiStatus::kStopped;
+}
+
+bool ReportFilePath(const std::string& folder, std::string_view base, std::string_view ext,
+                    std::string& path) {
+  if (ext != "dat" && ext != "csv") return false;
+  const std::optional<ReportEntry> entry = FindReport(folder, base);
+  if (!entry || !(ext == "dat" ? entry->hasReport : entry->hasTrace)) return false;
+  path = FilePath(folder, entry->base, ext);
+  return true;
+}
+
+std::string HistoryJson(const std::string& folder) {
+  // The newest reports of the axis and limit tests, then each axis's oldest first.
+  std::vector<ReportEntry> list = ListReports(folder);
+  std::erase_if(list, [](const ReportEntry& e) {
+    return e.kind == ReportKind::kPlaten || !e.hasReport || e.axis.empty();
+  });
+  if (list.size() > kMaxHistoryReports) list.resize(kMaxHistoryReports);
+  std::stable_sort(list.begin(), list.end(), [](const ReportEntry& a, const ReportEntry& b) {
+    if (a.axis != b.axis) return a.axis < b.axis;
+    if (a.modified != b.modified) return a.modified < b.modified;
+    if (a.number != b.number) return a.number < b.number;
+    return a.base < b.base;
+  });
+  std::string out = "{\"axes\":{";
+  std::string axis;
+  bool firstAxis = true, firstRow = true;
+  for (const ReportEntry& e : list) {
+    if (firstAxis || e.axis != axis) {
+      if (!firstAxis) out += "\n]";
+      if (!firstAxis) out += ',';
+      AppendJsonText(out, e.axis);
+      out += ":[";
+      axis = e.axis;
+      firstAxis = false;
+      firstRow = true;
+    }
+    std::string row = firstRow ? "\n" : ",\n";
+    if (AppendHistoryRow(row, folder, e)) {
+      out += row;
+      firstRow = false;
+    }
+  }
+  if (!firstAxis) out += "\n]";
+  out += "}}\n";
+  return out;
+}
+
+}  // namespace recorder

@@ -1,0 +1,45 @@
+// The report viewer's answers over HTTP: the folder's list, one report with its trace, a file's
+// path for download, and each axis's results over time. Everything read comes from files any
+// local user can write, so names are checked against the folder's own list (never taken as a
+// path) and every string is escaped for JSON, whatever its bytes.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "recorder/Export.h"
+
+namespace recorder {
+
+enum class ApiStatus { kOk, kNotFound, kStopped };
+
+// A report read for the history is at most this long (an axis or limit report is a few hundred
+// bytes), and at most the newest kMaxHistoryReports are read.
+inline constexpr std::size_t kMaxHistoryReportBytes = 64u << 10;
+inline constexpr std::size_t kMaxHistoryReports = 2000;
+
+// /reports: {"truncated":false,"reports":[{"base":..,"kind":..,"axis":..,"number":..,
+// "hasReport":..,"hasTrace":..,"modified":S},...]}, newest first.
+std::string ReportsJson(const std::string& folder);
+
+// /report: {"base":..,"text":..|null,"problem":..,"trace":{"columns":[..],"rows":[[..],..],
+// "problem":..}|null}, written to the sink in chunks (a trace may be 32 MiB). Times are written
+// with the three decimals the trace holds, so nothing is lost. kNotFound when `base` is not a
+// report the folder lists (nothing is written then); kStopped when the sink stopped it.
+ApiStatus WriteReportJson(const std::string& folder, std::string_view base, const ExportSink& sink);
+
+// /report-file: the path of BASE.dat or BASE.csv when the folder lists that file; false for any
+// other name or extension.
+bool ReportFilePath(const std::string& folder, std::string_view base, std::string_view ext,
+                    std::string& path);
+
+// /history: {"axes":{"X":[{"time":S,"base":..,"kind":"axis|zoom|limit","startNeg":..,
+// "startPos":..,"movingNeg":[min,max]|null,"movingPos":..,"travel":..},...]}}, each axis oldest
+// first, null where the report did not say. Reports of which nothing could be read are left out.
+std::string HistoryJson(const std::string& folder);
+
+// Appends `s` as a JSON string: quotes, backslashes and control bytes escaped, and each byte that
+// is not part of well-formed UTF-8 written as U+FFFD, so the answer is always valid JSON.
+void AppendJsonText(std::string& out, std::string_view s);
+
+}  // namespace recorder

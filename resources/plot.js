@@ -1,1 +1,822 @@
-// Filled in by the plot work.
+// Plots of recorded channels: a click on a value in a page (or the "Plot..." menu entry) opens a
+// floating panel that follows the recorder live, pauses, zooms and pans over the full-rate window
+// and the history, marks the recorder's events, exports what it shows, and is reopened after a
+// reload of the window.
+(() => {
+  'use strict';
+
+  const token = new URLSearchParams(location.search).get('token') || '';
+  const STORE_KEY = 'tavro.plots';
+  const POLL_MS = 250;
+  const EVENTS_EVERY = 4;          // polls between looks at the event marks
+  const FULL_RATE_S = 600;         // how far back the recorder keeps every tick
+  const OVERLAP_S = 1;             // re-read at each poll: a slower timer's tick may land late
+  const MAX_POINTS = 100000;       // rows kept per plot: 24 h of seconds, 10 min of 20 ms ticks
+  const MAX_CHANNELS = 8;
+  const MAX_EVENTS = 2000;
+  const FETCH_TIMEOUT_MS = 15000;
+  const SPANS = [[60, '1 min'], [600, '10 min'], [3600, '1 h'], [86400, '24 h']];
+  const COLORS = ['#2f6fb0', '#c62828', '#2e7d32', '#8e44ad', '#e67e22', '#00838f', '#6d4c41',
+    '#ad1457'];
+  const EVENT_COLORS = {
+    'link-lost': '#c62828', 'link-back': '#2e7d32', 'estop-on': '#d84315', 'estop-off': '#558b2f',
+    sleep: '#6d4c41', 'test-started': '#1565c0', 'test-ended': '#1565c0', answer: '#8e44ad',
+  };
+
+  let channels = [];               // as /channels lists them
+  let byName = new Map();
+  let byPageElement = new Map();   // "page\0element" -> channel
+  let byElement = new Map();       // element -> [channels], for a frame titled otherwise
+  let channelsLoaded = null;       // the promise of the current /channels look
+  const plots = [];                // open plots, the front one last
+  let layer = null;
+  let zTop = 10;
+
+  const nowS = () => Date.now() / 1000;
+  const q = (v) => encodeURIComponent(v);
+  const timeText = (t) => (Math.round(t * 1000) / 1000).toFixed(3);
+  const resolutionFor = (from, to) => (to - from <= FULL_RATE_S + 1
+    && from >= nowS() - FULL_RATE_S - 5 ? 'full' : '1s');
+
+  // --- The recorder ---------------------------------------------------------------------------
+
+  async function getJson(path, signal) {
+    const ctl = new AbortController();
+    const timer = setTimeout(() => ctl.abort(), FETCH_TIMEOUT_MS);
+    const stop = () => ctl.abort();
+    if (signal) signal.addEventListener('abort', stop);
+    try {
+      const r = await fetch(path, { signal: ctl.signal, cache: 'no-store' });
+      if (!r.ok) throw new Error(`${path.split('?')[0]}: ${r.status}`);
+      return await r.json();
+    } finally {
+      clearTimeout(timer);
+      if (signal) signal.removeEventListener('abort', stop);
+    }
+  }
+
+  function exportUrl(names, from, to, format, resolution) {
+    return `/export?token=${q(token)}&channels=${names.map(q).join(',')}&from=${timeText(from)}`
+      + `${to === undefined ? '' : `&to=${timeText(to)}`}&format=${format}&resolution=${resolution}`;
+  }
+
+  function loadChannels() {
+    channelsLoaded = getJson(`/channels?token=${q(token)}`).then((list) => {
+      if (!Array.isArray(list)) return;
+      channels = list.filter((c) => c && typeof c.name === 'string');
+      byName = new Map(channels.map((c) => [c.name, c]));
+      byPageElement = new Map();
+      byElement = new Map();
+      for (const c of channels) {
+        if (!c.element) continue;
+        byPageElement.set(`${c.page}\0${c.element}`, c);
+        if (!byElement.has(c.element)) byElement.set(c.element, []);
+        byElement.get(c.element).push(c);
+      }
+      for (const frame of document.querySelectorAll('#pages iframe')) markFrame(frame);
+    }).catch(() => {});
+    return channelsLoaded;
+  }
+
+  function channelOf(name) {
+    return byName.get(name) || { name, unit: '', rate_ms: 0, page: '', element: '' };
+  }
+
+  // --- Values in the pages --------------------------------------------------------------------
+
+  const seenFrames = new WeakSet();
+
+  function frameLoaded(frame) {
+    // A page document loaded again may be another machine's: its channels are looked up anew.
+    if (seenFrames.has(frame)) loadChannels();
+    else {
+      seenFrames.add(frame);
+      markFrame(frame);
+    }
+  }
+
+  function channelAt(frame, id) {
+    const c = byPageElement.get(`${frame.title}\0${id}`);
+    if (c) return c;
+    const list = byElement.get(id);
+    return list && list.length === 1 ? list[0] : null;
+  }
+
+  function markFrame(frame) {
+    let doc;
+    try { doc = frame.contentDocument; } catch { return; }
+    if (!doc || !doc.body) return;
+    if (!doc.getElementById('plot-marks')) {
+      const style = doc.createElement('style');
+      style.id = 'plot-marks';
+      style.textContent = '[data-plot-channel] { cursor: zoom-in; }';
+      (doc.head || doc.body).appendChild(style);
+      doc.addEventListener('click', (e) => valueClicked(frame, e));
+    }
+    for (const el of doc.querySelectorAll('[data-plot-channel]')) {
+      if (!channelAt(frame, el.id)) {
+        delete el.dataset.plotChannel;
+        if (el.title === 'Click to plot') el.removeAttribute('title');
+      }
+    }
+    for (const el of doc.querySelectorAll('[id]')) {
+      const c = channelAt(frame, el.id);
+      if (!c) continue;
+      el.dataset.plotChannel = c.name;
+      if (!el.title) el.title = 'Click to plot';
+    }
+  }
+
+  function valueClicked(frame, e) {
+    const el = e.target && e.target.closest ? e.target.closest('[data-plot-channel]') : null;
+    if (!el || e.button !== 0) return;
+    const c = channelAt(frame, el.id);
+    if (!c) return;
+    const front = plots[plots.length - 1];
+    if (front && !e.shiftKey) addChannel(front, c.name);
+    else openPlot({ channels: [c.name] });
+  }
+
+  // --- A plot ---------------------------------------------------------------------------------
+
+  function ensureLayer() {
+    if (!layer) {
+      layer = document.createElement('div');
+      layer.id = 'plot-layer';
+      layer.className = 'plot-layer';
+      document.body.appendChild(layer);
+    }
+    return layer;
+  }
+
+  function button(text, label, onClick) {
+    const b = document.createElement('button');
+    b.type = 'button';
+    b.textContent = text;
+    if (label) b.setAttribute('aria-label', label);
+    b.addEventListener('click', onClick);
+    return b;
+  }
+
+  // Opens a plot of `state.channels` (names); the rest of `state` (span, follow, view, pos) is
+  // what a reload kept. Returns the panel element, which carries the plot as `.plot` and the
+  // uPlot as `.uplot`.
+  function openPlot(state) {
+    const names = [...new Set(state.channels.filter((n) => typeof n === 'string'))]
+      .slice(0, MAX_CHANNELS);
+    if (!names.length) return null;
+    const span = SPANS.some(([s]) => s === state.span) ? state.span : 60;
+    const p = {
+      names, span,
+      follow: state.follow !== false || !Array.isArray(state.view),
+      view: Array.isArray(state.view) ? state.view.map(Number) : null,
+      resolution: null, times: [], cols: [], events: [], loaded: null,
+      polls: 0, busy: false, abort: new AbortController(), timer: 0, uplot: null,
+      setTo: null, refetchTimer: 0, generation: 0,
+    };
+    const panel = document.createElement('section');
+    panel.className = 'plot-panel';
+    panel.setAttribute('role', 'dialog');
+    panel.tabIndex = -1;
+    p.panel = panel;
+    panel.plot = p;
+
+    const head = document.createElement('header');
+    head.className = 'plot-head';
+    p.title = document.createElement('span');
+    p.title.className = 'plot-title';
+    head.appendChild(p.title);
+    p.followButton = button('Pause', null, () => setFollow(p, !p.follow));
+    p.spanSelect = document.createElement('select');
+    p.spanSelect.setAttribute('aria-label', 'Span');
+    for (const [s, text] of SPANS) p.spanSelect.add(new Option(text, String(s)));
+    p.spanSelect.value = String(span);
+    p.spanSelect.addEventListener('change', () => setSpan(p, Number(p.spanSelect.value)));
+    p.csv = document.createElement('a');
+    p.csv.textContent = 'CSV';
+    p.csv.className = 'plot-export';
+    p.json = document.createElement('a');
+    p.json.textContent = 'JSON';
+    p.json.className = 'plot-export';
+    for (const a of [p.csv, p.json]) a.addEventListener('click', () => updateExports(p));
+    const close = button('\u00d7', 'Close', () => closePlot(p));
+    close.className = 'plot-close';
+    head.append(p.followButton, p.spanSelect, p.csv, p.json, close);
+    p.body = document.createElement('div');
+    p.body.className = 'plot-body';
+    p.tip = document.createElement('div');
+    p.tip.className = 'plot-tip';
+    p.tip.hidden = true;
+    panel.append(head, p.body, p.tip);
+
+    const pos = state.pos || {};
+    const n = plots.length;
+    const width = clamp(Number(pos.width) || 640, 320, Math.max(320, innerWidth - 8));
+    const height = clamp(Number(pos.height) || 360, 220, Math.max(220, innerHeight - 8));
+    panel.style.width = `${width}px`;
+    panel.style.height = `${height}px`;
+    // A new plot goes to the lower right, off the values at the top of the pages.
+    const left = 'left' in pos ? Number(pos.left) : innerWidth - width - 16 - 28 * n;
+    const top = 'top' in pos ? Number(pos.top) : innerHeight - height - 16 - 28 * n;
+    panel.style.left = `${clamp(left || 0, 0, Math.max(0, innerWidth - 120))}px`;
+    panel.style.top = `${clamp(top || 0, 0, Math.max(0, innerHeight - 40))}px`;
+    ensureLayer().appendChild(panel);
+    plots.push(p);
+    raise(p);
+
+    panel.addEventListener('mousedown', () => raise(p), true);
+    panel.addEventListener('keydown', (e) => {
+      // Escape closes the plot, not the page's test behind it.
+      if (e.key === 'Escape' && !e.defaultPrevented) {
+        e.stopPropagation();
+        closePlot(p);
+      }
+    });
+    dragBy(head, panel, () => save());
+    p.resize = new ResizeObserver(() => fit(p));
+    p.resize.observe(panel);
+
+    build(p, p.follow ? resolutionFor(nowS() - span, nowS()) : resolutionFor(...p.view));
+    refetch(p);
+    p.timer = setInterval(() => poll(p), POLL_MS);
+    save();
+    return panel;
+  }
+
+  function clamp(v, lo, hi) { return Math.min(Math.max(v, lo), hi); }
+
+  function raise(p) {
+    const i = plots.indexOf(p);
+    if (i >= 0 && i !== plots.length - 1) {
+      plots.splice(i, 1);
+      plots.push(p);
+      save();
+    }
+    p.panel.style.zIndex = String(++zTop);
+  }
+
+  function closePlot(p) {
+    const i = plots.indexOf(p);
+    if (i < 0) return;
+    plots.splice(i, 1);
+    clearInterval(p.timer);
+    clearTimeout(p.refetchTimer);
+    p.abort.abort();
+    p.resize.disconnect();
+    if (p.uplot) p.uplot.destroy();
+    p.panel.remove();
+    save();
+  }
+
+  function addChannel(p, name) {
+    raise(p);
+    if (p.names.includes(name) || p.names.length >= MAX_CHANNELS) return;
+    p.names.push(name);
+    build(p, p.resolution);
+    refetch(p);
+    save();
+  }
+
+  // Dragging `handle` moves `panel`, kept inside the window.
+  function dragBy(handle, panel, done) {
+    handle.addEventListener('mousedown', (e) => {
+      if (e.button !== 0 || e.target.closest('button, select, a, input')) return;
+      e.preventDefault();
+      const x0 = e.clientX - panel.offsetLeft;
+      const y0 = e.clientY - panel.offsetTop;
+      const move = (m) => {
+        panel.style.left = `${clamp(m.clientX - x0, 0, Math.max(0, innerWidth - 60))}px`;
+        panel.style.top = `${clamp(m.clientY - y0, 0, Math.max(0, innerHeight - 30))}px`;
+      };
+      const up = () => {
+        removeEventListener('mousemove', move);
+        removeEventListener('mouseup', up);
+        done();
+      };
+      addEventListener('mousemove', move);
+      addEventListener('mouseup', up);
+    });
+  }
+
+  // The series of a resolution: one per channel at full rate, a min and a max a second.
+  function build(p, resolution) {
+    p.generation += 1;
+    p.resolution = resolution;
+    const perChannel = resolution === '1s' ? 2 : 1;
+    p.times = [];
+    p.cols = p.names.flatMap(() => Array.from({ length: perChannel }, () => []));
+    p.loaded = null;
+    const first = channelOf(p.names[0]);
+    p.panel.setAttribute('aria-label', `Plot: ${first.name}`);
+    p.title.textContent = `Plot: ${p.names.join(', ')}`;
+    p.title.title = p.title.textContent;
+
+    const series = [{}];
+    const axes = [{ grid: { stroke: '#e3e8ee' }, ticks: { stroke: '#c9d1da' } }];
+    const scales = { x: { time: true, auto: false } };
+    const bands = [];
+    p.names.forEach((name, i) => {
+      const c = channelOf(name);
+      const color = COLORS[i % COLORS.length];
+      const key = `y${i}`;
+      scales[key] = { auto: true };
+      const label = c.unit ? `${name} (${c.unit})` : name;
+      axes.push({
+        scale: key, side: i % 2 ? 1 : 3, label, stroke: color, labelSize: 18, size: 64,
+        grid: { show: i === 0, stroke: '#eef1f4' }, ticks: { stroke: '#c9d1da' },
+        labelFont: '11px "DejaVu Sans", sans-serif', font: '11px "DejaVu Sans", sans-serif',
+      });
+      if (perChannel === 1) {
+        series.push({ label: name, scale: key, stroke: color, width: 1.5, spanGaps: true,
+          points: { show: false } });
+      } else {
+        series.push({ label: `${name} min`, scale: key, stroke: color, width: 1, spanGaps: true,
+          points: { show: false } });
+        series.push({ label: `${name} max`, scale: key, stroke: color, width: 1, spanGaps: true,
+          points: { show: false } });
+        bands.push({ series: [series.length - 1, series.length - 2], fill: `${color}33` });
+      }
+    });
+
+    if (p.uplot) p.uplot.destroy();
+    const size = plotSize(p, p.names.length * perChannel);
+    const opts = {
+      ...size, series, axes, scales, bands,
+      legend: { live: true },
+      cursor: {
+        drag: { x: true, y: false, setScale: true },
+        bind: {
+          mousedown: (u, targ, handler) => (e) => {
+            if (e.shiftKey && e.button === 0) {
+              startPan(p, e);
+              return null;
+            }
+            return handler(e);
+          },
+          dblclick: () => () => { setFollow(p, true); return null; },
+        },
+      },
+      hooks: {
+        setScale: [(u, key) => { if (key === 'x') scaleChanged(p); }],
+        draw: [(u) => drawEvents(p, u)],
+        setCursor: [(u) => eventTip(p, u)],
+      },
+    };
+    p.uplot = new uPlot(opts, [p.times, ...p.cols], p.body);
+    p.panel.uplot = p.uplot;
+    p.uplot.over.addEventListener('wheel', (e) => wheelPan(p, e), { passive: false });
+    p.uplot.over.addEventListener('mouseleave', () => { p.tip.hidden = true; });
+    showView(p);
+    updateFollowButton(p);
+  }
+
+  function plotSize(p, nSeries) {
+    const width = Math.max(200, p.body.clientWidth);
+    const legendRows = Math.ceil((nSeries + 1) / 3);
+    const height = Math.max(100, p.body.clientHeight - 8 - 22 * legendRows);
+    return { width, height };
+  }
+
+  function fit(p) {
+    if (!p.uplot) return;
+    const legend = p.uplot.root.querySelector('.u-legend');
+    const width = Math.max(200, p.body.clientWidth);
+    const height = Math.max(100, p.body.clientHeight - (legend ? legend.offsetHeight : 0) - 8);
+    if (width !== p.uplot.width || height !== p.uplot.height) p.uplot.setSize({ width, height });
+  }
+
+  // --- Fetching -------------------------------------------------------------------------------
+
+  // The window the plot should hold: the span up to now when following, else the view.
+  function wanted(p) {
+    if (p.follow) {
+      const to = Math.max(nowS(), lastTime(p) || 0);
+      return [to - p.span, to];
+    }
+    return p.view;
+  }
+
+  function lastTime(p) { return p.times.length ? p.times[p.times.length - 1] : null; }
+
+  // Reads the whole window anew (opening, a new span, a view outside what is held).
+  function refetch(p) {
+    const [from, to] = wanted(p);
+    const resolution = resolutionFor(from, to);
+    if (resolution !== p.resolution) build(p, resolution);
+    p.loaded = null;
+    p.times.length = 0;
+    for (const c of p.cols) c.length = 0;
+    p.events = [];
+    p.eventsTo = null;
+    const generation = p.generation += 1;
+    p.busy = true;
+    const fetchFrom = from;
+    const fetchTo = p.follow ? undefined : to;
+    Promise.all([
+      getJson(exportUrl(p.names, fetchFrom, fetchTo, 'json', resolution), p.abort.signal),
+      fetchEvents(p, from, fetchTo),
+    ]).then(([answer]) => {
+      if (generation !== p.generation) return;
+      merge(p, answer, fetchFrom);
+      p.loaded = [from, fetchTo === undefined ? lastTime(p) || from : to];
+      showView(p);
+    }).catch(() => {}).finally(() => {
+      if (generation === p.generation) p.busy = false;
+    });
+  }
+
+  // Following: what came since the last row, with a little overlap for late ticks.
+  function poll(p) {
+    if (!p.follow || p.busy) return;
+    if (!p.loaded) { refetch(p); return; }
+    const generation = p.generation;
+    const last = lastTime(p);
+    const from = last === null ? p.loaded[0] : last - OVERLAP_S;
+    p.busy = true;
+    p.polls += 1;
+    const events = p.polls % EVENTS_EVERY === 0
+      ? fetchEvents(p, p.eventsTo === null ? p.loaded[0] : p.eventsTo - OVERLAP_S) : null;
+    Promise.all([getJson(exportUrl(p.names, from, undefined, 'json', p.resolution),
+      p.abort.signal), events]).then(([answer]) => {
+      if (generation !== p.generation || !p.follow) return;
+      merge(p, answer, from);
+      const to = wanted(p)[1];
+      p.loaded = [to - p.span, to];
+      trim(p, to - p.span);
+      showView(p);
+    }).catch(() => {}).finally(() => {
+      if (generation === p.generation) p.busy = false;
+    });
+  }
+
+  // Puts the rows of an export answer in place of what the plot held from `from` on.
+  function merge(p, answer, from) {
+    if (!answer || !Array.isArray(answer.columns) || !Array.isArray(answer.rows)) return;
+    const wantedColumns = p.resolution === '1s'
+      ? p.names.flatMap((n) => [`${n}.min`, `${n}.max`]) : p.names;
+    const at = wantedColumns.map((n) => answer.columns.indexOf(n));
+    const cut = lowerBound(p.times, from);
+    p.times.length = cut;
+    for (const c of p.cols) c.length = cut;
+    let prev = cut ? p.times[cut - 1] : -Infinity;
+    for (const row of answer.rows) {
+      if (!Array.isArray(row) || typeof row[0] !== 'number' || row[0] <= prev) continue;
+      prev = row[0];
+      p.times.push(row[0]);
+      for (let i = 0; i < at.length; i += 1) {
+        const v = at[i] > 0 ? row[at[i]] : null;
+        p.cols[i].push(typeof v === 'number' ? v : null);
+      }
+    }
+    if (p.times.length > MAX_POINTS) dropFront(p, p.times.length - MAX_POINTS);
+  }
+
+  function trim(p, keepFrom) {
+    const n = lowerBound(p.times, keepFrom);
+    if (n > 0) dropFront(p, n);
+  }
+
+  function dropFront(p, n) {
+    p.times.splice(0, n);
+    for (const c of p.cols) c.splice(0, n);
+  }
+
+  function lowerBound(a, v) {
+    let lo = 0;
+    let hi = a.length;
+    while (lo < hi) {
+      const mid = (lo + hi) >> 1;
+      if (a[mid] < v) lo = mid + 1;
+      else hi = mid;
+    }
+    return lo;
+  }
+
+  async function fetchEvents(p, from, to) {
+    const path = `/events?token=${q(token)}&from=${timeText(from)}`
+      + `${to === undefined ? '' : `&to=${timeText(to)}`}`;
+    try {
+      const answer = await getJson(path, p.abort.signal);
+      if (!answer || !Array.isArray(answer.events)) return;
+      const seen = new Set(p.events.map((e) => `${e.time}|${e.kind}|${e.text}`));
+      for (const e of answer.events) {
+        if (!e || typeof e.time !== 'number') continue;
+        const ev = { time: e.time, kind: String(e.kind || ''), text: String(e.text || '') };
+        const key = `${ev.time}|${ev.kind}|${ev.text}`;
+        if (seen.has(key)) continue;
+        seen.add(key);
+        p.events.push(ev);
+        p.eventsTo = Math.max(p.eventsTo || 0, ev.time);
+      }
+      if (p.eventsTo === null) p.eventsTo = to === undefined ? nowS() : to;
+      p.events.sort((a, b) => a.time - b.time);
+      const keep = wanted(p)[0] - p.span;
+      p.events = p.events.filter((e) => e.time >= keep).slice(-MAX_EVENTS);
+    } catch { /* the next look tries again */ }
+  }
+
+  // --- The view -------------------------------------------------------------------------------
+
+  function showView(p) {
+    const u = p.uplot;
+    if (!u) return;
+    u.setData([p.times, ...p.cols], false);
+    const [min, max] = wanted(p);
+    setX(p, min, max);
+    updateExports(p);
+  }
+
+  // uPlot tells of a new scale later, in a batch: a scale the plot set itself is known by its
+  // bounds.
+  function setX(p, min, max) {
+    p.setTo = [min, max];
+    p.uplot.setScale('x', { min, max });
+  }
+
+  // A zoom by the operator (a drag on the plot) stops following at what it shows.
+  function scaleChanged(p) {
+    const { min, max } = p.uplot.scales.x;
+    if (min === null || max === null) return;
+    if (p.setTo && Math.abs(min - p.setTo[0]) < 1e-6 && Math.abs(max - p.setTo[1]) < 1e-6) return;
+    p.follow = false;
+    p.view = [min, max];
+    updateFollowButton(p);
+    updateExports(p);
+    viewMoved(p);
+  }
+
+  function setView(p, min, max) {
+    p.follow = false;
+    p.view = [min, max];
+    setX(p, min, max);
+    updateFollowButton(p);
+    updateExports(p);
+    viewMoved(p);
+  }
+
+  // Once the view has rested, reads it when the plot does not hold it in the resolution it needs.
+  function viewMoved(p) {
+    clearTimeout(p.refetchTimer);
+    p.refetchTimer = setTimeout(() => {
+      if (p.follow || !p.view) return;
+      const [min, max] = p.view;
+      const held = p.loaded && p.loaded[0] <= min + 0.5 && p.loaded[1] >= max - 0.5;
+      if (!held || resolutionFor(min, max) !== p.resolution) refetch(p);
+      save();
+    }, 200);
+  }
+
+  function startPan(p, e) {
+    const u = p.uplot;
+    const x0 = e.clientX;
+    const { min, max } = u.scales.x;
+    const width = u.over.clientWidth || 1;
+    const move = (m) => {
+      const dx = ((m.clientX - x0) / width) * (max - min);
+      setView(p, min - dx, max - dx);
+    };
+    const up = () => {
+      removeEventListener('mousemove', move);
+      removeEventListener('mouseup', up);
+    };
+    addEventListener('mousemove', move);
+    addEventListener('mouseup', up);
+  }
+
+  function wheelPan(p, e) {
+    e.preventDefault();
+    const { min, max } = p.uplot.scales.x;
+    if (min === null || max === null) return;
+    const delta = Math.abs(e.deltaX) > Math.abs(e.deltaY) ? e.deltaX : e.deltaY;
+    const dx = clamp(delta / 1000, -0.5, 0.5) * (max - min);
+    setView(p, min + dx, max + dx);
+  }
+
+  function setFollow(p, follow) {
+    if (follow === p.follow) return;
+    p.follow = follow;
+    if (follow) {
+      p.view = null;
+      refetch(p);
+    } else {
+      const { min, max } = p.uplot.scales.x;
+      p.view = [min, max];
+    }
+    updateFollowButton(p);
+    save();
+  }
+
+  function setSpan(p, span) {
+    p.span = span;
+    if (!p.follow && p.view) p.view = [p.view[1] - span, p.view[1]];
+    refetch(p);
+    save();
+  }
+
+  function updateFollowButton(p) {
+    p.followButton.textContent = p.follow ? 'Pause' : 'Follow';
+    p.followButton.title = p.follow ? 'Stop following the present' : 'Follow the present';
+    p.spanSelect.value = String(p.span);
+  }
+
+  // The export links name the plot's channels over what the plot shows.
+  function updateExports(p) {
+    const u = p.uplot;
+    if (!u || u.scales.x.min === null) return;
+    const { min, max } = u.scales.x;
+    const resolution = resolutionFor(min, max);
+    const stamp = new Date(min * 1000).toISOString().replace(/[:.]/g, '-').slice(0, 19);
+    for (const [a, format] of [[p.csv, 'csv'], [p.json, 'json']]) {
+      a.href = exportUrl(p.names, min, max, format, resolution);
+      a.download = `plot-${stamp}.${format}`;
+    }
+  }
+
+  // Event marks: a line across the plot at each event's time, its kind and text on hover.
+  function drawEvents(p, u) {
+    if (!p.events.length) return;
+    const { min, max } = u.scales.x;
+    const ctx = u.ctx;
+    const { top, height } = u.bbox;
+    ctx.save();
+    ctx.lineWidth = Math.max(1, devicePixelRatio);
+    ctx.setLineDash([4 * devicePixelRatio, 3 * devicePixelRatio]);
+    for (const e of p.events) {
+      if (e.time < min || e.time > max) continue;
+      const x = Math.round(u.valToPos(e.time, 'x', true)) + 0.5;
+      ctx.strokeStyle = EVENT_COLORS[e.kind] || '#5b6776';
+      ctx.beginPath();
+      ctx.moveTo(x, top);
+      ctx.lineTo(x, top + height);
+      ctx.stroke();
+      ctx.fillStyle = ctx.strokeStyle;
+      ctx.fillRect(x - 3 * devicePixelRatio, top, 6 * devicePixelRatio, 6 * devicePixelRatio);
+    }
+    ctx.restore();
+  }
+
+  function eventTip(p, u) {
+    const left = u.cursor.left;
+    if (left === undefined || left < 0 || !p.events.length) {
+      p.tip.hidden = true;
+      return;
+    }
+    let near = null;
+    for (const e of p.events) {
+      const x = u.valToPos(e.time, 'x');
+      if (Math.abs(x - left) <= 4) near = e;
+    }
+    if (!near) {
+      p.tip.hidden = true;
+      return;
+    }
+    p.tip.textContent = near.text ? `${near.kind}: ${near.text}` : near.kind;
+    const over = u.over.getBoundingClientRect();
+    const panel = p.panel.getBoundingClientRect();
+    p.tip.style.left = `${over.left - panel.left + left + 8}px`;
+    p.tip.style.top = `${over.top - panel.top + 4}px`;
+    p.tip.hidden = false;
+  }
+
+  // --- Kept across a reload -------------------------------------------------------------------
+
+  function save() {
+    try {
+      sessionStorage.setItem(STORE_KEY, JSON.stringify(plots.map((p) => ({
+        channels: p.names,
+        span: p.span,
+        follow: p.follow,
+        view: p.follow ? null : p.view,
+        pos: {
+          left: p.panel.offsetLeft, top: p.panel.offsetTop,
+          width: p.panel.offsetWidth, height: p.panel.offsetHeight,
+        },
+      }))));
+    } catch { /* storage full or off: the plots just do not come back */ }
+  }
+
+  function restore() {
+    let kept = [];
+    try { kept = JSON.parse(sessionStorage.getItem(STORE_KEY) || '[]'); } catch { kept = []; }
+    if (!Array.isArray(kept)) return;
+    for (const s of kept.slice(0, 16)) {
+      if (s && Array.isArray(s.channels)) openPlot(s);
+    }
+  }
+
+  // --- Choosing channels ----------------------------------------------------------------------
+
+  function openPicker() {
+    const old = document.getElementById('plot-picker');
+    if (old) old.remove();
+    const box = document.createElement('section');
+    box.id = 'plot-picker';
+    box.className = 'plot-panel plot-picker';
+    box.setAttribute('role', 'dialog');
+    box.setAttribute('aria-label', 'Plot channels');
+    box.style.zIndex = String(++zTop);
+    const head = document.createElement('header');
+    head.className = 'plot-head';
+    const title = document.createElement('span');
+    title.className = 'plot-title';
+    title.textContent = 'Plot channels';
+    const close = button('\u00d7', 'Close', () => box.remove());
+    close.className = 'plot-close';
+    head.append(title, close);
+    const filter = document.createElement('input');
+    filter.type = 'search';
+    filter.placeholder = 'Filter';
+    filter.setAttribute('aria-label', 'Filter');
+    filter.className = 'plot-filter';
+    const list = document.createElement('div');
+    list.className = 'plot-list';
+    const groups = new Map();
+    for (const c of channels) {
+      const page = c.page || 'Other';
+      if (!groups.has(page)) {
+        const fieldset = document.createElement('fieldset');
+        const legend = document.createElement('legend');
+        legend.textContent = page;
+        fieldset.appendChild(legend);
+        list.appendChild(fieldset);
+        groups.set(page, fieldset);
+      }
+      const label = document.createElement('label');
+      const box2 = document.createElement('input');
+      box2.type = 'checkbox';
+      box2.value = c.name;
+      label.append(box2, ` ${c.name}${c.unit ? ` (${c.unit})` : ''}`);
+      label.dataset.text = `${page} ${c.name} ${c.element} ${c.unit}`.toLowerCase();
+      groups.get(page).appendChild(label);
+    }
+    if (!channels.length) list.textContent = 'Nothing is recorded.';
+    filter.addEventListener('input', () => {
+      const words = filter.value.toLowerCase().split(/\s+/).filter(Boolean);
+      for (const fieldset of groups.values()) {
+        let any = false;
+        for (const label of fieldset.querySelectorAll('label')) {
+          const show = words.every((w) => label.dataset.text.includes(w));
+          label.hidden = !show;
+          any = any || show;
+        }
+        fieldset.hidden = !any;
+      }
+    });
+    const buttons = document.createElement('div');
+    buttons.className = 'plot-buttons';
+    const ok = button('Plot', null, () => {
+      const chosen = [...list.querySelectorAll('input:checked')].map((i) => i.value);
+      if (!chosen.length) return;
+      box.remove();
+      openPlot({ channels: chosen });
+    });
+    buttons.append(ok, button('Cancel', null, () => box.remove()));
+    box.append(head, filter, list, buttons);
+    box.addEventListener('keydown', (e) => {
+      if (e.key === 'Escape') {
+        e.stopPropagation();
+        box.remove();
+      }
+    });
+    box.style.left = `${Math.max(0, innerWidth / 2 - 200)}px`;
+    box.style.top = '60px';
+    ensureLayer().appendChild(box);
+    dragBy(head, box, () => {});
+    filter.focus();
+  }
+
+  // --- Start ----------------------------------------------------------------------------------
+
+  function start() {
+    const pages = document.getElementById('pages');
+    if (pages) {
+      pages.addEventListener('load', (e) => {
+        if (e.target && e.target.tagName === 'IFRAME') frameLoaded(e.target);
+      }, true);
+      for (const frame of pages.querySelectorAll('iframe')) {
+        if (frame.contentDocument && frame.contentDocument.readyState === 'complete') {
+          frameLoaded(frame);
+        }
+      }
+    }
+    const entry = document.getElementById('menu-plot');
+    if (entry) {
+      entry.addEventListener('click', () => {
+        const menu = document.getElementById('menu');
+        if (menu) menu.hidden = true;
+        document.getElementById('menu-button')?.setAttribute('aria-expanded', 'false');
+        (channelsLoaded || loadChannels()).then(openPicker);
+      });
+    }
+    loadChannels().then(restore);
+  }
+
+  // What the tests and the benchmark reach: the open plots' panels and a way to open one.
+  window.tavroPlots = {
+    open: (names, state = {}) => openPlot({ ...state, channels: names }),
+    panels: () => plots.map((p) => p.panel),
+    channels: () => channels,
+  };
+
+  start();
+})();

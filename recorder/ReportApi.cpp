@@ -111,6 +111,9 @@ void AppendReportText(std::string& out, const std::string& folder, const ReportE
     read = ReadBoundedFile(FilePath(folder, e.base, "dat"), kMaxReportBytes, bytes, reason);
     if (read) {
       text = DecodeReport(bytes, problem);
+      // Not UTF-16 at all (another program's file): its bytes are shown as they are, what is
+      // not UTF-8 among them as U+FFFD.
+      if (text.empty() && !bytes.empty() && problem == "no UTF-16 mark") text = std::move(bytes);
     } else {
       problem = e.base + ".dat not read: " + reason;
     }

@@ -1,1 +1,629 @@
-// Filled in by the viewer work.
+// The report viewer ("Reports..." in the menu): the program folder's test reports newest first,
+// a report's text as the test wrote it with its run's trace plotted, the two files for download,
+// and per axis the results of its axis and limit tests over time, with the values that drifted
+// from the first report marked. A non-modal panel: the pages stay usable behind it.
+(() => {
+  'use strict';
+
+  const token = new URLSearchParams(location.search).get('token') || '';
+  const LIST_TIMEOUT_MS = 20000;
+  const REPORT_TIMEOUT_MS = 60000;  // a trace may be 32 MiB
+  const ROWS_SHOWN = 400;           // list rows drawn at once; "Show more" adds as many again
+  const DEFAULT_DRIFT = 25;
+  const KIND_TEXT = {
+    axis: 'Axis test', zoom: 'Zoom test', limit: 'Limit test', platen: 'Platen test',
+  };
+  const KIND_SHORT = { axis: 'Axis', zoom: 'Zoom', limit: 'Limit', platen: 'Platen' };
+  const TRACE_SERIES = [
+    // [column in the .csv, label, scale, colour]
+    ['linear', 'Linear', 'pos', '#2f6fb0'],
+    ['rotary', 'Rotary', 'pos', '#2e7d32'],
+    ['bias', 'Bias', 'bias', '#c62828'],
+    ['limit', 'Limit', 'limit', '#d99a00'],
+  ];
+  const HISTORY_SERIES = [
+    // [field, index in a [min,max] pair or -1, label, scale, colour]
+    ['startNeg', -1, 'Start \u2212', 'v', '#2f6fb0'],
+    ['startPos', -1, 'Start +', 'v', '#c62828'],
+    ['movingNeg', 0, 'Moving \u2212 min', 'v', '#5c9bd6'],
+    ['movingNeg', 1, 'Moving \u2212 max', 'v', '#1b4f80'],
+    ['movingPos', 0, 'Moving + min', 'v', '#e57373'],
+    ['movingPos', 1, 'Moving + max', 'v', '#8e1b1b'],
+    ['travel', -1, 'Travel', 'travel', '#2e7d32'],
+  ];
+
+  const q = (v) => encodeURIComponent(v);
+  const pad = (n) => String(n).padStart(2, '0');
+  let ui = null;  // the panel's parts once it was opened
+
+  // --- The server -----------------------------------------------------------------------------
+
+  async function getJson(path, timeoutMs, signal) {
+    const ctl = new AbortController();
+    const timer = setTimeout(() => ctl.abort(), timeoutMs);
+    const stop = () => ctl.abort();
+    if (signal) signal.addEventListener('abort', stop);
+    try {
+      const r = await fetch(path, { signal: ctl.signal, cache: 'no-store' });
+      if (!r.ok) {
+        const e = new Error(r.status === 404 ? 'not found' : `${r.status} ${r.statusText}`);
+        e.status = r.status;
+        throw e;
+      }
+      return await r.json();
+    } finally {
+      clearTimeout(timer);
+      if (signal) signal.removeEventListener('abort', stop);
+    }
+  }
+
+  const fileUrl = (base, ext) => `/report-file?token=${q(token)}&name=${q(base)}&ext=${ext}`;
+
+  // --- Small helpers --------------------------------------------------------------------------
+
+  function el(tag, className, text) {
+    const node = document.createElement(tag);
+    if (className) node.className = className;
+    if (text !== undefined) node.textContent = text;
+    return node;
+  }
+
+  function button(text, onClick, label) {
+    const b = el('button', '', text);
+    b.type = 'button';
+    if (label) b.setAttribute('aria-label', label);
+    b.addEventListener('click', onClick);
+    return b;
+  }
+
+  function dateText(seconds, withSeconds = true) {
+    if (typeof seconds !== 'number' || !Number.isFinite(seconds)) return '';
+    const d = new Date(seconds * 1000);
+    const day = `${d.getFullYear()}-${pad(d.getMonth() + 1)}-${pad(d.getDate())}`;
+    const time = `${pad(d.getHours())}:${pad(d.getMinutes())}`;
+    return `${day} ${time}${withSeconds ? `:${pad(d.getSeconds())}` : ''}`;
+  }
+
+  const str = (v) => (typeof v === 'string' ? v : '');
+  const num = (v) => (typeof v === 'number' && Number.isFinite(v) ? v : null);
+  const pair = (v) => (Array.isArray(v) && v.length === 2 ? [num(v[0]), num(v[1])] : null);
+
+  // A uPlot kept to the size of its box.
+  function fitPlot(box, make) {
+    let legend = 34;
+    const size = () => ({
+      width: Math.max(200, box.clientWidth),
+      height: Math.max(120, box.clientHeight - legend),
+    });
+    const u = make(size());
+    // The legend wraps onto more lines in a narrow box: the plot gives it the room it takes.
+    const legendNode = u.root.querySelector('.u-legend');
+    if (legendNode) {
+      legend = legendNode.offsetHeight + 4;
+      u.setSize(size());
+    }
+    const observer = new ResizeObserver(() => {
+      if (legendNode) legend = legendNode.offsetHeight + 4;
+      const s = size();
+      if (s.width !== u.width || s.height !== u.height) u.setSize(s);
+    });
+    observer.observe(box);
+    const destroy = u.destroy.bind(u);
+    u.destroy = () => { observer.disconnect(); destroy(); };
+    return u;
+  }
+
+  // --- The panel ------------------------------------------------------------------------------
+
+  function build() {
+    const panel = el('section', 'viewer-panel');
+    panel.id = 'viewer';
+    panel.setAttribute('role', 'dialog');
+    panel.setAttribute('aria-label', 'Reports');
+    panel.tabIndex = -1;
+    panel.hidden = true;
+
+    const head = el('header', 'viewer-head');
+    const tabs = el('div', 'viewer-tabs');
+    tabs.setAttribute('role', 'tablist');
+    const tabReports = button('Reports', () => show('reports'));
+    const tabHistory = button('Axis history', () => show('history'));
+    for (const t of [tabReports, tabHistory]) t.setAttribute('role', 'tab');
+    tabs.append(tabReports, tabHistory);
+    const refresh = button('Refresh', () => (ui.view === 'reports' ? loadList() : loadHistory()));
+    const close = button('\u00d7', () => closeViewer(), 'Close');
+    close.className = 'viewer-close';
+    head.append(el('span', 'viewer-title', 'Reports'), tabs, el('span', 'viewer-status'), refresh,
+      close);
+
+    panel.append(head, buildReports(), buildHistory());
+    panel.addEventListener('keydown', (e) => {
+      if (e.key !== 'Escape' || e.defaultPrevented) return;
+      e.preventDefault();  // not the page's cancel: the shell leaves a handled Escape alone
+      closeViewer();
+    });
+    document.body.appendChild(panel);
+    ui = {
+      ...ui, panel, tabReports, tabHistory, refresh, status: head.querySelector('.viewer-status'),
+      view: 'reports',
+    };
+  }
+
+  function buildReports() {
+    const view = el('div', 'viewer-reports');
+    view.setAttribute('role', 'tabpanel');
+    const side = el('div', 'viewer-side');
+    const filters = el('div', 'viewer-filters');
+    const kind = document.createElement('select');
+    kind.setAttribute('aria-label', 'Test');
+    kind.add(new Option('All tests', ''));
+    for (const [k, text] of Object.entries(KIND_TEXT)) kind.add(new Option(text, k));
+    const axis = document.createElement('select');
+    axis.setAttribute('aria-label', 'Axis');
+    axis.add(new Option('All axes', ''));
+    for (const s of [kind, axis]) s.addEventListener('change', () => drawList());
+    filters.append(kind, axis);
+    const count = el('div', 'viewer-count');
+    const listBox = el('div', 'viewer-list');
+    const table = el('table', 'viewer-table');
+    const headRow = table.createTHead().insertRow();
+    for (const h of ['Test', 'Axis', 'N', 'Date', '']) headRow.appendChild(el('th', '', h));
+    const body = table.createTBody();
+    body.setAttribute('role', 'listbox');
+    body.setAttribute('aria-label', 'Reports');
+    const more = button('Show more', () => { ui.shown += ROWS_SHOWN; drawList(); });
+    more.className = 'viewer-more';
+    listBox.append(table, more);
+    side.append(filters, count, listBox);
+
+    const detail = el('div', 'viewer-detail');
+    const info = el('div', 'viewer-info');
+    const name = el('span', 'viewer-name');
+    const when = el('span', 'viewer-when');
+    const dat = el('a', 'viewer-download', 'Download .dat');
+    const csv = el('a', 'viewer-download', 'Download .csv');
+    info.append(name, when, dat, csv);
+    const problem = el('div', 'viewer-problem');
+    problem.setAttribute('role', 'status');
+    const plotBox = el('div', 'viewer-trace');
+    const text = el('pre', 'viewer-text');
+    text.setAttribute('aria-label', 'Report text');
+    text.tabIndex = 0;
+    const empty = el('p', 'viewer-empty', 'Select a report.');
+    detail.append(info, problem, plotBox, text, empty);
+    view.append(side, detail);
+
+    body.addEventListener('keydown', (e) => {
+      const rows = [...body.rows];
+      const i = rows.indexOf(document.activeElement);
+      if (i < 0) return;
+      let next = -1;
+      if (e.key === 'ArrowDown') next = Math.min(rows.length - 1, i + 1);
+      else if (e.key === 'ArrowUp') next = Math.max(0, i - 1);
+      else if (e.key === 'Enter' || e.key === ' ') next = i;
+      if (next < 0) return;
+      e.preventDefault();
+      rows[next].focus();
+      if (next !== i || e.key !== 'ArrowDown') select(rows[next].dataset.base);
+    });
+    ui = {
+      ...ui, reportsView: view, kind, axis, count, body, more, info, name, when, dat, csv, problem,
+      plotBox, text, empty, list: [], truncated: false, shown: ROWS_SHOWN, selected: null,
+      trace: null, loadCtl: null,
+    };
+    return view;
+  }
+
+  function buildHistory() {
+    const view = el('div', 'viewer-history');
+    view.setAttribute('role', 'tabpanel');
+    view.hidden = true;
+    const bar = el('div', 'viewer-history-bar');
+    const axisLabel = el('label', '', 'Axis ');
+    const axis = document.createElement('select');
+    axis.addEventListener('change', () => drawHistory());
+    axisLabel.appendChild(axis);
+    const thresholdLabel = el('label', '', 'Drift threshold (%) ');
+    const threshold = document.createElement('input');
+    threshold.type = 'number';
+    threshold.min = '0';
+    threshold.step = '1';
+    threshold.value = String(DEFAULT_DRIFT);
+    threshold.addEventListener('input', () => drawHistory());
+    thresholdLabel.appendChild(threshold);
+    const note = el('span', 'viewer-history-note',
+      'Baseline: the first report that gives each value. Marked: more than the threshold from it.');
+    bar.append(axisLabel, thresholdLabel, note);
+    const plotBox = el('div', 'viewer-history-plot');
+    const tableBox = el('div', 'viewer-history-table');
+    const empty = el('p', 'viewer-empty', '');
+    view.append(bar, plotBox, tableBox, empty);
+    ui = { ...ui, historyView: view, hAxis: axis, threshold, hPlotBox: plotBox, hTableBox: tableBox,
+      hEmpty: empty, history: null, hPlot: null };
+    return view;
+  }
+
+  function show(view) {
+    ui.view = view;
+    ui.reportsView.hidden = view !== 'reports';
+    ui.historyView.hidden = view !== 'history';
+    ui.tabReports.setAttribute('aria-selected', String(view === 'reports'));
+    ui.tabHistory.setAttribute('aria-selected', String(view === 'history'));
+    if (view === 'history') loadHistory();
+  }
+
+  function openViewer() {
+    if (!ui || !ui.panel) build();
+    const wasHidden = ui.panel.hidden;
+    ui.panel.hidden = false;
+    if (wasHidden) show(ui.view);
+    loadList();
+    ui.panel.focus();
+  }
+
+  function closeViewer() {
+    if (!ui) return;
+    ui.panel.hidden = true;
+    if (ui.loadCtl) ui.loadCtl.abort();
+  }
+
+  function setStatus(text) { ui.status.textContent = text; }
+
+  // --- Reports --------------------------------------------------------------------------------
+
+  async function loadList() {
+    setStatus('Reading the folder\u2026');
+    try {
+      const answer = await getJson(`/reports?token=${q(token)}`, LIST_TIMEOUT_MS);
+      const reports = Array.isArray(answer && answer.reports) ? answer.reports : [];
+      ui.list = reports.filter((r) => r && typeof r.base === 'string').map((r) => ({
+        base: r.base, kind: str(r.kind), axis: str(r.axis), number: num(r.number),
+        hasReport: r.hasReport === true, hasTrace: r.hasTrace === true, modified: num(r.modified),
+      }));
+      ui.truncated = answer.truncated === true;
+      setStatus('');
+    } catch (e) {
+      setStatus(`The list could not be read: ${e.message}`);
+    }
+    const axes = [...new Set(ui.list.map((r) => r.axis).filter(Boolean))].sort();
+    const keep = ui.axis.value;
+    while (ui.axis.options.length > 1) ui.axis.remove(1);
+    for (const a of axes) ui.axis.add(new Option(a, a));
+    ui.axis.value = axes.includes(keep) ? keep : '';
+    drawList();
+  }
+
+  function drawList() {
+    const kind = ui.kind.value;
+    const axis = ui.axis.value;
+    const rows = ui.list.filter((r) => (!kind || r.kind === kind) && (!axis || r.axis === axis));
+    ui.body.textContent = '';
+    for (const r of rows.slice(0, ui.shown)) {
+      const tr = ui.body.insertRow();
+      tr.dataset.base = r.base;
+      tr.tabIndex = 0;
+      tr.setAttribute('role', 'option');
+      tr.setAttribute('aria-selected', String(r.base === ui.selected));
+      tr.title = r.base;
+      tr.insertCell().textContent = KIND_SHORT[r.kind] || r.kind;
+      tr.insertCell().textContent = r.axis;
+      tr.insertCell().textContent = r.number === null ? '' : String(r.number);
+      tr.insertCell().textContent = dateText(r.modified, false);
+      const badges = tr.insertCell();
+      if (!r.hasReport) badges.appendChild(el('span', 'viewer-badge', 'no .dat'));
+      if (!r.hasTrace) badges.appendChild(el('span', 'viewer-badge', 'no .csv'));
+      tr.addEventListener('click', () => select(r.base));
+    }
+    ui.more.hidden = rows.length <= ui.shown;
+    ui.count.textContent = `${rows.length} of ${ui.list.length} reports`
+      + (ui.truncated ? ' (the folder holds more than can be listed)' : '');
+  }
+
+  function clearDetail(message) {
+    if (ui.trace) ui.trace.destroy();
+    ui.trace = null;
+    ui.plotBox.uplot = null;
+    ui.plotBox.textContent = '';
+    ui.plotBox.hidden = true;
+    ui.text.textContent = '';
+    ui.text.hidden = true;
+    ui.info.hidden = true;
+    ui.problem.textContent = '';
+    ui.problem.hidden = true;
+    ui.empty.textContent = message;
+    ui.empty.hidden = !message;
+  }
+
+  async function select(base) {
+    const entry = ui.list.find((r) => r.base === base);
+    if (!entry) return;
+    ui.selected = base;
+    for (const tr of ui.body.rows) {
+      tr.setAttribute('aria-selected', String(tr.dataset.base === base));
+    }
+    if (ui.loadCtl) ui.loadCtl.abort();
+    const ctl = new AbortController();
+    ui.loadCtl = ctl;
+    clearDetail('Reading\u2026');
+    let report;
+    try {
+      report = await getJson(`/report?token=${q(token)}&name=${q(base)}`, REPORT_TIMEOUT_MS,
+        ctl.signal);
+    } catch (e) {
+      if (ctl.signal.aborted && ui.loadCtl !== ctl) return;
+      clearDetail(e.status === 404 ? `${base} is no longer in the folder.`
+        : `${base} could not be read: ${e.message}`);
+      return;
+    }
+    if (ui.loadCtl !== ctl) return;
+    ui.loadCtl = null;
+    showReport(entry, report);
+  }
+
+  function showReport(entry, report) {
+    clearDetail('');
+    ui.info.hidden = false;
+    ui.name.textContent = entry.base;
+    const axis = entry.axis ? ` ${entry.axis}` : '';
+    ui.name.title = `${KIND_TEXT[entry.kind] || entry.kind}${axis} #${entry.number}`;
+    ui.when.textContent = dateText(entry.modified);
+    const files = [[ui.dat, entry.hasReport, 'dat'], [ui.csv, entry.hasTrace, 'csv']];
+    for (const [a, has, ext] of files) {
+      if (has) {
+        a.href = fileUrl(entry.base, ext);
+        a.setAttribute('download', `${entry.base}.${ext}`);
+        a.removeAttribute('aria-disabled');
+      } else {
+        a.removeAttribute('href');
+        a.setAttribute('aria-disabled', 'true');
+      }
+    }
+    const problems = [];
+    if (str(report.problem)) problems.push(`Report problem: ${report.problem}`);
+    const trace = report.trace && typeof report.trace === 'object' ? report.trace : null;
+    if (trace && str(trace.problem)) problems.push(`Trace problem: ${trace.problem}`);
+    ui.problem.textContent = problems.join('\n');
+    ui.problem.hidden = !problems.length;
+    if (trace) plotTrace(trace);
+    ui.text.hidden = false;
+    ui.text.textContent = typeof report.text === 'string' ? report.text
+      : 'No report (.dat) beside this trace.';
+    ui.text.classList.toggle('missing', typeof report.text !== 'string');
+  }
+
+  // The trace's rows as uPlot's columns: time, then each series of TRACE_SERIES.
+  function traceColumns(trace) {
+    const names = Array.isArray(trace.columns) ? trace.columns : [];
+    const at = ['time', ...TRACE_SERIES.map(([c]) => c)].map((c) => names.indexOf(c));
+    const rows = Array.isArray(trace.rows) ? trace.rows : [];
+    const data = at.map(() => new Array(rows.length));
+    let n = 0;
+    for (const row of rows) {
+      if (!Array.isArray(row) || at.some((i) => i < 0 || typeof row[i] !== 'number')) continue;
+      for (let k = 0; k < at.length; k += 1) data[k][n] = row[at[k]];
+      n += 1;
+    }
+    for (const column of data) column.length = n;
+    return data;
+  }
+
+  // The spans of time in which the limit byte was not 0: [from, to, value].
+  function limitSpans(data) {
+    const t = data[0];
+    const limit = data[data.length - 1];
+    const spans = [];
+    for (let i = 0; i < t.length; i += 1) {
+      if (limit[i] === 0) continue;
+      const last = spans[spans.length - 1];
+      if (last && last[3] === i - 1 && last[2] === limit[i]) {
+        last[1] = t[i];
+        last[3] = i;
+      } else {
+        spans.push([t[i], t[i], limit[i], i]);
+      }
+    }
+    // A span reaches on to the next row's time: the byte held until then.
+    for (const s of spans) if (s[3] + 1 < t.length) s[1] = t[s[3] + 1];
+    return spans;
+  }
+
+  function plotTrace(trace) {
+    const data = traceColumns(trace);
+    ui.plotBox.hidden = false;
+    if (!data[0].length) {
+      ui.plotBox.appendChild(el('p', 'viewer-empty', 'The trace holds no rows.'));
+      return;
+    }
+    if (typeof uPlot !== 'function') {
+      ui.plotBox.appendChild(el('p', 'viewer-empty', 'The plot library did not load.'));
+      return;
+    }
+    const spans = limitSpans(data);
+    ui.plotBox.limitSpans = spans.map(([a, b, v]) => [a, b, v]);
+    const shade = (u) => {
+      const { ctx } = u;
+      const { top, height } = u.bbox;
+      ctx.save();
+      for (const [from, to, value] of spans) {
+        const x0 = u.valToPos(from, 'x', true);
+        const x1 = Math.max(x0 + 1, u.valToPos(to, 'x', true));
+        ctx.fillStyle = value < 0 ? 'rgba(217, 154, 0, 0.16)' : 'rgba(142, 68, 173, 0.16)';
+        ctx.fillRect(x0, top, x1 - x0, height);
+        ctx.fillStyle = value < 0 ? '#d99a00' : '#8e44ad';
+        ctx.fillRect(x0, top, Math.max(1, devicePixelRatio), height);
+      }
+      ctx.restore();
+    };
+    ui.trace = fitPlot(ui.plotBox, (size) => new uPlot({
+      ...size,
+      scales: { x: { time: false }, limit: { auto: false, range: [-8, 8] } },
+      series: [
+        { label: 'Time (s)', value: (u, v) => (v == null ? '' : v.toFixed(3)) },
+        ...TRACE_SERIES.map(([, label, scale, stroke]) => ({
+          label, scale, stroke, width: 1.25, show: scale !== 'limit', points: { show: false },
+        })),
+      ],
+      axes: [
+        { label: 'Time (s)', labelSize: 18, size: 34 },
+        { scale: 'pos', label: 'Position (counts)', labelSize: 18, size: 70 },
+        { scale: 'bias', side: 1, label: 'Bias', labelSize: 18, size: 56, grid: { show: false } },
+      ],
+      hooks: { drawClear: [shade] },
+      legend: { live: true },
+    }, data, ui.plotBox));
+    ui.plotBox.uplot = ui.trace;
+  }
+
+  // --- Axis history ---------------------------------------------------------------------------
+
+  async function loadHistory() {
+    setStatus('Reading the reports\u2026');
+    try {
+      const answer = await getJson(`/history?token=${q(token)}`, LIST_TIMEOUT_MS);
+      ui.history = answer && typeof answer.axes === 'object' && answer.axes ? answer.axes : {};
+      setStatus('');
+    } catch (e) {
+      ui.history = {};
+      setStatus(`The history could not be read: ${e.message}`);
+    }
+    const axes = Object.keys(ui.history).filter((a) => Array.isArray(ui.history[a])
+      && ui.history[a].length).sort();
+    const keep = ui.hAxis.value;
+    ui.hAxis.textContent = '';
+    for (const a of axes) ui.hAxis.add(new Option(a, a));
+    if (axes.includes(keep)) ui.hAxis.value = keep;
+    drawHistory();
+  }
+
+  // Each series' values over the runs, the baseline of each (its first value) and whether each
+  // value drifted from it by more than `threshold` percent.
+  function historyColumns(runs, threshold) {
+    const columns = HISTORY_SERIES.map(([field, index]) => runs.map((r) => {
+      if (index < 0) return num(r[field]);
+      const p = pair(r[field]);
+      return p ? p[index] : null;
+    }));
+    const baseAt = columns.map((values) => values.findIndex((v) => v !== null));
+    const drift = columns.map((values, s) => values.map((v, i) => {
+      const base = values[baseAt[s]];
+      if (v === null || baseAt[s] < 0 || i <= baseAt[s]) return false;
+      if (base === 0) return v !== 0;
+      return (Math.abs(v - base) / Math.abs(base)) * 100 > threshold;
+    }));
+    return { columns, drift, baseAt };
+  }
+
+  function drawHistory() {
+    if (ui.hPlot) ui.hPlot.destroy();
+    ui.hPlot = null;
+    ui.hPlotBox.textContent = '';
+    ui.hPlotBox.uplot = null;
+    ui.hTableBox.textContent = '';
+    const axis = ui.hAxis.value;
+    const runs = (ui.history && Array.isArray(ui.history[axis]) ? ui.history[axis] : [])
+      .filter((r) => r && typeof r === 'object');
+    ui.hEmpty.hidden = runs.length > 0;
+    ui.hEmpty.textContent = runs.length ? '' : 'No axis or limit test reports in the folder.';
+    ui.hPlotBox.hidden = !runs.length;
+    if (!runs.length) return;
+    const t = Number(ui.threshold.value);
+    const threshold = Number.isFinite(t) && t >= 0 ? t : DEFAULT_DRIFT;
+    const { columns, drift, baseAt } = historyColumns(runs, threshold);
+    drawHistoryTable(runs, columns, drift, baseAt);
+    const marks = [];
+    drift.forEach((flags, s) => flags.forEach((f, i) => { if (f) marks.push([s + 1, i]); }));
+    ui.hPlotBox.drift = marks.map(([s, i]) => ({ series: HISTORY_SERIES[s - 1][2], index: i }));
+    if (typeof uPlot !== 'function') return;
+    const times = runs.map((r, i) => num(r.time) ?? i);
+    const ring = (u) => {
+      const { ctx } = u;
+      ctx.save();
+      ctx.strokeStyle = '#c62828';
+      ctx.lineWidth = 2 * devicePixelRatio;
+      for (const [s, i] of marks) {
+        if (!u.series[s].show) continue;
+        const x = u.valToPos(u.data[0][i], 'x', true);
+        const y = u.valToPos(u.data[s][i], u.series[s].scale, true);
+        ctx.beginPath();
+        ctx.arc(x, y, 7 * devicePixelRatio, 0, 2 * Math.PI);
+        ctx.stroke();
+      }
+      ctx.restore();
+    };
+    ui.hPlot = fitPlot(ui.hPlotBox, (size) => new uPlot({
+      ...size,
+      scales: { x: { time: true } },
+      series: [
+        { label: 'Date', value: (u, v) => (v == null ? '' : dateText(v)) },
+        ...HISTORY_SERIES.map(([, , label, scale, stroke]) => ({
+          label, scale, stroke, width: 1.5, spanGaps: true, points: { show: true, size: 6 },
+        })),
+      ],
+      axes: [
+        { size: 40 },
+        { scale: 'v', label: 'Voltage', labelSize: 18, size: 60 },
+        {
+          scale: 'travel', side: 1, label: 'Travel (counts)', labelSize: 18, size: 70,
+          grid: { show: false },
+        },
+      ],
+      hooks: { draw: [ring] },
+    }, [times, ...columns], ui.hPlotBox));
+    ui.hPlotBox.uplot = ui.hPlot;
+  }
+
+  function drawHistoryTable(runs, columns, drift, baseAt) {
+    const table = el('table', 'viewer-table viewer-history-grid');
+    const head = table.createTHead();
+    const top = head.insertRow();
+    const second = head.insertRow();
+    for (const [text, span] of [['Date', 1], ['Report', 1], ['Starting voltage', 2], ['Travel', 1],
+      ['Moving voltage \u2212', 2], ['Moving voltage +', 2]]) {
+      const th = el('th', '', text);
+      if (span > 1) th.colSpan = span;
+      else th.rowSpan = 2;
+      top.appendChild(th);
+    }
+    for (const text of ['\u2212', '+', 'min', 'max', 'min', 'max']) {
+      second.appendChild(el('th', '', text));
+    }
+    // Table order: start -, start +, travel, moving - min/max, moving + min/max.
+    const order = [0, 1, 6, 2, 3, 4, 5];
+    const body = table.createTBody();
+    runs.forEach((r, i) => {
+      const tr = body.insertRow();
+      tr.dataset.base = str(r.base);
+      tr.insertCell().textContent = dateText(num(r.time));
+      const name = tr.insertCell();
+      const link = button(str(r.base), () => { show('reports'); select(str(r.base)); });
+      link.className = 'viewer-link';
+      name.appendChild(link);
+      if (i === 0) name.appendChild(el('span', 'viewer-badge baseline', 'baseline'));
+      for (const s of order) {
+        const td = tr.insertCell();
+        const v = columns[s][i];
+        td.textContent = v === null ? '' : String(v);
+        td.className = 'num';
+        td.dataset.series = HISTORY_SERIES[s][2];
+        if (baseAt[s] === i) {
+          td.classList.add('base');
+          td.title = 'Baseline';
+        } else if (drift[s][i]) {
+          td.classList.add('drift');
+          td.title = `More than ${ui.threshold.value}% from the baseline ${columns[s][baseAt[s]]}`;
+        }
+      }
+    });
+    ui.hTableBox.appendChild(table);
+  }
+
+  // --- Start ----------------------------------------------------------------------------------
+
+  function start() {
+    const entry = document.getElementById('menu-reports');
+    if (entry) entry.addEventListener('click', () => openViewer());
+  }
+
+  if (document.readyState === 'loading') document.addEventListener('DOMContentLoaded', start);
+  else start();
+})();

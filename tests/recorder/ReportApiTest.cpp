@@ -223,8 +223,8 @@ TEST_F(ReportApi, BadFilesGiveWhatCouldBeRead) {
       {"AxisTest_Y_5", bytes.substr(0, bytes.size() / 4 * 2 + 1), "", nullptr,
        "truncated: odd last byte", "", 0},
       // Not UTF-16 at all.
-      {"AxisTest_Y_6", "               Y Axis (-)\r\n\xC3\x28\x80", "", "", "no UTF-16 mark", "",
-       0},
+      {"AxisTest_Y_6", "               Y Axis (-)\r\n\xC3\x28\x80", "",
+       "               Y Axis (-)\r\n\xEF\xBF\xBD(\xEF\xBF\xBD", "no UTF-16 mark", "", 0},
       // A report of another program: its control characters and quotes come back escaped.
       {"AxisTest_Y_7", Utf16File("Foreign \"tool\"\x01\x1b[2J\r\n"), "",
        "Foreign \"tool\"\x01\x1b[2J\r\n", "line 1 not understood: Foreign \"tool\"??[2J", "", 0},

@@ -327,7 +327,7 @@
         labelFont: '11px "DejaVu Sans", sans-serif', font: '11px "DejaVu Sans", sans-serif',
       });
       if (perChannel === 1) {
-        series.push({ label: name, scale: key, stroke: color, width: 1.5, spanGaps: true,
+        series.push({ label: name, scale: key, stroke: color, width: 1, spanGaps: true,
           points: { show: false } });
       } else {
         series.push({ label: `${name} min`, scale: key, stroke: color, width: 1, spanGaps: true,

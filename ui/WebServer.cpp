@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "config/ErrorLog.h"
+#include "platform/Clock.h"
 #include "ui/Window.h"
 #include "util/Text.h"
 
@@ -153,6 +154,197 @@ struct Gate {
 
 class Session;
 
+// A long answer between the worker that writes it and the connection that sends it.
+struct LongAnswer {
+  explicit LongAnswer(platform::Clock& c) : clock(c) {}
+  platform::Clock& clock;  // the worker waits on it for room in the queue
+  std::mutex mutex;
+  // The head, as the route set it (or the default when it wrote without one).
+  int status = 200;
+  std::string type = "application/json";
+  std::string attachment;
+  bool headed = false;
+  std::deque<std::string> chunks;  // written by the route, not yet taken by the connection
+  bool finished = false;           // the route returned
+  bool closed = false;             // the connection went or the server stops: writes fail
+  bool pumpPosted = false;
+  std::function<void()> pump;  // posts the connection's Pump to the I/O thread
+};
+
+// Chunks the worker may have queued before its Write waits, and the size up to which small
+// writes are gathered into one chunk: a few hundred KB per answer at most.
+constexpr std::size_t kQueuedChunks = 8;
+constexpr std::size_t kChunkBytes = 32 * 1024;
+// A quick answer is held whole; the routes' quick answers are a few KB.
+constexpr std::size_t kQuickAnswerLimit = 4 * 1024 * 1024;
+
+// Asks the connection to take what is new (with the answer's lock held).
+void Kick(LongAnswer& a) {
+  if (a.pumpPosted || !a.pump) return;
+  a.pumpPosted = true;
+  a.pump();
+}
+
+class WorkerReply final : public HttpReply {
+ public:
+  explicit WorkerReply(LongAnswer& answer) : a_(answer) {}
+  void Head(int status, std::string_view type, std::string_view attachment) override {
+    std::lock_guard lock(a_.mutex);
+    if (a_.headed) return;
+    a_.headed = true;
+    a_.status = status;
+    a_.type = type;
+    a_.attachment = attachment;
+  }
+  bool Write(std::string_view chunk) override {
+    std::unique_lock lock(a_.mutex);
+    a_.headed = true;
+    if (!a_.chunks.empty() && a_.chunks.back().size() + chunk.size() <= kChunkBytes) {
+      a_.chunks.back().append(chunk);
+    } else {
+      // No deadline of its own: a connection that takes nothing for its write limit is closed,
+      // and that ends this wait.
+      a_.clock.WaitUntil(lock, platform::kNever,
+                         [&] { return a_.closed || a_.chunks.size() < kQueuedChunks; });
+      if (a_.closed) return false;
+      a_.chunks.emplace_back(chunk);
+    }
+    Kick(a_);
+    return !a_.closed;
+  }
+
+ private:
+  LongAnswer& a_;
+};
+
+// A quick answer, held whole until the route returns.
+class BufferReply final : public HttpReply {
+ public:
+  void Head(int s, std::string_view t, std::string_view a) override {
+    if (headed) return;
+    headed = true;
+    status = s;
+    type = t;
+    attachment = a;
+  }
+  bool Write(std::string_view chunk) override {
+    headed = true;
+    if (body.size() + chunk.size() > kQuickAnswerLimit) return false;
+    body.append(chunk);
+    return true;
+  }
+  bool headed = false;
+  int status = 200;
+  std::string type = "application/json";
+  std::string attachment;
+  std::string body;
+};
+
+// The long answers' workers: counted for the cap, joined when they end and at Stop.
+class Workers {
+ public:
+  explicit Workers(std::size_t cap) : cap_(cap) {}
+
+  // Starts `api->Answer` on a thread of its own, or returns null at the cap (or after Stop).
+  std::shared_ptr<LongAnswer> Start(std::shared_ptr<HttpApi> api, std::string path,
+                                    std::string query, std::function<void()> pump) {
+    std::lock_guard lock(mutex_);
+    ReapLocked();
+    // An answer counts until its route has returned: the browser may ask again as soon as it has
+    // the end, before its worker has quite gone.
+    const std::size_t busy = std::count_if(running_.begin(), running_.end(), [](Worker& w) {
+      std::lock_guard answerLock(w.answer->mutex);
+      return !w.answer->finished;
+    });
+    if (stopped_ || busy >= cap_) return nullptr;
+    auto answer = std::make_shared<LongAnswer>(platform::Clock::Current());
+    answer->pump = std::move(pump);
+    running_.push_back({{}, answer, false});
+    Worker& worker = running_.back();
+    bool* done = &worker.done;
+    worker.thread = std::thread([this, done, answer, api = std::move(api), path = std::move(path),
+                                 query = std::move(query)]() mutable {
+      {
+        WorkerReply reply(*answer);
+        api->Answer(path, query, reply);
+        api.reset();
+      }
+      {
+        std::lock_guard answerLock(answer->mutex);
+        answer->finished = true;
+        Kick(*answer);
+        answer->pump = nullptr;
+      }
+      std::lock_guard doneLock(mutex_);
+      *done = true;
+    });
+    return answer;
+  }
+
+  // Every answer's writes fail from now on; returns when every worker has ended.
+  void Stop() {
+    std::list<Worker> workers;
+    {
+      std::lock_guard lock(mutex_);
+      stopped_ = true;
+      workers.splice(workers.end(), running_);
+    }
+    for (Worker& w : workers)
+      Close(*w.answer);
+    for (Worker& w : workers)
+      platform::Join(w.thread);
+  }
+
+  static void Close(LongAnswer& answer) {
+    {
+      std::lock_guard lock(answer.mutex);
+      answer.closed = true;
+      answer.pump = nullptr;
+    }
+    answer.clock.NotifyAll();
+  }
+
+ private:
+  struct Worker {
+    std::thread thread;
+    std::shared_ptr<LongAnswer> answer;
+    bool done;
+  };
+
+  // A worker marked done has returned from all it does; its join is immediate.
+  void ReapLocked() {
+    for (auto it = running_.begin(); it != running_.end();) {
+      if (it->done) {
+        it->thread.join();
+        it = running_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+
+  const std::size_t cap_;
+  std::mutex mutex_;
+  std::list<Worker> running_;
+  bool stopped_ = false;
+};
+
+// Only letters, digits, '.', '_' and '-' in a download's file name: it goes into a header.
+std::string SafeFileName(std::string_view name) {
+  std::string out;
+  for (const char c : name.substr(0, 128)) {
+    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '.' || c == '_' || c == '-';
+    out += plain ? c : '_';
+  }
+  return out;
+}
+
+http::status StatusOrError(int status) {
+  const http::status s = http::int_to_status(static_cast<unsigned>(status));
+  return s == http::status::unknown ? http::status::internal_server_error : s;
+}
+
 }  // namespace
 
 std::uint16_t DefaultPort() {
@@ -183,10 +375,18 @@ struct WebServer::Impl {
   std::shared_ptr<Gate> gate = std::make_shared<Gate>();
   std::set<Window::ClientId> clients;  // I/O thread; read after the thread ended
   bool started = false;
+  mutable std::mutex apiMutex;
+  std::shared_ptr<HttpApi> api;
+  Workers workers;
 
   Impl(Window& w, std::vector<const ResourceTable*> t, const WebServerLimits& l)
-      : window(w), tables(std::move(t)), limits(l) {
+      : window(w), tables(std::move(t)), limits(l), workers(l.maxLongAnswers) {
     gate->io = &io;
+  }
+
+  std::shared_ptr<HttpApi> Api() const {
+    std::lock_guard lock(apiMutex);
+    return api;
   }
 
   bool Listen(std::uint16_t firstPort);
@@ -230,6 +430,9 @@ class Session {
   virtual bool Idle() const = 0;
   // Closes the connection now; it no longer counts.
   virtual void Drop() = 0;
+  // After the I/O thread ended: lets go of what keeps the session alive besides the I/O
+  // context's handlers.
+  virtual void Abandon() {}
 
  protected:
   void Unlist() {
@@ -382,6 +585,9 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
  public:
   HttpSession(tcp::socket&& socket, WebServer::Impl& server)
       : Session(server), stream_(std::move(socket)) {}
+  ~HttpSession() override {
+    if (answer_) Workers::Close(*answer_);
+  }
 
   // A request must come whole within the request time: a connection that holds a descriptor
   // without asking anything does not keep it for long.
@@ -400,6 +606,9 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
     Unlist();
     error_code ignored;
     stream_.socket().close(ignored);
+  }
+  void Abandon() override {
+    if (self_) Close();
   }
 
  private:
@@ -445,6 +654,13 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
     }
     const std::string_view target(req.target().data(), req.target().size());
     const std::optional<std::string> path = SafePath(target);
+    if (std::shared_ptr<HttpApi> api = path ? server_.Api() : nullptr) {
+      const HttpRoute route = api->Route(*path);
+      if (route != HttpRoute::kNone) {
+        Route(req, route, std::move(api), *path);
+        return;
+      }
+    }
     const Resource* resource = path ? server_.Find(*path) : nullptr;
     if (!resource) {
       Respond(req, http::status::not_found, "text/plain", "Not found\n");
@@ -462,18 +678,149 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
     return it->second;
   }
 
-  void Respond(const http::request<http::string_body>& req, http::status status,
-               const std::string& mime, std::string body) {
-    auto res = std::make_shared<http::response<http::string_body>>(status, req.version());
-    res->set(http::field::content_type, mime);
-    res->set(http::field::cache_control, "no-store");
-    res->set("X-Content-Type-Options", "nosniff");
-    res->set("Referrer-Policy", "no-referrer");
+  // A route's answer: a quick one whole, now; a long one from its worker, as it comes.
+  void Route(const http::request<http::string_body>& req, HttpRoute route,
+             std::shared_ptr<HttpApi> api, const std::string& path) {
+    if (req.method() != http::verb::get) {
+      Respond(req, http::status::method_not_allowed, "text/plain", "Method not allowed\n");
+      return;
+    }
+    const std::string_view target(req.target().data(), req.target().size());
+    const std::size_t q = target.find('?');
+    const std::string query(q == std::string_view::npos ? std::string_view()
+                                                        : target.substr(q + 1));
+    if (route == HttpRoute::kQuick) {
+      BufferReply reply;
+      api->Answer(path, query, reply);
+      Respond(req, StatusOrError(reply.status), reply.type, std::move(reply.body),
+              reply.attachment);
+      return;
+    }
+    auto answer = server_.workers.Start(std::move(api), path, query,
+                                        [gate = server_.gate, session = weak_from_this()] {
+                                          std::lock_guard lock(gate->mutex);
+                                          if (!gate->open) return;
+                                          net::post(*gate->io, [session] {
+                                            if (auto s = session.lock()) s->Pump();
+                                          });
+                                        });
+    if (!answer) {
+      WEB_LOG("UI server: %zu long answers under way; one more refused\r\n",
+              server_.limits.maxLongAnswers);
+      Respond(req, http::status::service_unavailable, "text/plain",
+              "Too many answers under way; try again later\n");
+      return;
+    }
+    answer_ = std::move(answer);
+    // The session keeps itself while it waits for the worker with no operation of its own under
+    // way; Close lets go.
+    self_ = shared_from_this();
+    version_ = req.version();
+    // The route has the write limit to begin its answer, as each chunk has to go out.
+    stream_.expires_after(server_.limits.idleTime);
+    Pump();
+  }
+
+  // On the I/O thread: sends the head once the route has set it (or written), then each chunk
+  // the route has queued, one write at a time, then the end.
+  void Pump() {
+    if (!answer_ || writing_ || ended_) return;
+    std::unique_lock lock(answer_->mutex);
+    answer_->pumpPosted = false;
+    if (answer_->closed) return;
+    if (!headSent_) {
+      if (!answer_->headed && answer_->chunks.empty() && !answer_->finished) return;
+      headSent_ = true;
+      auto res = std::make_shared<http::response<http::empty_body>>(StatusOrError(answer_->status),
+                                                                    version_);
+      Decorate(*res, answer_->type, answer_->attachment);
+      lock.unlock();
+      // HTTP/1.0 has no chunks: the answer ends with the connection.
+      if (version_ >= 11) res->chunked(true);
+      res->keep_alive(false);
+      auto serializer = std::make_shared<http::response_serializer<http::empty_body>>(*res);
+      WriteThen(
+          [this, serializer](auto handler) {
+            http::async_write_header(stream_, *serializer, std::move(handler));
+          },
+          std::make_shared<std::pair<decltype(res), decltype(serializer)>>(res, serializer));
+      return;
+    }
+    if (!answer_->chunks.empty()) {
+      auto chunk = std::make_shared<std::string>(std::move(answer_->chunks.front()));
+      answer_->chunks.pop_front();
+      lock.unlock();
+      answer_->clock.NotifyAll();  // room for the worker
+      WriteThen(
+          [this, chunk](auto handler) {
+            if (version_ >= 11) {
+              net::async_write(stream_, http::make_chunk(net::buffer(*chunk)), std::move(handler));
+            } else {
+              net::async_write(stream_, net::buffer(*chunk), std::move(handler));
+            }
+          },
+          chunk);
+      return;
+    }
+    if (!answer_->finished) return;
+    lock.unlock();
+    ended_ = true;
+    if (version_ < 11) {
+      Close();
+      return;
+    }
+    WriteThen([this](auto handler) {
+      net::async_write(stream_, http::make_chunk_last(), std::move(handler));
+    });
+  }
+
+  // Starts one write of the long answer; its end pumps again, or closes on an error or the end.
+  // `keep` holds what the write reads until it completes.
+  template <typename Start>
+  void WriteThen(Start start, std::shared_ptr<const void> keep = nullptr) {
+    writing_ = true;
+    stream_.expires_after(server_.limits.idleTime);
+    start([self = shared_from_this(), keep](error_code ec, std::size_t) {
+      self->writing_ = false;
+      if (ec || self->ended_) {
+        self->Close();
+        return;
+      }
+      self->Pump();
+    });
+  }
+
+  // Ends the long answer's connection; the worker's next write fails.
+  void Close() {
+    if (answer_) Workers::Close(*answer_);
+    Unlist();
+    error_code ignored;
+    stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
+    stream_.socket().close(ignored);
+    const auto keep = std::move(self_);  // last: may end the session
+  }
+
+  template <typename Response>
+  void Decorate(Response& res, const std::string& mime, const std::string& attachment) const {
+    res.set(http::field::content_type, mime);
+    if (!attachment.empty()) {
+      res.set(http::field::content_disposition,
+              "attachment; filename=\"" + SafeFileName(attachment) + "\"");
+    }
+    res.set(http::field::cache_control, "no-store");
+    res.set("X-Content-Type-Options", "nosniff");
+    res.set("Referrer-Policy", "no-referrer");
     const std::string p = std::to_string(server_.port);
-    res->set("Content-Security-Policy",
-             "default-src 'self'; style-src 'self' 'unsafe-inline'; connect-src 'self' "
-             "ws://127.0.0.1:" +
-                 p + " ws://localhost:" + p + "; frame-ancestors 'self'");
+    res.set("Content-Security-Policy",
+            "default-src 'self'; style-src 'self' 'unsafe-inline'; connect-src 'self' "
+            "ws://127.0.0.1:" +
+                p + " ws://localhost:" + p + "; frame-ancestors 'self'");
+  }
+
+  void Respond(const http::request<http::string_body>& req, http::status status,
+               const std::string& mime, std::string body, const std::string& attachment = {}) {
+    auto res = std::make_shared<http::response<http::string_body>>(status, req.version());
+    Decorate(*res, mime, attachment);
     const bool head = req.method() == http::verb::head;
     res->body() = head ? std::string() : std::move(body);
     res->prepare_payload();
@@ -494,6 +841,13 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
   bool reading_ = false;
+  // A long answer being sent.
+  std::shared_ptr<LongAnswer> answer_;
+  std::shared_ptr<HttpSession> self_;
+  unsigned version_ = 11;
+  bool writing_ = false;
+  bool headSent_ = false;
+  bool ended_ = false;
 };
 
 }  // namespace
@@ -591,11 +945,20 @@ void WebServer::Stop() {
   }
   impl_->io.stop();
   if (impl_->thread.joinable()) impl_->thread.join();
+  impl_->workers.Stop();
+  const std::vector<Session*> sessions(impl_->sessions.begin(), impl_->sessions.end());
+  for (Session* session : sessions)
+    session->Abandon();
   error_code ignored;
   impl_->acceptor.close(ignored);
   for (const Window::ClientId id : impl_->clients)
     impl_->window.Detach(id);
   impl_->clients.clear();
+}
+
+void WebServer::SetApi(std::shared_ptr<HttpApi> api) {
+  std::lock_guard lock(impl_->apiMutex);
+  impl_->api = std::move(api);
 }
 
 std::uint16_t WebServer::Port() const {

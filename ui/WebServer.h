@@ -21,6 +21,15 @@
 // Window::kMaxMessage close that browser's connection, with a log line; the window copes with
 // what remains (malformed JSON and the like).
 //
+// Routes (HttpApi): a path the program's HttpApi claims is answered by it instead of a file, with
+// the same token and Host checks, GET only. A quick route is answered whole on the I/O thread; a
+// long one (files, exports) runs on a worker thread of its own and its answer is written as it
+// comes, chunked: the worker hands over chunks through a queue of a few (it waits while the
+// queue is full), and each chunk written gives the connection a fresh `idleTime` to take it. A
+// browser that closes the download, or does not read for `idleTime`, ends the connection, and the
+// worker's next write fails, which stops it. At most `maxLongAnswers` run at once; one more is
+// refused with 503, so that no local user can pile up threads or memory.
+//
 // Beast and Asio stay inside WebServer.cpp: they cost seconds per translation unit.
 #pragma once
 
@@ -31,6 +40,7 @@
 #include <string>
 #include <vector>
 
+#include "ui/HttpApi.h"
 #include "ui/Resources.h"
 
 namespace ui {
@@ -46,6 +56,7 @@ struct WebServerLimits {
   std::chrono::milliseconds idleTime{30'000};
   std::size_t maxQueuedBytes = 8 * 1024 * 1024;
   std::chrono::milliseconds acceptRetry{200};
+  std::size_t maxLongAnswers = 4;
 };
 
 class WebServer {
@@ -60,8 +71,13 @@ class WebServer {
   // Listens on `firstPort`, or the next free one of the 100 after it (0: a port the system
   // picks), and starts the I/O thread. False when no port could be had (logged).
   bool Start(std::uint16_t firstPort);
-  // Closes every connection and ends the I/O thread. Idempotent.
+  // Closes every connection, ends the I/O thread and waits for the long answers' workers, which
+  // their failing writes stop. Idempotent.
   void Stop();
+
+  // The routes served beside the files; null serves none. Any thread. A request keeps the api
+  // it started with until its answer ends.
+  void SetApi(std::shared_ptr<HttpApi> api);
 
   std::uint16_t Port() const;
   const std::string& Token() const;

@@ -88,6 +88,10 @@
   const num = (v) => (typeof v === 'number' && Number.isFinite(v) ? v : null);
   const pair = (v) => (Array.isArray(v) && v.length === 2 ? [num(v[0]), num(v[1])] : null);
 
+  // A y axis as wide as its longest label (positions run to ten digits with their commas).
+  const axisSize = (u, values) => 26
+    + 7 * Math.max(3, ...(values || []).map((v) => String(v).length));
+
   // A uPlot kept to the size of its box.
   function fitPlot(box, make) {
     let legend = 34;
@@ -465,8 +469,11 @@
       ],
       axes: [
         { label: 'Time (s)', labelSize: 18, size: 34 },
-        { scale: 'pos', label: 'Position (counts)', labelSize: 18, size: 70 },
-        { scale: 'bias', side: 1, label: 'Bias', labelSize: 18, size: 56, grid: { show: false } },
+        { scale: 'pos', label: 'Position (counts)', labelSize: 18, size: axisSize },
+        {
+          scale: 'bias', side: 1, label: 'Bias', labelSize: 18, size: axisSize,
+          grid: { show: false },
+        },
       ],
       hooks: { drawClear: [shade] },
       legend: { live: true },
@@ -561,9 +568,9 @@
       ],
       axes: [
         { size: 40 },
-        { scale: 'v', label: 'Voltage', labelSize: 18, size: 60 },
+        { scale: 'v', label: 'Voltage', labelSize: 18, size: axisSize },
         {
-          scale: 'travel', side: 1, label: 'Travel (counts)', labelSize: 18, size: 70,
+          scale: 'travel', side: 1, label: 'Travel (counts)', labelSize: 18, size: axisSize,
           grid: { show: false },
         },
       ],

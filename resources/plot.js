@@ -86,10 +86,15 @@
 
   const seenFrames = new WeakSet();
 
+  let reloadTimer = 0;
+
   function frameLoaded(frame) {
-    // A page document loaded again may be another machine's: its channels are looked up anew.
-    if (seenFrames.has(frame)) loadChannels();
-    else {
+    // A page document loaded again may be another machine's: its channels are looked up anew,
+    // once for all the frames that load together.
+    if (seenFrames.has(frame)) {
+      clearTimeout(reloadTimer);
+      reloadTimer = setTimeout(loadChannels, 300);
+    } else {
       seenFrames.add(frame);
       markFrame(frame);
     }
@@ -233,7 +238,10 @@
       }
     });
     dragBy(head, panel, () => save());
-    p.resize = new ResizeObserver(() => fit(p));
+    p.resize = new ResizeObserver(() => {
+      fit(p);
+      save();
+    });
     p.resize.observe(panel);
 
     build(p, p.follow ? resolutionFor(nowS() - span, nowS()) : resolutionFor(...p.view));
@@ -241,6 +249,14 @@
     p.timer = setInterval(() => poll(p), POLL_MS);
     save();
     return panel;
+  }
+
+  // 14:03:07.420 local time: the legend's time under the cursor, to the sample.
+  function clockText(t) {
+    const d = new Date(t * 1000);
+    const two = (n) => String(n).padStart(2, '0');
+    return `${two(d.getHours())}:${two(d.getMinutes())}:${two(d.getSeconds())}.`
+      + `${String(d.getMilliseconds()).padStart(3, '0')}`;
   }
 
   function clamp(v, lo, hi) { return Math.min(Math.max(v, lo), hi); }
@@ -311,7 +327,7 @@
     p.title.textContent = `Plot: ${p.names.join(', ')}`;
     p.title.title = p.title.textContent;
 
-    const series = [{}];
+    const series = [{ label: 'Time', value: (u, v) => (v === null ? '--' : clockText(v)) }];
     const axes = [{ grid: { stroke: '#e3e8ee' }, ticks: { stroke: '#c9d1da' } }];
     const scales = { x: { time: true, auto: false } };
     const bands = [];

@@ -10,7 +10,9 @@ void CTavroTestApp::RunDialog(Controller& controller, const BoardVersionInfo& ve
   if (!frame_) return;
   Dialog dialog(frame_->window, frame_->loop, &controller, versionInfo);
   frame_->mainWindow = &dialog;
+  if (frame_->serveRoutes) frame_->serveRoutes(dialog.Api());
   dialog.DoModal();  // its result is not looked at
+  if (frame_->serveRoutes) frame_->serveRoutes(nullptr);
   frame_->mainWindow = nullptr;
 }
 

@@ -5,6 +5,9 @@
 // way of ending.
 #pragma once
 
+#include <functional>
+#include <memory>
+
 #include "link/BoardRecords.h"
 
 class CTavroUsbServo;
@@ -16,15 +19,19 @@ class TaskLoop;
 }
 namespace ui {
 class Window;
-}
+class HttpApi;
+}  // namespace ui
 
 // What the framework gives the application: the UI thread's loop and the window the browsers
 // show, both made before InitInstance so that a start-up failure's box reaches a browser.
 // `mainWindow` is the running main dialog (UI thread only), for the system's broadcasts.
+// `serveRoutes`, when set, hands the running main dialog's routes (the recorder's, the report
+// viewer's) to the web server, and null when the dialog ends.
 struct AppFrame {
   platform::TaskLoop& loop;
   ui::Window& window;
   CTavroTestDlgBase* mainWindow = nullptr;
+  std::function<void(std::shared_ptr<ui::HttpApi>)> serveRoutes;
 };
 
 class CTavroTestApp {

@@ -13,6 +13,7 @@
 #include "pages/Stage.h"
 #include "pages/UsbSerial.h"
 #include "platform/Clock.h"
+#include "platform/Files.h"
 #include "ui/MessageBox.h"
 #include "util/StringTable.h"
 
@@ -42,7 +43,11 @@ std::unique_ptr<CTabPage> Make(Controller* controller, const BoardVersionInfo& v
 
 CTavroTestDlgBase::CTavroTestDlgBase(ui::Window& parent, platform::TaskLoop& uiLoop,
                                      CTavroUsbController* link, const BoardVersionInfo& record)
-    : window(parent), loop(uiLoop), controller(link), versionInfo(record) {}
+    : window(parent),
+      loop(uiLoop),
+      controller(link),
+      versionInfo(record),
+      api(std::make_shared<RecorderApi>(recording, runTime, platform::ProgramFolder())) {}
 
 CTavroTestDlgBase::~CTavroTestDlgBase() = default;
 

@@ -15,12 +15,15 @@
 #include <memory>
 #include <string>
 
+#include "app/RecorderApi.h"
 #include "link/BoardRecords.h"
 #include "link/ControllerRecords.h"
 #include "link/Generations.h"
 #include "pages/CTabDlg.h"
 #include "platform/PowerEvents.h"
 #include "platform/TaskLoop.h"
+#include "recorder/Recorder.h"
+#include "ui/HttpApi.h"
 #include "ui/Window.h"
 
 class CTavroUsbController;
@@ -73,6 +76,13 @@ class CTavroTestDlgBase {
   CTabPage* Page(int tab) const { return tab >= 0 && tab < kMaxPages ? pages[tab].get() : nullptr; }
   const BoardVersionInfo& VersionRecord() const { return versionInfo; }
 
+  // The run's recorder, which the pages record into, and its routes for the web server. The
+  // routes hold the recorder, so an answer under way keeps it after the dialog has gone.
+  recorder::Recorder& Recording() { return *recording; }
+  std::shared_ptr<ui::HttpApi> Api() const { return api; }
+  // The time the recorder's ticks are stamped with.
+  recorder::TimeUs RunNow() const { return runTime.Now(); }
+
  protected:
   CTavroTestDlgBase(ui::Window& window, platform::TaskLoop& loop, CTavroUsbController* controller,
                     const BoardVersionInfo& versionInfo);
@@ -111,6 +121,9 @@ class CTavroTestDlgBase {
   bool suspended = false;
   bool timersStarted[5] = {};
   ServoStatus status{};  // zeroed: a tick may come before the first poll
+  RunTime runTime;
+  std::shared_ptr<recorder::Recorder> recording = std::make_shared<recorder::Recorder>();
+  std::shared_ptr<ui::HttpApi> api;
 };
 
 class CTavroTestDlg final : public CTavroTestDlgBase {

@@ -37,6 +37,9 @@ int main() {
   auto fileAccessWarnings = std::make_unique<FileAccessWarnings>();
 
   AppFrame frame{loop, window};
+  frame.serveRoutes = [&server](std::shared_ptr<ui::HttpApi> api) {
+    server.SetApi(std::move(api));
+  };
   // The computer's sleep and wake go to the main dialog that runs at the time, on the UI thread.
   // Without a system bus there are no such notices, and nothing else changes.
   platform::SleepWatcher sleepWatcher([&loop, &frame](unsigned event) {

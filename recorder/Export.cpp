@@ -348,7 +348,11 @@ std::string ChannelsJson(const Recorder& recorder) {
     AppendJsonString(out, c.name);
     out += ",\"unit\":";
     AppendJsonString(out, c.unit);
-    out += ",\"rate_ms\":" + std::to_string(c.rateMs) + "}";
+    out += ",\"rate_ms\":" + std::to_string(c.rateMs) + ",\"page\":";
+    AppendJsonString(out, c.page);
+    out += ",\"element\":";
+    AppendJsonString(out, c.element);
+    out += "}";
   }
   return out + "]\n";
 }

@@ -186,7 +186,8 @@ Recorder::Recorder(RecorderLimits limits) : limits_(limits) {
 Recorder::~Recorder() = default;
 
 ChannelId Recorder::AddChannel(const ChannelInfo& info) {
-  if (!IsChannelName(info.name) || info.unit.size() > 32 || info.rateMs == 0 ||
+  if (!IsChannelName(info.name) || info.unit.size() > 32 || info.page.size() > 64 ||
+      info.element.size() > 128 || info.rateMs == 0 ||
       static_cast<unsigned>(info.kind) > static_cast<unsigned>(ValueKind::kFloat))
     return kNoChannel;
   std::lock_guard lock(registry_);

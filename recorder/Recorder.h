@@ -50,6 +50,10 @@ struct ChannelInfo {
   std::string unit;  // or empty
   std::uint32_t rateMs = 0;
   ValueKind kind = ValueKind::kInt32;
+  // Where the window shows it: the title of the page, and the id of the element in that page's
+  // document (empty when none shows it).
+  std::string page;
+  std::string element;
 };
 
 using ChannelId = int;
@@ -104,7 +108,8 @@ class Recorder {
 
   // Adds a channel and makes its rings; on the UI thread, as Record. kNoChannel when the name
   // is taken, empty, longer than 128 bytes or holds other than letters, digits, '.', '_' and
-  // '-'; when the rate is 0; or when the rings would take the recorder past its budget.
+  // '-'; when the unit, page or element is longer than 32, 64 or 128 bytes; when the rate is 0;
+  // or when the rings would take the recorder past its budget.
   ChannelId AddChannel(const ChannelInfo& info);
   std::size_t BytesUsed() const;
   const RecorderLimits& Limits() const { return limits_; }

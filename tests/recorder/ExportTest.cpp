@@ -123,15 +123,19 @@ TEST(Export, JsonAndPerSecondForms) {
 
 TEST(Export, ChannelList) {
   Recorder rec;
-  rec.AddChannel({.name = "status.LinearPosition.X", .rateMs = 20});
+  rec.AddChannel({.name = "status.LinearPosition.X",
+                  .rateMs = 20,
+                  .page = "Stage",
+                  .element = "linear-x"});
   rec.AddChannel({.name = "readings.Temperature1",
                   .unit = "\xC2\xB0"
                           "C\"\n",
                   .rateMs = 1000});
   EXPECT_EQ(ChannelsJson(rec),
-            "[\n{\"name\":\"status.LinearPosition.X\",\"unit\":\"\",\"rate_ms\":20},\n"
+            "[\n{\"name\":\"status.LinearPosition.X\",\"unit\":\"\",\"rate_ms\":20,"
+            "\"page\":\"Stage\",\"element\":\"linear-x\"},\n"
             "{\"name\":\"readings.Temperature1\",\"unit\":\"\xC2\xB0"
-            "C\\\"\\u000a\",\"rate_ms\":1000}]\n");
+            "C\\\"\\u000a\",\"rate_ms\":1000,\"page\":\"\",\"element\":\"\"}]\n");
   EXPECT_EQ(ChannelsJson(Recorder()), "[]\n");
 }
 

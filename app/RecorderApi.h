@@ -1,0 +1,48 @@
+// The recorder's and the report viewer's routes on the window's web server: /channels, /export
+// and /events from the run's recorder, /reports, /report, /report-file and /history from the
+// report folder. Bad input is a 400 with one line of reason; a name the folder does not list is
+// a 404.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/Clock.h"
+#include "recorder/Recorder.h"
+#include "ui/HttpApi.h"
+
+// The run's time axis: the wall time when the run began plus the steady time since, so that a
+// wall clock set back during the run cannot step the recorded times back. The steady part comes
+// from platform::Clock, so tests run it in virtual time.
+class RunTime {
+ public:
+  RunTime();
+  recorder::TimeUs Now() const;
+
+ private:
+  recorder::TimeUs wallStart_;
+  platform::TimePoint steadyStart_;
+};
+
+class RecorderApi final : public ui::HttpApi {
+ public:
+  // `reportFolder`: where the motion tests write their reports (the program folder).
+  RecorderApi(std::shared_ptr<const recorder::Recorder> recorder, const RunTime& time,
+              std::string reportFolder);
+
+  ui::HttpRoute Route(std::string_view path) const override;
+  void Answer(std::string_view path, std::string_view query, ui::HttpReply& reply) override;
+
+  // A report's file is streamed from disk up to this size.
+  static constexpr std::size_t kMaxReportFileBytes = 32u << 20;
+
+ private:
+  void Events(std::string_view query, ui::HttpReply& reply) const;
+  void Export(std::string_view query, ui::HttpReply& reply) const;
+  void Report(std::string_view query, ui::HttpReply& reply) const;
+  void ReportFile(std::string_view query, ui::HttpReply& reply) const;
+
+  std::shared_ptr<const recorder::Recorder> recorder_;
+  RunTime time_;
+  std::string folder_;
+};

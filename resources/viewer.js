@@ -88,6 +88,19 @@
   const num = (v) => (typeof v === 'number' && Number.isFinite(v) ? v : null);
   const pair = (v) => (Array.isArray(v) && v.length === 2 ? [num(v[0]), num(v[1])] : null);
 
+  // The history's time axis: ticks on whole seconds, minutes, hours, days; labels as precise as
+  // the ticks' spacing needs.
+  const TIME_STEPS = [1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 10800, 21600,
+    43200, 86400, 172800, 604800, 2592000, 7776000, 31536000];
+  function timeLabels(u, splits, axisIdx, space, step) {
+    return splits.map((v) => {
+      const t = dateText(v);
+      if (step < 60) return t.slice(11);
+      if (step < 86400) return t.slice(5, 16);
+      return t.slice(0, 10);
+    });
+  }
+
   // A y axis as wide as its longest label (positions run to ten digits with their commas).
   const axisSize = (u, values) => 26
     + 7 * Math.max(3, ...(values || []).map((v) => String(v).length));
@@ -537,45 +550,66 @@
     const threshold = Number.isFinite(t) && t >= 0 ? t : DEFAULT_DRIFT;
     const { columns, drift, baseAt } = historyColumns(runs, threshold);
     drawHistoryTable(runs, columns, drift, baseAt);
+    // Only the series some report gives are drawn (a folder of axis tests alone has no travel).
+    const shown = HISTORY_SERIES.map((_, s) => s).filter((s) => columns[s].some((v) => v !== null));
     const marks = [];
-    drift.forEach((flags, s) => flags.forEach((f, i) => { if (f) marks.push([s + 1, i]); }));
-    ui.hPlotBox.drift = marks.map(([s, i]) => ({ series: HISTORY_SERIES[s - 1][2], index: i }));
-    if (typeof uPlot !== 'function') return;
+    shown.forEach((s, k) => drift[s].forEach((f, i) => { if (f) marks.push([k + 1, i]); }));
+    ui.hPlotBox.drift = marks.map(([k, i]) => ({
+      series: HISTORY_SERIES[shown[k - 1]][2], index: i,
+    }));
+    if (typeof uPlot !== 'function' || !shown.length) return;
     const times = runs.map((r, i) => num(r.time) ?? i);
     const ring = (u) => {
       const { ctx } = u;
       ctx.save();
       ctx.strokeStyle = '#c62828';
       ctx.lineWidth = 2 * devicePixelRatio;
-      for (const [s, i] of marks) {
-        if (!u.series[s].show) continue;
+      for (const [k, i] of marks) {
+        if (!u.series[k].show) continue;
         const x = u.valToPos(u.data[0][i], 'x', true);
-        const y = u.valToPos(u.data[s][i], u.series[s].scale, true);
+        const y = u.valToPos(u.data[k][i], u.series[k].scale, true);
         ctx.beginPath();
         ctx.arc(x, y, 7 * devicePixelRatio, 0, 2 * Math.PI);
         ctx.stroke();
       }
       ctx.restore();
     };
+    const axes = [{ size: 40, space: 90, incrs: TIME_STEPS, values: timeLabels }];
+    if (shown.some((s) => HISTORY_SERIES[s][3] === 'v')) {
+      axes.push({ scale: 'v', label: 'Voltage', labelSize: 18, size: axisSize });
+    }
+    if (shown.some((s) => HISTORY_SERIES[s][3] === 'travel')) {
+      axes.push({
+        scale: 'travel', side: 1, label: 'Travel (counts)', labelSize: 18, size: axisSize,
+        grid: { show: false },
+      });
+    }
     ui.hPlot = fitPlot(ui.hPlotBox, (size) => new uPlot({
       ...size,
-      scales: { x: { time: true } },
+      // A margin on both sides, so that the first and last runs' marks are not cut.
+      scales: {
+        x: {
+          time: true,
+          range: (u, min, max) => {
+            const margin = Math.max(1, (max - min) * 0.04);
+            return [min - margin, max + margin];
+          },
+        },
+      },
       series: [
         { label: 'Date', value: (u, v) => (v == null ? '' : dateText(v)) },
-        ...HISTORY_SERIES.map(([, , label, scale, stroke]) => ({
-          label, scale, stroke, width: 1.5, spanGaps: true, points: { show: true, size: 6 },
-        })),
+        ...shown.map((s) => {
+          const [, , label, scale, stroke] = HISTORY_SERIES[s];
+          // The + direction dashed: the two directions often lie on one another.
+          const dash = label.includes('+') ? [6, 4] : undefined;
+          return {
+            label, scale, stroke, dash, width: 1.5, spanGaps: true, points: { show: true, size: 6 },
+          };
+        }),
       ],
-      axes: [
-        { size: 40 },
-        { scale: 'v', label: 'Voltage', labelSize: 18, size: axisSize },
-        {
-          scale: 'travel', side: 1, label: 'Travel (counts)', labelSize: 18, size: axisSize,
-          grid: { show: false },
-        },
-      ],
+      axes,
       hooks: { draw: [ring] },
-    }, [times, ...columns], ui.hPlotBox));
+    }, [times, ...shown.map((s) => columns[s])], ui.hPlotBox));
     ui.hPlotBox.uplot = ui.hPlot;
   }
 

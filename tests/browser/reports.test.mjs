@@ -72,19 +72,12 @@ async function openViewer(page) {
   return panel;
 }
 
-test('the viewer lists a test run a moment ago, plots its trace and marks a caused drift', (t) => {
+test('the viewer lists a test run a moment ago, plots its trace and marks a caused drift', () => {
   const folder = mkdtempSync(join(tmpdir(), 'tavro-program-'));
   const program = join(folder, 'tavrotest');
   copyFileSync(process.env.TAVROTEST, program);
   return withSession(browser, { profile: 'autovision', program, tab: STAGE },
     async ({ page, board }) => {
-      // Until the program serves the viewer's routes there is nothing to check.
-      const served = await page.evaluate(async () => (await fetch(
-        `/reports?token=${new URLSearchParams(location.search).get('token')}`)).status);
-      if (served === 404) {
-        t.skip('the program does not serve /reports yet');
-        return;
-      }
       await eventually(async () => (await field(page, STAGE, 'SettledX').inputValue()) !== '',
         true);
       await runAxisTest(page, folder, 0);

@@ -106,7 +106,14 @@ test('the viewer lists a test run a moment ago, plots its trace and marks a caus
       });
       assert.deepEqual(download, [200, readFileSync(join(folder, 'AxisTest_X_0.csv'), 'latin1')]);
       if (SHOTS) await page.screenshot({ path: join(SHOTS, 'reports.png') });
+      // The filter by test: no limit test was run.
+      const kind = panel.getByRole('combobox', { name: 'Test' });
+      await kind.selectOption('limit');
+      assert.equal(await panel.locator('.viewer-list tbody tr').count(), 0);
+      await kind.selectOption('');
+      assert.equal(await panel.locator('.viewer-list tbody tr').count(), 1);
       await panel.getByRole('button', { name: 'Close' }).click();
+      await panel.waitFor({ state: 'hidden' });
 
       // The second run against three times the friction.
       await board.control(`friction x ${FRICTION}`);
@@ -142,5 +149,9 @@ test('the viewer lists a test run a moment ago, plots its trace and marks a caus
       await page.getByLabel('Drift threshold (%)').fill('25');
       await eventually(() => page.locator('.viewer-history-grid td.drift').count(), 2);
       if (SHOTS) await page.screenshot({ path: join(SHOTS, 'axis-history.png') });
+      // Escape closes the panel, and is not the page's cancel: the Stage page stays as it was.
+      await page.keyboard.press('Escape');
+      await page.getByRole('dialog', { name: 'Reports' }).waitFor({ state: 'hidden' });
+      assert.equal(await field(page, STAGE, 'RunningTestX').inputValue(), 'Ready');
     }).finally(() => rmSync(folder, { recursive: true, force: true }));
 });

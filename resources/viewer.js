@@ -164,6 +164,7 @@
       ...ui, panel, tabReports, tabHistory, refresh, status: head.querySelector('.viewer-status'),
       view: 'reports',
     };
+    clearDetail('Select a report.');
   }
 
   function buildReports() {
@@ -281,7 +282,15 @@
   function closeViewer() {
     if (!ui) return;
     ui.panel.hidden = true;
-    if (ui.loadCtl) ui.loadCtl.abort();
+    if (ui.loadCtl) {
+      // A report still on its way is dropped, and chosen afresh after reopening.
+      const ctl = ui.loadCtl;
+      ui.loadCtl = null;
+      ctl.abort();
+      ui.selected = null;
+      clearDetail('Select a report.');
+      for (const tr of ui.body.rows) tr.setAttribute('aria-selected', 'false');
+    }
   }
 
   function setStatus(text) { ui.status.textContent = text; }

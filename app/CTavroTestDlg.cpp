@@ -85,6 +85,10 @@ int CTavroTestDlgBase::OnCreate() {
   for (auto& page : pages) {
     if (page) page->ResetPage(versionInfo);
   }
+  // Then each page adds the channels of what its first reset found, under its tab's title.
+  for (std::size_t i = 0; i < rows.size() && i < pages.size(); ++i) {
+    pages[i]->StartRecording(*recording, runTime, rows[i].title);
+  }
   return 0;
 }
 
@@ -131,6 +135,9 @@ void CTavroTestDlgBase::OnTimer(unsigned id) {
         // No page is told; they keep their last values, and the stale record stays.
         connected = false;
         SetTitleSuffix(kDisconnected);
+        Mark(recorder::EventKind::kLinkLost);
+      } else {
+        MarkStatusEdges();
       }
     }
   } else if (id == 4) {
@@ -140,6 +147,8 @@ void CTavroTestDlgBase::OnTimer(unsigned id) {
   }
 
   if (connected && tickPages) {
+    // The values the pages record in this tick belong to it.
+    recording->BeginTick(TimerRate(id), runTime.Now());
     for (auto& page : pages) {
       if (page) page->UpdatePage(id, status);
     }
@@ -181,6 +190,7 @@ void CTavroTestDlgBase::Reconnect() {
   if (ok) {
     connected = true;
     SetTitleSuffix(kConnected);
+    Mark(recorder::EventKind::kLinkBack);
     for (auto& page : pages) {
       if (page) page->ResetPage(versionInfo);
     }
@@ -206,6 +216,22 @@ void CTavroTestDlgBase::RunBanner() {
     warningState = 2;
   } else if (warningState == 2 && !running) {
     warningState = 0;
+  }
+}
+
+void CTavroTestDlgBase::Mark(recorder::EventKind kind, std::string_view text) {
+  recording->Mark(kind, runTime.Now(), text);
+}
+
+// E-stop on and off, and the board going to sleep, as the poll finds them.
+void CTavroTestDlgBase::MarkStatusEdges() {
+  if (status.EStop != markedEStop) {
+    markedEStop = status.EStop;
+    Mark(markedEStop ? recorder::EventKind::kEStopOn : recorder::EventKind::kEStopOff);
+  }
+  if (status.Sleep != markedSleep) {
+    markedSleep = status.Sleep;
+    if (markedSleep) Mark(recorder::EventKind::kSleep);
   }
 }
 

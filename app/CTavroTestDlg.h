@@ -106,6 +106,8 @@ class CTavroTestDlgBase {
  private:
   void Reconnect();
   void RunBanner();
+  void Mark(recorder::EventKind kind, std::string_view text = {});
+  void MarkStatusEdges();
   void SetTitleSuffix(const char* suffix);
   // The Stage page of tab 1 as its test thread sees it, or null (no such page, or one without
   // tests).
@@ -121,7 +123,10 @@ class CTavroTestDlgBase {
   bool suspended = false;
   bool timersStarted[5] = {};
   ServoStatus status{};  // zeroed: a tick may come before the first poll
-  RunTime runTime;
+  recorder::RunTime runTime;
+  // The status flags as the last marks left them: an e-stop that is on at the start is marked.
+  bool markedEStop = false;
+  bool markedSleep = false;
   std::shared_ptr<recorder::Recorder> recording = std::make_shared<recorder::Recorder>();
   std::shared_ptr<ui::HttpApi> api;
 };

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <limits>
 #include <optional>
 
@@ -50,20 +49,8 @@ std::string Shown(std::string_view s) {
 
 }  // namespace
 
-RunTime::RunTime()
-    : wallStart_(std::chrono::duration_cast<std::chrono::microseconds>(
-                     std::chrono::system_clock::now().time_since_epoch())
-                     .count()),
-      steadyStart_(platform::Clock::Current().Now()) {}
-
-TimeUs RunTime::Now() const {
-  return wallStart_ + std::chrono::duration_cast<std::chrono::microseconds>(
-                          platform::Clock::Current().Now() - steadyStart_)
-                          .count();
-}
-
-RecorderApi::RecorderApi(std::shared_ptr<const recorder::Recorder> recorder, const RunTime& time,
-                         std::string reportFolder)
+RecorderApi::RecorderApi(std::shared_ptr<const recorder::Recorder> recorder,
+                         const recorder::RunTime& time, std::string reportFolder)
     : recorder_(std::move(recorder)), time_(time), folder_(std::move(reportFolder)) {}
 
 // The channel list and the events are copies of a few KB from memory; everything that formats a

@@ -7,27 +7,14 @@
 #include <memory>
 #include <string>
 
-#include "platform/Clock.h"
 #include "recorder/Recorder.h"
+#include "recorder/RunTime.h"
 #include "ui/HttpApi.h"
-
-// The run's time axis: the wall time when the run began plus the steady time since, so that a
-// wall clock set back during the run cannot step the recorded times back. The steady part comes
-// from platform::Clock, so tests run it in virtual time.
-class RunTime {
- public:
-  RunTime();
-  recorder::TimeUs Now() const;
-
- private:
-  recorder::TimeUs wallStart_;
-  platform::TimePoint steadyStart_;
-};
 
 class RecorderApi final : public ui::HttpApi {
  public:
   // `reportFolder`: where the motion tests write their reports (the program folder).
-  RecorderApi(std::shared_ptr<const recorder::Recorder> recorder, const RunTime& time,
+  RecorderApi(std::shared_ptr<const recorder::Recorder> recorder, const recorder::RunTime& time,
               std::string reportFolder);
 
   ui::HttpRoute Route(std::string_view path) const override;
@@ -43,6 +30,6 @@ class RecorderApi final : public ui::HttpApi {
   void ReportFile(std::string_view query, ui::HttpReply& reply) const;
 
   std::shared_ptr<const recorder::Recorder> recorder_;
-  RunTime time_;
+  recorder::RunTime time_;
   std::string folder_;
 };

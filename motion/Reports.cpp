@@ -105,6 +105,7 @@ bool WriteTraceFile(const std::string& reportPath, const std::vector<TraceSample
 
 void FileReport(StagePage& page, const std::string& prefix, const std::string& body) {
   const ReportOutcome report = WriteReportFile(page.ReportFolder(), prefix, body);
+  if (report.written) page.ReportFiled(report.path);
   const std::vector<TraceSample> samples = page.Trace.Take();
   page.Trace.End();
   std::string failedPath = report.path;

@@ -168,6 +168,8 @@ class StagePage {
   virtual std::string ReportFolder() const = 0;
   // The document's PlatenCount as the operator left it (read at a test button's click).
   virtual std::string PlatenCountText() const = 0;
+  // The test thread has written its report (`path`, the .dat); for the page's event marks.
+  virtual void ReportFiled(const std::string& /*path*/) {}
 };
 
 // The buttons that start a test.

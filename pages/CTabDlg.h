@@ -14,6 +14,7 @@
 #include "link/BoardRecords.h"
 #include "link/ControllerRecords.h"
 #include "pages/DataExchange.h"
+#include "pages/PageRecording.h"
 #include "ui/Window.h"
 
 class CTavroUsbServo;
@@ -44,6 +45,14 @@ class CTabPage : public ui::HtmlPage {
   // The update to the document: every bound field to its element.
   void UpdateData();
 
+  // Once, after the first ResetPage: the page records into `recorder` from now on, under the
+  // tab's title, and adds its channels (those of the machine it shows).
+  void StartRecording(recorder::Recorder& recorder, const recorder::RunTime& time,
+                      const std::string& title) {
+    recording.Attach(&recorder, &time, title);
+    AddChannels();
+  }
+
   const BoardVersionInfo& VersionInfo() const { return versionInfo; }
 
   // The page's last reads worked. A page that gets a false result clears it and reads nothing
@@ -57,6 +66,10 @@ class CTabPage : public ui::HtmlPage {
  protected:
   // Lists the page's bindings; the base has none.
   virtual void DoDataExchange(DataExchange& /*dx*/) {}
+  // Adds the channels the page records; the base records none.
+  virtual void AddChannels() {}
+
+  PageRecording recording;
 
   // Sets InTick for its life; `Entered()` is false when a tick was already under way, and the
   // guard then leaves the flag alone.

@@ -420,6 +420,7 @@ void LightsPage<Base, kForm>::SendNow(Group group) {
   held_[group] = false;
   if (group == kLights) {
     this->controller->SetLightValues(std::span<const std::uint32_t>(RawValues));
+    TookValues(RawValues);
     return;
   }
   if constexpr (kForm.statusLights) {
@@ -449,8 +450,15 @@ void LightsPage<Base, kForm>::UpdatePage(std::uint32_t timerId, const ServoStatu
   if (timerId == 1) {
     FlushHeld();
     if (this->Connected && this->PageReady && Cycling) TickCycle();
+    if (anySent_) {
+      for (std::uint32_t channel = 0; channel < kLightChannels; ++channel)
+        this->recording.Record(lightChannels_[channel], sent_[channel]);
+    }
   }
-  if (timerId == 3 && this->Connected && this->PageReady) TickChannelCount();
+  if (timerId == 3 && this->Connected && this->PageReady) {
+    TickChannelCount();
+    if (this->recording.Attached()) AddChannels();
+  }
 }
 
 template <class Base, const LightsForm& kForm>
@@ -469,9 +477,10 @@ void LightsPage<Base, kForm>::TickCycle() {
   if (!this->controller->SetLightValues(std::span<const std::uint32_t>(CycleValues))) {
     this->Connected = false;
     Cycling = false;
-  } else if (!more) {
-    Cycling = false;
+    return;
   }
+  TookValues(CycleValues);
+  if (!more) Cycling = false;
 }
 
 template <class Base, const LightsForm& kForm>
@@ -508,6 +517,31 @@ void LightsPage<Base, kForm>::DoDataExchange(DataExchange& dx) {
     dx.Text("RawLedWORD1", RawLedWORD1Text);
     dx.Text("RawLedWORD2", RawLedWORD2Text);
     dx.Text("RawPendWORD1", RawPendWORD1Text);
+  }
+}
+
+template <class Base, const LightsForm& kForm>
+void LightsPage<Base, kForm>::TookValues(std::span<const std::uint32_t> values) {
+  std::copy(values.begin(), values.begin() + std::min(values.size(), sent_.size()), sent_.begin());
+  anySent_ = true;
+}
+
+// Each channel the board has, named by its number, shown by the raw text of the slider that
+// drives it.
+template <class Base, const LightsForm& kForm>
+void LightsPage<Base, kForm>::AddChannels() {
+  for (std::uint32_t channel = 0; channel < Usable(); ++channel) {
+    if (lightChannels_[channel] != recorder::kNoChannel) continue;
+    std::string element;
+    if (channel == ProfileChannel) {
+      element = "RawProfile";
+    } else if (channel == CoaxChannel) {
+      element = "RawCoax";
+    } else if (channel < SurfaceEnd()) {
+      element = "RawSurface";
+    }
+    lightChannels_[channel] = this->recording.Add("lights.Channel" + std::to_string(channel),
+                                                  kTick20ms, recorder::ValueKind::kUInt16, element);
   }
 }
 

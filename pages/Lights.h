@@ -116,6 +116,7 @@ class LightsPage : public Base {
 
  protected:
   void DoDataExchange(DataExchange& dx) override;
+  void AddChannels() override;
 
  private:
   // The groups of sliders whose moves each send one command.
@@ -171,6 +172,13 @@ class LightsPage : public Base {
   std::uint32_t profileTop_ = 0, coaxTop_ = 0, surfaceTop_ = 0;
   std::array<bool, kGroups> sentThisTick_{};
   std::array<bool, kGroups> held_{};
+
+  // The light values last sent, recorded on every 20 ms tick once any were; a channel is added
+  // when the board first reports it.
+  std::array<std::uint32_t, kLightChannels> sent_{};
+  bool anySent_ = false;
+  std::array<recorder::ChannelId, kLightChannels> lightChannels_ = NoChannels<kLightChannels>();
+  void TookValues(std::span<const std::uint32_t> values);
 };
 
 class CTabLightsDlg final : public LightsPage<CTabDlg, kAutoVisionLights> {

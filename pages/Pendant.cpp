@@ -36,6 +36,9 @@ template <const PendantForm& kForm>
 void PendantPage<kForm>::UpdatePage(std::uint32_t timerId, const ServoStatus& status) {
   TickGuard guard(*this);
   if (!guard.Entered() || timerId != 3 || !Connected || !PageReady) return;
+  recording.Record(estopChannel_, status.EStop);
+  for (std::size_t i = 0; i < kForm.buttons.size(); ++i)
+    recording.Record(buttonChannels_[i], status.Inputs[kForm.buttons[i].input]);
   bool changed = false;
   if (status.EStop != estop_) {
     estop_ = status.EStop;
@@ -53,6 +56,7 @@ void PendantPage<kForm>::UpdatePage(std::uint32_t timerId, const ServoStatus& st
   if constexpr (kForm.readsPendant) {
     // A failed read shows nothing of this tick, not even the buttons found changed before it.
     if (!ReadPendant(changed)) return;
+    RecordPendant();
   }
   if (changed) UpdateData();
 }
@@ -100,6 +104,45 @@ void PendantPage<kForm>::DoDataExchange(DataExchange& dx) {
     }
   }
   dx.Text("EStop", estopText_);
+}
+
+template <const PendantForm& kForm>
+void PendantPage<kForm>::AddChannels() {
+  using recorder::ValueKind;
+  for (std::size_t i = 0; i < kForm.buttons.size(); ++i) {
+    const std::string id = IndexedId("PenButton", static_cast<unsigned>(i + 1), false);
+    buttonChannels_[i] =
+        recording.Add("pendant.Button" + std::to_string(i + 1), kTick200ms, ValueKind::kFlag, id);
+  }
+  estopChannel_ = recording.Add("pendant.EStop", kTick200ms, ValueKind::kFlag, "EStop");
+  if constexpr (kForm.readsPendant) {
+    for (std::size_t i = 0; i < kForm.joystickAxes; ++i) {
+      const std::string axis = kAxisNames[i];
+      readChannels_[i] = recording.Add("pendant.Read." + axis, kTick200ms, ValueKind::kInt32,
+                                       "PendantRead" + axis);
+      // One channel for both directions; the element of the positive one stands for it.
+      deflectionChannels_[i] = recording.Add("pendant.Deflection." + axis, kTick200ms,
+                                             ValueKind::kInt32, "PendantPos" + axis + "Pos");
+    }
+    if constexpr (kForm.accelerometer) {
+      for (std::size_t i = 0; i < std::size(kAxisNames); ++i) {
+        const std::string axis = kAxisNames[i];
+        accelerometerChannels_[i] = recording.Add("pendant.Accelerometer." + axis, kTick200ms,
+                                                  ValueKind::kInt16, "AccelerometerPos" + axis);
+      }
+    }
+  }
+}
+
+template <const PendantForm& kForm>
+void PendantPage<kForm>::RecordPendant() {
+  for (std::size_t i = 0; i < kPendantEntries; ++i) {
+    recording.Record(readChannels_[i], pendant_.PendantRead[i]);
+    recording.Record(deflectionChannels_[i], pendant_.PendantPos[i]);
+    // The board sends a word; the accelerometer's reading is signed.
+    recording.Record(accelerometerChannels_[i],
+                     static_cast<std::int16_t>(pendant_.Accelerometer[i]));
+  }
 }
 
 template class PendantPage<kAutoVisionPendant>;

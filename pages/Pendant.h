@@ -69,9 +69,11 @@ class PendantPage : public CTabDlg {
 
  protected:
   void DoDataExchange(DataExchange& dx) override;
+  void AddChannels() override;
 
  private:
   bool ReadPendant(bool& changed);
+  void RecordPendant();
 
   std::array<bool, kPendantButtons> buttonDown_{};
   std::array<std::string, kPendantButtons> buttonText_;
@@ -79,6 +81,15 @@ class PendantPage : public CTabDlg {
   std::string estopText_;
   PendantState pendant_{};
   std::array<DeflectionTexts, kPendantEntries> deflectionText_;
+
+  std::array<recorder::ChannelId, kPendantButtons> buttonChannels_ = NoChannels<kPendantButtons>();
+  recorder::ChannelId estopChannel_ = recorder::kNoChannel;
+  // Readings, deflections, accelerometer, by entry.
+  std::array<recorder::ChannelId, kPendantEntries> readChannels_ = NoChannels<kPendantEntries>();
+  std::array<recorder::ChannelId, kPendantEntries> deflectionChannels_ =
+      NoChannels<kPendantEntries>();
+  std::array<recorder::ChannelId, kPendantEntries> accelerometerChannels_ =
+      NoChannels<kPendantEntries>();
 };
 
 class CTabPendantDlg final : public PendantPage<kAutoVisionPendant> {

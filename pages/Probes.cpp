@@ -250,6 +250,15 @@ void ProbesPage<Base, kForm>::TickCaptures(const ServoStatus& status) {
     changed = true;
   }
   cachedStatus = status;
+  // What the page shows after this tick's reads.
+  const PageRecording& r = this->recording;
+  r.Record(tripChannel_, status.TouchProbeTrip);
+  for (std::size_t i = 0; i < 3; ++i) {
+    r.Record(touchChannels_[i], static_cast<std::int32_t>(touchCapture[i]));
+    r.Record(videoChannels_[i], static_cast<std::int32_t>(videoCapture[i]));
+    r.Record(laserChannels_[i], static_cast<std::int32_t>(laserPoints.Points[0].Position[i]));
+  }
+  r.Record(laserValueChannel_, laserPoints.Points[0].Time);
   if (changed) this->UpdateData();
 }
 
@@ -274,10 +283,13 @@ void ProbesPage<Base, kForm>::TickLaserSettings() {
     std::array<std::uint32_t, kLaserSettingsWords> fresh{};
     if (!board.GetLaserSettings(fresh.data())) {
       this->Connected = false;
-    } else if (fresh != laserSettings) {
-      laserSettings = fresh;
-      SetLaserTexts();
-      changed = true;
+    } else {
+      this->recording.Record(laserRateChannel_, fresh[kRateWord]);
+      if (fresh != laserSettings) {
+        laserSettings = fresh;
+        SetLaserTexts();
+        changed = true;
+      }
     }
   }
   if (changed) this->UpdateData();
@@ -307,6 +319,34 @@ void ProbesPage<Base, kForm>::DoDataExchange(DataExchange& dx) {
   dx.Text("VideoCaptureY", Signed(videoCapture[1]));
   dx.Text("VideoCaptureZ", Signed(videoCapture[2]));
   if constexpr (kForm.sensitivitySlider) dx.Text("TPSens", sensitivityText);
+}
+
+template <class Base, const ProbesForm& kForm>
+void ProbesPage<Base, kForm>::AddChannels() {
+  using recorder::ValueKind;
+  PageRecording& r = this->recording;
+  const char* axes[] = {"X", "Y", "Z"};
+  if (TouchGate()) {
+    tripChannel_ = r.Add("probes.TouchProbeTrip", kTick200ms, ValueKind::kFlag, "TouchProbeTrip");
+    for (std::size_t i = 0; i < 3; ++i) {
+      touchChannels_[i] =
+          r.Add(std::string("probes.TouchCapture.") + axes[i], kTick200ms, ValueKind::kInt32,
+                std::string("TouchProbeCapture") + axes[i], "counts");
+    }
+  }
+  if (this->versionInfo.laserType > 0) {
+    laserValueChannel_ = r.Add("probes.LaserValue", kTick200ms, ValueKind::kInt32, "LaserValue");
+    for (std::size_t i = 0; i < 3; ++i) {
+      laserChannels_[i] = r.Add(std::string("probes.LaserCapture.") + axes[i], kTick200ms,
+                                ValueKind::kInt32, std::string("LaserCapture") + axes[i], "counts");
+    }
+    laserRateChannel_ =
+        r.Add("probes.LaserRate", kTick1s, ValueKind::kInt32, "LaserMeasurementSpeed");
+  }
+  for (std::size_t i = 0; i < 3; ++i) {
+    videoChannels_[i] = r.Add(std::string("probes.VideoCapture.") + axes[i], kTick200ms,
+                              ValueKind::kInt32, std::string("VideoCapture") + axes[i], "counts");
+  }
 }
 
 template class ProbesPage<CTabDlg, kServoProbes>;

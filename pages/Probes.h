@@ -72,6 +72,7 @@ class ProbesPage : public Base {
 
  protected:
   void DoDataExchange(DataExchange& dx) override;
+  void AddChannels() override;
 
  private:
   // The laser's words this page reads and writes.
@@ -110,6 +111,14 @@ class ProbesPage : public Base {
   std::uint32_t sensitivity = 0;
   std::int32_t sliderMax_ = kDefaultSensitivityMax;  // the slider's top as last set
   std::string tripText, statusText, speedText, infoText, sensitivityText;
+
+  recorder::ChannelId tripChannel_ = recorder::kNoChannel;
+  recorder::ChannelId laserValueChannel_ = recorder::kNoChannel;
+  recorder::ChannelId laserRateChannel_ = recorder::kNoChannel;
+  // X, Y, Z of each capture.
+  std::array<recorder::ChannelId, 3> touchChannels_ = NoChannels<3>();
+  std::array<recorder::ChannelId, 3> laserChannels_ = NoChannels<3>();
+  std::array<recorder::ChannelId, 3> videoChannels_ = NoChannels<3>();
 };
 
 class CTabProbesDlg final : public ProbesPage<CTabDlg, kServoProbes> {

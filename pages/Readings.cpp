@@ -49,7 +49,10 @@ void ReadingsPage<Base, kForm>::UpdatePage(std::uint32_t timerId, const ServoSta
     const auto read = [&](std::int32_t& raw, double& scale) {
       return board.GetTemperature(sensor, raw, scale);
     };
-    if (!ReadTemperature(read, temperatureRaw[sensor], temperatureText[sensor], changed)) break;
+    if (!ReadTemperature(read, temperatureRaw[sensor], temperatureText[sensor], changed,
+                         temperatureChannels_[sensor])) {
+      break;
+    }
   }
   // A failed read ends the update: what was read is kept, but nothing goes to the document.
   if (!this->Connected) return;
@@ -58,7 +61,9 @@ void ReadingsPage<Base, kForm>::UpdatePage(std::uint32_t timerId, const ServoSta
     const auto read = [&](std::int32_t& raw, double& scale) {
       return w.GetTemperature(raw, scale);
     };
-    if (!ReadTemperature(read, wTemperatureRaw, wTemperatureText, changed)) return;
+    if (!ReadTemperature(read, wTemperatureRaw, wTemperatureText, changed, wTemperatureChannel_)) {
+      return;
+    }
   }
   if (!ReadVoltages(changed)) return;
   if (changed) this->UpdateData();
@@ -67,13 +72,15 @@ void ReadingsPage<Base, kForm>::UpdatePage(std::uint32_t timerId, const ServoSta
 template <class Base, const ReadingsForm& kForm>
 template <class Read>
 bool ReadingsPage<Base, kForm>::ReadTemperature(Read read, std::int32_t& cached, std::string& text,
-                                                bool& changed) {
+                                                bool& changed, recorder::ChannelId channel) {
   std::int32_t raw = 0;
   double scale = 0.0;
   if (!read(raw, scale)) {
     this->Connected = false;
     return false;
   }
+  // A sensor that shows nothing (no reading) records nothing.
+  if (raw > 0 && scale > 0.0) this->recording.Record(channel, raw * scale);
   if (raw != cached) {
     changed = true;
     text = TemperatureText(raw, scale);
@@ -90,6 +97,7 @@ bool ReadingsPage<Base, kForm>::ReadVoltages(bool& changed) {
     return false;
   }
   for (unsigned i = 0; i < kVoltageChannels; ++i) {
+    this->recording.Record(voltageChannels_[i], words[i] * VoltsPerCount(kForm.channels[i]));
     if (words[i] == voltageRaw[i]) continue;
     changed = true;
     const VoltageChannel& channel = kForm.channels[i];
@@ -109,6 +117,30 @@ void ReadingsPage<Base, kForm>::DoDataExchange(DataExchange& dx) {
   if (this->versionInfo.hasWAxis) dx.Text("TempW", wTemperatureText);
   for (unsigned i = 0; i < kVoltageChannels; ++i)
     dx.Text(IndexedId("Analog", i, false), voltageText[i]);
+}
+
+template <class Base, const ReadingsForm& kForm>
+void ReadingsPage<Base, kForm>::AddChannels() {
+  using recorder::ValueKind;
+  for (unsigned i = 0; i < kTemperatureSensors; ++i) {
+    temperatureChannels_[i] =
+        this->recording.Add("readings.Temperature" + std::to_string(i), kTick1s, ValueKind::kFloat,
+                            IndexedId("Temp", i, false),
+                            "\xC2\xB0"
+                            "C");
+  }
+  if (this->versionInfo.hasWAxis) {
+    wTemperatureChannel_ =
+        this->recording.Add("readings.TemperatureW", kTick1s, ValueKind::kFloat, "TempW",
+                            "\xC2\xB0"
+                            "C");
+  }
+  for (unsigned i = 0; i < kVoltageChannels; ++i) {
+    // A spare input shows its converter's count.
+    voltageChannels_[i] = this->recording.Add("readings.Analog" + std::to_string(i), kTick1s,
+                                              ValueKind::kFloat, IndexedId("Analog", i, false),
+                                              kForm.channels[i].divider == 0 ? "" : "V");
+  }
 }
 
 template class ReadingsPage<CTabDlg, kAutoVisionReadings>;

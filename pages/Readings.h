@@ -106,12 +106,14 @@ class ReadingsPage : public Base {
 
  protected:
   void DoDataExchange(DataExchange& dx) override;
+  void AddChannels() override;
 
  private:
   void ShowLabels();
-  // Reads one sensor into its text; false on a failed read.
+  // Reads one sensor into its text and records it; false on a failed read.
   template <class Read>
-  bool ReadTemperature(Read read, std::int32_t& cached, std::string& text, bool& changed);
+  bool ReadTemperature(Read read, std::int32_t& cached, std::string& text, bool& changed,
+                       recorder::ChannelId channel);
   bool ReadVoltages(bool& changed);
 
   std::array<std::string, kTemperatureSensors> temperatureText;
@@ -120,6 +122,12 @@ class ReadingsPage : public Base {
   std::int32_t wTemperatureRaw = 0;
   std::array<std::string, kVoltageChannels> voltageText;
   std::array<std::uint16_t, kVoltageChannels> voltageRaw{};
+
+  std::array<recorder::ChannelId, kTemperatureSensors> temperatureChannels_ =
+      NoChannels<kTemperatureSensors>();
+  recorder::ChannelId wTemperatureChannel_ = recorder::kNoChannel;
+  std::array<recorder::ChannelId, kVoltageChannels> voltageChannels_ =
+      NoChannels<kVoltageChannels>();
 };
 
 class CTabReadingsDlg final : public ReadingsPage<CTabDlg, kAutoVisionReadings> {

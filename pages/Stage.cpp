@@ -148,7 +148,14 @@ void StageDlg::OnTestButton(motion::TestButton button) {
     std::lock_guard lock(textLock_);
     platenCountValue = std::move(typed);
   }
-  motion::StartTest(*this, button);
+  if (motion::StartTest(*this, button)) {
+    {
+      std::lock_guard lock(textLock_);
+      lastReport_.clear();
+    }
+    recording.Mark(recorder::EventKind::kTestStarted, motion::RunningTestName(*this));
+    markedRunning_ = true;
+  }
 }
 
 void StageDlg::OnClearSleep() {
@@ -204,9 +211,11 @@ void StageDlg::UpdatePage(std::uint32_t timerId, const ServoStatus& status) {
   switch (timerId) {
     case 1:
       Tick20ms(status);
+      RecordTest();
       break;
     case 2:
       if (TestState().LimitTest && TestAxis < 4) SetLimitFlags(status.Limit[TestAxis]);
+      RecordStatus(status);
       break;
     case 3:
       if (Connected && PageReady) Tick200ms(status);
@@ -274,6 +283,7 @@ bool StageDlg::RefreshAxes(const ServoStatus& status) {
       break;
     }
     dirty |= TakeValue(static_cast<std::int32_t>(rotary), Rotary[i]);
+    recording.Record(rotaryChannels_[i], Rotary[i]);
     bool valid = false;
     bool captured = false;
     std::uint32_t count = 0;
@@ -282,6 +292,7 @@ bool StageDlg::RefreshAxes(const ServoStatus& status) {
       break;
     }
     dirty |= TakeIndex(valid, captured, count, IndexValid[i], Index[i]);
+    if (IndexValid[i]) recording.Record(indexChannels_[i], Index[i]);
     if (status.Limit[i] != PreviousStatus.Limit[i]) {
       dirty = true;
       LimitText[i] = LimitWord(status.Limit[i]);
@@ -302,6 +313,8 @@ bool StageDlg::RefreshW(const ServoStatus& status) {
     Connected = false;
     return dirty;
   }
+  recording.Record(rotaryChannels_[kWSlot], Rotary[kWSlot]);
+  if (IndexValid[kWSlot]) recording.Record(indexChannels_[kWSlot], Index[kWSlot]);
   FollowFlag(PreviousStatus.WMoving, status.WMoving, MovingText[kWSlot], "Moving");
   FollowFlag(PreviousStatus.WSettled, status.WSettled, SettledText[kWSlot], "Settled");
   FollowFlag(PreviousStatus.WStalled, status.WStalled, StalledText[kWSlot], "Stall");
@@ -319,6 +332,7 @@ bool StageDlg::RefreshPlaten(const ServoStatus& status) {
   // The platen test samples the platen encoder at this tick's rate.
   if (TestState().PlatenTest) TestPosition = position;
   bool dirty = TakeValue(position, Rotary[kPlatenSlot]);
+  recording.Record(rotaryChannels_[kPlatenSlot], position);
   if (status.PlatenLimit != PreviousStatus.PlatenLimit) {
     dirty = true;
     LimitText[kPlatenSlot] = LimitWord(status.PlatenLimit);
@@ -455,12 +469,30 @@ void StageDlg::SetPlatenStatusText(const std::string& text) {
   PlatenStatusText = text;
 }
 
+// The operator's answers are marked on the recorder's time axis, beside what the test did.
 int StageDlg::Ask(const std::string& text, unsigned style) {
-  return ui::MessageBox(text, kBoxTitle, style);
+  const int answer = ui::MessageBox(text, kBoxTitle, style);
+  recording.Mark(recorder::EventKind::kAnswer, AnswerName(answer));
+  return answer;
 }
 
 ui::ChoiceResult StageDlg::Choose(const ui::ChoiceDialog& dialog) {
-  return window_.ShowChoice(dialog);
+  const ui::ChoiceResult result = window_.ShowChoice(dialog);
+  std::string text = AnswerName(result.result);
+  if (result.result == ui::kIdOk && result.choice >= 0 &&
+      static_cast<std::size_t>(result.choice) < dialog.options.size()) {
+    text += ": " + dialog.options[static_cast<std::size_t>(result.choice)];
+  }
+  recording.Mark(recorder::EventKind::kAnswer, text);
+  return result;
+}
+
+void StageDlg::ReportFiled(const std::string& path) {
+  std::string base = path.substr(path.find_last_of('/') + 1);
+  if (base.size() > 4 && base.compare(base.size() - 4, 4, ".dat") == 0)
+    base.resize(base.size() - 4);
+  std::lock_guard lock(textLock_);
+  lastReport_ = std::move(base);
 }
 
 std::string StageDlg::ReportFolder() const {
@@ -470,6 +502,84 @@ std::string StageDlg::ReportFolder() const {
 std::string StageDlg::PlatenCountText() const {
   std::lock_guard lock(textLock_);
   return platenCountValue;
+}
+
+// --- Recording ---
+
+void StageDlg::AddChannels() {
+  using recorder::ValueKind;
+  for (unsigned i = 0; i < 4; ++i) {
+    const std::string slot = kSlotNames[i];
+    statusChannels_.linear[i] = recording.Add("status.LinearPosition." + slot, kTick50ms,
+                                              ValueKind::kInt32, Id("Linear", i), "counts");
+  }
+  // The W and platen slots exist on machines that have the unit.
+  std::vector<unsigned> slots{0, 1, 2, 3};
+  if (versionInfo.hasWAxis) slots.push_back(kWSlot);
+  if (versionInfo.platenFitted) slots.push_back(kPlatenSlot);
+  for (const unsigned i : slots) {
+    const std::string slot = kSlotNames[i];
+    // The board's flags of W and the platen have their own names in the poll.
+    const std::string prefix = i < 4 ? "status." : "status." + slot;
+    const std::string dot = i < 4 ? "." + slot : "";
+    if (i != kWSlot) {
+      statusChannels_.limit[i] =
+          recording.Add(prefix + "Limit" + dot, kTick50ms, ValueKind::kInt16, Id("Limit", i));
+    }
+    statusChannels_.moving[i] =
+        recording.Add(prefix + "Moving" + dot, kTick50ms, ValueKind::kFlag, Id("Moving", i));
+    statusChannels_.settled[i] =
+        recording.Add(prefix + "Settled" + dot, kTick50ms, ValueKind::kFlag, Id("Settled", i));
+    statusChannels_.stalled[i] =
+        recording.Add(prefix + "Stalled" + dot, kTick50ms, ValueKind::kFlag, Id("Stalled", i));
+    if (i < 4) {
+      statusChannels_.failed[i] =
+          recording.Add("status.Failed." + slot, kTick50ms, ValueKind::kFlag, Id("Failed", i));
+    }
+    rotaryChannels_[i] = recording.Add("stage.RotaryPosition." + slot, kTick200ms,
+                                       ValueKind::kInt32, Id("Rotary", i), "counts");
+    if (i != kPlatenSlot) {
+      indexChannels_[i] = recording.Add("stage.IndexCapture." + slot, kTick200ms, ValueKind::kInt32,
+                                        Id("Index", i), "counts");
+    }
+  }
+  statusChannels_.estop = recording.Add("status.EStop", kTick50ms, ValueKind::kFlag, "EStop");
+  statusChannels_.sleep = recording.Add("status.Sleep", kTick50ms, ValueKind::kFlag, "Sleep");
+  // The bias a motion test wrote last, on every 20 ms tick of its run.
+  biasChannel_ = recording.Add("motion.Bias", kTick20ms, ValueKind::kInt16, "");
+}
+
+void StageDlg::RecordStatus(const ServoStatus& status) {
+  const StatusChannels& c = statusChannels_;
+  for (unsigned i = 0; i < 4; ++i) {
+    recording.Record(c.linear[i], status.LinearPosition[i]);
+    recording.Record(c.limit[i], status.Limit[i]);
+    recording.Record(c.moving[i], status.Moving[i]);
+    recording.Record(c.settled[i], status.Settled[i]);
+    recording.Record(c.stalled[i], status.Stalled[i]);
+    recording.Record(c.failed[i], status.Failed[i]);
+  }
+  recording.Record(c.moving[kWSlot], status.WMoving);
+  recording.Record(c.settled[kWSlot], status.WSettled);
+  recording.Record(c.stalled[kWSlot], status.WStalled);
+  recording.Record(c.limit[kPlatenSlot], status.PlatenLimit);
+  recording.Record(c.moving[kPlatenSlot], status.PlatenMoving);
+  recording.Record(c.settled[kPlatenSlot], status.PlatenSettled);
+  recording.Record(c.stalled[kPlatenSlot], status.PlatenStalled);
+  recording.Record(c.estop, status.EStop);
+  recording.Record(c.sleep, status.Sleep);
+}
+
+void StageDlg::RecordTest() {
+  if (Trace.Active()) recording.Record(biasChannel_, BiasWritten);
+  if (!markedRunning_ || TestState().Running) return;
+  markedRunning_ = false;
+  std::string report;
+  {
+    std::lock_guard lock(textLock_);
+    report = lastReport_;
+  }
+  recording.Mark(recorder::EventKind::kTestEnded, report);
 }
 
 // --- CTabManualVisionStageDlg ---
@@ -498,7 +608,11 @@ void CTabManualVisionStageDlg::ResetPage(const BoardVersionInfo& record) {
 
 void CTabManualVisionStageDlg::UpdatePage(std::uint32_t timerId, const ServoStatus& status) {
   TickGuard guard(*this);
-  if (!guard.Entered() || timerId != 3 || !Connected || !PageReady) return;
+  if (!guard.Entered() || timerId != 3) return;
+  // The poll's fields are recorded whether a browser shows the page or not; the page's own
+  // reads happen only while one does.
+  RecordStatus(status);
+  if (!Connected || !PageReady) return;
   bool dirty = RefreshAxes(status);
   if (!Connected) return;
   if (versionInfo.hasWAxis) {
@@ -532,6 +646,7 @@ bool CTabManualVisionStageDlg::RefreshAxes(const ServoStatus& status) {
       break;
     }
     dirty |= TakeIndex(valid, captured, count, IndexValid[i], Index[i]);
+    if (IndexValid[i]) recording.Record(indexChannels_[i], Index[i]);
   }
   // Only the zoom has motion flags on this machine; they follow even after a failed read.
   constexpr unsigned zoom = 3;
@@ -548,6 +663,8 @@ bool CTabManualVisionStageDlg::RefreshW(const ServoStatus& status) {
     Connected = false;
     return dirty;
   }
+  recording.Record(wChannel_, Linear[kWSlot]);
+  if (IndexValid[kWSlot]) recording.Record(indexChannels_[kWSlot], Index[kWSlot]);
   FollowFlag(PreviousStatus.WMoving, status.WMoving, MovingText[kWSlot], "Moving");
   FollowFlag(PreviousStatus.WSettled, status.WSettled, SettledText[kWSlot], "Settled");
   FollowFlag(PreviousStatus.WStalled, status.WStalled, StalledText[kWSlot], "Stall");
@@ -572,4 +689,44 @@ void CTabManualVisionStageDlg::DoDataExchange(DataExchange& dx) {
   }
   dx.Text("EStop", EStopText);
   dx.Text("Footswitch", FootswitchText);
+}
+
+void CTabManualVisionStageDlg::AddChannels() {
+  using recorder::ValueKind;
+  for (unsigned i = 0; i < 4; ++i) {
+    linearChannels_[i] = recording.Add("status.LinearPosition." + std::string(kSlotNames[i]),
+                                       kTick200ms, ValueKind::kInt32, Id("Linear", i), "counts");
+    indexChannels_[i] = recording.Add("stage.IndexCapture." + std::string(kSlotNames[i]),
+                                      kTick200ms, ValueKind::kInt32, Id("Index", i), "counts");
+  }
+  const char* flags[] = {"Moving", "Settled", "Stalled"};
+  for (unsigned f = 0; f < 3; ++f) {
+    flagChannels_[f] = recording.Add(std::string("status.") + flags[f] + ".Zoom", kTick200ms,
+                                     ValueKind::kFlag, std::string(flags[f]) + "Zoom");
+  }
+  if (versionInfo.hasWAxis) {
+    for (unsigned f = 0; f < 3; ++f) {
+      flagChannels_[3 + f] = recording.Add(std::string("status.W") + flags[f], kTick200ms,
+                                           ValueKind::kFlag, std::string(flags[f]) + "W");
+    }
+    wChannel_ =
+        recording.Add("stage.RotaryPosition.W", kTick200ms, ValueKind::kInt32, "RotaryW", "counts");
+    indexChannels_[kWSlot] =
+        recording.Add("stage.IndexCapture.W", kTick200ms, ValueKind::kInt32, "IndexW", "counts");
+  }
+  estopChannel_ = recording.Add("status.EStop", kTick200ms, ValueKind::kFlag, "EStop");
+  footswitchChannel_ =
+      recording.Add("status.Footswitch", kTick200ms, ValueKind::kFlag, "Footswitch");
+}
+
+void CTabManualVisionStageDlg::RecordStatus(const ServoStatus& status) {
+  constexpr unsigned zoom = 3;
+  for (unsigned i = 0; i < 4; ++i)
+    recording.Record(linearChannels_[i], status.LinearPosition[i]);
+  const bool flags[6] = {status.Moving[zoom], status.Settled[zoom], status.Stalled[zoom],
+                         status.WMoving,      status.WSettled,      status.WStalled};
+  for (unsigned f = 0; f < 6; ++f)
+    recording.Record(flagChannels_[f], flags[f]);
+  recording.Record(estopChannel_, status.EStop);
+  recording.Record(footswitchChannel_, status.Footswitch);
 }

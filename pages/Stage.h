@@ -80,6 +80,7 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   ui::ChoiceResult Choose(const ui::ChoiceDialog& dialog) override;
   std::string ReportFolder() const override;
   std::string PlatenCountText() const override;
+  void ReportFiled(const std::string& path) override;
 
   // What tests look at.
   const EepromImage& Image() const { return MachineImage; }
@@ -87,9 +88,14 @@ class StageDlg : public CTabDlg, public motion::StagePage {
 
  protected:
   void DoDataExchange(DataExchange& dx) override;
+  void AddChannels() override;
 
  private:
   void ReadMachineImage();
+  // The poll's fields, on the poll's tick.
+  void RecordStatus(const ServoStatus& status);
+  // The test's start and end marks, and its bias on the 20 ms tick.
+  void RecordTest();
   void ListEvents();
   void OnTestButton(motion::TestButton button);
   void OnClearSleep();
@@ -127,6 +133,23 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   std::string PlatenStatusText;
 
   motion::TestThreadGuard threadGuard_;
+
+  // Recorded channels (UI thread), by slot where there is one.
+  struct StatusChannels {
+    std::array<recorder::ChannelId, 4> linear = NoChannels<4>();
+    std::array<recorder::ChannelId, kStageSlots> limit = NoChannels<kStageSlots>();
+    std::array<recorder::ChannelId, kStageSlots> moving = NoChannels<kStageSlots>();
+    std::array<recorder::ChannelId, kStageSlots> settled = NoChannels<kStageSlots>();
+    std::array<recorder::ChannelId, kStageSlots> stalled = NoChannels<kStageSlots>();
+    std::array<recorder::ChannelId, 4> failed = NoChannels<4>();
+    recorder::ChannelId estop = recorder::kNoChannel;
+    recorder::ChannelId sleep = recorder::kNoChannel;
+  } statusChannels_;
+  std::array<recorder::ChannelId, kStageSlots> rotaryChannels_ = NoChannels<kStageSlots>();
+  std::array<recorder::ChannelId, kStageSlots> indexChannels_ = NoChannels<kStageSlots>();
+  recorder::ChannelId biasChannel_ = recorder::kNoChannel;
+  bool markedRunning_ = false;  // a test-started mark waits for its end
+  std::string lastReport_;      // the base name of the report the running test wrote (textLock_)
 };
 
 class CTabStageDlg final : public StageDlg {
@@ -152,10 +175,12 @@ class CTabManualVisionStageDlg final : public CTabManualVisionDlg {
 
  protected:
   void DoDataExchange(DataExchange& dx) override;
+  void AddChannels() override;
 
  private:
   bool RefreshAxes(const ServoStatus& status);
   bool RefreshW(const ServoStatus& status);
+  void RecordStatus(const ServoStatus& status);
 
   std::array<std::int32_t, kStageSlots> Linear{};
   std::array<std::int32_t, kStageSlots> Index{};
@@ -166,4 +191,13 @@ class CTabManualVisionStageDlg final : public CTabManualVisionDlg {
   std::string EStopText;
   std::uint8_t CachedFootswitch = 0;
   std::string FootswitchText;
+
+  // Recorded channels (UI thread): the poll's on its 200 ms tick, and the reads.
+  std::array<recorder::ChannelId, 4> linearChannels_ = NoChannels<4>();
+  std::array<recorder::ChannelId, kStageSlots> indexChannels_ = NoChannels<kStageSlots>();
+  // Moving, settled, stalled of the zoom, then of W.
+  std::array<recorder::ChannelId, 6> flagChannels_ = NoChannels<6>();
+  recorder::ChannelId wChannel_ = recorder::kNoChannel;
+  recorder::ChannelId estopChannel_ = recorder::kNoChannel;
+  recorder::ChannelId footswitchChannel_ = recorder::kNoChannel;
 };

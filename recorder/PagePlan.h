@@ -17,24 +17,28 @@ struct PlannedChannels {
   ValueKind kind;
 };
 
-// Stage: linear (X Y Z Zoom), rotary and index (six slots) every 20 ms; the limit bytes every
-// 50 ms; moving, settled, stalled (six slots), failed (four), e-stop, sleep, platen open and
-// closed every 200 ms.
+// Stage, on the servo machines (the poll every 50 ms): linear positions (X Y Z Zoom), limits (the
+// four axes and the platen), the motion flags (moving, settled, stalled of six slots, failed of
+// four), e-stop and sleep from each poll; rotary positions (six slots) and index captures (five)
+// as the page reads them every 200 ms; the bias a motion test wrote, every 20 ms of its run.
 // Readings: eight temperatures, the W sensor and sixteen voltages once a second. Pendant: eight
-// buttons, e-stop, joystick readings and deflections, accelerometer every 200 ms. Probes: trip,
-// laser on and interrupt, touch, laser and video captures and the laser's value every 200 ms, the
-// laser's rate once a second. Lights: 42 channel values every 20 ms (the cycle's tick).
+// buttons and its e-stop, joystick readings and deflections, accelerometer every 200 ms. Probes:
+// the touch probe's trip, its captures, the laser's value and captures, the video captures every
+// 200 ms, the laser's rate once a second. Lights: 42 channel values as last sent, every 20 ms.
+// The manual-vision pages record fewer (their poll is every 200 ms).
 inline constexpr PlannedChannels kPagePlan[] = {
-    {.what = "stage positions", .count = 16, .rateMs = 20, .kind = ValueKind::kInt32},
-    {.what = "stage limits", .count = 5, .rateMs = 50, .kind = ValueKind::kFlag},
-    {.what = "stage flags", .count = 26, .rateMs = 200, .kind = ValueKind::kFlag},
+    {.what = "stage positions", .count = 4, .rateMs = 50, .kind = ValueKind::kInt32},
+    {.what = "stage limits", .count = 5, .rateMs = 50, .kind = ValueKind::kInt16},
+    {.what = "stage flags", .count = 24, .rateMs = 50, .kind = ValueKind::kFlag},
+    {.what = "stage rotary and index", .count = 11, .rateMs = 200, .kind = ValueKind::kInt32},
+    {.what = "motion bias", .count = 1, .rateMs = 20, .kind = ValueKind::kInt16},
     {.what = "readings", .count = 25, .rateMs = 1000, .kind = ValueKind::kFloat},
     {.what = "pendant buttons", .count = 9, .rateMs = 200, .kind = ValueKind::kFlag},
     {.what = "pendant joystick", .count = 6, .rateMs = 200, .kind = ValueKind::kInt32},
     {.what = "pendant accelerometer", .count = 3, .rateMs = 200, .kind = ValueKind::kInt16},
-    {.what = "probe flags", .count = 3, .rateMs = 200, .kind = ValueKind::kFlag},
+    {.what = "probe trip", .count = 1, .rateMs = 200, .kind = ValueKind::kFlag},
     {.what = "probe captures", .count = 10, .rateMs = 200, .kind = ValueKind::kInt32},
-    {.what = "laser rate", .count = 1, .rateMs = 1000, .kind = ValueKind::kFloat},
+    {.what = "laser rate", .count = 1, .rateMs = 1000, .kind = ValueKind::kInt32},
     {.what = "light values", .count = 42, .rateMs = 20, .kind = ValueKind::kUInt16},
 };
 

@@ -18,6 +18,11 @@
 #include <thread>
 #include <utility>
 
+#if defined(__SANITIZE_THREAD__)
+#include <dlfcn.h>
+#include <sanitizer/tsan_interface.h>
+#endif
+
 namespace platform {
 
 // The layout of the shared memory object. A new object reads as zeroes.
@@ -105,6 +110,70 @@ int OpenObject(const std::string& shmName, NamedMutex::Sharing sharing, SteadyTi
   *error = errno;
   return -1;
 }
+
+// The pthread calls on the shared mutex. ThreadSanitizer's model of a mutex is one of a single
+// process: it does not know that a robust lock can be handed over abandoned (EOWNERDEAD) or taken
+// in another process, and it reports a release that must fail (a thread that does not own the
+// mutex) as an error of its own. Its build so calls the C library's functions directly, past the
+// sanitizer's interceptors, and tells it only what the mutex guarantees: each release happens
+// before the wait that takes the mutex next.
+#if defined(__SANITIZE_THREAD__)
+template <typename Function>
+Function Real(const char* name) {
+  static void* const libc = dlopen("libc.so.6", RTLD_NOW | RTLD_NOLOAD);
+  return libc ? reinterpret_cast<Function>(dlsym(libc, name)) : nullptr;
+}
+
+int Lock(pthread_mutex_t* mutex) {
+  static const auto lock = Real<int (*)(pthread_mutex_t*)>("pthread_mutex_lock");
+  const int rc = lock ? lock(mutex) : ENOSYS;
+  if (rc == 0 || rc == EOWNERDEAD) __tsan_acquire(mutex);
+  return rc;
+}
+
+int TryLock(pthread_mutex_t* mutex) {
+  static const auto tryLock = Real<int (*)(pthread_mutex_t*)>("pthread_mutex_trylock");
+  const int rc = tryLock ? tryLock(mutex) : ENOSYS;
+  if (rc == 0 || rc == EOWNERDEAD) __tsan_acquire(mutex);
+  return rc;
+}
+
+int ClockLock(pthread_mutex_t* mutex, clockid_t clock, const timespec* deadline) {
+  static const auto clockLock =
+      Real<int (*)(pthread_mutex_t*, clockid_t, const timespec*)>("pthread_mutex_clocklock");
+  const int rc = clockLock ? clockLock(mutex, clock, deadline) : ENOSYS;
+  if (rc == 0 || rc == EOWNERDEAD) __tsan_acquire(mutex);
+  return rc;
+}
+
+int Unlock(pthread_mutex_t* mutex) {
+  static const auto unlock = Real<int (*)(pthread_mutex_t*)>("pthread_mutex_unlock");
+  // Announced before the call: once the mutex is free, another thread may take it at once.
+  __tsan_release(mutex);
+  return unlock ? unlock(mutex) : ENOSYS;
+}
+
+int MakeConsistent(pthread_mutex_t* mutex) {
+  static const auto consistent = Real<int (*)(pthread_mutex_t*)>("pthread_mutex_consistent");
+  return consistent ? consistent(mutex) : ENOSYS;
+}
+#else
+int Lock(pthread_mutex_t* mutex) {
+  return pthread_mutex_lock(mutex);
+}
+int TryLock(pthread_mutex_t* mutex) {
+  return pthread_mutex_trylock(mutex);
+}
+int ClockLock(pthread_mutex_t* mutex, clockid_t clock, const timespec* deadline) {
+  return pthread_mutex_clocklock(mutex, clock, deadline);
+}
+int Unlock(pthread_mutex_t* mutex) {
+  return pthread_mutex_unlock(mutex);
+}
+int MakeConsistent(pthread_mutex_t* mutex) {
+  return pthread_mutex_consistent(mutex);
+}
+#endif
 
 int InitMutex(pthread_mutex_t* mutex) {
   pthread_mutexattr_t attr;
@@ -242,34 +311,20 @@ std::uint32_t NamedMutex::Wait(std::uint32_t timeoutMs) {
   pthread_mutex_t* mutex = &shared_->mutex;
   int rc;
   if (timeoutMs == kInfinite) {
-    rc = pthread_mutex_lock(mutex);
+    rc = Lock(mutex);
   } else if (timeoutMs == 0) {
-    rc = pthread_mutex_trylock(mutex);
+    rc = TryLock(mutex);
   } else {
-    // A time limit counts elapsed time, whatever happens to the wall clock meanwhile. The
-    // ThreadSanitizer build uses the wall clock's timed lock, the one its runtime follows: a lock
-    // taken with pthread_mutex_clocklock is invisible to it, and every release then reads as the
-    // release of a mutex nobody owns.
-#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 30)) && \
-    !defined(__SANITIZE_THREAD__)
-#define TAVRO_NAMED_MUTEX_CLOCKLOCK 1
-    constexpr clockid_t kClock = CLOCK_MONOTONIC;
-#else
-    constexpr clockid_t kClock = CLOCK_REALTIME;
-#endif
+    // A time limit counts elapsed time, whatever happens to the wall clock meanwhile.
     timespec deadline;
-    clock_gettime(kClock, &deadline);
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += static_cast<time_t>(timeoutMs / 1000);
     deadline.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
     if (deadline.tv_nsec >= 1000000000L) {
       deadline.tv_sec += 1;
       deadline.tv_nsec -= 1000000000L;
     }
-#if defined(TAVRO_NAMED_MUTEX_CLOCKLOCK)
-    rc = pthread_mutex_clocklock(mutex, kClock, &deadline);
-#else
-    rc = pthread_mutex_timedlock(mutex, &deadline);
-#endif
+    rc = ClockLock(mutex, CLOCK_MONOTONIC, &deadline);
   }
 
   switch (rc) {
@@ -278,7 +333,7 @@ std::uint32_t NamedMutex::Wait(std::uint32_t timeoutMs) {
     case EOWNERDEAD:
       // The caller owns it now, at one level. Marking it consistent lets it be released and
       // taken again as usual; left inconsistent, its release would make it unusable for good.
-      pthread_mutex_consistent(mutex);
+      MakeConsistent(mutex);
       return kWaitAbandoned;
     case EBUSY:
     case ETIMEDOUT:
@@ -291,7 +346,7 @@ std::uint32_t NamedMutex::Wait(std::uint32_t timeoutMs) {
 
 bool NamedMutex::Release() {
   // Fails with EPERM for a thread that does not own it.
-  return pthread_mutex_unlock(&shared_->mutex) == 0;
+  return Unlock(&shared_->mutex) == 0;
 }
 
 }  // namespace platform

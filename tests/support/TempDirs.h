@@ -3,11 +3,13 @@
 #pragma once
 
 #include <stdlib.h>
+#include <sys/mman.h>
 
 #include <filesystem>
 #include <string>
 
 #include "platform/DeviceIo.h"
+#include "platform/NamedMutex.h"
 
 namespace testing_support {
 
@@ -20,6 +22,7 @@ class ScratchDir {
   ~ScratchDir() {
     std::error_code ignored;
     std::filesystem::remove_all(path_, ignored);
+    RemoveMutexesWithin();
   }
   ScratchDir(const ScratchDir&) = delete;
   ScratchDir& operator=(const ScratchDir&) = delete;
@@ -28,6 +31,17 @@ class ScratchDir {
   std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
  private:
+  // The named mutexes of files in the folder (one per configuration file) outlive the processes
+  // that used them, as they must; the folder's end is theirs, or /dev/shm fills up run by run.
+  void RemoveMutexesWithin() const {
+    const std::string prefix = platform::NamedMutex::ShmName(path_ + "/").substr(1);
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", error)) {
+      const std::string name = entry.path().filename().string();
+      if (name.starts_with(prefix)) ::shm_unlink(("/" + name).c_str());
+    }
+  }
+
   std::string path_;
 };
 

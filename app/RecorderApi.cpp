@@ -47,6 +47,19 @@ std::string Shown(std::string_view s) {
   return s.size() > 64 ? out + "..." : out;
 }
 
+// An event's kind as scripts name it: one word, dashes for spaces ("estop-on", "test-ended").
+std::string KindName(recorder::EventKind kind) {
+  std::string out;
+  for (const char* c = recorder::EventName(kind); *c; ++c) {
+    if (*c == ' ') {
+      out += '-';
+    } else if (!(*c == '-' && out == "e")) {
+      out += *c;
+    }
+  }
+  return out;
+}
+
 }  // namespace
 
 RecorderApi::RecorderApi(std::shared_ptr<const recorder::Recorder> recorder,
@@ -111,7 +124,7 @@ void RecorderApi::Events(std::string_view query, ui::HttpReply& reply) const {
     first = false;
     out += recorder::FormatTime(e.time);
     out += ",\"kind\":\"";
-    out += recorder::EventName(e.kind);
+    out += KindName(e.kind);
     out += "\",\"text\":";
     recorder::AppendJsonText(out, e.text);
     out += "}";

@@ -3,6 +3,7 @@
 // what it gets.
 #include <benchmark/benchmark.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -89,6 +90,38 @@ void BM_ExportTenMinutesOfEveryChannel(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<std::int64_t>(bytes) * state.iterations());
 }
 BENCHMARK(BM_ExportTenMinutesOfEveryChannel)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// Kilobytes of the process's resident memory.
+long RssKb() {
+  std::FILE* f = std::fopen("/proc/self/status", "r");
+  if (!f) return -1;
+  char line[256];
+  long kb = -1;
+  while (std::fgets(line, sizeof line, f)) {
+    if (std::sscanf(line, "VmRSS: %ld kB", &kb) == 1) break;
+  }
+  std::fclose(f);
+  return kb;
+}
+
+// 24 hours of every channel: the rings are made at AddChannel and never grow, so the resident
+// memory once every slot has been written is all the history ever costs.
+void BM_MemoryOfTwentyFourHours(benchmark::State& state) {
+  for (auto _ : state) {
+    const long before = RssKb();
+    Planned p;
+    const long added = RssKb();
+    constexpr std::int64_t kSteps = 24LL * 3600 * 50;
+    for (std::int64_t s = 0; s < kSteps; ++s)
+      p.Step(s);
+    const long filled = RssKb();
+    state.counters["BytesUsed_MiB"] = static_cast<double>(p.rec.BytesUsed()) / (1 << 20);
+    state.counters["RSS_added_MiB"] = static_cast<double>(added - before) / 1024;
+    state.counters["RSS_24h_MiB"] = static_cast<double>(filled - before) / 1024;
+    state.counters["channels"] = static_cast<double>(p.rec.Channels().size());
+  }
+}
+BENCHMARK(BM_MemoryOfTwentyFourHours)->Iterations(1)->Unit(benchmark::kSecond);
 
 }  // namespace
 

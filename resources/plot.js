@@ -18,10 +18,13 @@
   const SPANS = [[60, '1 min'], [600, '10 min'], [3600, '1 h'], [86400, '24 h']];
   const COLORS = ['#2f6fb0', '#c62828', '#2e7d32', '#8e44ad', '#e67e22', '#00838f', '#6d4c41',
     '#ad1457'];
+  // By kind with spaces and dashes left out: the recorder spells "e-stop on", scripts "estop-on".
   const EVENT_COLORS = {
-    'link-lost': '#c62828', 'link-back': '#2e7d32', 'estop-on': '#d84315', 'estop-off': '#558b2f',
-    sleep: '#6d4c41', 'test-started': '#1565c0', 'test-ended': '#1565c0', answer: '#8e44ad',
+    linklost: '#c62828', linkback: '#2e7d32', estopon: '#d84315', estopoff: '#558b2f',
+    sleep: '#6d4c41', teststarted: '#1565c0', testended: '#1565c0', answer: '#8e44ad',
   };
+  const eventColor = (kind) => EVENT_COLORS[kind.toLowerCase().replace(/[\s-]+/g, '')]
+    || '#5b6776';
 
   let channels = [];               // as /channels lists them
   let byName = new Map();
@@ -34,7 +37,11 @@
 
   const nowS = () => Date.now() / 1000;
   const q = (v) => encodeURIComponent(v);
-  const timeText = (t) => (Math.round(t * 1000) / 1000).toFixed(3);
+  // Times go out to the millisecond, `from` rounded down and `to` up, so that a sample at the
+  // edge is in the answer: the plot replaces what it holds from `from` on with it.
+  const floorMs = (t) => Math.floor(t * 1000) / 1000;
+  const ceilMs = (t) => Math.ceil(t * 1000) / 1000;
+  const timeText = (t) => t.toFixed(3);
   const resolutionFor = (from, to) => (to - from <= FULL_RATE_S + 1
     && from >= nowS() - FULL_RATE_S - 5 ? 'full' : '1s');
 
@@ -56,8 +63,9 @@
   }
 
   function exportUrl(names, from, to, format, resolution) {
-    return `/export?token=${q(token)}&channels=${names.map(q).join(',')}&from=${timeText(from)}`
-      + `${to === undefined ? '' : `&to=${timeText(to)}`}&format=${format}&resolution=${resolution}`;
+    return `/export?token=${q(token)}&channels=${names.map(q).join(',')}`
+      + `&from=${timeText(floorMs(from))}${to === undefined ? '' : `&to=${timeText(ceilMs(to))}`}`
+      + `&format=${format}&resolution=${resolution}`;
   }
 
   function loadChannels() {
@@ -412,6 +420,14 @@
     return p.view;
   }
 
+  // What the plot shows: what it holds, except that while the recorder's past is shorter than
+  // the span, following shows from its first sample (at least 10 s) instead of empty time.
+  function viewRange(p) {
+    const [from, to] = wanted(p);
+    if (!p.follow || !p.times.length || p.times[0] <= from) return [from, to];
+    return [Math.min(p.times[0], to - Math.min(p.span, 10)), to];
+  }
+
   function lastTime(p) { return p.times.length ? p.times[p.times.length - 1] : null; }
 
   // Reads the whole window anew (opening, a new span, a view outside what is held).
@@ -426,7 +442,7 @@
     p.eventsTo = null;
     const generation = p.generation += 1;
     p.busy = true;
-    const fetchFrom = from;
+    const fetchFrom = floorMs(from);
     const fetchTo = p.follow ? undefined : to;
     Promise.all([
       getJson(exportUrl(p.names, fetchFrom, fetchTo, 'json', resolution), p.abort.signal),
@@ -447,7 +463,7 @@
     if (!p.loaded) { refetch(p); return; }
     const generation = p.generation;
     const last = lastTime(p);
-    const from = last === null ? p.loaded[0] : last - OVERLAP_S;
+    const from = floorMs(last === null ? p.loaded[0] : last - OVERLAP_S);
     p.busy = true;
     p.polls += 1;
     const events = p.polls % EVENTS_EVERY === 0
@@ -509,8 +525,8 @@
   }
 
   async function fetchEvents(p, from, to) {
-    const path = `/events?token=${q(token)}&from=${timeText(from)}`
-      + `${to === undefined ? '' : `&to=${timeText(to)}`}`;
+    const path = `/events?token=${q(token)}&from=${timeText(floorMs(from))}`
+      + `${to === undefined ? '' : `&to=${timeText(ceilMs(to))}`}`;
     try {
       const answer = await getJson(path, p.abort.signal);
       if (!answer || !Array.isArray(answer.events)) return;
@@ -537,7 +553,7 @@
     const u = p.uplot;
     if (!u) return;
     u.setData([p.times, ...p.cols], false);
-    const [min, max] = wanted(p);
+    const [min, max] = viewRange(p);
     setX(p, min, max);
     updateExports(p);
   }
@@ -660,7 +676,7 @@
     for (const e of p.events) {
       if (e.time < min || e.time > max) continue;
       const x = Math.round(u.valToPos(e.time, 'x', true)) + 0.5;
-      ctx.strokeStyle = EVENT_COLORS[e.kind] || '#5b6776';
+      ctx.strokeStyle = eventColor(e.kind);
       ctx.beginPath();
       ctx.moveTo(x, top);
       ctx.lineTo(x, top + height);

@@ -459,7 +459,8 @@
 
   // Following: what came since the last row, with a little overlap for late ticks.
   function poll(p) {
-    if (!p.follow || p.busy) return;
+    // A hidden window catches up at its next look: the poll asks from its last row on.
+    if (!p.follow || p.busy || document.hidden) return;
     if (!p.loaded) { refetch(p); return; }
     const generation = p.generation;
     const last = lastTime(p);
@@ -569,6 +570,7 @@
   function scaleChanged(p) {
     const { min, max } = p.uplot.scales.x;
     if (min === null || max === null) return;
+    updateExports(p);
     if (p.setTo && Math.abs(min - p.setTo[0]) < 1e-6 && Math.abs(max - p.setTo[1]) < 1e-6) return;
     p.follow = false;
     p.view = [min, max];

@@ -132,6 +132,16 @@ test('a value clicked on the Stage page opens a plot that grows and follows whil
     assert.deepEqual((await plotState(panel)).x, paused);
     await panel.getByRole('button', { name: 'Follow' }).click();
     await eventually(async () => (await plotState(panel)).x[1] > paused[1] + 0.5, true);
+    // A drag across the plot zooms into what it spans and stops following there.
+    const over = await panel.locator('.u-over').boundingBox();
+    await page.mouse.move(over.x + over.width * 0.4, over.y + 30);
+    await page.mouse.down();
+    await page.mouse.move(over.x + over.width * 0.6, over.y + 40, { steps: 4 });
+    await page.mouse.up();
+    await panel.getByRole('button', { name: 'Follow' }).waitFor();
+    const zoomed = (await plotState(panel)).x;
+    const wide = paused[1] - paused[0];
+    assert.ok(Math.abs(zoomed[1] - zoomed[0] - wide * 0.2) < wide * 0.02, `${zoomed} of ${paused}`);
     await panel.getByRole('button', { name: 'Close' }).click();
     await panel.waitFor({ state: 'detached' });
   }));
@@ -172,9 +182,17 @@ test('the CSV of a plot\'s window holds the axis moving to where the simulator s
   () => withStage(async ({ page, board }) => {
     const position = await channelOf(page, 'LinearX');
     const moving = await channelOf(page, 'MovingX');
-    await field(page, STAGE, 'LinearX').click();
+    // Chosen from the menu's list this time, by page and filter.
+    await page.locator('#menu-button').click();
+    await page.locator('#menu-plot').click();
+    const picker = page.getByRole('dialog', { name: 'Plot channels' });
+    await picker.getByLabel('Filter').fill('.X');
+    const group = picker.locator('fieldset', { has: page.locator('legend', { hasText: 'Stage' }) });
+    await group.getByRole('checkbox', { name: position, exact: false }).first().check();
+    await group.getByRole('checkbox', { name: moving, exact: false }).first().check();
+    await picker.getByRole('button', { name: 'Plot', exact: true }).click();
+    await picker.waitFor({ state: 'detached' });
     const panel = page.getByRole('dialog', { name: `Plot: ${position}` });
-    await field(page, STAGE, 'MovingX').click();
     await eventually(async () => (await plotState(panel)).series.join(), `${position},${moving}`);
     const { start } = await jog(page, board, 'x', 0.5, 30000);
     // The window ends once the plot shows where X stands; should X creep a count meanwhile, the

@@ -15,6 +15,7 @@
   const MAX_CHANNELS = 8;
   const MAX_EVENTS = 2000;
   const FETCH_TIMEOUT_MS = 15000;
+  const RETRY_MS = 3000;
   const SPANS = [[60, '1 min'], [600, '10 min'], [3600, '1 h'], [86400, '24 h']];
   const COLORS = ['#2f6fb0', '#c62828', '#2e7d32', '#8e44ad', '#e67e22', '#00838f', '#6d4c41',
     '#ad1457'];
@@ -54,7 +55,10 @@
     if (signal) signal.addEventListener('abort', stop);
     try {
       const r = await fetch(path, { signal: ctl.signal, cache: 'no-store' });
-      if (!r.ok) throw new Error(`${path.split('?')[0]}: ${r.status}`);
+      if (!r.ok) {
+        const reason = (await r.text()).split('\n')[0].slice(0, 200);
+        throw new Error(`${path.split('?')[0]}: ${reason || r.status}`);
+      }
       return await r.json();
     } finally {
       clearTimeout(timer);
@@ -146,7 +150,7 @@
     const c = channelAt(frame, el.id);
     if (!c) return;
     const front = plots[plots.length - 1];
-    if (front && !e.shiftKey) addChannel(front, c.name);
+    if (front && !e.shiftKey && front.names.length < MAX_CHANNELS) addChannel(front, c.name);
     else openPlot({ channels: [c.name] });
   }
 
@@ -179,13 +183,15 @@
       .slice(0, MAX_CHANNELS);
     if (!names.length) return null;
     const span = SPANS.some(([s]) => s === state.span) ? state.span : 60;
+    const view = Array.isArray(state.view) && state.view.length === 2
+      && state.view.every(Number.isFinite) && state.view[1] > state.view[0] ? state.view : null;
     const p = {
       names, span,
-      follow: state.follow !== false || !Array.isArray(state.view),
-      view: Array.isArray(state.view) ? state.view.map(Number) : null,
+      follow: state.follow !== false || !view,
+      view,
       resolution: null, times: [], cols: [], events: [], loaded: null,
       polls: 0, busy: false, abort: new AbortController(), timer: 0, uplot: null,
-      setTo: null, refetchTimer: 0, generation: 0,
+      setTo: null, refetchTimer: 0, generation: 0, failedAt: 0,
     };
     const panel = document.createElement('section');
     panel.className = 'plot-panel';
@@ -217,10 +223,14 @@
     head.append(p.followButton, p.spanSelect, p.csv, p.json, close);
     p.body = document.createElement('div');
     p.body.className = 'plot-body';
+    p.problem = document.createElement('div');
+    p.problem.className = 'plot-problem';
+    p.problem.setAttribute('role', 'status');
+    p.problem.hidden = true;
     p.tip = document.createElement('div');
     p.tip.className = 'plot-tip';
     p.tip.hidden = true;
-    panel.append(head, p.body, p.tip);
+    panel.append(head, p.problem, p.body, p.tip);
 
     const pos = state.pos || {};
     const n = plots.length;
@@ -250,7 +260,7 @@
       fit(p);
       save();
     });
-    p.resize.observe(panel);
+    p.resize.observe(p.body);
 
     build(p, p.follow ? resolutionFor(nowS() - span, nowS()) : resolutionFor(...p.view));
     refetch(p);
@@ -428,6 +438,12 @@
     return [Math.min(p.times[0], to - Math.min(p.span, 10)), to];
   }
 
+  function showProblem(p, text) {
+    if (p.problem.textContent === text) return;
+    p.problem.textContent = text;
+    p.problem.hidden = !text;
+  }
+
   function lastTime(p) { return p.times.length ? p.times[p.times.length - 1] : null; }
 
   // Reads the whole window anew (opening, a new span, a view outside what is held).
@@ -451,8 +467,14 @@
       if (generation !== p.generation) return;
       merge(p, answer, fetchFrom);
       p.loaded = [from, fetchTo === undefined ? lastTime(p) || from : to];
+      showProblem(p, '');
       showView(p);
-    }).catch(() => {}).finally(() => {
+    }).catch((e) => {
+      // Following tries again a few seconds on; a paused view at its next move.
+      if (generation !== p.generation) return;
+      p.failedAt = Date.now();
+      showProblem(p, e.name === 'AbortError' ? 'The recorder did not answer.' : e.message);
+    }).finally(() => {
       if (generation === p.generation) p.busy = false;
     });
   }
@@ -461,7 +483,10 @@
   function poll(p) {
     // A hidden window catches up at its next look: the poll asks from its last row on.
     if (!p.follow || p.busy || document.hidden) return;
-    if (!p.loaded) { refetch(p); return; }
+    if (!p.loaded) {
+      if (Date.now() - p.failedAt > RETRY_MS) refetch(p);
+      return;
+    }
     const generation = p.generation;
     const last = lastTime(p);
     const from = floorMs(last === null ? p.loaded[0] : last - OVERLAP_S);
@@ -476,8 +501,11 @@
       const to = wanted(p)[1];
       p.loaded = [to - p.span, to];
       trim(p, to - p.span);
+      showProblem(p, '');
       showView(p);
-    }).catch(() => {}).finally(() => {
+    }).catch((e) => {
+      if (generation === p.generation && e.name !== 'AbortError') showProblem(p, e.message);
+    }).finally(() => {
       if (generation === p.generation) p.busy = false;
     });
   }

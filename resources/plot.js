@@ -112,6 +112,16 @@
     }
   }
 
+  // A control the operator types into or sets is left to do that; its channel is in the menu's
+  // list.
+  function setsSomething(el) {
+    const tag = el.tagName;
+    if (tag === 'SELECT' || tag === 'TEXTAREA' || tag === 'BUTTON') return true;
+    if (tag !== 'INPUT') return el.isContentEditable;
+    return ['range', 'checkbox', 'radio', 'button', 'submit', 'number'].includes(el.type)
+      || !el.readOnly;
+  }
+
   function channelAt(frame, id) {
     const c = byPageElement.get(`${frame.title}\0${id}`);
     if (c) return c;
@@ -131,14 +141,14 @@
       doc.addEventListener('click', (e) => valueClicked(frame, e));
     }
     for (const el of doc.querySelectorAll('[data-plot-channel]')) {
-      if (!channelAt(frame, el.id)) {
+      if (!channelAt(frame, el.id) || setsSomething(el)) {
         delete el.dataset.plotChannel;
         if (el.title === 'Click to plot') el.removeAttribute('title');
       }
     }
     for (const el of doc.querySelectorAll('[id]')) {
       const c = channelAt(frame, el.id);
-      if (!c) continue;
+      if (!c || setsSomething(el)) continue;
       el.dataset.plotChannel = c.name;
       if (!el.title) el.title = 'Click to plot';
     }
@@ -146,7 +156,7 @@
 
   function valueClicked(frame, e) {
     const el = e.target && e.target.closest ? e.target.closest('[data-plot-channel]') : null;
-    if (!el || e.button !== 0) return;
+    if (!el || e.button !== 0 || setsSomething(el)) return;
     const c = channelAt(frame, el.id);
     if (!c) return;
     const front = plots[plots.length - 1];

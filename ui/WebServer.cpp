@@ -17,6 +17,7 @@
 #include <optional>
 #include <random>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include "config/ErrorLog.h"
@@ -262,22 +263,27 @@ class Workers {
     running_.push_back({{}, answer, false});
     Worker& worker = running_.back();
     bool* done = &worker.done;
-    worker.thread = std::thread([this, done, answer, api = std::move(api), path = std::move(path),
-                                 query = std::move(query)]() mutable {
-      {
-        WorkerReply reply(*answer);
-        api->Answer(path, query, reply);
-        api.reset();
-      }
-      {
-        std::lock_guard answerLock(answer->mutex);
-        answer->finished = true;
-        Kick(*answer);
-        answer->pump = nullptr;
-      }
-      std::lock_guard doneLock(mutex_);
-      *done = true;
-    });
+    try {
+      worker.thread = std::thread([this, done, answer, api = std::move(api), path = std::move(path),
+                                   query = std::move(query)]() mutable {
+        {
+          WorkerReply reply(*answer);
+          api->Answer(path, query, reply);
+          api.reset();
+        }
+        {
+          std::lock_guard answerLock(answer->mutex);
+          answer->finished = true;
+          Kick(*answer);
+          answer->pump = nullptr;
+        }
+        std::lock_guard doneLock(mutex_);
+        *done = true;
+      });
+    } catch (const std::system_error&) {
+      running_.pop_back();  // no thread to be had: refused as at the cap
+      return nullptr;
+    }
     return answer;
   }
 

@@ -201,7 +201,7 @@
       view,
       resolution: null, times: [], cols: [], events: [], loaded: null,
       polls: 0, busy: false, abort: new AbortController(), timer: 0, uplot: null,
-      setTo: null, refetchTimer: 0, generation: 0, failedAt: 0,
+      setTo: null, refetchTimer: 0, generation: 0, failedAt: 0, lastPoll: 0,
     };
     const panel = document.createElement('section');
     panel.className = 'plot-panel';
@@ -493,6 +493,9 @@
   function poll(p) {
     // A hidden window catches up at its next look: the poll asks from its last row on.
     if (!p.follow || p.busy || document.hidden) return;
+    // The history's rows come once a second; so do looks for them.
+    if (p.resolution === '1s' && Date.now() - p.lastPoll < 1000) return;
+    p.lastPoll = Date.now();
     if (!p.loaded) {
       if (Date.now() - p.failedAt > RETRY_MS) refetch(p);
       return;

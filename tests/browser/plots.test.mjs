@@ -176,6 +176,19 @@ test('a reload of the window brings the plot back with its past, span and place'
     assert.deepEqual(back.data[0].slice(at, at + 20), past[0].slice(0, 20));
     assert.deepEqual(back.data[1].slice(at, at + 20), past[1].slice(0, 20));
     assert.equal(await page.getByRole('dialog', { name: /^Plot: / }).count(), 1);
+
+    // A page's document loaded again has its values marked again.
+    await page.locator('#tab-1').click();
+    await page.evaluate(() => {
+      const frame = document.getElementById('page-1').contentWindow;
+      frame.stale = true;
+      frame.location.reload();
+    });
+    await eventually(() => page.evaluate(() => {
+      const frame = document.getElementById('page-1');
+      return !frame.contentWindow.stale && frame.contentDocument.readyState === 'complete';
+    }), true);
+    assert.equal(await channelOf(page, 'LinearZ'), name);
   }));
 
 test('the CSV of a plot\'s window holds the axis moving to where the simulator says it stands',

@@ -123,10 +123,8 @@ TEST(Export, JsonAndPerSecondForms) {
 
 TEST(Export, ChannelList) {
   Recorder rec;
-  rec.AddChannel({.name = "status.LinearPosition.X",
-                  .rateMs = 20,
-                  .page = "Stage",
-                  .element = "linear-x"});
+  rec.AddChannel(
+      {.name = "status.LinearPosition.X", .rateMs = 20, .page = "Stage", .element = "linear-x"});
   rec.AddChannel({.name = "readings.Temperature1",
                   .unit = "\xC2\xB0"
                           "C\"\n",

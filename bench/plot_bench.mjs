@@ -2,6 +2,8 @@
 // and uPlot: a plot of four channels holding 30,000 points each (10 minutes at 20 ms), redrawn
 //   pan         the x scale moved a little each frame (a drag or the wheel), every point in view
 //   follow      one new row added and the oldest dropped, then the scale moved (live follow)
+//   bands       the pan again over 30,000 seconds of history, each channel a band between its
+//               minimum and maximum of each second (8 series)
 // Each frame is timed with performance.now() in the page from the change to the end of the
 // canvas's raster (a one-pixel read forces it), once per animation frame.
 // Run through `bench/browser_bench.sh plot`; prints one line per measure.
@@ -23,25 +25,35 @@ try {
   await eventually(() => page.locator('#title').textContent(), 'TavroTest : Connected');
   if (process.env.NO_RASTER) await page.evaluate(() => { window.NO_RASTER = true; });
   const results = await page.evaluate(async ({ names, points, frames }) => {
-    const now = Date.now() / 1000;
-    const from = now - points * 0.02;
-    const panel = window.tavroPlots.open(names, { follow: false, view: [from, now],
-      pos: { left: 40, top: 60, width: 1100, height: 600 } });
-    const p = panel.plot;
-    // Whatever the plot asked the recorder for first is let in before its data is replaced.
-    for (let i = 0; i < 200 && p.busy; i += 1) await new Promise((r) => setTimeout(r, 25));
-    p.times.length = 0;
-    for (const c of p.cols) c.length = 0;
-    for (let i = 0; i < points; i += 1) {
-      const t = from + i * 0.02;
-      p.times.push(t);
-      p.cols.forEach((c, k) => c.push(Math.round(100000 * Math.sin(t / (7 + k)) + 500 * Math.random())));
-    }
-    p.events = Array.from({ length: 12 }, (_, i) => ({ time: from + (i + 0.5) * 50,
-      kind: i % 2 ? 'estop-off' : 'estop-on', text: '' }));
-    const u = panel.uplot;
-    u.setData([p.times, ...p.cols], false);
-    u.setScale('x', { min: from, max: now });
+    // A plot of `names` over `points` rows `step` seconds apart up to now, filled with made-up
+    // values (a band of a second's minimum and maximum when the plot draws the history).
+    const load = async (step) => {
+      const now = Date.now() / 1000;
+      const from = now - points * step;
+      const panel = window.tavroPlots.open(names, { follow: false, view: [from, now],
+        pos: { left: 40, top: 60, width: 1100, height: 600 } });
+      const p = panel.plot;
+      // Whatever the plot asked the recorder for first is let in before its data is replaced.
+      for (let i = 0; i < 200 && p.busy; i += 1) await new Promise((r) => setTimeout(r, 25));
+      const perChannel = p.cols.length / names.length;
+      p.times.length = 0;
+      for (const c of p.cols) c.length = 0;
+      for (let i = 0; i < points; i += 1) {
+        const t = from + i * step;
+        p.times.push(t);
+        names.forEach((n, k) => {
+          const v = Math.round(100000 * Math.sin(t / (7 + k) / step * 0.02) + 500 * Math.random());
+          if (perChannel === 1) p.cols[k].push(v);
+          else p.cols[2 * k].push(v - 300), p.cols[2 * k + 1].push(v + 300);
+        });
+      }
+      p.events = Array.from({ length: 12 }, (_, i) => ({ time: from + (i + 0.5) * points * step / 12,
+        kind: i % 2 ? 'estop-off' : 'estop-on', text: '' }));
+      const u = panel.uplot;
+      p.show();
+      return { panel, p, u, from, now };
+    };
+    let { panel, p, u, from, now } = await load(0.02);
 
     const frame = () => new Promise((r) => requestAnimationFrame(r));
     const flush = () => new Promise((r) => queueMicrotask(r));
@@ -80,7 +92,16 @@ try {
       u.setData([p.times, ...p.cols], false);
       u.setScale('x', { min: last - width, max: last });
     });
-    return { idle, pan, follow, size: [u.width, u.height], points: p.times.length };
+    const size = [u.width, u.height];
+    const rows = p.times.length;
+    panel.querySelector('.plot-close').click();
+    // The per-second history: two series a channel and the band between them.
+    ({ panel, p, u, from, now } = await load(1));
+    const bands = await run((i) => {
+      const shift = (now - from) * 0.002 * (i % 100 < 50 ? i % 50 : 50 - (i % 50));
+      u.setScale('x', { min: from - shift, max: now - shift });
+    });
+    return { idle, pan, follow, bands, drawn: u.data[0].length, size, points: rows };
   }, { names: CHANNELS, points: POINTS, frames: FRAMES });
   const line = (what, s) => console.log(`plot frame, ${what}, ${CHANNELS.length} channels x ` +
     `${results.points} points, ${results.size[0]}x${results.size[1]} px: median ` +
@@ -89,6 +110,8 @@ try {
   line('a pixel drawn (the raster read-back alone)', results.idle);
   line('pan (setScale)', results.pan);
   line('follow (setData + setScale)', results.follow);
+  line(`pan of the per-second history (a band of min and max, ${results.drawn} buckets drawn)`,
+    results.bands);
 } finally {
   await browser.close();
   await app.stop();

@@ -201,7 +201,7 @@
       view,
       resolution: null, times: [], cols: [], events: [], loaded: null,
       polls: 0, busy: false, abort: new AbortController(), timer: 0, uplot: null,
-      setTo: null, refetchTimer: 0, generation: 0, failedAt: 0, lastPoll: 0,
+      setTo: null, refetchTimer: 0, generation: 0, failedAt: 0, lastPoll: 0, bucket: 0,
     };
     const panel = document.createElement('section');
     panel.className = 'plot-panel';
@@ -209,6 +209,7 @@
     panel.tabIndex = -1;
     p.panel = panel;
     panel.plot = p;
+    p.show = () => showView(p);  // for the benchmark, which fills the plot itself
 
     const head = document.createElement('header');
     head.className = 'plot-head';
@@ -408,6 +409,9 @@
     };
     p.uplot = new uPlot(opts, [p.times, ...p.cols], p.body);
     p.panel.uplot = p.uplot;
+    // Values under the cursor can wrap the legend onto another line: the plot makes room.
+    const legend = p.uplot.root.querySelector('.u-legend');
+    if (legend) p.resize.observe(legend);
     p.uplot.over.addEventListener('wheel', (e) => wheelPan(p, e), { passive: false });
     p.uplot.over.addEventListener('mouseleave', () => { p.tip.hidden = true; });
     showView(p);
@@ -594,10 +598,42 @@
   function showView(p) {
     const u = p.uplot;
     if (!u) return;
-    u.setData([p.times, ...p.cols], false);
     const [min, max] = viewRange(p);
+    u.setData(shownData(p, min, max), false);
     setX(p, min, max);
     updateExports(p);
+  }
+
+  // What uPlot draws. At full rate, the rows as read. Of the history (up to a day of seconds),
+  // at most about two buckets a pixel of the view: each bucket's first time, the least of its
+  // minima and the greatest of its maxima, so that a band over hours is not drawn a second at a
+  // time. Buckets fall on whole multiples of their length, so a pan does not move them.
+  function shownData(p, min, max) {
+    if (p.resolution !== '1s') return [p.times, ...p.cols];
+    const pixels = Math.max(200, p.uplot ? p.uplot.bbox.width / devicePixelRatio : 1000);
+    const size = (max - min) / (2 * pixels);
+    p.bucket = size;
+    if (size < 2) return [p.times, ...p.cols];
+    const times = [];
+    const cols = p.cols.map(() => []);
+    let bucket = null;
+    for (let i = 0; i < p.times.length; i += 1) {
+      const b = Math.floor(p.times[i] / size);
+      if (b !== bucket) {
+        bucket = b;
+        times.push(p.times[i]);
+        for (const c of cols) c.push(null);
+      }
+      const at = times.length - 1;
+      for (let k = 0; k < cols.length; k += 1) {
+        const v = p.cols[k][i];
+        if (v === null) continue;
+        const held = cols[k][at];
+        // Columns go minimum, maximum for each channel.
+        cols[k][at] = held === null ? v : k % 2 ? Math.max(held, v) : Math.min(held, v);
+      }
+    }
+    return [times, ...cols];
   }
 
   // uPlot tells of a new scale later, in a batch: a scale the plot set itself is known by its
@@ -637,6 +673,11 @@
       const [min, max] = p.view;
       const held = p.loaded && p.loaded[0] <= min + 0.5 && p.loaded[1] >= max - 0.5;
       if (!held || resolutionFor(min, max) !== p.resolution) refetch(p);
+      else if (p.resolution === '1s') {
+        // A zoom in or out of the history buckets it anew for the view's width.
+        const size = (max - min) / (2 * Math.max(200, p.uplot.bbox.width / devicePixelRatio));
+        if (!p.bucket || size / p.bucket > 1.5 || p.bucket / size > 1.5) showView(p);
+      }
       save();
     }, 200);
   }

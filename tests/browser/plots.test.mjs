@@ -44,12 +44,20 @@ const plotState = (panel) => panel.evaluate((el) => ({
 // was, then lets go and waits for it to settle; answers where the simulator says it stands.
 async function jog(page, board, axis, speed, counts) {
   const id = `Linear${axis.toUpperCase()}`;
-  const start = Number(await field(page, STAGE, id).inputValue());
+  // The page may not have shown the value yet: an empty box is no position.
+  const shown = async () => {
+    const text = await field(page, STAGE, id).inputValue();
+    return /^-?\d+$/.test(text) ? Number(text) : null;
+  };
+  let start = null;
+  await eventually(async () => (start = await shown()) !== null, true);
   const stick = { x: [speed, 0, 0], y: [0, speed, 0] }[axis];
   await board.control(`joystick ${stick.join(' ')}`);
   try {
-    await eventually(async () => Math.abs(Number(await field(page, STAGE, id).inputValue())
-      - start) >= counts, true, 15000);
+    await eventually(async () => {
+      const now = await shown();
+      return now !== null && Math.abs(now - start) >= counts;
+    }, true, 15000);
   } finally {
     await board.control('joystick 0 0 0');
   }
@@ -92,6 +100,7 @@ test('a value clicked on the Stage page opens a plot that grows and follows whil
       === await countsOf(board, 'x'), true);
     const moved = await plotState(panel);
     const stands = await countsOf(board, 'x');
+    assert.ok(stands - start >= 20000, `X went from ${start} to ${stands}`);
     const [times, xs] = moved.data;
     assert.ok(times.length > before.data[0].length, 'new samples were fetched');
     assert.ok(nonDecreasing(times), 'times in order, none twice');

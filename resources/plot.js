@@ -288,6 +288,23 @@
       + `${String(d.getMilliseconds()).padStart(3, '0')}`;
   }
 
+  // The time axis's tick labels, 24-hour and as precise as the ticks' spacing needs, with the
+  // date under the first tick and under each tick that starts a new day.
+  function timeTicks(u, splits, axisIdx, space, incr) {
+    const two = (n) => String(n).padStart(2, '0');
+    let lastDay = null;
+    return splits.map((t) => {
+      const d = new Date(t * 1000);
+      let text = `${two(d.getHours())}:${two(d.getMinutes())}`;
+      if (incr < 60) text += `:${two(d.getSeconds())}`;
+      if (incr < 1) text += `.${String(d.getMilliseconds()).padStart(3, '0')}`;
+      const day = `${d.getFullYear()}-${two(d.getMonth() + 1)}-${two(d.getDate())}`;
+      if (day !== lastDay) text += `\n${day}`;
+      lastDay = day;
+      return text;
+    });
+  }
+
   function clamp(v, lo, hi) { return Math.min(Math.max(v, lo), hi); }
 
   function raise(p) {
@@ -357,7 +374,7 @@
     p.title.title = p.title.textContent;
 
     const series = [{ label: 'Time', value: (u, v) => (v === null ? '--' : clockText(v)) }];
-    const axes = [{ grid: { stroke: '#e3e8ee' }, ticks: { stroke: '#c9d1da' } }];
+    const axes = [{ grid: { stroke: '#e3e8ee' }, ticks: { stroke: '#c9d1da' }, values: timeTicks }];
     const scales = { x: { time: true, auto: false } };
     const bands = [];
     p.names.forEach((name, i) => {

@@ -8,6 +8,8 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <deque>
@@ -353,6 +355,16 @@ http::status StatusOrError(int status) {
 
 }  // namespace
 
+std::size_t ConnectionCapFor(std::size_t configured, std::uint64_t descriptors) {
+  // Kept for the rest of the program: the standard streams, the board and the simulator's
+  // sockets, configuration and report files, the log, the long answers' files, the listener.
+  constexpr std::uint64_t kReserved = 64;
+  constexpr std::size_t kLeast = 8;  // a browser or two with their page loads, whatever the limit
+  const std::uint64_t room = descriptors > kReserved ? descriptors - kReserved : 0;
+  const std::size_t cap = room < configured ? static_cast<std::size_t>(room) : configured;
+  return std::max(cap, std::min(configured, kLeast));
+}
+
 std::uint16_t DefaultPort() {
   const char* env = std::getenv("TAVROTEST_PORT");
   if (!env || !*env) return kStandardPort;
@@ -388,6 +400,10 @@ struct WebServer::Impl {
   Impl(Window& w, std::vector<const ResourceTable*> t, const WebServerLimits& l)
       : window(w), tables(std::move(t)), limits(l), workers(l.maxLongAnswers) {
     gate->io = &io;
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY) {
+      limits.maxConnections = ConnectionCapFor(limits.maxConnections, files.rlim_cur);
+    }
   }
 
   std::shared_ptr<HttpApi> Api() const {

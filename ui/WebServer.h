@@ -59,6 +59,12 @@ struct WebServerLimits {
   std::size_t maxLongAnswers = 4;
 };
 
+// The connections a server may hold when the process may have `descriptors` open: the configured
+// number, but never so many that the connections alone use up the descriptors the rest of the
+// program needs (the board, files, the log, answers' files) and leave accept failing until the
+// request time frees one.
+std::size_t ConnectionCapFor(std::size_t configured, std::uint64_t descriptors);
+
 class WebServer {
  public:
   // Serves the files of `tables` (the first that has a path wins); "/" is "/shell.html".

@@ -268,6 +268,22 @@ TEST_F(WebServerLimitsTest, AnAcceptWithNoDescriptorLeftIsTriedAgainAfterAPause)
   EXPECT_EQ(serverLog.Count("accept failed"), 1u);
 }
 
+// Connections are capped below what the descriptor limit allows, so that idle connections alone
+// can never leave accept failing: with 160 descriptors, 400 held connections used to starve new
+// ones until the request time freed a place.
+TEST(WebServerConnectionCap, LeavesDescriptorsForTheRestOfTheProgram) {
+  struct Case {
+    std::size_t configured;
+    std::uint64_t descriptors;
+    std::size_t cap;
+  };
+  for (const Case& c : {Case{256, 1024, 256}, Case{256, 160, 96}, Case{256, 65536, 256},
+                        Case{40, 1024, 40}, Case{256, 20, 8}, Case{4, 20, 4}}) {
+    EXPECT_EQ(ui::ConnectionCapFor(c.configured, c.descriptors), c.cap)
+        << c.configured << " configured, " << c.descriptors << " descriptors";
+  }
+}
+
 // The attack as it would come, bounded: 2,000 connection attempts (half of them asking without
 // the token, the rest asking nothing, up to 500 held at a time) while 50 browsers watch, with the
 // descriptors of a desktop session. The window must still answer, and the process fall back to

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <list>
+#include <map>
 #include <thread>
 #include <vector>
 
@@ -74,8 +75,56 @@ bool ThreadParticipates(const Clock* clock) {
 
 }  // namespace
 
+namespace {
+
+// The ends of the participant threads not yet joined with Join, by thread.
+struct ThreadEnds {
+  std::mutex mutex;
+  std::map<std::thread::id, std::shared_ptr<detail::ThreadEnd>> byThread;
+};
+
+ThreadEnds& Ends() {
+  static ThreadEnds ends;
+  return ends;
+}
+
+}  // namespace
+
+void detail::RegisterThreadEnd(std::thread::id id, const std::shared_ptr<ThreadEnd>& end) {
+  std::lock_guard lock(Ends().mutex);
+  Ends().byThread[id] = end;
+}
+
+void detail::FinishThread(ThreadEnd& end) {
+  {
+    std::lock_guard lock(Ends().mutex);
+    end.finished = true;
+  }
+  end.clock.NotifyAll();
+  end.clock.LeaveParticipant();
+}
+
 void Join(std::thread& thread) {
   if (!thread.joinable()) return;
+  std::shared_ptr<detail::ThreadEnd> end;
+  {
+    std::lock_guard lock(Ends().mutex);
+    const auto it = Ends().byThread.find(thread.get_id());
+    if (it != Ends().byThread.end()) {
+      end = std::move(it->second);
+      Ends().byThread.erase(it);
+    }
+  }
+  if (end) {
+    // Waiting through the clock lets the thread sleep or time out to its end. Once its work is
+    // done the joiner runs again, and holds time while the system ends the thread.
+    std::unique_lock lock(Ends().mutex);
+    end->clock.WaitUntil(lock, kNever, [&] { return end->finished; });
+    lock.unlock();
+    thread.join();
+    return;
+  }
+  // Not a participant thread: it may wait on time that only the other participants can move.
   Clock& clock = Clock::Current();
   const bool participated = clock.LeaveParticipant();
   thread.join();

@@ -103,21 +103,40 @@ class ClockParticipant {
   Clock& clock_;
 };
 
+namespace detail {
+// The end of a participant thread's own work, which Join waits for through the clock.
+struct ThreadEnd {
+  explicit ThreadEnd(Clock& c) : clock(c) {}
+  Clock& clock;
+  bool finished = false;  // under the lock of the registry of thread ends
+};
+// Makes `end` the one Join finds for thread `id` (a new thread may reuse an old one's id).
+void RegisterThreadEnd(std::thread::id id, const std::shared_ptr<ThreadEnd>& end);
+// Marks the work done and wakes a Join, then stops taking part in time.
+void FinishThread(ThreadEnd& end);
+}  // namespace detail
+
 // A std::thread that takes part in the current clock from the moment it is made until `fn`
-// returns. Every thread of the program and the simulator that waits on the clock is made so.
+// returns. Every thread of the program and the simulator that waits on the clock is made so, and
+// is ended with Join (a plain join leaves its entry for Join behind until the id is reused).
 template <typename Fn>
 std::thread ParticipantThread(Fn&& fn) {
   Clock& clock = Clock::Current();
   clock.ReserveParticipant();
-  return std::thread([&clock, fn = std::forward<Fn>(fn)]() mutable {
+  auto end = std::make_shared<detail::ThreadEnd>(clock);
+  std::thread thread([&clock, end, fn = std::forward<Fn>(fn)]() mutable {
     clock.AdoptParticipant();
     fn();
-    clock.LeaveParticipant();
+    detail::FinishThread(*end);
   });
+  detail::RegisterThreadEnd(thread.get_id(), end);
+  return thread;
 }
 
-// Joins `thread`. The caller stops taking part in time while it waits, so that a thread which
-// still has to sleep or time out before it ends can do so.
+// Joins `thread`. A thread made by ParticipantThread is waited for through the clock until its
+// work is done, so that it can still sleep or time out; the joiner takes part in time all along,
+// and so holds time while the system ends the thread, which takes no virtual time however long
+// it takes in real time. For any other thread the caller stops taking part in time while it waits.
 void Join(std::thread& thread);
 
 class RealClock final : public Clock {

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <future>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -107,6 +109,52 @@ bool NoticeAfterThePredicateEndsTheWait(AClock& clock, TimePoint deadline) {
 TEST_F(VirtualClockTest, ANoticeBetweenThePredicateAndTheWaitIsNotLost) {
   EXPECT_TRUE(NoticeAfterThePredicateEndsTheWait(clock, clock.Deadline(milliseconds(5000))));
   EXPECT_EQ(ElapsedMs(), 0) << "the wait ran into its deadline";
+}
+
+// A thread that has done its work may still take a while, in real time, to end: the system has
+// not run it yet. A Join must not let virtual time run meanwhile, as nothing the joiner waits for
+// takes time. Here the worker's end is held open (its closure's destructor waits for a gate) until
+// the main thread's wait is woken after the worker's work is done: by the notice of its end, or by
+// the wait's deadline, which comes only if time ran while the joiner sat in the join.
+TEST_F(VirtualClockTest, AJoinHoldsTimeWhileTheJoinedThreadEnds) {
+  struct HeldEnd {
+    explicit HeldEnd(std::shared_future<void> g) : gate(std::move(g)) {}
+    HeldEnd(HeldEnd&&) = default;  // the moved-from copies on the starting thread do not wait
+    std::shared_future<void> gate;
+    ~HeldEnd() {
+      if (gate.valid()) gate.wait();
+    }
+  };
+  std::promise<void> open;
+  std::once_flag opened;
+  const auto letEnd = [&] { std::call_once(opened, [&] { open.set_value(); }); };
+  std::mutex m;
+  bool workDone = false;
+  bool joined = false;
+  std::int64_t joinedAtMs = -1;
+  // The sleep ends only once the main thread waits below, so its work is not done before.
+  std::thread worker = ParticipantThread([&, end = HeldEnd{open.get_future().share()}] {
+    clock.SleepFor(milliseconds(1));
+    std::lock_guard lock(m);
+    workDone = true;
+  });
+  std::thread joiner = ParticipantThread([&] {
+    Join(worker);
+    std::lock_guard lock(m);
+    joined = true;
+    joinedAtMs = ElapsedMs();
+    clock.NotifyAll();
+  });
+  std::unique_lock lock(m);
+  const bool before = clock.WaitUntil(lock, clock.Deadline(milliseconds(1000)), [&] {
+    if (workDone) letEnd();
+    return joined;
+  });
+  lock.unlock();
+  letEnd();
+  Join(joiner);
+  EXPECT_TRUE(before) << "time ran to the deadline while the joiner waited for the thread to end";
+  EXPECT_EQ(joinedAtMs, 1);
 }
 
 TEST(RealClockTest, ANoticeBetweenThePredicateAndTheWaitIsNotLost) {

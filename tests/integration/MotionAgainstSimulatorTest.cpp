@@ -319,6 +319,30 @@ TEST_P(MotionAgainstSimulator, AnEStopMidRampEndsEachRunAsAManualStop) {
   ExpectEveryAxisHandedBack();
 }
 
+// The board goes away while the bias climbs: the position the test sees freezes, so the ramp
+// climbs on to its limit and the operator is warned; the window goes on (the UI thread never
+// waits for the test) and the test still ends with its report.
+TEST_P(MotionAgainstSimulator, ALinkLostMidRampClimbsToTheLimitAndWarns) {
+  const Family& f = GetParam();
+  const std::string axis = f.letter == std::string("X") ? "x" : "z";
+  bool unplugged = false;
+  ASSERT_TRUE(RunTest(std::string(f.letter) + "AxisTest", seconds(600), [&] {
+    if (!unplugged && Sim(axis, "moving") == 1) {
+      unplugged = true;
+      Control("unplug");
+    }
+  }));
+  ASSERT_TRUE(unplugged);
+  const auto shown = op.Dialogs();
+  EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [](const Operator::Shown& s) {
+    return s.text.find("VOLTAGE LIMIT REACHED") != std::string::npos;
+  })) << "the operator is warned";
+  const std::string body = Report(std::string("AxisTest_") + f.letter + "_0.dat");
+  ASSERT_FALSE(body.empty());
+  EXPECT_NE(body.find("VOLTAGE LIMIT"), std::string::npos) << body;
+  Control("replug");
+}
+
 TEST_P(MotionAgainstSimulator, LimitTestFindsTheSwitchesWhereTheExtentsPutThemAndCentres) {
   const Family& f = GetParam();
   const std::int32_t k = Page().CountsPerMm(1);

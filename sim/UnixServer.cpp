@@ -60,13 +60,6 @@ bool ClearStaleEntry(const std::string& path, int type, std::string& error) {
   return true;
 }
 
-// Every thread of a server ends once its sockets are shut down, without waiting for time to pass.
-// So the closing thread stays a participant while it joins (unlike platform::Join): virtual time
-// stands still during an unplug, as it would for any other action that takes no time.
-void JoinStillTakingPart(std::thread& thread) {
-  if (thread.joinable()) thread.join();
-}
-
 }  // namespace
 
 bool MakeDirectories(const std::string& dir) {
@@ -126,7 +119,9 @@ void UnixServer::Close() {
   platform::Clock::Current().NotifyAll();  // ends the waits of SleepUntil
   ::unlink(path_.c_str());
   ::shutdown(listener_, SHUT_RDWR);
-  JoinStillTakingPart(acceptor_);
+  // Every thread of a server ends once its sockets are shut down, without waiting for time to
+  // pass; the join holds time while they end, as for any other action that takes none.
+  platform::Join(acceptor_);
   ::close(listener_);
   {
     std::lock_guard lock(mutex_);
@@ -135,7 +130,7 @@ void UnixServer::Close() {
   for (auto& c : connections)
     ::shutdown(c->fd, SHUT_RDWR);
   for (auto& c : connections) {
-    JoinStillTakingPart(c->thread);
+    platform::Join(c->thread);
     ::close(c->fd);
   }
   std::lock_guard lock(mutex_);
@@ -195,7 +190,7 @@ void UnixServer::AddConnection(int fd) {
   }
   // Threads that ended are joined outside the lock; they have nothing left to do.
   for (auto& c : finished) {
-    JoinStillTakingPart(c->thread);
+    platform::Join(c->thread);
     ::close(c->fd);
   }
 }

@@ -14,6 +14,7 @@
 
 #include "recorder/Recorder.h"
 #include "recorder/RunTime.h"
+#include "ui/MessageBox.h"
 
 // The rates of the main dialog's four timers, which are the rates values are recorded at.
 inline constexpr std::uint32_t kTick20ms = 20;
@@ -37,13 +38,13 @@ std::array<recorder::ChannelId, N> NoChannels() {
 // The name of a box's answer as an event mark gives it ("Yes", "No", "OK", "Cancel").
 inline const char* AnswerName(int id) {
   switch (id) {
-    case 1:
+    case ui::kIdOk:
       return "OK";
-    case 2:
+    case ui::kIdCancel:
       return "Cancel";
-    case 6:
+    case ui::kIdYes:
       return "Yes";
-    case 7:
+    case ui::kIdNo:
       return "No";
     default:
       return "?";

@@ -152,3 +152,38 @@ export async function eventually(read, expected, timeout = 10000) {
 }
 
 export const field = (page, tab, id) => page.frameLocator(`#page-${tab}`).locator(`#${id}`);
+
+// Answers every box and dialog as an operator who agrees with everything would, until `done`
+// holds: a start dialog with OK (after `onStart(dialog)`), a box with Yes, else OK; `onStep` runs
+// between looks. Returns the texts of the boxes, in order. A box stays in the page until the
+// program closes it, so each answer waits for its box to go.
+export async function answerUntil(page, done,
+  { onStep = async () => {}, onStart = async () => {}, timeout = 90000 } = {}) {
+  const texts = [];
+  const end = Date.now() + timeout;
+  const answer = async (node, caption) => {
+    const button = await node.$(`.buttons button:text-is("${caption}")`);
+    if (!button) return false;
+    await button.click({ timeout: 2000 }).catch(() => {});
+    await node.waitForElementState('hidden', { timeout: 5000 }).catch(() => {});
+    return true;
+  };
+  while (!(await done())) {
+    assert.ok(Date.now() < end, `the test did not end; boxes so far:\n${texts.join('\n---\n')}`);
+    const start = await page.$('[role="dialog"]:has(input[type="radio"])');
+    if (start) {
+      await onStart(start);
+      if (await answer(start, 'OK')) texts.push('[start dialog]');
+      continue;
+    }
+    const box = await page.$('[role="alertdialog"]');
+    if (box) {
+      const text = await box.textContent();
+      if ((await answer(box, 'Yes')) || (await answer(box, 'OK'))) texts.push(text);
+      continue;
+    }
+    await onStep();
+    await new Promise((r) => setTimeout(r, 50));
+  }
+  return texts;
+}

@@ -8,7 +8,7 @@ import assert from 'node:assert/strict';
 import { copyFileSync, existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
-import { launchBrowser, withSession, eventually, field } from './harness.mjs';
+import { launchBrowser, withSession, eventually, field, answerUntil } from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 const STAGE = 1;
@@ -20,32 +20,6 @@ let browser;
 
 before(async () => { browser = await launchBrowser({ width: 1000, height: 640 }); });
 after(async () => { if (browser) await browser.close(); });
-
-// Answers every box and dialog as an operator who agrees with everything, until `done` holds.
-async function answerUntil(page, done, timeout = 90000) {
-  const end = Date.now() + timeout;
-  const answer = async (node, caption) => {
-    const button = await node.$(`.buttons button:text-is("${caption}")`);
-    if (!button) return false;
-    await button.click({ timeout: 2000 }).catch(() => {});
-    await node.waitForElementState('hidden', { timeout: 5000 }).catch(() => {});
-    return true;
-  };
-  while (!(await done())) {
-    assert.ok(Date.now() < end, 'the axis test did not end');
-    const start = await page.$('[role="dialog"]:has(input[type="radio"])');
-    if (start) {
-      await answer(start, 'OK');
-      continue;
-    }
-    const box = await page.$('[role="alertdialog"]');
-    if (box) {
-      if (!(await answer(box, 'Yes'))) await answer(box, 'OK');
-      continue;
-    }
-    await new Promise((r) => setTimeout(r, 50));
-  }
-}
 
 // Runs an X axis test from its button until its report and trace are on disk and the page is
 // ready again.

@@ -7,7 +7,7 @@ import assert from 'node:assert/strict';
 import { copyFileSync, existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
-import { launchBrowser, withSession, eventually, field } from './harness.mjs';
+import { launchBrowser, withSession, eventually, field, answerUntil } from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 const STAGE = 1;
@@ -38,39 +38,10 @@ function readReport(path) {
   return bytes.subarray(2).toString('utf16le');
 }
 
-// Answers every box and dialog as an operator who agrees with everything would, until `done`
-// holds; `onStep` runs between looks. Returns the texts of the boxes, in order. A box stays in
-// the page until the program closes it, so each answer waits for its box to go.
-async function answerUntil(page, done, onStep = async () => {}, timeout = 90000) {
-  const texts = [];
-  const end = Date.now() + timeout;
-  const answer = async (node, caption) => {
-    const button = await node.$(`.buttons button:text-is("${caption}")`);
-    if (!button) return false;
-    await button.click({ timeout: 2000 }).catch(() => {});
-    await node.waitForElementState('hidden', { timeout: 5000 }).catch(() => {});
-    return true;
-  };
-  while (!(await done())) {
-    assert.ok(Date.now() < end, `the test did not end; boxes so far:\n${texts.join('\n---\n')}`);
-    const start = await page.$('[role="dialog"]:has(input[type="radio"])');
-    if (start) {
-      // Standard is the choice the dialog opens with, as an operator leaves it.
-      assert.ok(await page.getByRole('radio', { name: 'Standard' }).isChecked());
-      if (await answer(start, 'OK')) texts.push('[start dialog]');
-      continue;
-    }
-    const box = await page.$('[role="alertdialog"]');
-    if (box) {
-      const text = await box.textContent();
-      if ((await answer(box, 'Yes')) || (await answer(box, 'OK'))) texts.push(text);
-      continue;
-    }
-    await onStep();
-    await new Promise((r) => setTimeout(r, 50));
-  }
-  return texts;
-}
+// Standard is the choice the start dialog opens with, as an operator leaves it.
+const leftStandard = (page) => async () => {
+  assert.ok(await page.getByRole('radio', { name: 'Standard' }).isChecked());
+};
 
 test('an axis test runs from its button to its report, with the running texts and STOP shown',
   () => withStage('autovision', async ({ page, folder }) => {
@@ -85,14 +56,14 @@ test('an axis test runs from its button to its report, with the running texts an
     await field(page, STAGE, 'XAxisTest').click();
     const boxes = await answerUntil(page, async () => existsSync(report)
       && (await page.getByRole('alertdialog').count()) === 0 && !(await stop.isVisible()),
-    async () => {
+    { onStart: leftStandard(page), onStep: async () => {
       // A shot once the bias has climbed a few steps, with the axis on its way.
       const mb = /^MB: (\d+)$/.exec(await running.inputValue());
       if (sawRamp || !mb || Number(mb[1]) < 1000) return;
       sawRamp = true;
       assert.match(await stop.textContent(), /X Axis/, 'the title bar names the running test');
       if (SHOTS) await page.screenshot({ path: join(SHOTS, 'stage-running.png') });
-    });
+    } });
     assert.ok(sawRamp, 'the running text showed the bias while the axis moved');
     assert.equal(boxes[0], '[start dialog]');
     assert.ok(boxes.some((b) => b.includes('Did the machine move correctly?')), boxes.join('\n'));
@@ -123,7 +94,7 @@ test('a platen test runs the count typed into the page and reports each cycle',
     }
     const report = join(folder, 'PlatenTest_0.dat');
     const boxes = await answerUntil(page, async () => existsSync(report)
-      && (await page.getByRole('alertdialog').count()) === 0);
+      && (await page.getByRole('alertdialog').count()) === 0, { onStart: leftStandard(page) });
     assert.ok(boxes.some((b) => b.includes(' The Platen test will run 2 ')), boxes.join('\n'));
     assert.ok(boxes.some((b) => b.includes('Platen test completed cycle 2')), boxes.join('\n'));
     await eventually(() => field(page, STAGE, 'PlatenStatus').inputValue(), 'Ready', 5000);

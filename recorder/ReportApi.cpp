@@ -31,33 +31,6 @@ const char* KindName(ReportKind kind) {
   return "axis";
 }
 
-// The length of the well-formed UTF-8 sequence at the start of `s`, 0 when there is none.
-std::size_t Utf8Length(std::string_view s) {
-  const auto b = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
-  const unsigned char c = b(0);
-  std::size_t n = 0;
-  unsigned char lo = 0x80, hi = 0xBF;  // the second byte's range
-  if (c < 0x80) return 1;
-  if (c >= 0xC2 && c <= 0xDF) {
-    n = 2;
-  } else if (c >= 0xE0 && c <= 0xEF) {
-    n = 3;
-    if (c == 0xE0) lo = 0xA0;
-    if (c == 0xED) hi = 0x9F;  // no surrogates
-  } else if (c >= 0xF0 && c <= 0xF4) {
-    n = 4;
-    if (c == 0xF0) lo = 0x90;
-    if (c == 0xF4) hi = 0x8F;
-  } else {
-    return 0;
-  }
-  if (s.size() < n || b(1) < lo || b(1) > hi) return 0;
-  for (std::size_t i = 2; i < n; ++i) {
-    if (b(i) < 0x80 || b(i) > 0xBF) return 0;
-  }
-  return n;
-}
-
 void AppendInt(std::string& out, std::int64_t v) {
   char buffer[24];
   std::snprintf(buffer, sizeof buffer, "%" PRId64, v);
@@ -84,17 +57,16 @@ void AppendTraceTime(std::string& out, std::int64_t ms) {
 }
 
 // The entry the folder lists under `base`; none for a name that is not a report's (a path, "..").
-std::optional<ReportEntry> FindReport(const std::string& folder, std::string_view base) {
+std::optional<ReportEntry> ListedReport(const std::string& folder, std::string_view base) {
   if (base.empty() || base.size() > kMaxBaseLength) return std::nullopt;
   for (char c : base) {
     const bool ok =
         (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_';
     if (!ok) return std::nullopt;
   }
-  for (ReportEntry& e : ListReports(folder)) {
-    if (e.base == base) return std::move(e);
-  }
-  return std::nullopt;
+  ReportEntry entry;
+  if (!recorder::FindReport(folder, base, entry)) return std::nullopt;
+  return entry;
 }
 
 std::string FilePath(const std::string& folder, const std::string& base, std::string_view ext) {
@@ -222,31 +194,6 @@ bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportE
 
 }  // namespace
 
-void AppendJsonText(std::string& out, std::string_view s) {
-  out += '"';
-  while (!s.empty()) {
-    const unsigned char c = static_cast<unsigned char>(s[0]);
-    const std::size_t n = Utf8Length(s);
-    if (n == 0) {
-      out += "\\ufffd";
-      s.remove_prefix(1);
-      continue;
-    }
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20 || c == 0x7F) {
-      char buffer[8];
-      std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned>(c));
-      out += buffer;
-    } else {
-      out.append(s.substr(0, n));
-    }
-    s.remove_prefix(n);
-  }
-  out += '"';
-}
-
 std::string ReportsJson(const std::string& folder) {
   bool truncated = false;
   const std::vector<ReportEntry> list = ListReports(folder, &truncated);
@@ -277,7 +224,7 @@ std::string ReportsJson(const std::string& folder) {
 
 ApiStatus WriteReportJson(const std::string& folder, std::string_view base,
                           const ExportSink& sink) {
-  const std::optional<ReportEntry> entry = FindReport(folder, base);
+  const std::optional<ReportEntry> entry = ListedReport(folder, base);
   if (!entry) return ApiStatus::kNotFound;
   std::string out = "{\"base\":";
   AppendJsonText(out, entry->base);
@@ -290,7 +237,7 @@ ApiStatus WriteReportJson(const std::string& folder, std::string_view base,
 bool ReportFilePath(const std::string& folder, std::string_view base, std::string_view ext,
                     std::string& path) {
   if (ext != "dat" && ext != "csv") return false;
-  const std::optional<ReportEntry> entry = FindReport(folder, base);
+  const std::optional<ReportEntry> entry = ListedReport(folder, base);
   if (!entry || !(ext == "dat" ? entry->hasReport : entry->hasTrace)) return false;
   path = FilePath(folder, entry->base, ext);
   return true;

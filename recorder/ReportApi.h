@@ -38,8 +38,4 @@ bool ReportFilePath(const std::string& folder, std::string_view base, std::strin
 // first, null where the report did not say. Reports of which nothing could be read are left out.
 std::string HistoryJson(const std::string& folder);
 
-// Appends `s` as a JSON string: quotes, backslashes and control bytes escaped, and each byte that
-// is not part of well-formed UTF-8 written as U+FFFD, so the answer is always valid JSON.
-void AppendJsonText(std::string& out, std::string_view s);
-
 }  // namespace recorder

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <unordered_map>
 
+#include "util/Text.h"
+
 namespace recorder {
 
 namespace {
@@ -92,24 +94,6 @@ bool ParseReportName(std::string_view base, ReportEntry& e) {
   return ParseNumber(rest, e.number);
 }
 
-void AppendUtf8(std::string& out, std::uint32_t cp) {
-  if (cp < 0x80) {
-    out += static_cast<char>(cp);
-  } else if (cp < 0x800) {
-    out += static_cast<char>(0xC0 | (cp >> 6));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else if (cp < 0x10000) {
-    out += static_cast<char>(0xE0 | (cp >> 12));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | (cp >> 18));
-    out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-    out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    out += static_cast<char>(0x80 | (cp & 0x3F));
-  }
-}
-
 // Calls fn(line) for each line, without its CR LF.
 template <typename Fn>
 void ForEachLine(std::string_view text, Fn&& fn) {
@@ -187,6 +171,38 @@ bool ReadBoundedFile(const std::string& path, std::size_t maxBytes, std::string&
   return ok;
 }
 
+namespace {
+
+// Only plain files count: a link or a folder in a report's place is passed over.
+bool PlainFileAt(int dirFd, const char* name, struct stat& st) {
+  return ::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
+}
+
+void Count(ReportEntry& entry, bool isReport, const struct stat& st) {
+  (isReport ? entry.hasReport : entry.hasTrace) = true;
+  entry.modified = std::max<std::int64_t>(entry.modified, st.st_mtime);
+}
+
+}  // namespace
+
+bool FindReport(const std::string& folder, std::string_view base, ReportEntry& out) {
+  ReportEntry e;
+  if (!ParseReportName(base, e)) return false;
+  const int dirFd =
+      ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dirFd < 0) return false;
+  for (const bool isReport : {true, false}) {
+    const std::string name = std::string(base) + (isReport ? ".dat" : ".csv");
+    struct stat st {};
+    if (PlainFileAt(dirFd, name.c_str(), st)) Count(e, isReport, st);
+  }
+  ::close(dirFd);
+  if (!e.hasReport && !e.hasTrace) return false;
+  e.base = std::string(base);
+  out = std::move(e);
+  return true;
+}
+
 std::vector<ReportEntry> ListReports(const std::string& folder, bool* truncated) {
   if (truncated != nullptr) *truncated = false;
   std::vector<ReportEntry> entries;
@@ -208,8 +224,7 @@ std::vector<ReportEntry> ListReports(const std::string& folder, bool* truncated)
     const std::string base(name.substr(0, name.size() - 4));
     if (!ParseReportName(base, e)) continue;
     struct stat st {};
-    if (::fstatat(dirFd, d->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode))
-      continue;
+    if (!PlainFileAt(dirFd, d->d_name, st)) continue;
     auto found = byBase.find(base);
     if (found == byBase.end()) {
       if (entries.size() >= kMaxListedReports) {
@@ -220,9 +235,7 @@ std::vector<ReportEntry> ListReports(const std::string& folder, bool* truncated)
       found = byBase.emplace(base, entries.size()).first;
       entries.push_back(std::move(e));
     }
-    ReportEntry& entry = entries[found->second];
-    (ext == ".dat" ? entry.hasReport : entry.hasTrace) = true;
-    entry.modified = std::max<std::int64_t>(entry.modified, st.st_mtime);
+    Count(entries[found->second], ext == ".dat", st);
   }
   ::closedir(dir);
   std::sort(entries.begin(), entries.end(), [](const ReportEntry& a, const ReportEntry& b) {
@@ -243,25 +256,23 @@ std::string DecodeReport(std::string_view bytes, std::string& problem) {
     problem = "no UTF-16 mark";
     return out;
   }
-  out.reserve(bytes.size() / 2);
-  const std::size_t units = (bytes.size() - 2) / 2;
-  auto unit = [&](std::size_t i) {
-    return static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[2 + 2 * i])) |
-           static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[3 + 2 * i])) << 8;
-  };
-  for (std::size_t i = 0; i < units; ++i) {
-    const std::uint32_t u = unit(i);
-    if (u >= 0xD800 && u <= 0xDBFF && i + 1 < units && unit(i + 1) >= 0xDC00 &&
-        unit(i + 1) <= 0xDFFF) {
-      AppendUtf8(out, 0x10000 + ((u - 0xD800) << 10) + (unit(i + 1) - 0xDC00));
+  std::u16string wide((bytes.size() - 2) / 2, u'\0');
+  for (std::size_t i = 0; i < wide.size(); ++i) {
+    wide[i] = static_cast<char16_t>(static_cast<unsigned char>(bytes[2 + 2 * i]) |
+                                    static_cast<unsigned char>(bytes[3 + 2 * i]) << 8);
+  }
+  // The conversion writes a broken surrogate as U+FFFD; the first one is named.
+  for (std::size_t i = 0; i < wide.size(); ++i) {
+    const char16_t u = wide[i];
+    if (u >= 0xD800 && u <= 0xDBFF && i + 1 < wide.size() && wide[i + 1] >= 0xDC00 &&
+        wide[i + 1] <= 0xDFFF) {
       ++i;
     } else if (u >= 0xD800 && u <= 0xDFFF) {
-      if (problem.empty()) problem = "broken surrogate at unit " + std::to_string(i);
-      AppendUtf8(out, 0xFFFD);
-    } else {
-      AppendUtf8(out, u);
+      problem = "broken surrogate at unit " + std::to_string(i);
+      break;
     }
   }
+  out = text::ToUtf8(wide);
   if (bytes.size() % 2 != 0 && problem.empty()) problem = "truncated: odd last byte";
   return out;
 }

@@ -36,6 +36,10 @@ struct ReportEntry {
 // folder held more than kMaxListedReports.
 std::vector<ReportEntry> ListReports(const std::string& folder, bool* truncated = nullptr);
 
+// The entry ListReports would give for `base`, found without reading the whole folder. False
+// when `base` is not a report's name or neither of its files is a plain file there.
+bool FindReport(const std::string& folder, std::string_view base, ReportEntry& out);
+
 // Reads a plain file (never through a link) of at most maxBytes. False with the reason.
 bool ReadBoundedFile(const std::string& path, std::size_t maxBytes, std::string& bytes,
                      std::string& reason);

@@ -9,6 +9,11 @@
 #include "ui/MessageBox.h"
 #include "util/Text.h"
 
+namespace {
+// The link session the calling thread's transfers are held to (0: any); see HoldToSession.
+thread_local std::uint32_t tHeldSession = 0;
+}  // namespace
+
 namespace usb {
 
 namespace {
@@ -168,6 +173,10 @@ using CTavroUsbFileInfo = CTavroUsb::CTavroUsbFileInfo;
 
 CTavroUsbFileInfo::CTavroUsbFileInfo() = default;
 
+void CTavroUsb::HoldToSession(std::uint32_t session) {
+  tHeldSession = session;
+}
+
 CTavroUsbFileInfo::~CTavroUsbFileInfo() {
   Close();
   for (auto& e : cancelEvents)
@@ -251,6 +260,9 @@ int CTavroUsbFileInfo::Open(bool showErrors) {
     else
       event = std::make_unique<platform::Event>(false);
   }
+  // A new session before the link counts as open: a transfer that sees it open sees its session.
+  ++session;
+  if (session == 0) ++session;  // 0 means "no link"
   linkOpen = true;
   openFailed = false;
 
@@ -289,6 +301,9 @@ bool CTavroUsbFileInfo::Transfer(int slot, std::uint32_t code, const char* codeN
   {
     WinX::CriticalSectionLock lock(locks[slot]);
     if (!linkOpen) return false;
+    // An open counts the session up before the link counts as open again, so a transfer that
+    // finds the link open finds the session it goes out in.
+    if (tHeldSession != 0 && tHeldSession != session) return false;
     error = usb::DoDeviceIoControl(device.get(), code, request, requestLength,
                                    replyLength ? reply : nullptr, replyLength, &bytes,
                                    overlapped[slot].get(), nullptr, true, usb::kCancelWaitMs,
@@ -297,6 +312,8 @@ bool CTavroUsbFileInfo::Transfer(int slot, std::uint32_t code, const char* codeN
   if (error == platform::kErrCancelled) return false;
   if (error == platform::kErrSuccess) return true;
   linkOpen = false;  // the moment the connection counts as lost
+  // A motion test waiting out a pass ends its drive now rather than at the pass's end.
+  platform::Clock::Current().NotifyAll();
   if (!reportErrors) return false;
 
   // The dialog is formed and shown outside the lock, so other threads' transfers go on.

@@ -86,6 +86,8 @@ class CTavroUsb {
 
     std::uint32_t DriverWord() const { return driverWord.load(); }
     bool ReportErrors() const { return reportErrors.load(); }
+    // 0 while the link is down; a new number each time an open brings it up.
+    std::uint32_t Session() const { return linkOpen.load() ? session.load() : 0; }
 
    private:
     bool Transfer(int slot, std::uint32_t code, const char* codeName, std::uint32_t limit,
@@ -94,6 +96,7 @@ class CTavroUsb {
     bool FindDevice(std::uint32_t& lastError);
 
     std::atomic<std::uint32_t> driverWord{0};
+    std::atomic<std::uint32_t> session{0};  // counts the opens; read with linkOpen
     std::atomic<bool> linkOpen{false};
     std::atomic<bool> openFailed{false};
     std::atomic<bool> reportErrors{true};
@@ -160,6 +163,14 @@ class CTavroUsb {
   CTavroUsbMutex& AccessMutex() { return mutex; }
   // The driver's word from the last open (0 when that call failed or there is no channel).
   std::uint32_t DriverWord() const { return channel ? channel.get()->DriverWord() : 0; }
+  // The link's session: 0 while it is down, a new number each time it comes back.
+  std::uint32_t LinkSession() const { return channel ? channel.get()->Session() : 0; }
+  // Holds the calling thread's transfers to the link session `session` (0: any session). While
+  // held, a transfer in another session fails at once, without reaching the board: a motion test
+  // holds its thread to the session in which it took an axis over, so that none of its writes
+  // can reach a link that came back meanwhile (whose first write to the axis is the axis's own
+  // record, made by the page).
+  static void HoldToSession(std::uint32_t session);
 
  protected:
   CTavroUsbMutex mutex;

@@ -133,6 +133,9 @@ void CheckDecoded(const std::string& text) {
       CheckSame(j, "width", in->width);
       CheckSame(j, "height", in->height);
       break;
+    case K::kBeat:
+      CHECK(j.value("t", "") == "beat");
+      break;
   }
 }
 

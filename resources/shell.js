@@ -25,6 +25,15 @@
     send({ t: 'viewport', width: innerWidth, height: innerHeight });
   }
 
+  // Signs of life: while a motion test drives an axis, the program stops it once no browser has
+  // sent one for 2 s. They come from this page's own thread, so a tab that hangs stops sending
+  // them although its connection stays open. A tab in the background still counts while the
+  // browser runs its timers about once a second; once it throttles them harder (after minutes
+  // hidden), the test stops as if no browser were there.
+  const BEAT_MS = 500;
+  setInterval(() => send({ t: 'beat' }), BEAT_MS);
+  document.addEventListener('visibilitychange', () => send({ t: 'beat' }));
+
   function setLink(state, text) {
     const el = document.getElementById('link-state');
     el.dataset.state = state;

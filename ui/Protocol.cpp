@@ -147,6 +147,10 @@ bool DecodeFields(const std::string& type, const json& j, Incoming& in, std::str
     error = type + " with missing fields";
     return false;
   }
+  if (type == "beat") {
+    in.kind = K::kBeat;
+    return true;
+  }
   error = "unknown message type '" + type + "'";
   return false;
 }

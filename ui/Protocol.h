@@ -15,6 +15,7 @@
 //   resize    {"t":"resize","dialog":n,"width":w,"height":h}   a message window's new client size
 //   viewport  {"t":"viewport","width":w,"height":h}           the browser's viewport
 //   cancel    {"t":"cancel","page":p}          Escape on page p while no dialog had the focus
+//   beat      {"t":"beat"}                     a sign of life from the page's script
 #pragma once
 
 #include <cstdint>
@@ -30,7 +31,17 @@
 namespace ui::protocol {
 
 struct Incoming {
-  enum class Kind { kEvent, kShown, kLoaded, kScroll, kAnswer, kResize, kViewport, kCancel };
+  enum class Kind {
+    kEvent,
+    kShown,
+    kLoaded,
+    kScroll,
+    kAnswer,
+    kResize,
+    kViewport,
+    kCancel,
+    kBeat,
+  };
   Kind kind;
   int page = 0;
   std::string id;

@@ -116,7 +116,8 @@ void MessageWindowView::Close() {
 Window::Window(platform::TaskLoop& loop)
     : loop_(loop),
       uiThread_(std::this_thread::get_id()),
-      noBrowserSince_(platform::Clock::Current().Now()) {
+      noBrowserSince_(platform::Clock::Current().Now()),
+      lastSignOfLife_(noBrowserSince_) {
   shell_.SetObserver([this] { ScheduleFlush(); });
   // The menu works from the start, before any dialog runs, with the box the dialog shows later.
   aboutText_ = AboutText();
@@ -165,6 +166,10 @@ void Window::SetStopControl(const std::string& testName) {
 platform::Duration Window::NoBrowserFor() const {
   if (!clients_.empty()) return platform::Duration::zero();
   return platform::Clock::Current().Now() - noBrowserSince_;
+}
+
+platform::Duration Window::NoSignOfLifeFor() const {
+  return platform::Clock::Current().Now() - lastSignOfLife_;
 }
 
 bool Window::PageShown(int index) const {
@@ -245,6 +250,7 @@ Window::ClientId Window::Attach(std::shared_ptr<Connection> connection) {
   loop_.Post([this, id, connection = std::move(connection)]() mutable {
     Client& client = clients_[id];
     client.connection = std::move(connection);
+    lastSignOfLife_ = platform::Clock::Current().Now();
     SendFullState(client);
   });
   return id;
@@ -276,7 +282,10 @@ void Window::Receive(ClientId client, std::string text) {
 
 void Window::Handle(ClientId client, const protocol::Incoming& in) {
   using K = protocol::Incoming::Kind;
+  if (clients_.count(client) != 0) lastSignOfLife_ = platform::Clock::Current().Now();
   switch (in.kind) {
+    case K::kBeat:
+      return;
     case K::kEvent:
       HandleEvent(in);
       return;
@@ -404,8 +413,8 @@ bool Window::OnUiThread() {
 }
 
 int Window::OpenBox(const std::string& text, const std::string& title, unsigned style,
-                    std::function<void(int)> done) {
-  if (!RoomForBox(title)) {
+                    std::function<void(int)> done, bool waited) {
+  if (!waited && !RoomForBox(title)) {
     if (done) loop_.Post([done = std::move(done), style] { done(CautiousAnswer(style)); });
     return 0;
   }
@@ -421,8 +430,9 @@ int Window::OpenBox(const std::string& text, const std::string& title, unsigned 
   return id;
 }
 
-int Window::OpenChoice(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done) {
-  if (!RoomForBox(dialog.title)) {
+int Window::OpenChoice(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done,
+                       bool waited) {
+  if (!waited && !RoomForBox(dialog.title)) {
     if (done) {
       loop_.Post([done = std::move(done), initial = dialog.initial] {
         done({kIdCancel, initial});
@@ -580,16 +590,25 @@ ChoiceResult Window::AnswerOnUi(ChoiceResult cautious, const std::function<void(
 
 int Window::Show(const std::string& text, const std::string& title, unsigned style) {
   const ChoiceResult cautious{CautiousAnswer(style), 0};
-  const auto open = [this, text, title, style](Answer answer) {
-    OpenBox(text, title, style, [answer](int r) { answer({r, 0}); });
+  const bool worker = !OnUiThread();
+  const auto open = [this, text, title, style, worker](Answer answer) {
+    OpenBox(
+        text, title, style,
+        [answer](int r) {
+          answer({r, 0});
+        },
+        worker);
   };
-  return (OnUiThread() ? AnswerOnUi(cautious, open) : WaitForAnswer(cautious, open)).result;
+  return (worker ? WaitForAnswer(cautious, open) : AnswerOnUi(cautious, open)).result;
 }
 
 ChoiceResult Window::ShowChoice(const ChoiceDialog& dialog) {
   const ChoiceResult cautious{kIdCancel, dialog.initial};
-  const auto open = [this, dialog](Answer answer) { OpenChoice(dialog, std::move(answer)); };
-  return OnUiThread() ? AnswerOnUi(cautious, open) : WaitForAnswer(cautious, open);
+  const bool worker = !OnUiThread();
+  const auto open = [this, dialog, worker](Answer answer) {
+    OpenChoice(dialog, std::move(answer), worker);
+  };
+  return worker ? WaitForAnswer(cautious, open) : AnswerOnUi(cautious, open);
 }
 
 }  // namespace ui

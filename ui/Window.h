@@ -127,6 +127,8 @@ class Window : public MessageBoxPresenter {
   // Message boxes and choice dialogs open at once. One more (a browser clicking a menu item that
   // opens one, thousands of times) is not opened: it gets the cautious answer (one log line
   // until a box opens again). It bounds the full state that a browser is sent when it connects.
+  // A box that a worker thread waits in (a motion test's question) always opens: an answer
+  // nobody gave must never stand in a report, and each such thread holds at most one box.
   static constexpr std::size_t kMaxOpenBoxes = 32;
 
   explicit Window(platform::TaskLoop& loop);
@@ -157,6 +159,10 @@ class Window : public MessageBoxPresenter {
   // How long no browser has been attached: zero while one is, else the time since the last went
   // away (or since the window was made, before the first came).
   platform::Duration NoBrowserFor() const;
+  // How long no browser has shown a sign of life: any message (the shell's script sends one
+  // every half second), or a new connection. A browser whose page hangs stays attached but falls
+  // silent.
+  platform::Duration NoSignOfLifeFor() const;
   // Whether some browser shows page `index` now.
   bool PageShown(int index) const;
   // The size of the browser viewport the window is shown in: the last that a browser reported,
@@ -225,9 +231,11 @@ class Window : public MessageBoxPresenter {
   using Answer = std::function<void(ChoiceResult)>;
 
   bool OnUiThread();
+  // `waited`: a worker thread waits for the answer, and the box opens whatever the cap.
   int OpenBox(const std::string& text, const std::string& title, unsigned style,
-              std::function<void(int)> done);
-  int OpenChoice(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done);
+              std::function<void(int)> done, bool waited = false);
+  int OpenChoice(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done,
+                 bool waited = false);
   // Blocks a worker until the dialog that `open` opens (on the UI thread, handing it the
   // completion) is answered, or until Shutdown.
   ChoiceResult WaitForAnswer(ChoiceResult cautious, std::function<void(Answer)> open);
@@ -268,6 +276,7 @@ class Window : public MessageBoxPresenter {
   std::function<void()> onClose_;
   std::function<void()> onStop_;
   platform::TimePoint noBrowserSince_;
+  platform::TimePoint lastSignOfLife_;
   std::string aboutText_;
   std::pair<int, int> viewport_{1280, 800};
 

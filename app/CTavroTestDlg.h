@@ -119,16 +119,19 @@ class CTavroTestDlgBase {
   std::string baseTitle = "TavroTest";  // the template's caption
   bool connected = true;
   std::uint32_t warningState = 0;
+  // What a page, and a test thread of a page, may reach: made before the pages so that it goes
+  // after them. A page's end joins its test thread, which still marks its last answers and its
+  // report in the recorder on the way out.
+  recorder::RunTime runTime;
+  std::shared_ptr<recorder::Recorder> recording = std::make_shared<recorder::Recorder>();
+  std::shared_ptr<ui::HttpApi> api;
   std::array<std::unique_ptr<CTabPage>, kMaxPages> pages;
   bool suspended = false;
   bool timersStarted[5] = {};
   ServoStatus status{};  // zeroed: a tick may come before the first poll
-  recorder::RunTime runTime;
   // The status flags as the last marks left them: an e-stop that is on at the start is marked.
   bool markedEStop = false;
   bool markedSleep = false;
-  std::shared_ptr<recorder::Recorder> recording = std::make_shared<recorder::Recorder>();
-  std::shared_ptr<ui::HttpApi> api;
 };
 
 class CTavroTestDlg final : public CTavroTestDlgBase {

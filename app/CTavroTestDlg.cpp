@@ -19,6 +19,10 @@
 
 namespace {
 
+// How long a motion test drives with no browser attached, and with none showing a sign of life.
+constexpr std::chrono::seconds kNoBrowserLimit{1};
+constexpr std::chrono::seconds kNoSignOfLifeLimit{2};
+
 constexpr const char* kConnected = " : Connected";
 constexpr const char* kDisconnected = " : Disconnected";
 
@@ -166,11 +170,12 @@ void CTavroTestDlgBase::WatchRunningTest() {
   if (!stage) return;
   window.SetStopControl(motion::RunningTestName(*stage));
   // A ramp, seek or centering must not go on unwatched: its boxes wait for the next browser,
-  // but the motor is stopped once no browser has been there for a second (within two ticks of
-  // the second passing, so within 2 s of the last browser going).
-  if (stage->Sampling && window.NoBrowserFor() >= std::chrono::seconds(1)) {
-    stage->StopRequested = 1;
-  }
+  // but the drive ends once no browser has been attached for a second (the last tab closed), or
+  // none has shown a sign of life for two (a tab that hangs keeps its connection). Checked on
+  // this tick, so within 200 ms of either; a run that begins meanwhile stops at its first look.
+  const bool watched =
+      window.NoBrowserFor() < kNoBrowserLimit && window.NoSignOfLifeFor() < kNoSignOfLifeLimit;
+  stage->Unwatched = watched ? 0 : 1;
 }
 
 // The link, as the dialog sees it: connected (" : Connected", polls, pages ticked) or

@@ -29,8 +29,8 @@ void FillCancelled(AxisTestResult& r, int d) {
 
 // Steps shared by the axis and the zoom run once the ramp is over: the voltage verdict, the
 // hand-back and the stop flag. Leaves the axis settled and synchronised.
-void EndRamp(AxisRun& run, AxisTestResult& r, int d, bool arrived, std::int32_t mb) {
-  if (arrived) r.StartingVoltage[d] = mb;
+void EndRamp(AxisRun& run, AxisTestResult& r, int d, RampEnd end, std::int32_t mb) {
+  if (EndedWithBias(end)) r.StartingVoltage[d] = mb;
   r.VoltageLimitReached[d] = 0;
   if (mb >= run.Limit()) {
     r.StartingVoltage[d] = mb;
@@ -41,39 +41,43 @@ void EndRamp(AxisRun& run, AxisTestResult& r, int d, bool arrived, std::int32_t 
   run.Settle();
 }
 
-void RunAxisDirection(const TestParams& p, std::uint32_t choice, AxisTestResult& r, int d) {
+// One direction of the axis test; false when the run did not happen (a quit, or no link at its
+// start), and then nothing of it is in `r`.
+bool RunAxisDirection(const TestParams& p, std::uint32_t choice, AxisTestResult& r, int d) {
   StagePage& page = *p.page;
   AxisRun run(page, p.axis, choice);
-  if (!run.TakeOver()) return;
+  if (!run.TakeOver()) return false;
   // The positive Z run starts from the axis's own bias, which holds the stage against gravity.
   std::int32_t mb = p.axis == 2 && d == 1 ? run.Saved().Mb : 0;
   r.LinearInitial[d] = run.Position();
   page.GetRotaryPosition(p.axis, r.RotaryInitial[d]);
   const std::int64_t target = 10 * DistanceScale(page.CountsPerMm(p.axis));
-  const bool arrived =
+  const RampEnd end =
       run.RunRamp({.target = target, .moving = target / 50, .holds = RulesOf(page).axisHolds},
                   r.LinearInitial[d], d, mb);
-  EndRamp(run, r, d, arrived, mb);
+  EndRamp(run, r, d, end, mb);
   r.LinearFinal[d] = run.Position();
   page.GetRotaryPosition(p.axis, r.RotaryFinal[d]);
   run.Release();
   r.LinearChange[d] = r.LinearFinal[d] - r.LinearInitial[d];
   r.RotaryChange[d] = r.RotaryFinal[d] - r.RotaryInitial[d];
+  return true;
 }
 
-void RunZoomDirection(const TestParams& p, std::uint32_t choice, AxisTestResult& r, int d) {
+bool RunZoomDirection(const TestParams& p, std::uint32_t choice, AxisTestResult& r, int d) {
   StagePage& page = *p.page;
   AxisRun run(page, p.axis, choice);
-  if (!run.TakeOver()) return;
+  if (!run.TakeOver()) return false;
   std::int32_t mb = 0;
   r.RotaryInitial[d] = run.Position();
-  const bool arrived = run.RunRamp(
+  const RampEnd end = run.RunRamp(
       {.target = kZoomTarget, .moving = kZoomTarget / 10, .holds = RulesOf(page).zoomHolds},
       r.RotaryInitial[d], d, mb);
-  EndRamp(run, r, d, arrived, mb);
+  EndRamp(run, r, d, end, mb);
   r.RotaryFinal[d] = run.Position();
   run.Release();
   r.RotaryChange[d] = r.RotaryFinal[d] - r.RotaryInitial[d];
+  return true;
 }
 
 void AskAxisQuestions(StagePage& page, AxisTestResult& r, int d, unsigned axis) {
@@ -182,13 +186,13 @@ void RunAxisTest(const TestParams& p) {
       if (d == 1) state.MessageResult = 1;
       continue;
     }
-    if (zoom) {
-      RunZoomDirection(p, choice, r, d);
-    } else {
-      RunAxisDirection(p, choice, r, d);
-    }
+    const bool ran = zoom ? RunZoomDirection(p, choice, r, d) : RunAxisDirection(p, choice, r, d);
     p.guard->ClearThread();
-    if (zoom) {
+    if (!ran) {
+      // A run that never began is reported as a cancelled direction, and nobody is asked about
+      // a move that did not happen.
+      FillCancelled(r, d);
+    } else if (zoom) {
       r.CorrectDirection[d] = YesNoAnswer(page.Ask(ZoomResultText(r, d), ui::kMbYesNo));
     } else {
       AskAxisQuestions(page, r, d, p.axis);

@@ -24,26 +24,25 @@ class Seek {
     fastPasses_ = dir == 0 ? band_.fastPassesNegative : band_.fastPassesPositive;
   }
 
-  void Run(std::int32_t& mb) {
+  // Seeks the limit; false when the link was lost on the way (the seek found nothing).
+  bool Run(std::int32_t& mb) {
     StagePage& page = run_.Page();
     StageTestState& state = page.TestState();
     mb_ = mb;
     page.PreviousTestPosition = run_.Position();
-    SleepMs(100);
+    run_.Pass(100);
     const auto& limitFlag = dir_ == 0 ? state.NegLimit : state.PosLimit;
+    bool found = true;
     while (!limitFlag && !done_) {
       const std::int32_t previous = run_.Position();
       page.PreviousTestPosition = previous;
-      SleepMs(100);
-      position_ = run_.Position();
-      const std::int64_t d = std::llabs(static_cast<std::int64_t>(position_) - previous);
-      if (d < slowBelow_) {
-        if (TooSlow()) break;
-      } else if (d > fastAbove_) {
-        TooFast();
-      } else {
-        slow_ = fast_ = steps_ = 0;
+      run_.Pass(100);
+      if (run_.LinkLost()) {
+        found = false;
+        break;
       }
+      // A pass cut short by a stop says nothing about the speed: no step is taken on it.
+      if (!run_.StopPending()) Judge(previous);
       if (run_.StopPending()) {
         r_.ManuallyStopped[dir_] = 1;
         break;
@@ -52,9 +51,23 @@ class Seek {
       if (run_.QuitRequested()) break;
     }
     mb = mb_;
+    return found;
   }
 
  private:
+  // One pass's speed against the band: a step up, a step down, or the counters.
+  void Judge(std::int32_t previous) {
+    position_ = run_.Position();
+    const std::int64_t d = std::llabs(static_cast<std::int64_t>(position_) - previous);
+    if (d < slowBelow_) {
+      if (TooSlow()) done_ = true;  // the voltage limit: the seek ends at once
+    } else if (d > fastAbove_) {
+      TooFast();
+    } else {
+      slow_ = fast_ = steps_ = 0;
+    }
+  }
+
   // Returns true when the seek must end at once (the voltage limit).
   bool TooSlow() {
     if (steps_ >= 4) {
@@ -124,6 +137,10 @@ class Seek {
   bool done_ = false;
 };
 
+// How a phase of the test ended. Only a test whose phases all ran files a report: a phase that
+// never began (a quit, or no link at its start) or that a lost link cut found no limit.
+enum class Phase { kRan, kSkipped, kCut };
+
 // The common start of every run: the axis taken, the expected limits read, the first bias.
 bool StartRun(AxisRun& run, LimitTestResult& r, int dir, std::int32_t& mb) {
   if (!run.TakeOver()) return false;
@@ -141,64 +158,73 @@ void HandBack(AxisRun& run, std::int32_t mb) {
   run.Release();
 }
 
-void RunSeek(const TestParams& p, std::uint32_t choice, LimitTestResult& r, int dir) {
+Phase RunSeek(const TestParams& p, std::uint32_t choice, LimitTestResult& r, int dir) {
   StagePage& page = *p.page;
   AxisRun run(page, p.axis, choice);
   std::int32_t mb = 0;
-  if (!StartRun(run, r, dir, mb)) return;
+  if (!StartRun(run, r, dir, mb)) return Phase::kSkipped;
   const std::int64_t target = 10 * DistanceScale(page.CountsPerMm(p.axis));
-  run.RunRamp({.target = target, .moving = target / 50, .holds = RulesOf(page).limitHolds},
-              r.StartPosition[dir], dir, mb);
+  const RampEnd end =
+      run.RunRamp({.target = target, .moving = target / 50, .holds = RulesOf(page).limitHolds},
+                  r.StartPosition[dir], dir, mb);
   if (mb >= run.Limit()) r.VoltageLimitReached[dir] = 1;
   r.MaxVoltage[dir] = r.MinVoltage[dir] = mb;
-  run.Drive(dir, mb);
-  Seek(run, r, dir, RulesOf(page)).Run(mb);
+  const bool found =
+      end != RampEnd::kLinkLost && run.Drive(dir, mb) && Seek(run, r, dir, RulesOf(page)).Run(mb);
   r.LinearLimit[dir] = run.Position();  // with the bias still on
   page.GetRotaryPosition(p.axis, r.RotaryLimit[dir]);
   r.ManuallyStopped[dir] = page.StopRequested != 0;
   HandBack(run, mb);
+  return found ? Phase::kRan : Phase::kCut;
 }
 
-void RunCentering(const TestParams& p, std::uint32_t choice, LimitTestResult& r) {
+Phase RunCentering(const TestParams& p, std::uint32_t choice, LimitTestResult& r) {
   StagePage& page = *p.page;
   AxisRun run(page, p.axis, choice);
   std::int32_t mb = 0;
-  if (!StartRun(run, r, 0, mb)) return;
+  if (!StartRun(run, r, 0, mb)) return Phase::kSkipped;
   const std::int64_t k = DistanceScale(page.CountsPerMm(p.axis));
   // An eighth of the lowest moving voltage, so that the axis leaves the limit gently.
   mb = r.MinVoltage[0] / 8;
-  run.Drive(0, mb);
+  bool cut = !run.Drive(0, mb);
   r.CenterLinear = r.LinearLimit[0] / 2 + r.LinearLimit[1] / 2;
   r.CenterRotary = r.RotaryLimit[0] / 2 + r.RotaryLimit[1] / 2;
   // A failed read keeps the last rotary count known, where the positive seek ended.
   std::int32_t rotary = r.RotaryLimit[1];
   page.GetRotaryPosition(p.axis, rotary);
   std::int32_t position = run.Position();
-  while (position > r.CenterLinear && rotary > r.CenterRotary) {
+  while (!cut && position > r.CenterLinear && rotary > r.CenterRotary) {
     page.PreviousTestPosition = position;
-    SleepMs(50);
+    run.Pass(50);
+    if (run.LinkLost()) {
+      cut = true;
+      break;
+    }
     page.GetRotaryPosition(p.axis, rotary);
     const std::int32_t previous = position;
     position = run.Position();
     const std::int64_t d = std::llabs(static_cast<std::int64_t>(position) - previous);
-    if (mb < r.MinVoltage[0] || d < k * 3 / 4) {
+    // A pass cut short by a stop says nothing about the speed: no step is taken on it.
+    const bool stop = run.StopPending();
+    if (!stop && (mb < r.MinVoltage[0] || d < k * 3 / 4)) {
       mb += kRampStep;
       run.Drive(0, mb);
       if (mb >= run.Limit()) {
         r.VoltageLimitReached[0] = 1;
         break;
       }
-    } else if (d > k * 5 / 2) {
+    } else if (!stop && d > k * 5 / 2) {
       mb -= kRampStep;
       run.Drive(0, mb);
     }
-    if (run.StopPending()) {
+    // A quit ends the centering as a stop does: the report says it did not finish.
+    if (run.StopPending() || run.QuitRequested()) {
       r.CenteringStopped = 1;
       break;
     }
-    if (run.QuitRequested()) break;  // as in the seek: no blind driving
   }
   HandBack(run, mb);
+  return cut ? Phase::kCut : Phase::kRan;
 }
 
 void ShowVoltageWarning(StagePage& page) {
@@ -206,20 +232,24 @@ void ShowVoltageWarning(StagePage& page) {
            ui::kMbOk);
 }
 
-// The phases after the start; a voltage limit in a seek ends them with the warning and no report.
+// The phases after the start; a voltage limit in a seek ends them with the warning and no
+// report, and so, without a word, does a phase that did not run whole (its reason is the
+// window's: a closed program, a lost board).
 void RunPhases(const TestParams& p, std::uint32_t choice) {
   StagePage& page = *p.page;
   LimitTestResult r;
   for (int dir = 0; dir < 2; ++dir) {
-    RunSeek(p, choice, r, dir);
+    const Phase phase = RunSeek(p, choice, r, dir);
     p.guard->ClearThread();
+    if (phase != Phase::kRan) return;
     if (r.VoltageLimitReached[dir]) {
       ShowVoltageWarning(page);
       return;
     }
   }
-  RunCentering(p, choice, r);
+  const Phase centering = RunCentering(p, choice, r);
   p.guard->ClearThread();
+  if (centering != Phase::kRan) return;
   FileReport(page, LimitReportPrefix(p.axis), LimitReportBody(r, p.axis));
   page.Ask(LimitResultText(r, p.axis), ui::kMbOk);
 }

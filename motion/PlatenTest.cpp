@@ -248,6 +248,8 @@ void RunPlatenTest(const TestParams& p) {
   page.Trace.End();
   state.MessageResult = 0;
   state.PlatenTest = 0;
+  // The page fed the platen's count into TestPosition for this test; between runs it is 0.
+  page.TestPosition = 0;
   state.Running = 0;
 }
 

@@ -11,12 +11,16 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "link/ControllerRecords.h"
+#include "platform/Clock.h"
 #include "ui/Dialogs.h"
 
 namespace motion {
@@ -77,6 +81,67 @@ class TestThreadGuard {
   std::atomic<bool> quit_{false};
 };
 
+// A flag that ends a drive: setting it wakes a test thread that waits out a pass of its ramp,
+// seek or centering (AxisRun::Pass), so that the axis is handed back at once instead of at the
+// end of the pass. Reads and writes like the plain byte it stands for.
+class WakingFlag {
+ public:
+  WakingFlag& operator=(std::uint8_t value) {
+    value_ = value;
+    platform::Clock::Current().NotifyAll();
+    return *this;
+  }
+  operator std::uint8_t() const { return value_.load(); }  // NOLINT: reads as the byte it is
+
+ private:
+  std::atomic<std::uint8_t> value_{0};
+};
+
+// The tuning records that runs took from their axes and that are not yet known to be back in
+// force on the board. A record is owed from the moment a run saved it, before the first write of
+// the take-over, until a write of it succeeds, whoever makes it: the run's hand-back, or the
+// page's reset once the link is back (which writes it before it reads any axis's record).
+// Records are kept per board (its serial number), so that one board's record never goes to
+// another board's axis.
+//
+// With a journal, every change is written to that file first (a new file put in place in one
+// step), so that a record still owed when the program or the computer dies is put back at the
+// next start. The journal is trusted only as TavroTest's own plain file; anything else there is
+// left alone. Thread-safe.
+class OwedRecords {
+ public:
+  struct Entry {
+    std::string board;  // the board's serial number
+    unsigned axis = 0;
+    AxisPid record;
+  };
+
+  // Reads the journal at `path` (nothing when "" or when no trusted journal is there); later
+  // changes are written there. Returns what it found.
+  std::vector<Entry> UseJournal(std::string path);
+  // The run is about to take the axis over. False when the journal could not be written (the
+  // record is owed all the same; the caller logs).
+  bool Owe(const std::string& board, unsigned axis, const AxisPid& record);
+  // A write of the record succeeded: nothing is owed any more.
+  void Paid(const std::string& board, unsigned axis);
+  std::optional<AxisPid> Find(const std::string& board, unsigned axis) const;
+  // Every record owed to `board`, in axis order.
+  std::vector<Entry> OwedTo(const std::string& board) const;
+  bool Empty() const;
+
+  // The journal's text for `entries`, and back (entries it cannot read are skipped).
+  static std::string Format(const std::vector<Entry>& entries);
+  static std::vector<Entry> Parse(const std::string& text);
+
+ private:
+  bool WriteJournalLocked() const;
+  std::vector<Entry> EntriesLocked() const;
+
+  mutable std::mutex lock_;
+  std::map<std::pair<std::string, unsigned>, AxisPid> owed_;
+  std::string journal_;
+};
+
 // One sample of a run's trace, taken by the page's 20 ms tick while a test runs.
 struct TraceSample {
   double time = 0;        // seconds from the run's start
@@ -120,8 +185,11 @@ class StagePage {
   std::atomic<std::int32_t> PreviousTestPosition{0};
   std::atomic<std::uint32_t> TestAxis{5};  // 5: none since ResetPage
   std::atomic<std::uint8_t> Sampling{0};   // tick 1 feeds TestPosition while set
-  std::atomic<std::uint8_t> StopRequested{0};
-  std::atomic<std::uint8_t> CachedEStop{0};     // from the 200 ms tick
+  WakingFlag StopRequested;
+  WakingFlag CachedEStop;  // from the 200 ms tick
+  // No browser shows signs of life (see the main dialog's watch): a drive must end, and a run
+  // that begins meanwhile stops at its first look, as on a stop request.
+  WakingFlag Unwatched;
   std::atomic<std::uint32_t> VoltageChoice{0};  // 0 Standard, 1 High, 2 No Limit
   std::atomic<std::int32_t> BiasWritten{0};     // the bias of the last StoreAxisPid, for traces
   // The axis whose AxisPids entry a test thread holds right now (written by that thread), or
@@ -132,6 +200,7 @@ class StagePage {
   // its thread touches that entry.
   std::array<AxisPid, 4> AxisPids{};
   RunTrace Trace;
+  OwedRecords Owed;
 
   // --- What kind of page ---
   virtual StageTestState& TestState() const = 0;
@@ -141,9 +210,21 @@ class StagePage {
   virtual bool FirstGeneration() const = 0;
 
   // --- Tuning records; nothing is sent before the page's first ResetPage ---
-  virtual void LoadAxisPid(unsigned axis) = 0;   // board -> AxisPids[axis]
-  virtual void StoreAxisPid(unsigned axis) = 0;  // AxisPids[axis] -> board
+  virtual void LoadAxisPid(unsigned axis) = 0;  // board -> AxisPids[axis]
+  // AxisPids[axis] -> board; false when the board did not take it (the link is down, the page
+  // was never reset, or the calling thread is held to a link session that has ended).
+  virtual bool StoreAxisPid(unsigned axis) = 0;
   virtual void SyncTestedAxis(unsigned axis) = 0;
+
+  // --- The link ---
+  // The link's session: 0 while the link is down, and a new number each time it comes back.
+  virtual std::uint32_t LinkSession() = 0;
+  // Holds the calling thread's transfers to `session` (0: any): once that session has ended,
+  // they fail without reaching the board, so a run never drives an axis over a link that came
+  // back without it knowing.
+  virtual void HoldToSession(std::uint32_t /*session*/) {}
+  // The serial number of the board the link reaches now ("" when it has none or cannot say).
+  virtual std::string BoardSerial() = 0;
 
   // --- The machine, from what the page read at construction ---
   virtual std::uint16_t MotorMaximum(unsigned axis) const = 0;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <limits>
 
+#include "config/ErrorLog.h"
 #include "motion/TestTexts.h"
 #include "platform/Clock.h"
 #include "ui/MessageBox.h"
@@ -76,22 +77,49 @@ int YesNoAnswer(int answer) {
 AxisRun::AxisRun(StagePage& page, unsigned axis, std::uint32_t voltageChoice)
     : page_(page), axis_(axis), voltageChoice_(voltageChoice) {}
 
+AxisRun::~AxisRun() {
+  if (held_) Release();
+}
+
 bool AxisRun::TakeOver() {
   if (QuitRequested()) return false;
+  session_ = page_.LinkSession();
+  if (session_ == 0) return false;  // no link: the run cannot begin, and nothing is driven
+  page_.HoldToSession(session_);
+  board_ = page_.BoardSerial();
+  saved_ = page_.AxisPids[axis_];
+  restore_ = saved_;
+  // A record with every gain zero is no axis's own (a take-over record that a lost link left on
+  // the board): its bias put back would drive the axis open loop, so the hand-back writes it
+  // with no bias.
+  if (saved_.Kp == 0 && saved_.Kd == 0 && saved_.Ki == 0) restore_.Mb = 0;
+  // Owed before the first write of the take-over: from here on a loss of the link, the program
+  // or the computer leaves the record to be put back.
+  if (!page_.Owed.Owe(board_, axis_, restore_)) {
+    ErrorLog("TestRun.cpp", __LINE__)("Motion test: the axis journal could not be written\r\n");
+  }
   if (!page_.Trace.Active()) page_.Trace.Begin();
   page_.HeldAxis = axis_;
   page_.TestAxis = axis_;
+  // Nothing of another unit (the platen's count after its test) may pass for this axis's start.
+  page_.TestPosition = 0;
   page_.Sampling = 1;
   page_.StopRequested = 0;
-  saved_ = page_.AxisPids[axis_];
+  held_ = true;
   limit_ = VoltageLimit(page_.MotorMaximum(axis_), voltageChoice_);
   // All gains zero and the bias 0: the motor gets no drive until the ramp writes one.
   work_ = AxisPid{};
   work_.Dt = 1;
   work_.Kout = 65535;
   work_.Fe = 2147483647;
-  WriteBias(0);
+  if (!WriteBias(0)) {
+    // The board did not take the take-over: the run does not happen. The record stays owed, so
+    // whatever part of it reached the board is undone when the link is back.
+    Release();
+    return false;
+  }
   ShowMb(0);
+  // Not cut short by a stop: the run's start position must be a real sample.
   if (page_.TestPosition == 0) SleepMs(100);
   lastPosition_ = page_.TestPosition;
   return true;
@@ -121,26 +149,29 @@ std::int32_t AxisRun::Position() {
   return position;
 }
 
-void AxisRun::WriteBias(std::int32_t bias) {
+bool AxisRun::WriteBias(std::int32_t bias) {
   const std::int32_t clamped = std::clamp<std::int32_t>(
       bias, std::numeric_limits<std::int16_t>::min(), std::numeric_limits<std::int16_t>::max());
   work_.Mb = static_cast<std::int16_t>(clamped);
   page_.AxisPids[axis_] = work_;
   page_.BiasWritten = clamped;
-  page_.StoreAxisPid(axis_);
+  if (!page_.StoreAxisPid(axis_)) linkLost_ = true;
+  return !linkLost_;
 }
 
 void AxisRun::ShowMb(std::int32_t mb) {
   page_.SetRunningText(axis_, text::Format("MB: %d", mb));
 }
 
-void AxisRun::Drive(int direction, std::int32_t mb) {
-  WriteBias(direction == 0 ? -mb : mb);
+bool AxisRun::Drive(int direction, std::int32_t mb) {
+  if (LinkLost()) return false;
+  const bool written = WriteBias(direction == 0 ? -mb : mb);
   ShowMb(mb);
+  return written;
 }
 
 bool AxisRun::StopPending() {
-  if (page_.CachedEStop) page_.StopRequested = 1;
+  if (page_.CachedEStop || page_.Unwatched) page_.StopRequested = 1;
   return page_.StopRequested != 0;
 }
 
@@ -148,37 +179,49 @@ bool AxisRun::QuitRequested() const {
   return page_.ThreadGuard().IsQuitRequested();
 }
 
-bool AxisRun::RunRamp(const Ramp& ramp, std::int32_t reference, int direction, std::int32_t& mb) {
+bool AxisRun::LinkLost() {
+  if (!linkLost_ && page_.LinkSession() != session_) linkLost_ = true;
+  return linkLost_;
+}
+
+bool AxisRun::DriveMustEnd() {
+  return page_.StopRequested || page_.CachedEStop || page_.Unwatched || QuitRequested() ||
+         page_.LinkSession() != session_;
+}
+
+void AxisRun::Pass(std::int64_t ms) {
+  platform::Clock& clock = platform::Clock::Current();
+  std::unique_lock lock(passLock_);
+  clock.WaitUntil(lock, clock.Deadline(platform::Milliseconds(ms)),
+                  [this] { return DriveMustEnd(); });
+}
+
+RampEnd AxisRun::RunRamp(const Ramp& ramp, std::int32_t reference, int direction,
+                         std::int32_t& mb) {
   int hold = ramp.holds.start;
-  bool arrived = false;
-  bool quit = false;
-  while (mb < limit_ && !quit) {
-    Drive(direction, mb);
-    for (int pass = 0; pass < hold && !quit; ++pass) {
-      SleepMs(100);
+  while (mb < limit_) {
+    if (!Drive(direction, mb)) return RampEnd::kLinkLost;
+    for (int pass = 0; pass < hold; ++pass) {
+      Pass(100);
+      if (LinkLost()) return RampEnd::kLinkLost;
       const std::int64_t d = std::llabs(static_cast<std::int64_t>(Position()) - reference);
-      if (d > ramp.target) {
-        arrived = true;
-        break;
-      }
+      if (d > ramp.target) return RampEnd::kArrived;
       // Once the unit is seen to move, every later step is held longer.
       if (d > ramp.moving) hold = ramp.holds.moving;
-      if (StopPending()) {
-        arrived = true;
-        break;
-      }
-      quit = QuitRequested();
+      if (StopPending()) return RampEnd::kStopped;
+      if (QuitRequested()) return RampEnd::kQuit;
     }
-    if (arrived || quit) break;
     mb += kRampStep;
   }
-  return arrived;
+  return RampEnd::kLimit;
 }
 
 void AxisRun::Restore(std::int32_t mb) {
-  page_.AxisPids[axis_] = saved_;
-  page_.BiasWritten = saved_.Mb;
-  page_.StoreAxisPid(axis_);
+  page_.AxisPids[axis_] = restore_;
+  page_.BiasWritten = restore_.Mb;
+  // The page's reset may have put the record back already, in a session this run is not held
+  // to; then there is nothing left to do.
+  if (page_.Owed.Find(board_, axis_) && page_.StoreAxisPid(axis_)) page_.Owed.Paid(board_, axis_);
   ShowMb(mb);
 }
 
@@ -191,6 +234,8 @@ void AxisRun::Release() {
   page_.Sampling = 0;
   page_.TestPosition = 0;
   page_.HeldAxis = kNoAxis;
+  page_.HoldToSession(0);
+  held_ = false;
 }
 
 }  // namespace motion

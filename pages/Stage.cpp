@@ -1,5 +1,6 @@
 #include "pages/Stage.h"
 
+#include "config/ErrorLog.h"
 #include "config/Folders.h"
 #include "ui/MessageBox.h"
 #include "ui/Window.h"
@@ -17,6 +18,14 @@ constexpr const char* kBoxTitle = "TavroTest";
 // the machine image. The lock is normally held for one long read; a program that keeps it longer
 // must not freeze the window, and a zeroed image is what a failed read leaves anyway.
 constexpr std::uint32_t kImageLockMs = 10000;
+// A retry comes from a reset inside the running window, which must not stand still for long.
+constexpr std::uint32_t kImageRetryLockMs = 500;
+
+// The axis's name in the operator's words.
+const char* AxisName(unsigned axis) {
+  static const char* const kNames[] = {"X", "Y", "Z", "Zoom"};
+  return axis < 4 ? kNames[axis] : "?";
+}
 
 std::string Id(const char* stem, unsigned slot) {
   return std::string(stem) + kSlotNames[slot];
@@ -85,9 +94,12 @@ StageDlg::StageDlg(const StageForm& form, ui::Window& window, CTavroUsbServo* ow
     : CTabDlg(103, form.htmlId, owner, version), form_(form), window_(window) {
   for (auto& text : RunningText)
     text.clear();
-  ReadMachineImage();
+  ReadMachineImage(kImageLockMs);
   controller->GetAxisExtents(extents_);
   ListEvents();
+  // Records an earlier run of the program still owed its axes when it ended: they go back at
+  // the first reset, before anything reads the axes.
+  journalled_ = Owed.UseJournal(ReportFolder() + kJournalName).size();
 }
 
 StageDlg::~StageDlg() {
@@ -100,16 +112,32 @@ StageDlg::~StageDlg() {
   threadGuard_.Join();
 }
 
-void StageDlg::ReadMachineImage() {
+void StageDlg::ReadMachineImage(std::uint32_t lockMs) {
   MachineImage = EepromImage{};
   WinX::Mutex& lock = controller->AccessMutex();
-  const std::uint32_t wait = lock.Wait(kImageLockMs);
-  if (wait != WinX::kWaitObject0 && wait != WinX::kWaitAbandoned) return;
-  std::uint32_t result = 0;
-  if (!controller->GetEepromImage(MachineImage, result, true) || result != 0) {
-    MachineImage = EepromImage{};
+  const std::uint32_t wait = lock.Wait(lockMs);
+  const char* why = nullptr;
+  if (wait != WinX::kWaitObject0 && wait != WinX::kWaitAbandoned) {
+    why = "another program kept the board to itself";
+  } else {
+    std::uint32_t result = 0;
+    if (!controller->GetEepromImage(MachineImage, result, true)) {
+      why = "the board did not answer";
+    } else if (result != 0) {
+      why = "the board refused the read";
+    }
+    lock.Release();
   }
-  lock.Release();
+  imageRead_ = why == nullptr;
+  if (imageRead_) return;
+  MachineImage = EepromImage{};
+  // Without the image every motion test ends at once with its voltage warning, which would send
+  // the engineer looking for an obstruction that is not there.
+  window_.ShowBoxAsync(std::string("The machine image could not be read: ") + why +
+                           ".\r\n\r\nUntil it is read, the motion tests have no motor limit "
+                           "and stop at once with VOLTAGE LIMIT REACHED. TavroTest reads it "
+                           "again when the board next reconnects.",
+                       kBoxTitle, ui::kMbOk | ui::kMbIconStop, {});
 }
 
 void StageDlg::ListEvents() {
@@ -171,6 +199,11 @@ void StageDlg::OnCancel() {
 void StageDlg::ResetPage(const BoardVersionInfo& record) {
   Connected = true;
   versionInfo = record;
+  PidReady = 1;
+  // The board's first writes on a link that came back are the records runs owe its axes.
+  PayOwedRecords();
+  if (!imageRead_ && !firstReset_) ReadMachineImage(kImageRetryLockMs);
+  firstReset_ = false;
   Linear.fill(0);
   Rotary.fill(0);
   Index.fill(0);
@@ -192,7 +225,6 @@ void StageDlg::ResetPage(const BoardVersionInfo& record) {
     platenCountValue = "100";
   }
   Sampling = 0;
-  PidReady = 1;
   TestAxis = motion::kNoAxis;
   TestPosition = 0;
   VoltageChoice = 0;
@@ -239,13 +271,14 @@ void StageDlg::Tick20ms(const ServoStatus& status) {
   // transfer: the rotary count is the one the 200 ms tick read last. An axis's position comes
   // from this poll, not from the test's sample, which reads 0 between two runs of one test.
   motion::TraceSample sample{.time = Trace.Seconds(), .bias = BiasWritten, .linear = TestPosition};
-  if (axis < 4) {
+  // The platen first: TestAxis keeps the last axis test's axis through a platen test.
+  if (TestState().PlatenTest) {
+    sample.rotary = Rotary[kPlatenSlot];
+    sample.limit = status.PlatenLimit;
+  } else if (axis < 4) {
     sample.linear = status.LinearPosition[axis];
     sample.rotary = Rotary[axis];
     sample.limit = status.Limit[axis];
-  } else if (TestState().PlatenTest) {
-    sample.rotary = Rotary[kPlatenSlot];
-    sample.limit = status.PlatenLimit;
   }
   Trace.Append(sample);
 }
@@ -422,14 +455,61 @@ void StageDlg::DoDataExchange(DataExchange& dx) {
 // --- What the test thread calls ---
 
 void StageDlg::LoadAxisPid(unsigned axis) {
-  if (axis < 4 && PidReady)
-    controller->GetAxisPid(static_cast<std::uint16_t>(axis), AxisPids[axis]);
+  if (axis >= 4 || !PidReady) return;
+  AxisPid read;
+  if (!controller->GetAxisPid(static_cast<std::uint16_t>(axis), read)) return;
+  // A record with every gain zero is a take-over record that a lost link left on the board, not
+  // the axis's own: the page keeps the record it knew. (With none known it has nothing better;
+  // a run then hands the axis back without its bias.)
+  const AxisPid& known = AxisPids[axis];
+  const bool takeOver = read.Kp == 0 && read.Kd == 0 && read.Ki == 0;
+  if (takeOver && (known.Kp != 0 || known.Kd != 0 || known.Ki != 0)) return;
+  AxisPids[axis] = read;
 }
 
-void StageDlg::StoreAxisPid(unsigned axis) {
-  if (axis >= 4 || !PidReady) return;
+bool StageDlg::StoreAxisPid(unsigned axis) {
+  if (axis >= 4 || !PidReady) return false;
   BiasWritten = AxisPids[axis].Mb;
-  controller->SetAxisPid(static_cast<std::uint16_t>(axis), AxisPids[axis]);
+  return WriteAxisPid(axis, AxisPids[axis]);
+}
+
+bool StageDlg::WriteAxisPid(unsigned axis, const AxisPid& record) {
+  return controller->SetAxisPid(static_cast<std::uint16_t>(axis), record);
+}
+
+std::string StageDlg::BoardSerial() {
+  const std::uint32_t session = LinkSession();
+  std::lock_guard lock(serialLock_);
+  if (session != 0 && session != serialSession_) {
+    BoardIdentity identity;
+    if (controller->ReadBoardIdentity(identity)) {
+      serial_ = identity.serialNumber;
+      serialSession_ = session;
+    }
+  }
+  return serial_;
+}
+
+void StageDlg::PayOwedRecords() {
+  if (Owed.Empty()) return;
+  const std::string board = BoardSerial();
+  std::string paid;
+  for (const motion::OwedRecords::Entry& e : Owed.OwedTo(board)) {
+    if (!WriteAxisPid(e.axis, e.record)) return;  // down again: owed until the next reset
+    controller->SyncAxis(static_cast<std::uint16_t>(e.axis));
+    Owed.Paid(board, e.axis);
+    paid += std::string(paid.empty() ? "" : ", ") + AxisName(e.axis);
+  }
+  if (journalled_ == 0 || paid.empty()) return;
+  journalled_ = 0;
+  ErrorLog("Stage.cpp", __LINE__)("Motion test journal: %s handed back at start\r\n", paid.c_str());
+  window_.ShowBoxAsync(
+      "The last run of TavroTest ended during a motion test, before it could "
+      "hand the axis back. Axis " +
+          paid +
+          " now has its own settings again.\r\n\r\nCheck that the stage "
+          "stands where it should before you go on.",
+      kBoxTitle, ui::kMbOk, {});
 }
 
 void StageDlg::SyncTestedAxis(unsigned axis) {

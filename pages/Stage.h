@@ -66,8 +66,11 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   motion::TestThreadGuard& ThreadGuard() override { return threadGuard_; }
   bool FirstGeneration() const override { return form_.firstGeneration; }
   void LoadAxisPid(unsigned axis) override;
-  void StoreAxisPid(unsigned axis) override;
+  bool StoreAxisPid(unsigned axis) override;
   void SyncTestedAxis(unsigned axis) override;
+  std::uint32_t LinkSession() override { return controller->LinkSession(); }
+  void HoldToSession(std::uint32_t session) override { CTavroUsb::HoldToSession(session); }
+  std::string BoardSerial() override;
   std::uint16_t MotorMaximum(unsigned axis) const override;
   std::int32_t CountsPerMm(unsigned axis) const override;
   const AxisExtents& Extents() const override { return extents_; }
@@ -82,8 +85,12 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   std::string PlatenCountText() const override;
   void ReportFiled(const std::string& path) override;
 
+  // Where the page keeps the records that runs still owe their axes (in the program's folder).
+  static constexpr const char* kJournalName = "TavroTest.journal";
+
   // What tests look at.
   const EepromImage& Image() const { return MachineImage; }
+  bool ImageRead() const { return imageRead_; }
   std::int32_t RotaryOf(unsigned slot) const { return Rotary[slot]; }
 
  protected:
@@ -91,7 +98,16 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   void AddChannels() override;
 
  private:
-  void ReadMachineImage();
+  // Reads the machine image under the board's mutex, waiting at most `lockMs` for it. On a
+  // failure the image stays zeroed and a box says so; the next reset tries again.
+  void ReadMachineImage(std::uint32_t lockMs);
+  // Writes `record` to the axis; false when the board did not take it.
+  bool WriteAxisPid(unsigned axis, const AxisPid& record);
+  // Puts back, first thing after the link comes up, every record runs still owe this board's
+  // axes; says so when they came from the journal of an earlier run.
+  void PayOwedRecords();
+  // Reads the axis's record from the board into AxisPids, unless it is a take-over record.
+  void LoadOwnRecord(unsigned axis);
   // The poll's fields, on the poll's tick.
   void RecordStatus(const ServoStatus& status);
   // The test's start and end marks, and its bias on the 20 ms tick.
@@ -126,6 +142,14 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   std::uint8_t FirstSleepRefresh = 1;
   std::uint8_t CachedRunning = 0;
   std::string platenCountValue;  // PlatenCount as the page last pushed or read it
+  bool imageRead_ = false;       // the machine image was read; false: zeroed, retried on reset
+  bool firstReset_ = true;
+  // Records found in the journal at construction: an earlier run ended before handing back.
+  std::size_t journalled_ = 0;
+  // The board's serial number in the link session it was read in (serialLock_).
+  std::mutex serialLock_;
+  std::uint32_t serialSession_ = 0;
+  std::string serial_;
 
   // The texts a test thread writes while the UI thread shows them.
   mutable std::mutex textLock_;

@@ -4,140 +4,15 @@
 // Each report (and the trace beside it) is checked against what the simulated machine did.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
-#include <atomic>
-#include <cstdlib>
-#include <deque>
-#include <fstream>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "app/CTavroTestDlg.h"
-#include "pages/Stage.h"
-#include "platform/Files.h"
-#include "platform/WindowProbe.h"
-#include "tests/pages/PageFixture.h"
-#include "tests/support/TempDirs.h"
-#include "util/Text.h"
+#include "tests/integration/MotionRig.h"
 
 namespace {
 
-using namespace testing_support;
-using nlohmann::json;
-using std::chrono::milliseconds;
-using std::chrono::seconds;
-
-// A person at a browser: every box and start dialog the window opens is answered at once by
-// `answer` (OK with the Standard voltage limit, Yes to every question, unless told otherwise).
-class Operator final : public ui::Connection {
- public:
-  struct Shown {
-    std::string kind;  // "box" or "choice"
-    std::string text;  // a box's text, a choice's texts joined
-    std::string buttons;
-  };
-  // The result to give and, for a choice, the radio picked.
-  using Script = std::function<std::pair<int, int>(const Shown&)>;
-
-  explicit Operator(ui::Window& window) : window_(window) {}
-
-  void Connect() {
-    id_ = window_.Attach(std::shared_ptr<Operator>(this, [](Operator*) {}));
-    Send(json{{"t", "loaded"}, {"page", 1}});
-    Send(json{{"t", "shown"}, {"page", 1}});
-  }
-  void Send(const json& message) { window_.Receive(id_, message.dump()); }
-  void SetScript(Script script) {
-    std::lock_guard lock(mutex_);
-    script_ = std::move(script);
-  }
-  std::vector<Shown> Dialogs() {
-    std::lock_guard lock(mutex_);
-    return shown_;
-  }
-
-  // On the UI thread, from the window's flush.
-  void Send(std::shared_ptr<const std::string> message) override {
-    const json m = json::parse(*message);
-    if (m["t"] != "dialog" || m["kind"] == "window") return;
-    Shown s{m["kind"], "", m.value("buttons", "")};
-    if (s.kind == "box") {
-      s.text = m["text"];
-    } else {
-      for (const auto& t : m["texts"])
-        s.text += t.get<std::string>();
-    }
-    std::pair<int, int> answer;
-    {
-      std::lock_guard lock(mutex_);
-      shown_.push_back(s);
-      answer = script_ ? script_(s) : Default(s);
-    }
-    Send(json{
-        {"t", "answer"}, {"dialog", m["id"]}, {"result", answer.first}, {"choice", answer.second}});
-  }
-
-  static std::pair<int, int> Default(const Shown& s) {
-    return {s.buttons == "yesno" ? ui::kIdYes : ui::kIdOk, 0};
-  }
-
- private:
-  ui::Window& window_;
-  ui::Window::ClientId id_ = 0;
-  std::mutex mutex_;
-  Script script_;
-  std::vector<Shown> shown_;
-};
-
-// A report as text (all of it ASCII), and the numbers that follow a label in it, in order.
-std::string ReadReport(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream all;
-  all << in.rdbuf();
-  const std::string bytes = all.str();
-  if (bytes.size() < 2 || bytes[0] != '\xFF' || bytes[1] != '\xFE') return {};
-  std::u16string wide;
-  for (std::size_t i = 2; i + 1 < bytes.size(); i += 2) {
-    wide.push_back(static_cast<char16_t>(static_cast<unsigned char>(bytes[i]) |
-                                         static_cast<unsigned char>(bytes[i + 1]) << 8));
-  }
-  return text::ToUtf8(wide);
-}
-
-std::vector<long> NumbersAfter(const std::string& body, const std::string& label) {
-  std::vector<long> out;
-  for (std::size_t at = body.find(label); at != std::string::npos; at = body.find(label, at + 1)) {
-    out.push_back(std::strtol(body.c_str() + at + label.size(), nullptr, 10));
-  }
-  return out;
-}
-
-struct TraceRow {
-  double time;
-  long bias, linear, rotary, limit;
-};
-
-std::vector<TraceRow> ReadTrace(const std::string& path) {
-  std::ifstream in(path);
-  std::string line;
-  std::vector<TraceRow> rows;
-  if (!std::getline(in, line)) return rows;  // the header
-  while (std::getline(in, line)) {
-    TraceRow r{};
-    char comma;
-    std::istringstream fields(line);
-    fields >> r.time >> comma >> r.bias >> comma >> r.linear >> comma >> r.rotary >> comma >>
-        r.limit;
-    if (fields) rows.push_back(r);
-  }
-  return rows;
-}
+using namespace motion_rig;
 
 // What differs between the two families the tests run on.
 struct Family {
@@ -154,94 +29,9 @@ const Family kAutoVision{"autovision", 0, "X", 4000.0 / 5 / 2000, true, false, f
 // The first generation's Z starts its positive run from the axis's own bias.
 const Family kServo{"servo", 2, "Z", 4000.0 / 2 / 2500, false, true, true};
 
-class MotionAgainstSimulator : public PageFixture, public ::testing::WithParamInterface<Family> {
+class MotionAgainstSimulator : public MotionRig, public ::testing::WithParamInterface<Family> {
  protected:
-  void SetUp() override {
-    platform::SetProgramFolder(reports_.Path());
-    platform::SetWindowProbe([](const std::string&) { return false; });
-    Start(GetParam().profile);
-    ui::SetMessageBoxPresenter(&window);  // the boxes go to the window, as in the program
-    dlg = std::make_unique<CTavroTestDlg>(window, loop, &Servo(), version_);
-    // The loop's first task runs once the modal run has made its pages and started its timers.
-    std::atomic<bool> created{false};
-    loop.Post([&] { created = true; });
-    ui = platform::ParticipantThread([this] { dlg->DoModal(); });
-    ASSERT_TRUE(Wait([&] { return created.load(); }, seconds(30)));
-    op.Connect();
-    ASSERT_TRUE(Wait([&] { return Page().PageReady && Page().Connected; }, seconds(1)));
-    // The operator looks at the page for a moment before clicking: its 200 ms tick has read
-    // the machine (the platen's switches among it).
-    clock.SleepFor(milliseconds(400));
-  }
-  void TearDown() override {
-    loop.Quit(ui::kIdCancel);
-    platform::Join(ui);
-    dlg.reset();
-    ui::SetMessageBoxPresenter(nullptr);
-    platform::SetProgramFolder("");
-    platform::SetWindowProbe(nullptr);
-    motion::AutoVisionTestState().Reset();
-    motion::FirstGenerationTestState().Reset();
-  }
-
-  StageDlg& Page() { return dynamic_cast<StageDlg&>(*dlg->Page(1)); }
-  motion::StageTestState& State() { return Page().TestState(); }
-  void Click(const std::string& id) {
-    op.Send(json{{"t", "event"}, {"page", 1}, {"id", id}, {"kind", "click"}});
-  }
-  void Type(const std::string& id, const std::string& value) {
-    op.Send(json{{"t", "event"}, {"page", 1}, {"id", id}, {"kind", "change"}, {"value", value}});
-  }
-  // Sleeps in steps of 20 ms of machine time until `done` holds; false after `limit`.
-  bool Wait(const std::function<bool()>& done, platform::Duration limit) {
-    const auto end = clock.Now() + limit;
-    while (!done()) {
-      if (clock.Now() >= end) return false;
-      clock.SleepFor(milliseconds(20));
-    }
-    return true;
-  }
-  // Clicks a test button and waits for the test to end; `during` runs every 20 ms meanwhile.
-  bool RunTest(const std::string& button, platform::Duration limit = seconds(300),
-               const std::function<void()>& during = {}) {
-    const std::size_t asked = op.Dialogs().size();
-    Click(button);
-    if (!Wait([&] { return State().Running || op.Dialogs().size() > asked; }, seconds(1)))
-      return false;
-    return Wait(
-        [&] {
-          if (during) during();
-          return !State().Running;
-        },
-        limit);
-  }
-  // The simulated machine's own word on an axis: "counts", "pos", "moving", "limit", ...
-  std::string SimField(const std::string& axis, const std::string& field) {
-    const std::string line = board_->Command("axis " + axis);
-    const auto at = line.find(" " + field + "=");
-    if (at == std::string::npos) return "?";
-    const auto from = at + field.size() + 2;
-    return line.substr(from, line.find(' ', from) - from);
-  }
-  double Sim(const std::string& axis, const std::string& field) {
-    return std::strtod(SimField(axis, field).c_str(), nullptr);
-  }
-  std::string Report(const std::string& name) { return ReadReport(reports_ / name); }
-  // Every stage axis is back under its own tuning: no motor is left driven open loop.
-  void ExpectEveryAxisHandedBack() {
-    for (std::uint16_t axis = 0; axis < 4; ++axis) {
-      AxisPid pid;
-      ASSERT_TRUE(Servo().GetAxisPid(axis, pid));
-      EXPECT_TRUE(pid.Kp != 0 || pid.Ki != 0 || pid.Kd != 0) << "axis " << axis;
-    }
-  }
-
-  ScratchDir reports_;
-  platform::TaskLoop loop;
-  ui::Window window{loop};
-  Operator op{window};
-  std::unique_ptr<CTavroTestDlg> dlg;
-  std::thread ui;
+  void SetUp() override { Open(GetParam().profile); }
 };
 
 TEST_P(MotionAgainstSimulator, AxisTestMovesAboutTenMillimetresEachWayAsTheReportAndTraceSay) {
@@ -319,28 +109,56 @@ TEST_P(MotionAgainstSimulator, AnEStopMidRampEndsEachRunAsAManualStop) {
   ExpectEveryAxisHandedBack();
 }
 
-// The board goes away while the bias climbs: the position the test sees freezes, so the ramp
-// climbs on to its limit and the operator is warned; the window goes on (the UI thread never
-// waits for the test) and the test still ends with its report.
-TEST_P(MotionAgainstSimulator, ALinkLostMidRampClimbsToTheLimitAndWarns) {
+// The board goes away while the bias climbs and comes back a second later. The drive ends with
+// the loss (no write after it drives harder), the run that would begin while the board is away
+// does not, and the first thing the board gets on the new link is the axis's own record.
+TEST_P(MotionAgainstSimulator, ALinkLostMidRampEndsTheDriveAndTheAxisGetsItsOwnRecordBack) {
   const Family& f = GetParam();
   const std::string axis = f.letter == std::string("X") ? "x" : "z";
+  const sim::AxisTuning own = Tuning(f.axis);
+  ASSERT_FALSE(own.OpenLoop());
+  int biasAtLoss = 0;
   bool unplugged = false;
   ASSERT_TRUE(RunTest(std::string(f.letter) + "AxisTest", seconds(600), [&] {
     if (!unplugged && Sim(axis, "moving") == 1) {
       unplugged = true;
+      biasAtLoss = std::abs(Tuning(f.axis).mb);
       Control("unplug");
     }
   }));
   ASSERT_TRUE(unplugged);
-  const auto shown = op.Dialogs();
-  EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [](const Operator::Shown& s) {
-    return s.text.find("VOLTAGE LIMIT REACHED") != std::string::npos;
-  })) << "the operator is warned";
+  EXPECT_LE(std::abs(Tuning(f.axis).mb), biasAtLoss) << "nothing drove harder after the loss";
+  Wait([] { return false; }, seconds(1));
+  Control("replug");
+  // The reconnection comes within a second; its first write is the record the run saved.
+  bool openLoopAfterReplug = false;
+  EXPECT_TRUE(Wait(
+      [&] {
+        const sim::AxisTuning t = Tuning(f.axis);
+        openLoopAfterReplug |= t.OpenLoop() && std::abs(t.mb) > biasAtLoss;
+        return !t.OpenLoop();
+      },
+      milliseconds(1500)));
+  EXPECT_FALSE(openLoopAfterReplug);
+  EXPECT_EQ(Tuning(f.axis).kp, own.kp);
+  EXPECT_EQ(Tuning(f.axis).mb, own.mb);
+  EXPECT_TRUE(Page().Owed.Empty());
+
   const std::string body = Report(std::string("AxisTest_") + f.letter + "_0.dat");
   ASSERT_FALSE(body.empty());
-  EXPECT_NE(body.find("VOLTAGE LIMIT"), std::string::npos) << body;
-  Control("replug");
+  EXPECT_EQ(body.find("VOLTAGE LIMIT"), std::string::npos) << body;
+  // The negative run ended where the link went; the positive one never began.
+  const auto volts = NumbersAfter(body, "Starting Voltage: ");
+  ASSERT_EQ(volts.size(), 2u);
+  EXPECT_NEAR(volts[0], biasAtLoss, 250);
+  EXPECT_EQ(volts[1], 0);
+  EXPECT_NE(body.find("(+)\r\n Linear Encoder Positions\r\n                    Initial: 0\r\n"),
+            std::string::npos)
+      << body;
+  const auto shown = op.Dialogs();
+  EXPECT_FALSE(std::any_of(shown.begin(), shown.end(), [](const Operator::Shown& s) {
+    return s.text.find("VOLTAGE LIMIT REACHED") != std::string::npos;
+  }));
 }
 
 TEST_P(MotionAgainstSimulator, LimitTestFindsTheSwitchesWhereTheExtentsPutThemAndCentres) {
@@ -363,11 +181,6 @@ TEST_P(MotionAgainstSimulator, LimitTestFindsTheSwitchesWhereTheExtentsPutThemAn
   EXPECT_NEAR(limits[3] - limits[2], (positive - negative) * 4000.0 / 5 / k, 40);
   for (long v : NumbersAfter(body, "Min: "))
     EXPECT_GT(v, 200) << "moving voltages";
-  {
-    std::string keep = reports_ / "LimitTest_Y_0.csv";
-    std::system(("cp '" + keep + "' /tmp/limit_servo.csv").c_str());
-    std::fprintf(stderr, "REPORT %s\n", body.c_str());
-  }
   // Centred: back near the middle of the travel, with its own tuning in force.
   EXPECT_NEAR(Sim("y", "counts"), (negative + positive) / 2.0, 10.0 * k);
   EXPECT_EQ(SimField("y", "limit"), "none");

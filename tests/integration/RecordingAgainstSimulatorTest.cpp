@@ -54,6 +54,8 @@ class Operator final : public ui::Connection {
   void Click(int page, const std::string& id) {
     Send(json{{"t", "event"}, {"page", page}, {"id", id}, {"kind", "click"}});
   }
+  // A sign of life, as the shell's script sends twice a second: a motion test stops without.
+  void Beat() { Send(json{{"t", "beat"}}); }
   void Send(std::shared_ptr<const std::string> message) override {
     const json m = json::parse(*message);
     if (m["t"] != "dialog" || m["kind"] == "window") return;
@@ -130,6 +132,7 @@ class RecordingAgainstSimulator : public PageFixture {
     const auto end = clock.Now() + limit;
     while (!done()) {
       if (clock.Now() >= end) return false;
+      op.Beat();
       clock.SleepFor(milliseconds(20));
     }
     return true;

@@ -77,13 +77,11 @@ class FakeStagePage : public motion::StagePage {
     std::lock_guard lock(mutex_);
     AxisPids[axis] = board_[axis];
   }
-  void StoreAxisPid(unsigned axis) override {
-    std::lock_guard lock(mutex_);
-    board_[axis] = AxisPids[axis];
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-        platform::Clock::Current().Now().time_since_epoch());
-    stores_.push_back({axis, AxisPids[axis], ms.count()});
-  }
+  bool StoreAxisPid(unsigned axis) override { return Write(axis, AxisPids[axis]); }
+  std::uint32_t LinkSession() override { return frozen_ ? 0 : session_.load(); }
+  // As the channel does: a thread held to a session that has ended reaches no board.
+  void HoldToSession(std::uint32_t session) override { HeldSession() = session; }
+  std::string BoardSerial() override { return "FAKE-1"; }
   void SyncTestedAxis(unsigned axis) override {
     std::lock_guard lock(mutex_);
     syncs_.push_back(axis);
@@ -164,8 +162,14 @@ class FakeStagePage : public motion::StagePage {
   void SetBoardPid(unsigned axis, const AxisPid& pid) { board_[axis] = AxisPids[axis] = pid; }
   void SetFolder(const std::string& folder) { folder_ = folder; }
 
-  // As ResetPage does after a reconnection.
+  // The link comes back in a new session (it was down while `frozen_`), and the page resets as
+  // ResetPage does: the records runs owe go back first, then the others are read.
   void Reconnect() {
+    frozen_ = false;
+    ++session_;
+    for (const motion::OwedRecords::Entry& e : Owed.OwedTo(BoardSerial())) {
+      if (Write(e.axis, e.record, /*held=*/false)) Owed.Paid(e.board, e.axis);
+    }
     Sampling = 0;
     TestAxis = motion::kNoAxis;
     TestPosition = 0;
@@ -227,6 +231,23 @@ class FakeStagePage : public motion::StagePage {
   std::int32_t AxisPosition(unsigned axis) {
     std::lock_guard lock(mutex_);
     return axes_[axis].position;
+  }
+
+  // A write as the board sees it: refused while the link is down, or for a thread held to an
+  // ended session (`held` false: the page's own write, which is never held).
+  bool Write(unsigned axis, const AxisPid& pid, bool held = true) {
+    std::lock_guard lock(mutex_);
+    if (frozen_) return false;
+    if (held && HeldSession() != 0 && HeldSession() != session_) return false;
+    board_[axis] = pid;
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+        platform::Clock::Current().Now().time_since_epoch());
+    stores_.push_back({axis, pid, ms.count()});
+    return true;
+  }
+  static std::uint32_t& HeldSession() {
+    thread_local std::uint32_t held = 0;
+    return held;
   }
 
   // Set-up fields the test may change before a run.
@@ -353,6 +374,7 @@ class FakeStagePage : public motion::StagePage {
   int platenTicksLeft_ = 0;
   int arrivals_ = 0;
   std::atomic<bool> stop_{false};
+  std::atomic<std::uint32_t> session_{1};
   std::thread ticks_;
 };
 

@@ -1,0 +1,280 @@
+// The motion tests end to end: the real main dialog with its Stage page, timers and test threads,
+// the simulated board's machine underneath, all in virtual time. An operator connected as a
+// browser answers the start dialogs and boxes over the window's protocol, types into the page,
+// and shows signs of life as the shell's script does.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/CTavroTestDlg.h"
+#include "pages/Stage.h"
+#include "platform/Files.h"
+#include "platform/WindowProbe.h"
+#include "sim/Board.h"
+#include "tests/pages/PageFixture.h"
+#include "tests/support/TempDirs.h"
+#include "util/Text.h"
+
+namespace motion_rig {
+
+using nlohmann::json;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// A person at a browser: every box and start dialog the window opens is answered at once by the
+// script (OK with the Standard voltage limit, Yes to every question, unless told otherwise), or
+// left standing when the script says so (result 0).
+class Operator final : public ui::Connection {
+ public:
+  struct Shown {
+    int id = 0;
+    std::string kind;  // "box" or "choice"
+    std::string text;  // a box's text, a choice's texts joined
+    std::string buttons;
+  };
+  // The result to give and, for a choice, the radio picked; a result of 0 leaves it open.
+  using Script = std::function<std::pair<int, int>(const Shown&)>;
+
+  explicit Operator(ui::Window& window) : window_(window) {}
+
+  void Connect() {
+    id_ = window_.Attach(std::shared_ptr<Operator>(this, [](Operator*) {}));
+    Send(json{{"t", "loaded"}, {"page", 1}});
+    Send(json{{"t", "shown"}, {"page", 1}});
+  }
+  // The tab goes: its connection closes.
+  void Disconnect() {
+    window_.Detach(id_);
+    id_ = 0;
+  }
+  bool Connected() const { return id_ != 0; }
+  void Send(const json& message) {
+    if (id_ != 0) window_.Receive(id_, message.dump());
+  }
+  // A sign of life, as the shell's script sends twice a second. A page that hangs sends none.
+  void Beat() {
+    if (alive) Send(json{{"t", "beat"}});
+  }
+  void Answer(int dialog, int result, int choice = 0) {
+    Send(json{{"t", "answer"}, {"dialog", dialog}, {"result", result}, {"choice", choice}});
+  }
+  void SetScript(Script script) {
+    std::lock_guard lock(mutex_);
+    script_ = std::move(script);
+  }
+  std::vector<Shown> Dialogs() {
+    std::lock_guard lock(mutex_);
+    return shown_;
+  }
+  // The dialogs opened and not yet closed.
+  std::vector<Shown> Open() {
+    std::lock_guard lock(mutex_);
+    return open_;
+  }
+
+  // On the UI thread, from the window's flush.
+  void Send(std::shared_ptr<const std::string> message) override {
+    const json m = json::parse(*message);
+    if (m["t"] == "closeDialog") {
+      std::lock_guard lock(mutex_);
+      std::erase_if(open_, [&](const Shown& s) { return s.id == m["id"].get<int>(); });
+      return;
+    }
+    if (m["t"] != "dialog" || m["kind"] == "window") return;
+    Shown s{m["id"], m["kind"], "", m.value("buttons", "")};
+    if (s.kind == "box") {
+      s.text = m["text"];
+    } else {
+      for (const auto& t : m["texts"])
+        s.text += t.get<std::string>();
+    }
+    std::pair<int, int> answer;
+    {
+      std::lock_guard lock(mutex_);
+      shown_.push_back(s);
+      open_.push_back(s);
+      answer = script_ ? script_(s) : Default(s);
+    }
+    if (answer.first != 0) Answer(s.id, answer.first, answer.second);
+  }
+
+  static std::pair<int, int> Default(const Shown& s) {
+    return {s.buttons == "yesno" ? ui::kIdYes : ui::kIdOk, 0};
+  }
+
+  std::atomic<bool> alive{true};
+
+ private:
+  ui::Window& window_;
+  ui::Window::ClientId id_ = 0;
+  std::mutex mutex_;
+  Script script_;
+  std::vector<Shown> shown_;
+  std::vector<Shown> open_;
+};
+
+// A report as text (all of it ASCII), and the numbers that follow a label in it, in order.
+inline std::string ReadReport(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream all;
+  all << in.rdbuf();
+  const std::string bytes = all.str();
+  if (bytes.size() < 2 || bytes[0] != '\xFF' || bytes[1] != '\xFE') return {};
+  std::u16string wide;
+  for (std::size_t i = 2; i + 1 < bytes.size(); i += 2) {
+    wide.push_back(static_cast<char16_t>(static_cast<unsigned char>(bytes[i]) |
+                                         static_cast<unsigned char>(bytes[i + 1]) << 8));
+  }
+  return text::ToUtf8(wide);
+}
+
+inline std::vector<long> NumbersAfter(const std::string& body, const std::string& label) {
+  std::vector<long> out;
+  for (std::size_t at = body.find(label); at != std::string::npos; at = body.find(label, at + 1)) {
+    out.push_back(std::strtol(body.c_str() + at + label.size(), nullptr, 10));
+  }
+  return out;
+}
+
+struct TraceRow {
+  double time;
+  long bias, linear, rotary, limit;
+};
+
+inline std::vector<TraceRow> ReadTrace(const std::string& path) {
+  std::ifstream in(path);
+  std::string line;
+  std::vector<TraceRow> rows;
+  if (!std::getline(in, line)) return rows;  // the header
+  while (std::getline(in, line)) {
+    TraceRow r{};
+    char comma;
+    std::istringstream fields(line);
+    fields >> r.time >> comma >> r.bias >> comma >> r.linear >> comma >> r.rotary >> comma >>
+        r.limit;
+    if (fields) rows.push_back(r);
+  }
+  return rows;
+}
+
+// The real dialog on a simulated board of a profile, run modally on its own UI thread.
+class MotionRig : public testing_support::PageFixture {
+ protected:
+  void Open(const std::string& profile) {
+    platform::SetProgramFolder(reports_.Path());
+    platform::SetWindowProbe([](const std::string&) { return false; });
+    Start(profile);
+    ui::SetMessageBoxPresenter(&window);  // the boxes go to the window, as in the program
+    dlg = std::make_unique<CTavroTestDlg>(window, loop, &Servo(), version_);
+    // The loop's first task runs once the modal run has made its pages and started its timers.
+    std::atomic<bool> created{false};
+    loop.Post([&] { created = true; });
+    ui = platform::ParticipantThread([this] { dlg->DoModal(); });
+    ASSERT_TRUE(Wait([&] { return created.load(); }, seconds(30)));
+    op.Connect();
+    ASSERT_TRUE(Wait([&] { return Page().PageReady && Page().Connected; }, seconds(1)));
+    // The operator looks at the page for a moment before clicking: its 200 ms tick has read
+    // the machine (the platen's switches among it).
+    Wait([] { return false; }, milliseconds(400));
+  }
+  // The modal run ends as the window's Close ends it; returns once the pages are gone.
+  void CloseProgram() {
+    loop.Quit(ui::kIdCancel);
+    platform::Join(ui);
+    dlg.reset();
+  }
+  void TearDown() override {
+    if (ui.joinable()) CloseProgram();
+    dlg.reset();
+    ui::SetMessageBoxPresenter(nullptr);
+    platform::SetProgramFolder("");
+    platform::SetWindowProbe(nullptr);
+    motion::AutoVisionTestState().Reset();
+    motion::FirstGenerationTestState().Reset();
+  }
+
+  StageDlg& Page() { return dynamic_cast<StageDlg&>(*dlg->Page(1)); }
+  motion::StageTestState& State() { return Page().TestState(); }
+  void Click(const std::string& id) {
+    op.Send(json{{"t", "event"}, {"page", 1}, {"id", id}, {"kind", "click"}});
+  }
+  void Type(const std::string& id, const std::string& value) {
+    op.Send(json{{"t", "event"}, {"page", 1}, {"id", id}, {"kind", "change"}, {"value", value}});
+  }
+  // Sleeps in steps of 20 ms of machine time until `done` holds; false after `limit`. The
+  // operator shows signs of life meanwhile, and `each` runs at every step.
+  bool Wait(const std::function<bool()>& done, platform::Duration limit) {
+    const auto end = clock.Now() + limit;
+    while (!done()) {
+      if (clock.Now() >= end) return false;
+      op.Beat();
+      if (each) each();
+      clock.SleepFor(milliseconds(20));
+    }
+    return true;
+  }
+  // Clicks a test button and waits for the test to end; `during` runs every 20 ms meanwhile.
+  bool RunTest(const std::string& button, platform::Duration limit = seconds(300),
+               const std::function<void()>& during = {}) {
+    const std::size_t asked = op.Dialogs().size();
+    Click(button);
+    if (!Wait([&] { return State().Running || op.Dialogs().size() > asked; }, seconds(1)))
+      return false;
+    return Wait(
+        [&] {
+          if (during) during();
+          return !State().Running;
+        },
+        limit);
+  }
+  // The simulated machine's own word on an axis: "counts", "pos", "moving", "limit", ...
+  std::string SimField(const std::string& axis, const std::string& field) {
+    const std::string line = board_->Command("axis " + axis);
+    const auto at = line.find(" " + field + "=");
+    if (at == std::string::npos) return "?";
+    const auto from = at + field.size() + 2;
+    return line.substr(from, line.find(' ', from) - from);
+  }
+  double Sim(const std::string& axis, const std::string& field) {
+    return std::strtod(SimField(axis, field).c_str(), nullptr);
+  }
+  // The tuning record the board holds for a stage axis, whatever the link does.
+  sim::AxisTuning Tuning(unsigned axis) {
+    sim::AxisTuning tuning;
+    board_->AtMachine([&](sim::Board& b) {
+      tuning = b.machine().axes[axis].tuning;
+      return std::string();
+    });
+    return tuning;
+  }
+  std::string Report(const std::string& name) { return ReadReport(reports_ / name); }
+  // Every stage axis is back under its own tuning: no motor is left driven open loop.
+  void ExpectEveryAxisHandedBack() {
+    for (unsigned axis = 0; axis < 4; ++axis) {
+      EXPECT_FALSE(Tuning(axis).OpenLoop()) << "axis " << axis;
+    }
+  }
+
+  testing_support::ScratchDir reports_;
+  platform::TaskLoop loop;
+  ui::Window window{loop};
+  Operator op{window};
+  std::unique_ptr<CTavroTestDlg> dlg;
+  std::thread ui;
+  std::function<void()> each;  // runs at every step of Wait
+};
+
+}  // namespace motion_rig

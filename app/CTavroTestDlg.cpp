@@ -1,5 +1,7 @@
 #include "app/CTavroTestDlg.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 
 #include "link/CTavroUsbManualVision.h"
@@ -114,6 +116,7 @@ bool CTavroTestDlgBase::OnInitDialog() {
   });
 
   SetTitleSuffix(kConnected);
+  WarnOfOpenReportFolder();
   for (const TimerPeriod& t : kTimers) {
     if (!loop.SetTimer(t.id, platform::Milliseconds(t.milliseconds),
                        [this](unsigned id) { OnTimer(id); })) {
@@ -159,6 +162,18 @@ void CTavroTestDlgBase::OnTimer(unsigned id) {
   }
   if (pages[0]) RunBanner();
   if (id == 3) WatchRunningTest();
+}
+
+// Reports go to the program's folder. One that other users may write lets them replace or delete
+// reports (what TavroTest itself writes there is safe: it only ever creates new files).
+void CTavroTestDlgBase::WarnOfOpenReportFolder() {
+  const std::string folder = platform::ProgramFolder();
+  struct stat st {};
+  if (::stat(folder.c_str(), &st) != 0 || (st.st_mode & (S_IWGRP | S_IWOTH)) == 0) return;
+  window.ShowBoxAsync("Other users can write to the folder that test reports go to:\r\n" + folder +
+                          "\r\n\r\nThey can replace or delete the reports there. Let only "
+                          "its owner write to it (chmod go-w).",
+                      "TavroTest", ui::kMbOk, {});
 }
 
 motion::StagePage* CTavroTestDlgBase::StageTests() const {

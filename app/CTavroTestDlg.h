@@ -115,6 +115,8 @@ class CTavroTestDlgBase {
   // On the 200 ms tick: the title bar's STOP control follows the running test, and a test that
   // holds an axis is stopped once no browser has watched it for a second.
   void WatchRunningTest();
+  // A box when the folder reports go to is open to other users' writes.
+  void WarnOfOpenReportFolder();
 
   std::string baseTitle = "TavroTest";  // the template's caption
   bool connected = true;

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -46,6 +47,34 @@ std::string WithSeparator(const std::string& folder) {
   return folder + "/";
 }
 
+// Creates `path` as a new plain file of mode 0644: -1 with errno when the name is taken (by a
+// file, a link, a FIFO), or the file cannot be made. O_NONBLOCK and the check after are for a
+// file system that would hand back something else than what O_CREAT | O_EXCL made.
+int CreateNew(const std::string& path) {
+  const int fd =
+      ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  if (fd < 0) return -1;
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || ::fchmod(fd, 0644) != 0) {
+    const int error = errno != 0 ? errno : EINVAL;
+    ::close(fd);
+    errno = error;
+    return -1;
+  }
+  return fd;
+}
+
+// Removes the file this program just made through `fd`, and nothing that stands in its place.
+void RemoveOwn(int fd, const std::string& path) {
+  struct stat mine {};
+  struct stat there {};
+  if (::fstat(fd, &mine) == 0 && ::lstat(path.c_str(), &there) == 0 &&
+      mine.st_ino == there.st_ino && mine.st_dev == there.st_dev) {
+    ::unlink(path.c_str());
+  }
+  ::close(fd);
+}
+
 }  // namespace
 
 std::string AxisReportPrefix(unsigned axis) {
@@ -56,24 +85,43 @@ std::string LimitReportPrefix(unsigned axis) {
   return "LimitTest_" + AxisLetter(axis) + "_";
 }
 
-ReportOutcome WriteReportFile(const std::string& folder, const std::string& prefix,
-                              const std::string& body) {
+ReportOutcome WriteReportFiles(const std::string& folder, const std::string& prefix,
+                               const std::string& body, const std::vector<TraceSample>& trace) {
   const std::string base = WithSeparator(folder) + prefix;
   ReportOutcome outcome;
-  int fd = -1;
-  // The first number with no file; there is no upper bound, and an existing file is never opened.
+  int dat = -1;
+  int csv = -1;
+  std::string csvPath;
+  // The first number whose two names are free; there is no upper bound.
   for (unsigned long long n = 0;; ++n) {
     outcome.path = base + std::to_string(n) + ".dat";
-    fd = ::open(outcome.path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (fd >= 0 || errno != EEXIST) break;
-  }
-  if (fd < 0) {
-    outcome.reason = std::strerror(errno);
+    csvPath = base + std::to_string(n) + ".csv";
+    dat = CreateNew(outcome.path);
+    if (dat < 0 && errno == EEXIST) continue;
+    if (dat < 0) {
+      outcome.failedPath = outcome.path;
+      outcome.reason = std::strerror(errno);
+      return outcome;
+    }
+    csv = CreateNew(csvPath);
+    if (csv >= 0) break;
+    const int error = errno;
+    RemoveOwn(dat, outcome.path);
+    if (error == EEXIST) continue;
+    outcome.failedPath = csvPath;
+    outcome.reason = std::strerror(error);
     return outcome;
   }
   std::string bytes = "\xFF\xFE";
   text::AppendUtf16Le(bytes, text::ToUtf16(body));
-  outcome.written = FinishFile(fd, outcome.path, bytes, outcome.reason);
+  outcome.written = FinishFile(dat, outcome.path, bytes, outcome.reason);
+  if (!outcome.written) {
+    outcome.failedPath = outcome.path;
+    RemoveOwn(csv, csvPath);
+    return outcome;
+  }
+  outcome.traceWritten = FinishFile(csv, csvPath, TraceCsv(trace), outcome.reason);
+  if (!outcome.traceWritten) outcome.failedPath = csvPath;
   return outcome;
 }
 
@@ -87,35 +135,14 @@ std::string TraceCsv(const std::vector<TraceSample>& samples) {
   return csv;
 }
 
-bool WriteTraceFile(const std::string& reportPath, const std::vector<TraceSample>& samples,
-                    std::string& reason) {
-  std::string path = reportPath;
-  if (path.size() >= 4 && path.compare(path.size() - 4, 4, ".dat") == 0)
-    path.resize(path.size() - 4);
-  path += ".csv";
-  // The name belongs to the report just created; a file left there by an earlier report of the
-  // same name that was deleted since is replaced. A link there is not followed.
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666);
-  if (fd < 0) {
-    reason = std::strerror(errno);
-    return false;
-  }
-  return FinishFile(fd, path, TraceCsv(samples), reason);
-}
-
 void FileReport(StagePage& page, const std::string& prefix, const std::string& body) {
-  const ReportOutcome report = WriteReportFile(page.ReportFolder(), prefix, body);
-  if (report.written) page.ReportFiled(report.path);
   const std::vector<TraceSample> samples = page.Trace.Take();
   page.Trace.End();
-  std::string failedPath = report.path;
-  std::string reason = report.reason;
-  if (report.written && !WriteTraceFile(report.path, samples, reason)) {
-    failedPath = report.path.substr(0, report.path.size() - 4) + ".csv";
-  } else if (report.written) {
-    return;
-  }
-  page.Ask(texts::Get(texts::kReportNotWritten) + failedPath + ":\r\n" + reason, ui::kMbOk);
+  const ReportOutcome report = WriteReportFiles(page.ReportFolder(), prefix, body, samples);
+  if (report.written) page.ReportFiled(report.path);
+  if (report.traceWritten) return;
+  page.Ask(texts::Get(texts::kReportNotWritten) + report.failedPath + ":\r\n" + report.reason,
+           ui::kMbOk);
 }
 
 }  // namespace motion

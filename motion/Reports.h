@@ -17,23 +17,26 @@ inline constexpr const char* kZoomReportPrefix = "AxisTest_Zoom_";
 inline constexpr const char* kPlatenReportPrefix = "PlatenTest_";
 
 struct ReportOutcome {
-  bool written = false;
-  std::string path;    // the file written, or the one that could not be
-  std::string reason;  // why not, when not written
+  bool written = false;       // the report (.dat) stands
+  bool traceWritten = false;  // and its trace (.csv) beside it
+  std::string path;           // the report written, or the one that could not be
+  std::string failedPath;     // the file that could not be written, when one could not
+  std::string reason;         // why not
 };
 
-// Creates <folder><prefix><N>.dat for the first N with no such file and writes the UTF-8 body
-// there as UTF-16LE after the mark FF FE. The file is created exclusively, so a report that
-// appears meanwhile (another program, another test) is never overwritten: its number is skipped.
-// A file that cannot be written whole is removed again.
-ReportOutcome WriteReportFile(const std::string& folder, const std::string& prefix,
-                              const std::string& body);
+// Writes <folder><prefix><N>.dat, the UTF-8 body as UTF-16LE after the mark FF FE, and beside it
+// <folder><prefix><N>.csv with the trace, for the first N at which neither name is taken.
+//
+// The folder may be one other users can write, and the program runs as root, so both names are
+// reserved by creating them new: never an existing file (a report that appeared meanwhile keeps
+// its content and its number is skipped), never through a link, never a FIFO or other special
+// file, and mode 0644 whatever the umask. A report that cannot be written whole is removed
+// again, with its trace; a trace that cannot be written leaves the report standing.
+ReportOutcome WriteReportFiles(const std::string& folder, const std::string& prefix,
+                               const std::string& body, const std::vector<TraceSample>& trace);
 
 // The trace as CSV: the header, then one row per sample with the time in seconds to 3 decimals.
 std::string TraceCsv(const std::vector<TraceSample>& samples);
-// <report path without .dat>.csv; false with the reason when it could not be written.
-bool WriteTraceFile(const std::string& reportPath, const std::vector<TraceSample>& samples,
-                    std::string& reason);
 
 // What a test does with its report: writes it and the page's trace beside it, and ends the
 // trace. A failure does not end the test: an OK box names the file and the reason.

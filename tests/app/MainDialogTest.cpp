@@ -1,5 +1,7 @@
 // The main dialogs against the simulated board, in virtual time: the order of ticks, the link's
 // two states and the reconnection, the banner, sleep, and the ends of the modal run.
+#include <sys/stat.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,8 +14,10 @@
 #include "pages/Pendant.h"
 #include "pages/Probes.h"
 #include "pages/Readings.h"
+#include "platform/Files.h"
 #include "platform/WindowProbe.h"
 #include "tests/pages/PageFixture.h"
+#include "tests/support/TempDirs.h"
 
 namespace {
 
@@ -302,6 +306,26 @@ TEST_F(MainDialogTest, TheModalRunEndsOnTheWindowsCloseAndTheAboutBoxComesFromTh
   dlg.OnSysCommand(0xF060);  // Close: not the dialog's business here
   dlg.OnSysCommand(kSysCommandAbout | 0x3);
   EXPECT_EQ(::testing::internal::GetCapturedStderr(), "About TavroTest: TavroTest, Version 1.0\n");
+}
+
+// Reports go to the program's folder. One that other users can write is told once, at the start;
+// one only its owner writes is not.
+TEST_F(MainDialogTest, AReportFolderOthersCanWriteIsToldAtTheStart) {
+  Start("autovision");
+  ScratchDir folder;
+  platform::SetProgramFolder(folder.Path());
+  for (const mode_t mode : {0755, 0775, 0757}) {
+    ASSERT_EQ(::chmod(folder.Path().c_str(), mode), 0);
+    TestDlg dlg(window, loop, &Servo(), version_, 1, log);
+    ::testing::internal::CaptureStderr();
+    Open(dlg);
+    const std::string told = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(told.find("Other users can write to the folder that test reports go to"),
+              mode == 0755 ? std::string::npos : std::string("TavroTest: ").size())
+        << std::oct << mode << ": " << told;
+    dlg.OnDestroy();
+  }
+  platform::SetProgramFolder("");
 }
 
 }  // namespace

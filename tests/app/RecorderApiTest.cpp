@@ -127,14 +127,12 @@ TEST_F(RecorderApiTest, ChannelsAndEventsAreValidJsonWithScriptsKindNames) {
 }
 
 TEST_F(RecorderApiTest, AReportFileIsItsBytesAndALinkInItsPlaceIsNotFollowed) {
-  const motion::ReportOutcome report =
-      motion::WriteReportFile(folder.Path() + "/", "AxisTest_X_", "Axis: X\r\nTest\r\n");
-  ASSERT_TRUE(report.written) << report.reason;
-  std::string reason;
   std::vector<motion::TraceSample> samples(20000, {.bias = 250, .linear = 7});
   for (std::size_t i = 0; i < samples.size(); ++i)
     samples[i].time = 0.02 * static_cast<double>(i);
-  ASSERT_TRUE(motion::WriteTraceFile(report.path, samples, reason));
+  const motion::ReportOutcome report =
+      motion::WriteReportFiles(folder.Path() + "/", "AxisTest_X_", "Axis: X\r\nTest\r\n", samples);
+  ASSERT_TRUE(report.traceWritten) << report.reason;
 
   Reply dat = Ask("/report-file", "name=AxisTest_X_0&ext=dat&token=t");
   EXPECT_EQ(dat.status, 200);

@@ -1,5 +1,8 @@
 // The shared layer: who may start a test, the voltage limit, the start dialogs, report files and
 // traces, the thread guard, and the string table behind the texts.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <fstream>
 
 #include "motion/Reports.h"
@@ -200,7 +203,8 @@ TEST_F(ReportFiles, NumbersSkipNothingAndReuseNothing) {
   std::ofstream(dir_ / "AxisTest_X_2.dat") << "old";
   std::vector<std::string> names;
   for (int i = 0; i < 3; ++i) {
-    const motion::ReportOutcome r = motion::WriteReportFile(dir_.Path(), "AxisTest_X_", "a\r\n");
+    const motion::ReportOutcome r =
+        motion::WriteReportFiles(dir_.Path(), "AxisTest_X_", "a\r\n", {});
     ASSERT_TRUE(r.written) << r.reason;
     names.push_back(r.path.substr(dir_.Path().size() + 1));
   }
@@ -210,9 +214,39 @@ TEST_F(ReportFiles, NumbersSkipNothingAndReuseNothing) {
   EXPECT_EQ(ReadFile(dir_ / "AxisTest_X_2.dat"), "old");
 }
 
+// The folder may be one that other users write, and the program runs as root. Whatever stands
+// at a report's or a trace's name is left as it is and the number skipped: a FIFO (opening it
+// would block the test thread until someone reads the trace), a link (to a file or to nowhere),
+// another user's file. The files made are new, plain and 0644 whatever the umask.
+TEST_F(ReportFiles, WhatOthersPlantedAtTheNextNamesIsSkippedUntouched) {
+  ASSERT_EQ(::mkfifo((dir_ / "AxisTest_X_0.csv").c_str(), 0666), 0);
+  std::ofstream(dir_ / "AxisTest_X_1.dat") << "theirs";
+  std::ofstream(dir_ / "victim") << "precious";
+  ASSERT_EQ(::symlink((dir_ / "victim").c_str(), (dir_ / "AxisTest_X_2.csv").c_str()), 0);
+  ASSERT_EQ(::symlink((dir_ / "nowhere").c_str(), (dir_ / "AxisTest_X_3.dat").c_str()), 0);
+  const mode_t umask = ::umask(0);
+  const motion::ReportOutcome r =
+      motion::WriteReportFiles(dir_.Path(), "AxisTest_X_", "a\r\n", {{.time = 0.02}});
+  ::umask(umask);
+  ASSERT_TRUE(r.traceWritten) << r.reason;
+  EXPECT_EQ(r.path, dir_ / "AxisTest_X_4.dat");
+  struct stat st {};
+  ASSERT_EQ(::lstat((dir_ / "AxisTest_X_0.csv").c_str(), &st), 0);
+  EXPECT_TRUE(S_ISFIFO(st.st_mode));
+  EXPECT_FALSE(Exists("AxisTest_X_0.dat")) << "the half of a pair that was taken goes again";
+  EXPECT_EQ(ReadFile(dir_ / "AxisTest_X_1.dat"), "theirs");
+  EXPECT_EQ(ReadFile(dir_ / "victim"), "precious");
+  EXPECT_FALSE(Exists("nowhere"));
+  for (const char* made : {"AxisTest_X_4.dat", "AxisTest_X_4.csv"}) {
+    ASSERT_EQ(::lstat((dir_ / made).c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode)) << made;
+    EXPECT_EQ(st.st_mode & 07777, 0644u) << made;
+  }
+}
+
 TEST_F(ReportFiles, Utf16LittleEndianWithMark) {
   const motion::ReportOutcome r =
-      motion::WriteReportFile(dir_.Path() + "/", "PlatenTest_", "A\r\n\xC3\xA9");
+      motion::WriteReportFiles(dir_.Path() + "/", "PlatenTest_", "A\r\n\xC3\xA9", {});
   ASSERT_TRUE(r.written);
   EXPECT_EQ(r.path, dir_ / "PlatenTest_0.dat");
   EXPECT_EQ(ReadFile(r.path), std::string("\xFF\xFE"

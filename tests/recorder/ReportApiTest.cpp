@@ -36,13 +36,14 @@ class ReportApi : public ::testing::Test {
   // Writes a report (and its trace) as a test does; returns its base, its times set to `time`.
   std::string Write(const std::string& prefix, const std::string& body, std::int64_t time,
                     const std::vector<motion::TraceSample>& trace = {}) {
-    const motion::ReportOutcome out = motion::WriteReportFile(folder_, prefix, body);
-    EXPECT_TRUE(out.written) << out.reason;
+    const motion::ReportOutcome out = motion::WriteReportFiles(folder_, prefix, body, trace);
+    EXPECT_TRUE(out.traceWritten) << out.reason;
     const std::string stem = out.path.substr(0, out.path.size() - 4);
-    std::string reason;
     SetTime(out.path, time);
-    if (!trace.empty()) {
-      EXPECT_TRUE(motion::WriteTraceFile(out.path, trace, reason)) << reason;
+    // No trace: a report whose trace was taken away.
+    if (trace.empty()) {
+      std::filesystem::remove(stem + ".csv");
+    } else {
       SetTime(stem + ".csv", time);
     }
     return stem.substr(stem.rfind('/') + 1);

@@ -28,12 +28,10 @@ class ReportFiles : public ::testing::Test {
 
   std::string Write(const std::string& prefix, const std::string& body,
                     const std::vector<motion::TraceSample>& trace = {}) {
-    const motion::ReportOutcome out = motion::WriteReportFile(folder_, prefix, body);
-    EXPECT_TRUE(out.written) << out.reason;
-    std::string reason;
-    if (!trace.empty()) {
-      EXPECT_TRUE(motion::WriteTraceFile(out.path, trace, reason)) << reason;
-    }
+    const motion::ReportOutcome out = motion::WriteReportFiles(folder_, prefix, body, trace);
+    EXPECT_TRUE(out.traceWritten) << out.reason;
+    // No trace: a report whose trace was taken away.
+    if (trace.empty()) std::filesystem::remove(out.path.substr(0, out.path.size() - 4) + ".csv");
     return out.path;
   }
   static void SetTime(const std::string& path, std::int64_t seconds) {

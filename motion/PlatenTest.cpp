@@ -23,19 +23,22 @@ bool QuitRequested(const TestParams& p) {
   return p.guard->IsQuitRequested();
 }
 
-void SingleMove(const TestParams& p) {
-  if (QuitRequested(p)) return;
+// A single move; false when the board did not take the command (the link is down), and then
+// nothing is waited for.
+bool SingleMove(const TestParams& p) {
+  if (QuitRequested(p)) return true;
   StagePage& page = *p.page;
   StageTestState& state = page.TestState();
   const bool open = state.PlatenClosed != 0;
   page.SetPlatenStatusText(texts::Get(open ? texts::kOpening : texts::kClosing));
-  page.MovePlaten(open);
+  if (!page.MovePlaten(open)) return false;
   SleepMs(kMoveWaitMs);
   const auto& reached = open ? state.PlatenOpen : state.PlatenClosed;
   // A move that does not arrive has no consequence: the test goes on, the toggle just ends.
   for (int pass = 0; pass < (open ? kOpenPasses : kClosePasses) && !reached; ++pass) {
     SleepMs(kPollMs);
   }
+  return true;
 }
 
 // Waits for the end switch of a cycle's move: false when the pass counter ran past `passes`.
@@ -53,8 +56,11 @@ bool StopBetweenMoves(const TestParams& p) {
   return p.page->StopRequested != 0 || QuitRequested(p);
 }
 
-void RunCycles(const TestParams& p, std::vector<PlatenSample>& samples, PlatenTestSummary& s) {
-  if (QuitRequested(p)) return;
+// The cycles; false when a move did not reach the board (the link went), which ends them: the
+// cycles from there on did not happen, and a time-out of a move never sent is no failure of the
+// platen.
+bool RunCycles(const TestParams& p, std::vector<PlatenSample>& samples, PlatenTestSummary& s) {
+  if (QuitRequested(p)) return true;
   StagePage& page = *p.page;
   StageTestState& state = page.TestState();
   if (!page.Trace.Active()) page.Trace.Begin();
@@ -68,7 +74,7 @@ void RunCycles(const TestParams& p, std::vector<PlatenSample>& samples, PlatenTe
       }
       break;
     }
-    page.MovePlaten(true);
+    if (!page.MovePlaten(true)) return false;
     SleepMs(kMoveWaitMs);
     if (!WaitForEnd(state.PlatenOpen, kOpenPasses)) {
       s.OpenFailedInCycle = i;
@@ -80,7 +86,7 @@ void RunCycles(const TestParams& p, std::vector<PlatenSample>& samples, PlatenTe
       if (s.OpenFailedInCycle == s.CloseFailedInCycle) s.StoppedInCycle = i;
       break;
     }
-    page.MovePlaten(false);
+    if (!page.MovePlaten(false)) return false;
     SleepMs(kMoveWaitMs);
     if (!WaitForEnd(state.PlatenClosed, kClosePasses)) {
       s.CloseFailedInCycle = i;
@@ -90,6 +96,7 @@ void RunCycles(const TestParams& p, std::vector<PlatenSample>& samples, PlatenTe
     samples[static_cast<std::size_t>(i)].Closed = page.TestPosition;
   }
   page.StopRequested = 0;
+  return true;
 }
 
 std::string Extremes(const PlatenTestSummary& s, bool closedMeasured) {
@@ -125,10 +132,14 @@ void RunPrompted(const TestParams& p, std::vector<PlatenSample>& samples) {
     p.guard->ClearThread();
     return;
   }
-  // The cycles start from the closed end.
-  if (!state.PlatenClosed) SingleMove(p);
-  RunCycles(p, samples, s);
+  // The cycles start from the closed end. Without the link the test ends there and files
+  // nothing (the window tells that the board is gone).
+  const bool ran = (state.PlatenClosed || SingleMove(p)) && RunCycles(p, samples, s);
   p.guard->ClearThread();
+  if (!ran) {
+    page.StopRequested = 0;
+    return;
+  }
   if (s.StoppedAfterCycle == -2) {
     page.Ask(texts::Get(texts::kPlatenCanceled), ui::kMbOk);
     return;

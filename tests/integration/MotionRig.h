@@ -215,16 +215,16 @@ class MotionRig : public testing_support::PageFixture {
     op.Send(json{{"t", "event"}, {"page", 1}, {"id", id}, {"kind", "change"}, {"value", value}});
   }
   // Sleeps in steps of 20 ms of machine time until `done` holds; false after `limit`. The
-  // operator shows signs of life meanwhile, and `each` runs at every step.
+  // operator shows signs of life meanwhile, and `each` runs at every step (the last included).
   bool Wait(const std::function<bool()>& done, platform::Duration limit) {
     const auto end = clock.Now() + limit;
-    while (!done()) {
+    for (;;) {
+      if (each) each();
+      if (done()) return true;
       if (clock.Now() >= end) return false;
       op.Beat();
-      if (each) each();
       clock.SleepFor(milliseconds(20));
     }
-    return true;
   }
   // Clicks a test button and waits for the test to end; `during` runs every 20 ms meanwhile.
   bool RunTest(const std::string& button, platform::Duration limit = seconds(300),

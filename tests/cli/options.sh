@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The programs' command lines, and the manual pages that describe them: a page must follow its
-# program, or it tells of options that are not there.
+# The programs' command lines, and the texts that describe them: the manual pages and the
+# package's version must follow the programs, or the package ships a page that lies.
 # usage: options.sh TAVROTEST TAVROSIM VERSION SOURCE_DIR
 set -uo pipefail
 TAVROTEST=$1 TAVROSIM=$2 VERSION=$3 SRC=$4
@@ -60,6 +60,11 @@ for row in "${refused[@]}"; do
   [[ $STATUS == 2 && -z $OUT && $ERR == *"usage: $(basename "$program")"* ]] ||
     fail "$(basename "$program") '${row#*|}': status $STATUS, out '$OUT', err '$ERR'"
 done
+
+# The package carries the version of the programs in it.
+changelog=$(sed -n '1s/^tavrotest (\([^)]*\)).*/\1/p' "$SRC/debian/changelog")
+checks=$((checks + 1))
+[[ $changelog == "$VERSION" ]] || fail "debian/changelog is at '$changelog', the programs at $VERSION"
 
 echo "$((checks - failures)) passed, $failures failed"
 ((failures == 0))

@@ -64,7 +64,8 @@ done
 # The package carries the version of the programs in it.
 changelog=$(sed -n '1s/^tavrotest (\([^)]*\)).*/\1/p' "$SRC/debian/changelog")
 checks=$((checks + 1))
-[[ $changelog == "$VERSION" ]] || fail "debian/changelog is at '$changelog', the programs at $VERSION"
+[[ $changelog == "$VERSION" ]] ||
+  fail "debian/changelog is at '$changelog', the programs at $VERSION"
 
 echo "$((checks - failures)) passed, $failures failed"
 ((failures == 0))

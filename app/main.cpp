@@ -2,6 +2,7 @@
 // call. Signals are taken first, before any other thread exists, so that SIGINT and SIGTERM end
 // the run the way the window's Close does.
 #include <cstdio>
+#include <cstring>
 #include <memory>
 
 #include "app/BrowserOpener.h"
@@ -16,7 +17,45 @@
 #include "ui/Window.h"
 #include "util/MessageWindow.h"
 
-int main() {
+namespace {
+
+constexpr const char* kUsage = "usage: tavrotest [--version | --help]\n";
+
+// TavroTest takes no arguments; only these two questions are answered, each on its own, and the
+// program ends. Anything else ends it with status 2 before a port is taken or a file touched.
+// Returns the exit status, or -1 to run.
+int AnswerCommandLine(int argc, char** argv) {
+  if (argc <= 1) return -1;
+  const bool version = std::strcmp(argv[1], "--version") == 0;
+  const bool help = std::strcmp(argv[1], "--help") == 0;
+  if (argc > 2 || (!version && !help)) {
+    std::fprintf(stderr, "tavrotest: unexpected argument '%s'\n%s", argv[version || help ? 2 : 1],
+                 kUsage);
+    return 2;
+  }
+  if (version) {
+    std::printf("tavrotest %s\n", TAVRO_PRODUCT_VERSION);
+    return 0;
+  }
+  std::printf(
+      "%s\n"
+      "The service and diagnostic tool of the video measuring machines. Run as root; it prints\n"
+      "the address of its window (a local web page on 127.0.0.1) and opens it in the browser\n"
+      "of a desktop session. Motion test reports go to the folder of the program file.\n"
+      "\n"
+      "  --version  print the version and end\n"
+      "  --help     print this text and end\n"
+      "\n"
+      "Environment: TAVRO_DEVICE_DIR (the device folder, else /run/hnusb), TAVROTEST_PORT (the\n"
+      "window's port, else 7570). See tavrotest(1).\n",
+      kUsage);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (const int status = AnswerCommandLine(argc, argv); status >= 0) return status;
   platform::TaskLoop loop;
   ui::StopSignals signals(loop, ui::kIdCancel);
   ui::Window window(loop);

@@ -22,7 +22,15 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: tavrosim [--profile NAME] [--dir DIR] [--entry class1:N|class2:N|HnUsbaN|HnUsbbN]\n"
-    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS]\n";
+    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS]\n"
+    "       tavrosim --version\n";
+
+// `--version` answers alone, before the other arguments are looked at.
+bool AnswerVersion(int argc, char** argv) {
+  if (argc != 2 || std::strcmp(argv[1], "--version") != 0) return false;
+  std::printf("tavrosim %s\n", TAVRO_PRODUCT_VERSION);
+  return true;
+}
 
 struct Arguments {
   sim::SimulatorOptions options;
@@ -139,6 +147,7 @@ int Run(sim::Simulator& simulator, bool stdinControl, int signals) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (AnswerVersion(argc, argv)) return 0;
   Arguments args;
   if (const int code = ParseArguments(argc, argv, args); code != 0) return code;
   if (args.help) {

@@ -248,6 +248,36 @@ TEST_P(MotionAgainstSimulator, PlatenCyclesAreCountedAndAStuckPlatenFailsItsCycl
   Control("platen free");
 }
 
+// A platen move feeds the platen's count into the page's test position. The next axis test must
+// start from its own axis's position, and a platen test after an axis test traces the platen.
+TEST_P(MotionAgainstSimulator, APlatenMoveAndAnAxisTestLeaveNothingOfThemselvesToTheOther) {
+  const Family& f = GetParam();
+  if (!f.platen) GTEST_SKIP() << "no platen on this machine";
+  ASSERT_TRUE(RunTest("PlatenToggle"));
+  ASSERT_EQ(SimField("platen", "limit"), "high") << "the toggle opened the platen";
+  EXPECT_EQ(Page().TestPosition, 0) << "0 between runs";
+
+  const double zCounts = Sim("z", "counts");
+  ASSERT_TRUE(RunTest("ZAxisTest"));
+  const auto initial = NumbersAfter(Report("AxisTest_Z_0.dat"), "Initial: ");
+  ASSERT_GE(initial.size(), 1u);
+  EXPECT_NEAR(initial[0], zCounts, 5) << "not the platen's count";
+
+  Type("PlatenCount", "1");
+  ASSERT_TRUE(RunTest("PlatenTest"));
+  const auto rows = ReadTrace(reports_ / "PlatenTest_0.csv");
+  ASSERT_FALSE(rows.empty());
+  long widest = 0;
+  bool sawOpen = false, sawClosed = false;
+  for (const TraceRow& row : rows) {
+    widest = std::max(widest, row.rotary);
+    sawOpen |= row.limit > 0;
+    sawClosed |= row.limit < 0;
+  }
+  EXPECT_NEAR(widest, 80 * 500, 50) << "the platen's encoder, open at 80 mm";
+  EXPECT_TRUE(sawOpen && sawClosed) << "the platen's switches";
+}
+
 TEST_P(MotionAgainstSimulator, TheZoomTestRunsOnlyWhereThePageHasIt) {
   const Family& f = GetParam();
   if (!f.zoomTest) {
@@ -274,6 +304,63 @@ TEST_P(MotionAgainstSimulator, TheZoomTestRunsOnlyWhereThePageHasIt) {
         d.text.find("the NEGATIVE (lower magnification) direction.") != std::string::npos;
   EXPECT_TRUE(askedNegative);
   ExpectEveryAxisHandedBack();
+}
+
+// The program (or the computer) died while a test held an axis: the board still drives it open
+// loop. The journal beside the program names the record the run saved; the next start writes it
+// before anything reads the axis, says so, and the journal goes. A record owed to another board
+// stays for that board.
+class StartAfterACrash : public MotionRig {};
+
+TEST_F(StartAfterACrash, TheJournalsRecordGoesBackFirstAndTheOperatorIsTold) {
+  AxisPid own{};
+  Open("autovision", [&] {
+    ASSERT_TRUE(Servo().GetAxisPid(0, own));
+    // What the crash left: the take-over record on the board, the saved one in the journal.
+    ASSERT_TRUE(
+        Servo().SetAxisPid(0, AxisPid{.Fe = 2147483647, .Dt = 1, .Kout = 65535, .Mb = -1500}));
+    motion::OwedRecords journal;
+    journal.UseJournal(reports_ / StageDlg::kJournalName);
+    ASSERT_TRUE(journal.Owe("AV3-24-01187", 0, own));
+    ASSERT_TRUE(journal.Owe("SV-07-00412", 1, own));  // another machine's
+  });
+  const sim::AxisTuning x = Tuning(0);
+  EXPECT_FALSE(x.OpenLoop());
+  EXPECT_EQ(x.kp, own.Kp);
+  EXPECT_EQ(x.mb, own.Mb);
+  EXPECT_EQ(Page().AxisPids[0], own) << "the page reads the axis's own record, not the take-over";
+  const auto shown = op.Dialogs();
+  EXPECT_TRUE(std::any_of(shown.begin(), shown.end(), [](const Operator::Shown& s) {
+    return s.text.find("ended during a motion test") != std::string::npos &&
+           s.text.find("Axis X now has its own settings again.") != std::string::npos;
+  }));
+  const auto logged = log.Messages();
+  EXPECT_TRUE(std::any_of(logged.begin(), logged.end(), [](const std::string& m) {
+    return m.find("Motion test journal: X handed back at start") != std::string::npos;
+  }));
+  motion::OwedRecords left;
+  const auto entries = left.UseJournal(reports_ / StageDlg::kJournalName);
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].board, "SV-07-00412");
+}
+
+// While a run holds its axis, the journal names the record it will put back; once the axis is
+// handed back the journal is gone.
+TEST_F(StartAfterACrash, TheJournalHoldsTheSavedRecordJustWhileTheAxisIsTakenOver) {
+  Open("autovision");
+  const std::string journal = reports_ / StageDlg::kJournalName;
+  const sim::AxisTuning own = Tuning(0);
+  bool seenWhileDriven = false;
+  ASSERT_TRUE(RunTest("XAxisTest", seconds(300), [&] {
+    if (Tuning(0).OpenLoop()) {
+      motion::OwedRecords look;
+      const auto entries = look.UseJournal(journal);
+      seenWhileDriven |= entries.size() == 1 && entries[0].axis == 0 &&
+                         entries[0].record.Kp == own.kp && entries[0].record.Mb == own.mb;
+    }
+  }));
+  EXPECT_TRUE(seenWhileDriven);
+  EXPECT_FALSE(platform::FileExists(journal));
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, MotionAgainstSimulator, ::testing::Values(kAutoVision, kServo),

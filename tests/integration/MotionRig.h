@@ -173,10 +173,12 @@ inline std::vector<TraceRow> ReadTrace(const std::string& path) {
 // The real dialog on a simulated board of a profile, run modally on its own UI thread.
 class MotionRig : public testing_support::PageFixture {
  protected:
-  void Open(const std::string& profile) {
+  // `beforeDialog` runs once the board is up and before the dialog is made.
+  void Open(const std::string& profile, const std::function<void()>& beforeDialog = {}) {
     platform::SetProgramFolder(reports_.Path());
     platform::SetWindowProbe([](const std::string&) { return false; });
     Start(profile);
+    if (beforeDialog) beforeDialog();
     ui::SetMessageBoxPresenter(&window);  // the boxes go to the window, as in the program
     dlg = std::make_unique<CTavroTestDlg>(window, loop, &Servo(), version_);
     // The loop's first task runs once the modal run has made its pages and started its timers.

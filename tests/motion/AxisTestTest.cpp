@@ -1,6 +1,9 @@
 // The axis test and the zoom test against the fake page: the ramp, the phases with the
 // operator's answers, stops, cancels, the report and its trace, and the sound rules for a missing
 // scale, a reconnection and the page's end.
+#include <filesystem>
+#include <functional>
+
 #include "motion/TestTexts.h"
 #include "motion/Tests.h"
 #include "tests/motion/FakeStagePage.h"
@@ -62,6 +65,58 @@ TEST_F(AxisRamp, StuckAxisStepsByHoldsUpToTheLimit) {
     // The saved record is back on the board and the axis synchronised after the run.
     EXPECT_EQ(page.BoardPid(0).Kp, 100);
     EXPECT_EQ(page.Syncs(), std::vector<unsigned>{0});
+  }
+}
+
+// A stop, an e-stop, a browser gone silent or a lost link in the middle of a 100 ms pass hands
+// the axis back at once, not at the pass's end; the run's outcome stays a stop.
+TEST_F(AxisRamp, WhatEndsADriveHandsTheAxisBackWithinThePass) {
+  struct Case {
+    const char* what;
+    std::function<void(FakeStagePage&)> end;
+    bool manual;
+  };
+  const Case cases[] = {
+      {"stop", [](FakeStagePage& p) { p.StopRequested = 1; }, true},
+      {"e-stop", [](FakeStagePage& p) { p.CachedEStop = 1; }, true},
+      {"no browser", [](FakeStagePage& p) { p.Unwatched = 1; }, true},
+      {"quit", [](FakeStagePage& p) { p.ThreadGuard().RequestQuit(); }, false},
+  };
+  for (const Case& c : cases) {
+    FakeStagePage& page = MakePage();
+    page.SetAxis(0, {.deadBand = 30000});
+    page.Answer({ui::kIdYes, ui::kIdCancel});
+    std::int64_t endedAt = -1;
+    std::int64_t stepSeen = -1;
+    page.onTick = [&](FakeStagePage& p) {
+      // 60 ms into the pass that follows the store of the third step.
+      const std::vector<int> biases = p.Biases(0);
+      if (endedAt >= 0 || biases.size() != 3 || biases.back() != -500) return;
+      const std::int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   platform::Clock::Current().Now().time_since_epoch())
+                                   .count();
+      if (stepSeen < 0) stepSeen = now;
+      if (now - stepSeen < 60) return;
+      c.end(p);
+      endedAt = now;
+    };
+    Run(page, TestButton::kXAxis);
+    ASSERT_GE(endedAt, 0) << c.what;
+    std::int64_t handedBack = -1;
+    for (const Store& st : page.Stores()) {
+      if (st.axis == 0 && st.pid.Kp != 0 && handedBack < 0) handedBack = st.ms;
+    }
+    EXPECT_EQ(handedBack, endedAt) << c.what;
+    EXPECT_EQ(page.Biases(0).back(), -500) << c.what << ": no step after it";
+    const std::string block = Block(Report("AxisTest_X_0.dat"), 0);
+    EXPECT_NE(block.find(c.manual ? "Manually Stopped: Yes" : "Manually Stopped: No"),
+              std::string::npos)
+        << c.what << "\n"
+        << block;
+    pages_.clear();
+    std::filesystem::remove(dir_ / "AxisTest_X_0.dat");
+    std::filesystem::remove(dir_ / "AxisTest_X_0.csv");
+    motion::AutoVisionTestState().Reset();
   }
 }
 

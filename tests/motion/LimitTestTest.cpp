@@ -200,6 +200,9 @@ TEST_F(LimitTest, QuitEndsTheSeekAndSkipsTheRest) {
   EXPECT_EQ(page.Syncs().size(), 1u);
   EXPECT_EQ(page.BoardPid(0).Kp, 100);
   EXPECT_FALSE(page.TestState().Running);
+  // The positive seek and the centering never happened: no report says they did.
+  EXPECT_FALSE(Exists("LimitTest_X_0.dat"));
+  EXPECT_TRUE(page.BoxTexts().empty());
 }
 
 TEST(LimitTexts, ReportWithAndWithoutItsOptionalLines) {

@@ -17,14 +17,14 @@ before(async () => { browser = await launchBrowser({ width: 1000, height: 700 })
 after(async () => { if (browser) await browser.close(); });
 
 // A session on the Stage tab, TavroTest running from a copy in a scratch folder of its own.
-async function withStage(profile, body) {
+async function withStage(profile, body, setUp = []) {
   const folder = mkdtempSync(join(tmpdir(), 'tavro-program-'));
   const program = join(folder, 'tavrotest');
   copyFileSync(process.env.TAVROTEST, program);
   try {
-    await withSession(browser, { profile, program, tab: STAGE }, async ({ page }) => {
+    await withSession(browser, { profile, program, tab: STAGE, setUp }, async ({ page, board, app }) => {
       await field(page, STAGE, 'EStop').waitFor();
-      await body({ page, folder });
+      await body({ page, folder, board, app });
     });
   } finally {
     rmSync(folder, { recursive: true, force: true });
@@ -98,4 +98,78 @@ test('a platen test runs the count typed into the page and reports each cycle',
     assert.ok(boxes.some((b) => b.includes(' The Platen test will run 2 ')), boxes.join('\n'));
     assert.ok(boxes.some((b) => b.includes('Platen test completed cycle 2')), boxes.join('\n'));
     await eventually(() => field(page, STAGE, 'PlatenStatus').inputValue(), 'Ready', 5000);
+  }));
+
+// The last tuning record the board took for axis `axis`, as hex, from its log of recent transfers
+// (a SetAxisPid packet: code 0x73, the axis, then the record). A take-over record carries the
+// largest following error, 7fffffff; an axis's own record does not.
+async function lastRecordOf(board, axis) {
+  const answer = await board.control('recent 0x73');
+  const mine = answer.split(' ').slice(1).map((t) => t.split(':')[2])
+    .filter((bytes) => bytes.slice(2, 4) === axis.toString(16).padStart(2, '0'));
+  return mine.at(-1) || '';
+}
+const handedBack = async (board) => !(await lastRecordOf(board, 0)).includes('7fffffff');
+
+// Waits until the X axis test drives: its running text shows a bias of at least 500.
+async function startDrivingX(page, limit = 'Standard') {
+  await field(page, STAGE, 'XAxisTest').click();
+  const start = page.getByRole('dialog');
+  await start.getByRole('radio', { name: limit }).check();
+  await start.getByRole('button', { name: 'OK' }).click();
+  await eventually(async () => {
+    const mb = /^MB: (\d+)$/.exec(await field(page, STAGE, 'RunningTestX').inputValue());
+    return Boolean(mb) && Number(mb[1]) >= 500;
+  }, true, 30000);
+}
+
+// The axis is blocked, so the ramp climbs for 9 s
+// towards the highest limit: whatever the machine's load, only the missing browser can end it.
+test('a tab closed mid ramp stops the drive; the tab opened again takes the test up',
+  () => withStage('autovision', async ({ page, folder, board, app }) => {
+    await startDrivingX(page, 'No Limit');
+    assert.equal(await handedBack(board), false, 'driven open loop');
+    await page.close();
+    // No browser: the axis is handed back within about two seconds.
+    await eventually(() => handedBack(board), true, 10000);
+    const again = await browser.context.newPage();
+    try {
+      await again.goto(app.url);
+      // The question waited for a browser, and the title bar still offers the running test's STOP.
+      const question = again.getByRole('alertdialog');
+      await question.waitFor();
+      assert.match(await question.textContent(), /X axis position moved/);
+      assert.match(await again.getByRole('button', { name: /^STOP/ }).textContent(), /X Axis Test/);
+      const report = join(folder, 'AxisTest_X_0.dat');
+      await answerUntil(again, async () => existsSync(report)
+        && (await again.getByRole('alertdialog').count()) === 0);
+      const body = readReport(report);
+      const negative = body.split('(+)')[0];
+      assert.match(negative, /Manually Stopped: Yes/, 'stopped for want of a browser');
+      assert.doesNotMatch(negative, /VOLTAGE LIMIT/);
+      assert.equal(await handedBack(board), true);
+    } finally {
+      await again.close();
+    }
+  }, ['block x']));
+
+test('the window closed at a question ends the program with the axis handed back',
+  () => withStage('autovision', async ({ page, folder, board, app }) => {
+    await startDrivingX(page);
+    const question = page.getByRole('alertdialog');
+    await question.waitFor({ timeout: 60000 });
+    // The window's frame stays in reach above the question: its menu opens over the box.
+    await page.locator('#menu-button').click();
+    if (SHOTS) await page.screenshot({ path: join(SHOTS, 'stage-question-menu.png') });
+    await page.locator('#menu-close').click();
+    assert.equal(await app.exited(), 0);
+    assert.equal(await handedBack(board), true);
+    // The question got the cautious answer and the report tells what happened: the positive run
+    // never began.
+    const body = readReport(join(folder, 'AxisTest_X_0.dat'));
+    const positive = body.split('(+)')[1];
+    assert.match(positive, /Starting Voltage: 0\r\n/);
+    assert.match(positive, /Correct Direction: No\r\n/);
+    await eventually(() => page.getByRole('alertdialog').count(), 0);
+    assert.notEqual(await page.locator('#link-state').getAttribute('data-state'), 'open');
   }));

@@ -161,7 +161,7 @@ void CTavroTestDlgBase::OnTimer(unsigned id) {
     }
   }
   if (pages[0]) RunBanner();
-  if (id == 3) WatchRunningTest();
+  WatchRunningTest(id);
 }
 
 // Reports go to the program's folder. One that other users may write lets them replace or delete
@@ -180,17 +180,18 @@ motion::StagePage* CTavroTestDlgBase::StageTests() const {
   return dynamic_cast<motion::StagePage*>(pages[1].get());
 }
 
-void CTavroTestDlgBase::WatchRunningTest() {
+void CTavroTestDlgBase::WatchRunningTest(unsigned timerId) {
   motion::StagePage* stage = StageTests();
   if (!stage) return;
-  window.SetStopControl(motion::RunningTestName(*stage));
+  if (timerId == 3) window.SetStopControl(motion::RunningTestName(*stage));
   // A ramp, seek or centering must not go on unwatched: its boxes wait for the next browser,
   // but the drive ends once no browser has been attached for a second (the last tab closed), or
   // none has shown a sign of life for two (a tab that hangs keeps its connection). Checked on
-  // this tick, so within 200 ms of either; a run that begins meanwhile stops at its first look.
-  const bool watched =
-      window.NoBrowserFor() < kNoBrowserLimit && window.NoSignOfLifeFor() < kNoSignOfLifeLimit;
-  stage->Unwatched = watched ? 0 : 1;
+  // every tick, so within 20 ms of either; a run that begins meanwhile stops at its first look.
+  const std::uint8_t unwatched =
+      window.NoBrowserFor() < kNoBrowserLimit && window.NoSignOfLifeFor() < kNoSignOfLifeLimit ? 0
+                                                                                               : 1;
+  if (stage->Unwatched != unwatched) stage->Unwatched = unwatched;
 }
 
 // The link, as the dialog sees it: connected (" : Connected", polls, pages ticked) or

@@ -112,9 +112,9 @@ class CTavroTestDlgBase {
   // The Stage page of tab 1 as its test thread sees it, or null (no such page, or one without
   // tests).
   motion::StagePage* StageTests() const;
-  // On the 200 ms tick: the title bar's STOP control follows the running test, and a test that
-  // holds an axis is stopped once no browser has watched it for a second.
-  void WatchRunningTest();
+  // On every tick: a test's drive ends once no browser watches it (Unwatched); on the 200 ms
+  // tick the title bar's STOP control follows the running test.
+  void WatchRunningTest(unsigned timerId);
   // A box when the folder reports go to is open to other users' writes.
   void WarnOfOpenReportFolder();
 

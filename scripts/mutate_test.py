@@ -130,5 +130,16 @@ class Draw(unittest.TestCase):
         self.assertGreater(sum(i.startswith("a.cpp") for i in first), 6)
 
 
+    def test_spares_are_the_same_files_left_out_of_the_draw(self):
+        mutants = self.mutants()
+        chosen = mutate.select(mutants, 12, seed=7)
+        spare = mutate.spares(mutants, chosen, seed=7)
+        taken = {m.ident for m in chosen}
+        for name, left in spare.items():
+            self.assertTrue(all(m.file == name and m.ident not in taken for m in left))
+        self.assertEqual(sum(map(len, spare.values())) + len(chosen), len(mutants))
+        again = mutate.spares(mutants, mutate.select(mutants, 12, seed=7), seed=7)
+        self.assertEqual([m.ident for m in spare["a.cpp"]], [m.ident for m in again["a.cpp"]])
+
 if __name__ == "__main__":
     unittest.main()

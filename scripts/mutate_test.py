@@ -110,6 +110,8 @@ class MutationOperators(unittest.TestCase):
     def test_positions_are_one_based_lines_and_columns(self):
         m = mutate.find_mutants("a.cpp", "// x\n  int v = 42;\n")[0]
         self.assertEqual((m.line, m.col, m.ident), (2, 11, "a.cpp:2:11:const.+1"))
+        m = mutate.find_mutants("a.cpp", "bool b = x <= y;")[0]
+        self.assertEqual(m.ident, "a.cpp:1:12:rel.lt")
 
 
 class Draw(unittest.TestCase):

@@ -60,6 +60,10 @@ class NothingOutsideCode(unittest.TestCase):
         self.assertIn(src.replace("a < b", "a <= b"), [s for _, s in sites(src)])
         self.assertIn(src.replace("c > d", "c >= d"), [s for _, s in sites(src)])
 
+    def test_pure_specifiers_are_left_alone_but_assignments_of_zero_are_not(self):
+        src = "struct B { virtual int f() const = 0; virtual void g() = 0; }; void h() { x = 0; }"
+        self.assertEqual(sites(src), [("const.+1", src.replace("x = 0", "x = 1"))])
+
     def test_array_bounds_of_declarations_are_left_alone_but_indices_are_not(self):
         src = "struct R { int v[2]; }; int g(R r) { return r.v[1]; }"
         self.assertEqual(sites(src), [("const.+1", src.replace("v[1]", "v[2]")),

@@ -283,6 +283,9 @@ class FakeStagePage : public motion::StagePage {
  private:
   void TickLoop() {
     platform::Clock& clock = platform::Clock::Current();
+    // Ticks fall 5 ms off the test thread's waits (all whole tens of ms), so that what a pass
+    // sees never hangs on which of two threads due at the same moment runs first.
+    clock.SleepFor(platform::Milliseconds(5));
     while (!stop_) {
       clock.SleepFor(platform::Milliseconds(20));
       if (!frozen_) Tick();

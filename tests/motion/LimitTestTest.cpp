@@ -1,5 +1,7 @@
 // The limit test against the fake page: seeks to both switches, centering, the voltage limit,
 // stops per phase, a limit that never registers, the first generation's start, and the report.
+#include <algorithm>
+
 #include "motion/TestTexts.h"
 #include "motion/Tests.h"
 #include "tests/motion/FakeStagePage.h"
@@ -153,6 +155,111 @@ TEST_F(LimitTest, OneStopEndsOnePhase) {
     const int positive = Value(report, "          Positive: ");
     EXPECT_EQ(negative > -100000, c.phase == 0) << negative;
     EXPECT_EQ(positive < 100000, c.phase == 1) << positive;
+  }
+}
+
+// The biases stored for the first run on X (its take-over and its steps), up to its hand-back.
+std::vector<int> FirstRunBiases(FakeStagePage& page) {
+  std::vector<int> out;
+  for (const Store& st : page.Stores()) {
+    if (st.axis != 0) continue;
+    if (st.pid.Kp != 0) break;
+    if (out.empty() || out.back() != st.pid.Mb) out.push_back(st.pid.Mb);
+  }
+  return out;
+}
+
+// The texts of the last run (the centering) from its take-over's "MB: 0" on.
+std::vector<std::string> CenteringTexts(FakeStagePage& page) {
+  const std::vector<std::string> texts = page.Texts(0);
+  const auto from = std::find(texts.rbegin(), texts.rend(), "MB: 0").base();
+  return {from, texts.end()};
+}
+
+// The speed band of the seek, per pass of 100 ms at K = 1000 counts a mm. An axis that makes
+// 1750 counts a pass at a bias of 500 (its friction takes 150 of the bias, then 5 counts a tick
+// for each unit more) is inside the current page's band (1500 to 3000) and below the first
+// generation's (2000 to 3000): only the first generation steps up, to 750 (3000 a pass, the top
+// of the band, in it). The centering holds its bias wherever a 50 ms pass lies between 750 and
+// 2500 counts, here from 562 on: it starts at an eighth of the lowest moving voltage, 62.
+TEST_F(LimitTest, EachFamilySeeksWithinItsOwnBandAndTheCenteringWithinItsOwn) {
+  struct Case {
+    bool firstGeneration;
+    std::vector<int> negativeRun;
+    int minimum;
+    std::vector<std::string> centering;
+  };
+  const Case cases[] = {
+      {false, {0, -250, -500}, 500, {"MB: 62", "MB: 312", "MB: 562", "MB: 562"}},
+      {true, {0, -250, -500, -750}, 500, {"MB: 62", "MB: 312", "MB: 562", "MB: 562"}},
+  };
+  for (const Case& c : cases) {
+    testing_support::ScratchDir folder;
+    FakeStagePage& page = Page(c.firstGeneration);
+    page.SetFolder(folder.Path() + "/");
+    FakeAxis axis{.position = 5000,
+                  .deadBand = 150,
+                  .divisor = 1,
+                  .negStop = -101000,
+                  .posStop = 101000,
+                  .negSwitch = -100000,
+                  .posSwitch = 100000};
+    page.SetAxis(0, axis);
+    Run(page, TestButton::kXLimit);
+    EXPECT_EQ(FirstRunBiases(page), c.negativeRun) << "first generation " << c.firstGeneration;
+    const std::string report = ReadReport(folder / "LimitTest_X_0.dat");
+    EXPECT_EQ(Value(report, "               Min: "), c.minimum) << report;
+    EXPECT_EQ(CenteringTexts(page), c.centering);
+  }
+}
+
+// An axis that speeds up in its seek (its friction gives way) is slowed by a step of 250 each time
+// it has been too fast (above 3000 counts a pass) for the family's count of passes in a row: on
+// the fourth, and in the first generation's negative seek on the fifth. Here the ramp ends at 750
+// (2250 counts a pass, in both bands); freed, the axis makes 4750 a pass at 750, 3500 at 500 and
+// 2250 at 250, so the second step down comes exactly that many passes after the first, and the
+// lowest moving voltage follows them down.
+TEST_F(LimitTest, AnAxisThatSpeedsUpInItsSeekLosesAStepAfterItsFamilysCountOfFastPasses) {
+  for (const auto& [firstGeneration, passes] : {std::pair{false, 4}, std::pair{true, 5}}) {
+    testing_support::ScratchDir folder;
+    FakeStagePage& page = Page(firstGeneration);
+    page.SetFolder(folder.Path() + "/");
+    const FakeAxis axis{.position = 5000,
+                        .deadBand = 300,
+                        .divisor = 1,
+                        .negStop = -101000,
+                        .posStop = 101000,
+                        .negSwitch = -100000,
+                        .posSwitch = 100000};
+    page.SetAxis(0, axis);
+    bool freed = false;
+    page.onTick = [&](FakeStagePage& p) {
+      if (freed || p.AxisPosition(0) >= -30000) return;
+      freed = true;
+      FakeAxis loose = axis;
+      loose.position = p.AxisPosition(0);
+      loose.deadBand = -200;
+      p.SetAxis(0, loose);
+    };
+    Run(page, TestButton::kXLimit);
+    ASSERT_TRUE(freed);
+    const std::vector<int> biases = FirstRunBiases(page);
+    ASSERT_GE(biases.size(), 3u);
+    EXPECT_EQ(std::vector<int>(biases.end() - 3, biases.end()),
+              (std::vector<int>{-750, -500, -250}))
+        << "first generation " << firstGeneration;
+    // The two step downs: to 500 after the ramp's 750, then to 250.
+    std::int64_t at750 = -1, at500 = -1, at250 = -1;
+    for (const Store& st : page.Stores()) {
+      if (st.axis != 0) continue;
+      if (st.pid.Kp != 0) break;
+      if (st.pid.Mb == -750 && at750 < 0) at750 = st.ms;
+      if (st.pid.Mb == -500 && at750 >= 0 && at500 < 0) at500 = st.ms;
+      if (st.pid.Mb == -250 && at500 >= 0 && at250 < 0) at250 = st.ms;
+    }
+    EXPECT_EQ(at250 - at500, passes * 100) << "first generation " << firstGeneration;
+    const std::string report = ReadReport(folder / "LimitTest_X_0.dat");
+    EXPECT_EQ(Value(report, "               Min: "), 250) << report;
   }
 }
 

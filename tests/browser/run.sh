@@ -14,9 +14,14 @@ done
 command -v node >/dev/null || { echo "node not found: skipped"; exit 77; }
 [[ -x /usr/bin/chromium ]] || { echo "/usr/bin/chromium not found: skipped"; exit 77; }
 cd "$HERE"
-if [[ ! -d node_modules/playwright-core ]]; then
+# Browser tests start in parallel (ctest -j): one installs playwright-core while the others wait
+# for it, so none sees a half-installed package.
+exec 9>"$HERE/.install.lock"
+flock 9
+if [[ ! -f node_modules/playwright-core/package.json ]]; then
   # playwright-core only: it brings no browser of its own.
   npm ci --no-audit --no-fund --ignore-scripts >/dev/null 2>&1 ||
     { echo "playwright-core could not be installed: skipped"; exit 77; }
 fi
+flock -u 9
 exec node --test --test-concurrency=1 "$TEST"

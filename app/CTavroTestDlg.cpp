@@ -13,6 +13,7 @@
 #include "pages/Probes.h"
 #include "pages/Readings.h"
 #include "pages/Stage.h"
+#include "pages/StageManualVision.h"
 #include "pages/UsbSerial.h"
 #include "platform/Clock.h"
 #include "platform/Files.h"

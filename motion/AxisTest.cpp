@@ -17,7 +17,7 @@ constexpr unsigned kZoomAxis = 3;
 constexpr std::int32_t kZoomTarget = 3000;
 
 // A direction that did not run: zeros, and No for both answers.
-void FillCancelled(AxisTestResult& r, int d) {
+void FillCancelled(AxisTestResult& r, Direction d) {
   r.RotaryInitial[d] = r.RotaryFinal[d] = r.RotaryChange[d] = 0;
   r.LinearInitial[d] = r.LinearFinal[d] = r.LinearChange[d] = 0;
   r.StartingVoltage[d] = 0;
@@ -29,7 +29,7 @@ void FillCancelled(AxisTestResult& r, int d) {
 
 // Steps shared by the axis and the zoom run once the ramp is over: the voltage verdict, the
 // hand-back and the stop flag. Leaves the axis settled and synchronised.
-void EndRamp(AxisRun& run, AxisTestResult& r, int d, RampEnd end, std::int32_t mb) {
+void EndRamp(AxisRun& run, AxisTestResult& r, Direction d, RampEnd end, std::int32_t mb) {
   if (EndedWithBias(end)) r.StartingVoltage[d] = mb;
   r.VoltageLimitReached[d] = 0;
   if (mb >= run.Limit()) {
@@ -43,12 +43,12 @@ void EndRamp(AxisRun& run, AxisTestResult& r, int d, RampEnd end, std::int32_t m
 
 // One direction of the axis test; false when the run did not happen (a quit, or no link at its
 // start), and then nothing of it is in `r`.
-bool RunAxisDirection(const TestParams& p, std::uint32_t choice, AxisTestResult& r, int d) {
+bool RunAxisDirection(const TestParams& p, std::uint32_t choice, AxisTestResult& r, Direction d) {
   StagePage& page = *p.page;
   AxisRun run(page, p.axis, choice);
   if (!run.TakeOver()) return false;
   // The positive Z run starts from the axis's own bias, which holds the stage against gravity.
-  std::int32_t mb = p.axis == 2 && d == 1 ? run.Saved().Mb : 0;
+  std::int32_t mb = p.axis == 2 && d == kPositive ? run.Saved().Mb : 0;
   r.LinearInitial[d] = run.Position();
   page.GetRotaryPosition(p.axis, r.RotaryInitial[d]);
   const std::int64_t target = 10 * DistanceScale(page.CountsPerMm(p.axis));
@@ -64,7 +64,7 @@ bool RunAxisDirection(const TestParams& p, std::uint32_t choice, AxisTestResult&
   return true;
 }
 
-bool RunZoomDirection(const TestParams& p, std::uint32_t choice, AxisTestResult& r, int d) {
+bool RunZoomDirection(const TestParams& p, std::uint32_t choice, AxisTestResult& r, Direction d) {
   StagePage& page = *p.page;
   AxisRun run(page, p.axis, choice);
   if (!run.TakeOver()) return false;
@@ -80,7 +80,7 @@ bool RunZoomDirection(const TestParams& p, std::uint32_t choice, AxisTestResult&
   return true;
 }
 
-void AskAxisQuestions(StagePage& page, AxisTestResult& r, int d, unsigned axis) {
+void AskAxisQuestions(StagePage& page, AxisTestResult& r, Direction d, unsigned axis) {
   const int answer =
       YesNoAnswer(page.Ask(AxisResultText(r, d, axis, page.CountsPerMm(axis)), ui::kMbYesNo));
   if (answer == ui::kIdYes) {
@@ -107,8 +107,10 @@ std::string PositionLines(const char* heading, std::int32_t initial, std::int32_
          text::Format("                     Change: %d\r\n", change);
 }
 
-std::string ReportBlock(const AxisTestResult& r, int d, const std::string& letter, bool zoom) {
-  std::string b = std::string(15, ' ') + letter + " Axis " + (d == 0 ? "(-)\r\n" : "(+)\r\n");
+std::string ReportBlock(const AxisTestResult& r, Direction d, const std::string& letter,
+                        bool zoom) {
+  std::string b =
+      std::string(15, ' ') + letter + " Axis " + (d == kNegative ? "(-)\r\n" : "(+)\r\n");
   if (r.VoltageLimitReached[d]) b += "VOLTAGE LIMIT REACHED\r\n";
   if (!zoom) {
     b += PositionLines(" Linear Encoder Positions", r.LinearInitial[d], r.LinearFinal[d],
@@ -142,7 +144,7 @@ std::string TravelText(std::int32_t change, std::int32_t countsPerMm) {
   return text::Format("%s%d.%dmm.\n", change < 0 && whole == 0 ? "-" : "", whole, rest);
 }
 
-std::string AxisResultText(const AxisTestResult& r, int d, unsigned axis,
+std::string AxisResultText(const AxisTestResult& r, Direction d, unsigned axis,
                            std::int32_t countsPerMm) {
   std::string t =
       AxisLetter(axis) + texts::Get(texts::kAxisMoved) + TravelText(r.LinearChange[d], countsPerMm);
@@ -154,7 +156,7 @@ std::string AxisResultText(const AxisTestResult& r, int d, unsigned axis,
   return t + texts::Get(texts::kMovedCorrectly);
 }
 
-std::string ZoomResultText(const AxisTestResult& r, int d) {
+std::string ZoomResultText(const AxisTestResult& r, Direction d) {
   std::string t = r.VoltageLimitReached[d] ? VoltageWarning() : "";
   t += texts::Get(texts::kRotaryInitial) + text::Format("%d", r.RotaryInitial[d]);
   t += texts::Get(texts::kRotaryFinal) + text::Format("%d", r.RotaryFinal[d]) + "\r\n\r\n";
@@ -165,11 +167,12 @@ std::string ZoomResultText(const AxisTestResult& r, int d) {
 }
 
 std::string AxisReportBody(const AxisTestResult& r, unsigned axis) {
-  return ReportBlock(r, 0, AxisLetter(axis), false) + ReportBlock(r, 1, AxisLetter(axis), false);
+  return ReportBlock(r, kNegative, AxisLetter(axis), false) +
+         ReportBlock(r, kPositive, AxisLetter(axis), false);
 }
 
 std::string ZoomReportBody(const AxisTestResult& r) {
-  return ReportBlock(r, 0, "Zoom", true) + ReportBlock(r, 1, "Zoom", true);
+  return ReportBlock(r, kNegative, "Zoom", true) + ReportBlock(r, kPositive, "Zoom", true);
 }
 
 void RunAxisTest(const TestParams& p) {
@@ -180,10 +183,10 @@ void RunAxisTest(const TestParams& p) {
   // Kept for both runs: a reconnection clears the page's VoltageChoice under the test.
   const std::uint32_t choice = page.VoltageChoice;
   AxisTestResult r;
-  for (int d = 0; d < 2; ++d) {
+  for (const Direction d : kDirections) {
     if (state.MessageResult == 2) {
       FillCancelled(r, d);
-      if (d == 1) state.MessageResult = 1;
+      if (d == kPositive) state.MessageResult = 1;
       continue;
     }
     const bool ran = zoom ? RunZoomDirection(p, choice, r, d) : RunAxisDirection(p, choice, r, d);
@@ -197,7 +200,7 @@ void RunAxisTest(const TestParams& p) {
     } else {
       AskAxisQuestions(page, r, d, p.axis);
     }
-    if (d == 0) {
+    if (d == kNegative) {
       const texts::Text& prompt = zoom ? texts::kZoomPositivePrompt : texts::kAxisPositivePrompt;
       state.MessageResult = page.Ask(texts::Get(prompt), ui::kMbOkCancel) == ui::kIdOk ? 1 : 2;
     } else {

@@ -16,12 +16,12 @@ namespace {
 // One seek in a direction, from the end of its ramp to the limit.
 class Seek {
  public:
-  Seek(AxisRun& run, LimitTestResult& r, int dir, const FamilyRules& rules)
+  Seek(AxisRun& run, LimitTestResult& r, Direction dir, const FamilyRules& rules)
       : run_(run), r_(r), dir_(dir), band_(rules.seek) {
     const std::int64_t k = DistanceScale(run.Page().CountsPerMm(run.Axis()));
     slowBelow_ = k * band_.slowNumerator / band_.slowDenominator;
     fastAbove_ = k * band_.fastNumerator / band_.fastDenominator;
-    fastPasses_ = dir == 0 ? band_.fastPassesNegative : band_.fastPassesPositive;
+    fastPasses_ = dir == kNegative ? band_.fastPassesNegative : band_.fastPassesPositive;
   }
 
   // Seeks the limit; false when the link was lost on the way (the seek found nothing).
@@ -31,7 +31,7 @@ class Seek {
     mb_ = mb;
     page.PreviousTestPosition = run_.Position();
     run_.Pass(100);
-    const auto& limitFlag = dir_ == 0 ? state.NegLimit : state.PosLimit;
+    const auto& limitFlag = dir_ == kNegative ? state.NegLimit : state.PosLimit;
     bool found = true;
     while (!limitFlag && !done_) {
       const std::int32_t previous = run_.Position();
@@ -72,7 +72,7 @@ class Seek {
   bool TooSlow() {
     if (steps_ >= 4) {
       const bool beyond =
-          dir_ == 0 ? position_ < r_.ExpectedNegative : position_ > r_.ExpectedPositive;
+          dir_ == kNegative ? position_ < r_.ExpectedNegative : position_ > r_.ExpectedPositive;
       if (beyond) {
         done_ = true;  // a stall beyond the expected limit counts as the limit
         return false;
@@ -86,7 +86,7 @@ class Seek {
       } else if (++steps_ > 6) {
         done_ = true;
         r_.LimitNotRegistered[dir_] =
-            dir_ == 0 ? position_ > r_.ExpectedNegative : position_ < r_.ExpectedPositive;
+            dir_ == kNegative ? position_ > r_.ExpectedNegative : position_ < r_.ExpectedPositive;
       } else {
         slow_ = 0;
       }
@@ -124,7 +124,7 @@ class Seek {
 
   AxisRun& run_;
   LimitTestResult& r_;
-  int dir_;
+  Direction dir_;
   SeekBand band_;
   std::int64_t slowBelow_ = 0;
   std::int64_t fastAbove_ = 0;
@@ -142,12 +142,12 @@ class Seek {
 enum class Phase { kRan, kSkipped, kCut };
 
 // The common start of every run: the axis taken, the expected limits read, the first bias.
-bool StartRun(AxisRun& run, LimitTestResult& r, int dir, std::int32_t& mb) {
+bool StartRun(AxisRun& run, LimitTestResult& r, Direction dir, std::int32_t& mb) {
   if (!run.TakeOver()) return false;
   const AxisExtents& extents = run.Page().Extents();
   r.ExpectedNegative = static_cast<std::int32_t>(extents.Extent3[run.Axis()]);
   r.ExpectedPositive = static_cast<std::int32_t>(extents.Extent4[run.Axis()]);
-  mb = run.Axis() == 2 && dir == 1 ? run.Saved().Mb : 0;
+  mb = run.Axis() == 2 && dir == kPositive ? run.Saved().Mb : 0;
   r.StartPosition[dir] = run.Position();
   return true;
 }
@@ -158,7 +158,7 @@ void HandBack(AxisRun& run, std::int32_t mb) {
   run.Release();
 }
 
-Phase RunSeek(const TestParams& p, std::uint32_t choice, LimitTestResult& r, int dir) {
+Phase RunSeek(const TestParams& p, std::uint32_t choice, LimitTestResult& r, Direction dir) {
   StagePage& page = *p.page;
   AxisRun run(page, p.axis, choice);
   std::int32_t mb = 0;
@@ -182,11 +182,11 @@ Phase RunCentering(const TestParams& p, std::uint32_t choice, LimitTestResult& r
   StagePage& page = *p.page;
   AxisRun run(page, p.axis, choice);
   std::int32_t mb = 0;
-  if (!StartRun(run, r, 0, mb)) return Phase::kSkipped;
+  if (!StartRun(run, r, kNegative, mb)) return Phase::kSkipped;
   const std::int64_t k = DistanceScale(page.CountsPerMm(p.axis));
   // An eighth of the lowest moving voltage, so that the axis leaves the limit gently.
   mb = r.MinVoltage[0] / 8;
-  bool cut = !run.Drive(0, mb);
+  bool cut = !run.Drive(kNegative, mb);
   r.CenterLinear = r.LinearLimit[0] / 2 + r.LinearLimit[1] / 2;
   r.CenterRotary = r.RotaryLimit[0] / 2 + r.RotaryLimit[1] / 2;
   // A failed read keeps the last rotary count known, where the positive seek ended.
@@ -208,14 +208,14 @@ Phase RunCentering(const TestParams& p, std::uint32_t choice, LimitTestResult& r
     const bool stop = run.StopPending();
     if (!stop && (mb < r.MinVoltage[0] || d < k * 3 / 4)) {
       mb += kRampStep;
-      run.Drive(0, mb);
+      run.Drive(kNegative, mb);
       if (mb >= run.Limit()) {
         r.VoltageLimitReached[0] = 1;
         break;
       }
     } else if (!stop && d > k * 5 / 2) {
       mb -= kRampStep;
-      run.Drive(0, mb);
+      run.Drive(kNegative, mb);
     }
     // A quit ends the centering as a stop does: the report says it did not finish.
     if (run.StopPending() || run.QuitRequested()) {
@@ -238,7 +238,7 @@ void ShowVoltageWarning(StagePage& page) {
 void RunPhases(const TestParams& p, std::uint32_t choice) {
   StagePage& page = *p.page;
   LimitTestResult r;
-  for (int dir = 0; dir < 2; ++dir) {
+  for (const Direction dir : kDirections) {
     const Phase phase = RunSeek(p, choice, r, dir);
     p.guard->ClearThread();
     if (phase != Phase::kRan) return;

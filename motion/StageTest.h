@@ -175,6 +175,10 @@ class RunTrace {
 // The value of TestAxis and HeldAxis that names no axis.
 inline constexpr std::uint32_t kNoAxis = 5;
 
+// The direction of a run, and the index of its half in a test's result fields.
+enum Direction : int { kNegative = 0, kPositive = 1 };
+inline constexpr Direction kDirections[] = {kNegative, kPositive};
+
 // The page as its test thread sees it. Axis numbers: 0 X, 1 Y, 2 Z, 3 Zoom.
 class StagePage {
  public:
@@ -183,8 +187,8 @@ class StagePage {
   // --- Shared fields, named as the page has them ---
   std::atomic<std::int32_t> TestPosition{0};  // linear count of the unit under test (tick 1)
   std::atomic<std::int32_t> PreviousTestPosition{0};
-  std::atomic<std::uint32_t> TestAxis{5};  // 5: none since ResetPage
-  std::atomic<std::uint8_t> Sampling{0};   // tick 1 feeds TestPosition while set
+  std::atomic<std::uint32_t> TestAxis{kNoAxis};  // none since ResetPage
+  std::atomic<std::uint8_t> Sampling{0};         // tick 1 feeds TestPosition while set
   WakingFlag StopRequested;
   WakingFlag CachedEStop;  // from the 200 ms tick
   // No browser shows signs of life (see the main dialog's watch): a drive must end, and a run
@@ -195,7 +199,7 @@ class StagePage {
   // The axis whose AxisPids entry a test thread holds right now (written by that thread), or
   // kNoAxis. ResetPage and the ticks leave that entry alone: the thread writes its own record
   // into it before each store and puts the saved one back when it hands the axis back.
-  std::atomic<std::uint32_t> HeldAxis{5};
+  std::atomic<std::uint32_t> HeldAxis{kNoAxis};
   // The working copies of the tuning records of X, Y, Z and Zoom. While a test holds an axis only
   // its thread touches that entry.
   std::array<AxisPid, 4> AxisPids{};

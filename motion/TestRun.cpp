@@ -163,9 +163,9 @@ void AxisRun::ShowMb(std::int32_t mb) {
   page_.SetRunningText(axis_, text::Format("MB: %d", mb));
 }
 
-bool AxisRun::Drive(int direction, std::int32_t mb) {
+bool AxisRun::Drive(Direction direction, std::int32_t mb) {
   if (LinkLost()) return false;
-  const bool written = WriteBias(direction == 0 ? -mb : mb);
+  const bool written = WriteBias(direction == kNegative ? -mb : mb);
   ShowMb(mb);
   return written;
 }
@@ -196,7 +196,7 @@ void AxisRun::Pass(std::int64_t ms) {
                   [this] { return DriveMustEnd(); });
 }
 
-RampEnd AxisRun::RunRamp(const Ramp& ramp, std::int32_t reference, int direction,
+RampEnd AxisRun::RunRamp(const Ramp& ramp, std::int32_t reference, Direction direction,
                          std::int32_t& mb) {
   int hold = ramp.holds.start;
   while (mb < limit_) {

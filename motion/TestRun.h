@@ -150,9 +150,9 @@ class AxisRun {
   bool WriteBias(std::int32_t bias);
   // "MB: %d" on the axis's running text.
   void ShowMb(std::int32_t mb);
-  // Bias -mb (direction 0) or mb (direction 1), then the text. Nothing is written once the link
-  // was lost: false then.
-  bool Drive(int direction, std::int32_t mb);
+  // Bias -mb (negative) or mb (positive), then the text. Nothing is written once the link was
+  // lost: false then.
+  bool Drive(Direction direction, std::int32_t mb);
 
   struct Ramp {
     std::int64_t target;  // counts from the reference at which the ramp has arrived
@@ -160,7 +160,7 @@ class AxisRun {
     RampHolds holds;
   };
   // The shared voltage ramp from `mb` up. `mb` is left at the last value.
-  RampEnd RunRamp(const Ramp& ramp, std::int32_t reference, int direction, std::int32_t& mb);
+  RampEnd RunRamp(const Ramp& ramp, std::int32_t reference, Direction direction, std::int32_t& mb);
 
   // Waits out one pass of `ms`, or less when the drive must end (a stop request, an e-stop, no
   // browser alive, a quit, a lost link), so that the hand-back can follow at once.

@@ -47,9 +47,10 @@ struct AxisTestResult {
 // "10.500mm.\n" from a change of 10500 counts at K 1000; with no usable K the travel in counts.
 std::string TravelText(std::int32_t change, std::int32_t countsPerMm);
 // The question box of the axis test for direction d.
-std::string AxisResultText(const AxisTestResult& r, int d, unsigned axis, std::int32_t countsPerMm);
+std::string AxisResultText(const AxisTestResult& r, Direction d, unsigned axis,
+                           std::int32_t countsPerMm);
 // The question box of the zoom test for direction d.
-std::string ZoomResultText(const AxisTestResult& r, int d);
+std::string ZoomResultText(const AxisTestResult& r, Direction d);
 // The report body: one block per direction, negative first.
 std::string AxisReportBody(const AxisTestResult& r, unsigned axis);
 std::string ZoomReportBody(const AxisTestResult& r);

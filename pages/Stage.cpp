@@ -1,5 +1,7 @@
 #include "pages/Stage.h"
 
+#include "pages/StageParts.h"
+
 #include "config/ErrorLog.h"
 #include "config/Folders.h"
 #include "ui/MessageBox.h"
@@ -7,9 +9,6 @@
 #include "util/WinX.h"
 
 namespace {
-
-// Element id suffixes of the slots.
-constexpr const char* kSlotNames[kStageSlots] = {"X", "Y", "Z", "Zoom", "W", "Platen"};
 
 // The operator's boxes carry the program's name, as the platform's plain boxes do.
 constexpr const char* kBoxTitle = "TavroTest";
@@ -21,71 +20,9 @@ constexpr std::uint32_t kImageLockMs = 10000;
 // A retry comes from a reset inside the running window, which must not stand still for long.
 constexpr std::uint32_t kImageRetryLockMs = 500;
 
-// The axis's name in the operator's words.
-const char* AxisName(unsigned axis) {
-  static const char* const kNames[] = {"X", "Y", "Z", "Zoom"};
-  return axis < 4 ? kNames[axis] : "?";
-}
-
-std::string Id(const char* stem, unsigned slot) {
-  return std::string(stem) + kSlotNames[slot];
-}
-
-std::string LimitWord(std::int8_t limit) {
-  if (limit < 0) return "Neg";
-  if (limit > 0) return "Pos";
-  return {};
-}
-
-// A motion flag's text, rebuilt only when its byte changed. Never sets the page's dirty flag:
-// the text reaches the document with the next push that something else causes.
-void FollowFlag(bool previous, bool now, std::string& text, const char* word) {
-  if (previous != now) text = now ? word : "";
-}
-
-// The index capture of a slot as the board reports it; a reply without `valid` keeps what the
-// page showed. Returns whether the shown value changed.
-bool TakeIndex(bool valid, bool captured, std::uint32_t count, std::uint8_t& shown,
-               std::int32_t& value) {
-  if (!valid) return false;
-  const auto c = static_cast<std::int32_t>(count);
-  if (static_cast<std::uint8_t>(captured) == shown && c == value) return false;
-  shown = captured ? 1 : 0;
-  value = c;
-  return true;
-}
-
-bool TakeValue(std::int32_t now, std::int32_t& shown) {
-  if (now == shown) return false;
-  shown = now;
-  return true;
-}
-
-// The W axis's position and index capture, the reads both servo and manual-vision pages make.
-// False on a failed read.
-bool ReadW(CTavroUsbWAxis& w, std::int32_t& position, std::uint8_t& indexValid, std::int32_t& index,
-           bool& dirty) {
-  std::uint32_t count = 0;
-  std::uint32_t second = 0;
-  if (!w.GetPosition(count, second)) return false;
-  dirty |= TakeValue(static_cast<std::int32_t>(count), position);
-  bool valid = false;
-  std::uint32_t state = 0;
-  std::uint32_t captures = 0;
-  if (!w.GetIndexCapture(valid, state, captures)) return false;
-  dirty |= TakeIndex(valid, state > 0, captures, indexValid, index);
-  return true;
-}
-
-void IndexText(DataExchange& dx, const std::string& id, std::uint8_t valid, std::int32_t value) {
-  if (valid) {
-    dx.Text(id, value);
-  } else {
-    dx.Text(id, std::string());
-  }
-}
-
 }  // namespace
+
+using namespace stage_parts;
 
 // --- StageDlg: construction and lifetime ---
 
@@ -174,7 +111,7 @@ void StageDlg::OnTestButton(motion::TestButton button) {
   if (typed.size() > kMaxPlatenCountText) typed.resize(kMaxPlatenCountText);
   {
     std::lock_guard lock(textLock_);
-    platenCountValue = std::move(typed);
+    platenCount_ = std::move(typed);
   }
   if (motion::StartTest(*this, button)) {
     {
@@ -222,7 +159,7 @@ void StageDlg::ResetPage(const BoardVersionInfo& record) {
     std::lock_guard lock(textLock_);
     RunningText.fill("Ready");
     PlatenStatusText = "Ready";
-    platenCountValue = "100";
+    platenCount_ = "100";
   }
   Sampling = 0;
   TestAxis = motion::kNoAxis;
@@ -317,14 +254,10 @@ bool StageDlg::RefreshAxes(const ServoStatus& status) {
     }
     dirty |= TakeValue(static_cast<std::int32_t>(rotary), Rotary[i]);
     recording.Record(rotaryChannels_[i], Rotary[i]);
-    bool valid = false;
-    bool captured = false;
-    std::uint32_t count = 0;
-    if (!controller->CTavroUsbController::GetIndexCapture(i, valid, captured, count)) {
+    if (!ReadIndex(*controller, i, IndexValid[i], Index[i], dirty)) {
       Connected = false;
       break;
     }
-    dirty |= TakeIndex(valid, captured, count, IndexValid[i], Index[i]);
     if (IndexValid[i]) recording.Record(indexChannels_[i], Index[i]);
     if (status.Limit[i] != PreviousStatus.Limit[i]) {
       dirty = true;
@@ -348,9 +281,8 @@ bool StageDlg::RefreshW(const ServoStatus& status) {
   }
   recording.Record(rotaryChannels_[kWSlot], Rotary[kWSlot]);
   if (IndexValid[kWSlot]) recording.Record(indexChannels_[kWSlot], Index[kWSlot]);
-  FollowFlag(PreviousStatus.WMoving, status.WMoving, MovingText[kWSlot], "Moving");
-  FollowFlag(PreviousStatus.WSettled, status.WSettled, SettledText[kWSlot], "Settled");
-  FollowFlag(PreviousStatus.WStalled, status.WStalled, StalledText[kWSlot], "Stall");
+  FollowWFlags(PreviousStatus, status, MovingText[kWSlot], SettledText[kWSlot],
+               StalledText[kWSlot]);
   return dirty;
 }
 
@@ -449,139 +381,7 @@ void StageDlg::DoDataExchange(DataExchange& dx) {
   // The platen test row belongs to every machine; the count box shows what the page holds, so
   // what was typed since the last click lasts only until this push.
   dx.Text("PlatenStatus", PlatenStatusText);
-  dx.Text("PlatenCount", platenCountValue);
-}
-
-// --- What the test thread calls ---
-
-void StageDlg::LoadAxisPid(unsigned axis) {
-  if (axis >= 4 || !PidReady) return;
-  AxisPid read;
-  if (!controller->GetAxisPid(static_cast<std::uint16_t>(axis), read)) return;
-  // A record with every gain zero is a take-over record that a lost link left on the board, not
-  // the axis's own: the page keeps the record it knew. (With none known it has nothing better;
-  // a run then hands the axis back without its bias.)
-  const AxisPid& known = AxisPids[axis];
-  const bool takeOver = read.Kp == 0 && read.Kd == 0 && read.Ki == 0;
-  if (takeOver && (known.Kp != 0 || known.Kd != 0 || known.Ki != 0)) return;
-  AxisPids[axis] = read;
-}
-
-bool StageDlg::StoreAxisPid(unsigned axis) {
-  if (axis >= 4 || !PidReady) return false;
-  BiasWritten = AxisPids[axis].Mb;
-  return WriteAxisPid(axis, AxisPids[axis]);
-}
-
-bool StageDlg::WriteAxisPid(unsigned axis, const AxisPid& record) {
-  return controller->SetAxisPid(static_cast<std::uint16_t>(axis), record);
-}
-
-std::string StageDlg::BoardSerial() {
-  const std::uint32_t session = LinkSession();
-  std::lock_guard lock(serialLock_);
-  if (session != 0 && session != serialSession_) {
-    BoardIdentity identity;
-    if (controller->ReadBoardIdentity(identity)) {
-      serial_ = identity.serialNumber;
-      serialSession_ = session;
-    }
-  }
-  return serial_;
-}
-
-void StageDlg::PayOwedRecords() {
-  if (Owed.Empty()) return;
-  const std::string board = BoardSerial();
-  std::string paid;
-  for (const motion::OwedRecords::Entry& e : Owed.OwedTo(board)) {
-    if (!WriteAxisPid(e.axis, e.record)) return;  // down again: owed until the next reset
-    controller->SyncAxis(static_cast<std::uint16_t>(e.axis));
-    Owed.Paid(board, e.axis);
-    paid += std::string(paid.empty() ? "" : ", ") + AxisName(e.axis);
-  }
-  if (journalled_ == 0 || paid.empty()) return;
-  journalled_ = 0;
-  ErrorLog("Stage.cpp", __LINE__)("Motion test journal: %s handed back at start\r\n", paid.c_str());
-  window_.ShowBoxAsync(
-      "The last run of TavroTest ended during a motion test, before it could "
-      "hand the axis back. Axis " +
-          paid +
-          " now has its own settings again.\r\n\r\nCheck that the stage "
-          "stands where it should before you go on.",
-      kBoxTitle, ui::kMbOk, {});
-}
-
-void StageDlg::SyncTestedAxis(unsigned axis) {
-  if (axis < 4 && PidReady) controller->SyncAxis(static_cast<std::uint16_t>(axis));
-}
-
-std::uint16_t StageDlg::MotorMaximum(unsigned axis) const {
-  return axis < 4 ? MachineImage.MotorMaximum(axis) : 0;
-}
-
-std::int32_t StageDlg::CountsPerMm(unsigned axis) const {
-  return axis < 4 ? MachineImage.CountsPerMm(axis) : 0;
-}
-
-bool StageDlg::GetRotaryPosition(unsigned axis, std::int32_t& count) {
-  std::uint32_t raw = 0;
-  if (axis >= 4 || !controller->GetRotaryPosition(static_cast<std::uint16_t>(axis), raw)) {
-    return false;
-  }
-  count = static_cast<std::int32_t>(raw);
-  return true;
-}
-
-bool StageDlg::MovePlaten(bool open) {
-  CTavroUsbPlaten& platen = *controller;
-  return platen.MovePlaten(open ? 1 : 0);
-}
-
-void StageDlg::SetRunningText(unsigned axis, const std::string& text) {
-  if (axis >= RunningText.size()) return;
-  std::lock_guard lock(textLock_);
-  RunningText[axis] = text;
-}
-
-void StageDlg::SetPlatenStatusText(const std::string& text) {
-  std::lock_guard lock(textLock_);
-  PlatenStatusText = text;
-}
-
-// The operator's answers are marked on the recorder's time axis, beside what the test did.
-int StageDlg::Ask(const std::string& text, unsigned style) {
-  const int answer = ui::MessageBox(text, kBoxTitle, style);
-  recording.Mark(recorder::EventKind::kAnswer, AnswerName(answer));
-  return answer;
-}
-
-ui::ChoiceResult StageDlg::Choose(const ui::ChoiceDialog& dialog) {
-  const ui::ChoiceResult result = window_.ShowChoice(dialog);
-  std::string text = AnswerName(result.result);
-  if (result.result == ui::kIdOk && result.choice >= 0 &&
-      static_cast<std::size_t>(result.choice) < dialog.options.size()) {
-    text += ": " + dialog.options[static_cast<std::size_t>(result.choice)];
-  }
-  recording.Mark(recorder::EventKind::kAnswer, text);
-  return result;
-}
-
-void StageDlg::ReportFiled(const std::string& path) {
-  std::string base = path.substr(path.find_last_of('/') + 1);
-  if (base.size() > 4 && base.compare(base.size() - 4, 4, ".dat") == 0)
-    base.resize(base.size() - 4);
-  std::lock_guard lock(textLock_);
-  lastReport_ = std::move(base);
-}
-
-std::string StageDlg::ReportFolder() const {
-  return config::GetProgramFolder();
-}
-
-std::string StageDlg::PlatenCountText() const {
-  std::lock_guard lock(textLock_);
-  return platenCountValue;
+  dx.Text("PlatenCount", platenCount_);
 }
 
 // --- Recording ---
@@ -660,153 +460,4 @@ void StageDlg::RecordTest() {
     report = lastReport_;
   }
   recording.Mark(recorder::EventKind::kTestEnded, report);
-}
-
-// --- CTabManualVisionStageDlg ---
-
-CTabManualVisionStageDlg::CTabManualVisionStageDlg(CTavroUsbManualVision* owner,
-                                                   const BoardVersionInfo& version)
-    : CTabManualVisionDlg(103, 114, owner, version) {}
-
-void CTabManualVisionStageDlg::ResetPage(const BoardVersionInfo& record) {
-  Connected = true;
-  versionInfo = record;
-  Linear.fill(0);
-  Index.fill(0);
-  IndexValid.fill(0);
-  PreviousStatus = ServoStatus{};
-  for (auto* texts : {&MovingText, &SettledText, &StalledText}) {
-    for (auto& t : *texts)
-      t.clear();
-  }
-  EStopText.clear();
-  FootswitchText.clear();
-  CachedEStop = 0;
-  CachedFootswitch = 0;
-  if (PageReady) UpdateData();
-}
-
-void CTabManualVisionStageDlg::UpdatePage(std::uint32_t timerId, const ServoStatus& status) {
-  TickGuard guard(*this);
-  if (!guard.Entered() || timerId != 3) return;
-  // The poll's fields are recorded whether a browser shows the page or not; the page's own
-  // reads happen only while one does.
-  RecordStatus(status);
-  if (!Connected || !PageReady) return;
-  bool dirty = RefreshAxes(status);
-  if (!Connected) return;
-  if (versionInfo.hasWAxis) {
-    dirty |= RefreshW(status);
-    if (!Connected) return;
-  }
-  PreviousStatus = status;
-  if (CachedEStop != status.EStop) {
-    dirty = true;
-    CachedEStop = status.EStop;
-    EStopText = status.EStop ? "EStop" : "";
-  }
-  if (CachedFootswitch != status.Footswitch) {
-    dirty = true;
-    CachedFootswitch = status.Footswitch;
-    FootswitchText = status.Footswitch ? "On" : "";
-  }
-  if (dirty) UpdateData();
-}
-
-bool CTabManualVisionStageDlg::RefreshAxes(const ServoStatus& status) {
-  bool dirty = false;
-  for (unsigned i = 0; i < 4; ++i)
-    dirty |= TakeValue(status.LinearPosition[i], Linear[i]);
-  for (std::uint16_t i = 0; i < 4; ++i) {
-    bool valid = false;
-    bool captured = false;
-    std::uint32_t count = 0;
-    if (!controller->CTavroUsbController::GetIndexCapture(i, valid, captured, count)) {
-      Connected = false;
-      break;
-    }
-    dirty |= TakeIndex(valid, captured, count, IndexValid[i], Index[i]);
-    if (IndexValid[i]) recording.Record(indexChannels_[i], Index[i]);
-  }
-  // Only the zoom has motion flags on this machine; they follow even after a failed read.
-  constexpr unsigned zoom = 3;
-  FollowFlag(PreviousStatus.Moving[zoom], status.Moving[zoom], MovingText[zoom], "Moving");
-  FollowFlag(PreviousStatus.Settled[zoom], status.Settled[zoom], SettledText[zoom], "Settled");
-  FollowFlag(PreviousStatus.Stalled[zoom], status.Stalled[zoom], StalledText[zoom], "Stall");
-  return dirty;
-}
-
-bool CTabManualVisionStageDlg::RefreshW(const ServoStatus& status) {
-  bool dirty = false;
-  CTavroUsbWAxis& w = *controller;
-  if (!ReadW(w, Linear[kWSlot], IndexValid[kWSlot], Index[kWSlot], dirty)) {
-    Connected = false;
-    return dirty;
-  }
-  recording.Record(wChannel_, Linear[kWSlot]);
-  if (IndexValid[kWSlot]) recording.Record(indexChannels_[kWSlot], Index[kWSlot]);
-  FollowFlag(PreviousStatus.WMoving, status.WMoving, MovingText[kWSlot], "Moving");
-  FollowFlag(PreviousStatus.WSettled, status.WSettled, SettledText[kWSlot], "Settled");
-  FollowFlag(PreviousStatus.WStalled, status.WStalled, StalledText[kWSlot], "Stall");
-  return dirty;
-}
-
-void CTabManualVisionStageDlg::DoDataExchange(DataExchange& dx) {
-  for (unsigned i = 0; i < 4; ++i) {
-    dx.Text(Id("Linear", i), Linear[i]);
-    IndexText(dx, Id("Index", i), IndexValid[i], Index[i]);
-  }
-  constexpr unsigned zoom = 3;
-  dx.Text("MovingZoom", MovingText[zoom]);
-  dx.Text("SettledZoom", SettledText[zoom]);
-  dx.Text("StalledZoom", StalledText[zoom]);
-  if (versionInfo.hasWAxis) {
-    dx.Text("RotaryW", Linear[kWSlot]);
-    IndexText(dx, "IndexW", IndexValid[kWSlot], Index[kWSlot]);
-    dx.Text("MovingW", MovingText[kWSlot]);
-    dx.Text("SettledW", SettledText[kWSlot]);
-    dx.Text("StalledW", StalledText[kWSlot]);
-  }
-  dx.Text("EStop", EStopText);
-  dx.Text("Footswitch", FootswitchText);
-}
-
-void CTabManualVisionStageDlg::AddChannels() {
-  using recorder::ValueKind;
-  for (unsigned i = 0; i < 4; ++i) {
-    linearChannels_[i] = recording.Add("status.LinearPosition." + std::string(kSlotNames[i]),
-                                       kTick200ms, ValueKind::kInt32, Id("Linear", i), "counts");
-    indexChannels_[i] = recording.Add("stage.IndexCapture." + std::string(kSlotNames[i]),
-                                      kTick200ms, ValueKind::kInt32, Id("Index", i), "counts");
-  }
-  const char* flags[] = {"Moving", "Settled", "Stalled"};
-  for (unsigned f = 0; f < 3; ++f) {
-    flagChannels_[f] = recording.Add(std::string("status.") + flags[f] + ".Zoom", kTick200ms,
-                                     ValueKind::kFlag, std::string(flags[f]) + "Zoom");
-  }
-  if (versionInfo.hasWAxis) {
-    for (unsigned f = 0; f < 3; ++f) {
-      flagChannels_[3 + f] = recording.Add(std::string("status.W") + flags[f], kTick200ms,
-                                           ValueKind::kFlag, std::string(flags[f]) + "W");
-    }
-    wChannel_ =
-        recording.Add("stage.RotaryPosition.W", kTick200ms, ValueKind::kInt32, "RotaryW", "counts");
-    indexChannels_[kWSlot] =
-        recording.Add("stage.IndexCapture.W", kTick200ms, ValueKind::kInt32, "IndexW", "counts");
-  }
-  estopChannel_ = recording.Add("status.EStop", kTick200ms, ValueKind::kFlag, "EStop");
-  footswitchChannel_ =
-      recording.Add("status.Footswitch", kTick200ms, ValueKind::kFlag, "Footswitch");
-}
-
-void CTabManualVisionStageDlg::RecordStatus(const ServoStatus& status) {
-  constexpr unsigned zoom = 3;
-  for (unsigned i = 0; i < 4; ++i)
-    recording.Record(linearChannels_[i], status.LinearPosition[i]);
-  const bool flags[6] = {status.Moving[zoom], status.Settled[zoom], status.Stalled[zoom],
-                         status.WMoving,      status.WSettled,      status.WStalled};
-  for (unsigned f = 0; f < 6; ++f)
-    recording.Record(flagChannels_[f], flags[f]);
-  recording.Record(estopChannel_, status.EStop);
-  recording.Record(footswitchChannel_, status.Footswitch);
 }

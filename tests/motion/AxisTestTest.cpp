@@ -320,7 +320,7 @@ TEST(AxisTexts, ResultBoxAndReportBlock) {
   r.CorrectDirection[1] = 6;
   r.CorrectDistance[1] = 3;  // neither answer: nothing is written
   r.ManuallyStopped[1] = 1;
-  EXPECT_EQ(motion::AxisResultText(r, 1, 1, 1000),
+  EXPECT_EQ(motion::AxisResultText(r, motion::kPositive, 1, 1000),
             "Y axis position moved 10.500mm.\n\r\nVOLTAGE LIMIT REACHED\r\nBefore continuing, make "
             "sure that there is nothing obstructing \r\n the movement of the machine and that the "
             "axis is not at the \r\ntravel limit.\nLinear Encoder Initial Position: 100\nLinear "

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "pages/Stage.h"
+#include "pages/StageManualVision.h"
 #include "tests/pages/PageFixture.h"
 #include "ui/Window.h"
 

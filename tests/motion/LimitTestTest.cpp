@@ -213,6 +213,36 @@ TEST_F(LimitTest, EachFamilySeeksWithinItsOwnBandAndTheCenteringWithinItsOwn) {
   }
 }
 
+// The centering steps down once it has reached the lowest moving voltage and the axis runs
+// faster than 2500 counts a 50 ms pass: here the friction gives way at the positive switch, so
+// at 562 a pass makes up to 2886 counts, and the bias falls back a step before it climbs again.
+TEST_F(LimitTest, ACenteringThatRunsTooFastStepsDown) {
+  FakeStagePage& page = Page();
+  const FakeAxis axis{.position = 5000,
+                      .deadBand = 150,
+                      .divisor = 1,
+                      .negStop = -101000,
+                      .posStop = 101000,
+                      .negSwitch = -100000,
+                      .posSwitch = 100000};
+  page.SetAxis(0, axis);
+  bool freed = false;
+  page.onTick = [&](FakeStagePage& p) {
+    if (freed || p.AxisPosition(0) < 100000) return;
+    freed = true;
+    FakeAxis loose = axis;
+    loose.position = p.AxisPosition(0);
+    loose.deadBand = -400;
+    p.SetAxis(0, loose);
+  };
+  Run(page, TestButton::kXLimit);
+  ASSERT_TRUE(freed);
+  const std::vector<std::string> texts = CenteringTexts(page);
+  ASSERT_GE(texts.size(), 4u);
+  EXPECT_EQ(std::vector<std::string>(texts.begin(), texts.begin() + 4),
+            (std::vector<std::string>{"MB: 62", "MB: 312", "MB: 562", "MB: 312"}));
+}
+
 // An axis that speeds up in its seek (its friction gives way) is slowed by a step of 250 each time
 // it has been too fast (above 3000 counts a pass) for the family's count of passes in a row: on
 // the fourth, and in the first generation's negative seek on the fifth. Here the ramp ends at 750

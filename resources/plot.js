@@ -19,13 +19,12 @@
   const SPANS = [[60, '1 min'], [600, '10 min'], [3600, '1 h'], [86400, '24 h']];
   const COLORS = ['#2f6fb0', '#c62828', '#2e7d32', '#8e44ad', '#e67e22', '#00838f', '#6d4c41',
     '#ad1457'];
-  // By kind with spaces and dashes left out: the recorder spells "e-stop on", scripts "estop-on".
+  // By the kind's name as /events gives it.
   const EVENT_COLORS = {
-    linklost: '#c62828', linkback: '#2e7d32', estopon: '#d84315', estopoff: '#558b2f',
-    sleep: '#6d4c41', teststarted: '#1565c0', testended: '#1565c0', answer: '#8e44ad',
+    'link-lost': '#c62828', 'link-back': '#2e7d32', 'estop-on': '#d84315', 'estop-off': '#558b2f',
+    sleep: '#6d4c41', 'test-started': '#1565c0', 'test-ended': '#1565c0', answer: '#8e44ad',
   };
-  const eventColor = (kind) => EVENT_COLORS[kind.toLowerCase().replace(/[\s-]+/g, '')]
-    || '#5b6776';
+  const eventColor = (kind) => EVENT_COLORS[kind] || '#5b6776';
 
   let channels = [];               // as /channels lists them
   let byName = new Map();

@@ -138,37 +138,7 @@
     p.rebuild = (resolution) => build(p, resolution);
     p.showProblem = (text) => showProblem(p, text);
 
-    const head = document.createElement('header');
-    head.className = 'plot-head';
-    p.title = document.createElement('span');
-    p.title.className = 'plot-title';
-    head.appendChild(p.title);
-    p.followButton = button('Pause', () => setFollow(p, !p.follow));
-    p.spanSelect = document.createElement('select');
-    p.spanSelect.setAttribute('aria-label', 'Span');
-    for (const [s, text] of SPANS) p.spanSelect.add(new Option(text, String(s)));
-    p.spanSelect.value = String(span);
-    p.spanSelect.addEventListener('change', () => setSpan(p, Number(p.spanSelect.value)));
-    p.csv = document.createElement('a');
-    p.csv.textContent = 'CSV';
-    p.csv.className = 'plot-export';
-    p.json = document.createElement('a');
-    p.json.textContent = 'JSON';
-    p.json.className = 'plot-export';
-    for (const a of [p.csv, p.json]) a.addEventListener('click', () => updateExports(p));
-    const close = button('\u00d7', () => closePlot(p), 'Close');
-    close.className = 'plot-close';
-    head.append(p.followButton, p.spanSelect, p.csv, p.json, close);
-    p.body = document.createElement('div');
-    p.body.className = 'plot-body';
-    p.problem = document.createElement('div');
-    p.problem.className = 'plot-problem';
-    p.problem.setAttribute('role', 'status');
-    p.problem.hidden = true;
-    p.tip = document.createElement('div');
-    p.tip.className = 'plot-tip';
-    p.tip.hidden = true;
-    panel.append(head, p.problem, p.body, p.tip);
+    const head = panelParts(p);
 
     const pos = state.pos || {};
     const n = plots.length;
@@ -205,6 +175,43 @@
     p.timer = setInterval(() => recorder.poll(p), POLL_MS);
     save();
     return panel;
+  }
+
+  // The panel's head (title, follow, span, exports, close), problem line, body and tip, kept on
+  // the plot; returns the head, by which the panel is moved.
+  function panelParts(p) {
+    const head = document.createElement('header');
+    head.className = 'plot-head';
+    p.title = document.createElement('span');
+    p.title.className = 'plot-title';
+    head.appendChild(p.title);
+    p.followButton = button('Pause', () => setFollow(p, !p.follow));
+    p.spanSelect = document.createElement('select');
+    p.spanSelect.setAttribute('aria-label', 'Span');
+    for (const [s, text] of SPANS) p.spanSelect.add(new Option(text, String(s)));
+    p.spanSelect.value = String(p.span);
+    p.spanSelect.addEventListener('change', () => setSpan(p, Number(p.spanSelect.value)));
+    p.csv = document.createElement('a');
+    p.csv.textContent = 'CSV';
+    p.csv.className = 'plot-export';
+    p.json = document.createElement('a');
+    p.json.textContent = 'JSON';
+    p.json.className = 'plot-export';
+    for (const a of [p.csv, p.json]) a.addEventListener('click', () => updateExports(p));
+    const close = button('\u00d7', () => closePlot(p), 'Close');
+    close.className = 'plot-close';
+    head.append(p.followButton, p.spanSelect, p.csv, p.json, close);
+    p.body = document.createElement('div');
+    p.body.className = 'plot-body';
+    p.problem = document.createElement('div');
+    p.problem.className = 'plot-problem';
+    p.problem.setAttribute('role', 'status');
+    p.problem.hidden = true;
+    p.tip = document.createElement('div');
+    p.tip.className = 'plot-tip';
+    p.tip.hidden = true;
+    p.panel.append(head, p.problem, p.body, p.tip);
+    return head;
   }
 
   // 14:03:07.420 local time: the legend's time under the cursor, to the sample.

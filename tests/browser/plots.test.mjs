@@ -247,17 +247,12 @@ test('the CSV of a plot\'s window holds the axis moving to where the simulator s
     assert.equal(lines[0], `time,${position},${moving}`);
     const rows = lines.slice(1).map((l) => l.split(','));
     assert.ok(rows.length > 40, `${rows.length} rows`);
-    assert.ok(rows.every((r) => r.length === 3 && r[0] !== '' && (r[1] !== '' || r[2] !== '')),
-      'every row has its time and a value of at least one channel');
+    // Both are read by the same poll, and a row is a tick of its timer: each row holds both, so
+    // no tick went unrecorded, however late a loaded machine ran the timer.
+    assert.ok(rows.every((r) => r.length === 3 && r.every((cell) => cell !== '')),
+      `every row has its time and both values: ${rows.find((r) => r.includes(''))}`);
     const times = rows.map((r) => Number(r[0]));
     assert.ok(times.every((t, i) => i === 0 || t > times[i - 1]), 'one row per time, in order');
-    // Each channel has a value at every tick of its own timer: no holes in it (the window's
-    // timers run late on a loaded machine, never by seconds).
-    for (const column of [1, 2]) {
-      const at = rows.map((r, i) => (r[column] === '' ? null : times[i])).filter((t) => t !== null);
-      const gaps = at.slice(1).map((t, i) => t - at[i]);
-      assert.ok(Math.max(...gaps) < 1, `column ${column}: largest gap ${Math.max(...gaps)}`);
-    }
     const xs = rows.filter((r) => r[1] !== '').map((r) => Number(r[1]));
     assert.ok(xs.includes(start), `the window holds X at ${start} before the move`);
     assert.ok(nonDecreasing(xs), 'X moved one way');

@@ -20,14 +20,23 @@ class RecorderApi final : public ui::HttpApi {
   ui::HttpRoute Route(std::string_view path) const override;
   void Answer(std::string_view path, std::string_view query, ui::HttpReply& reply) override;
 
-  // A report's file is streamed from disk up to this size.
-  static constexpr std::size_t kMaxReportFileBytes = 32u << 20;
-
  private:
+  // One route: its path, how the server answers it, and what answers.
+  struct Handler {
+    const char* path;
+    ui::HttpRoute route;
+    void (RecorderApi::*answer)(std::string_view query, ui::HttpReply& reply) const;
+  };
+  // The route at `path`; null for any other path.
+  static const Handler* Find(std::string_view path);
+
+  void Channels(std::string_view query, ui::HttpReply& reply) const;
   void Events(std::string_view query, ui::HttpReply& reply) const;
   void Export(std::string_view query, ui::HttpReply& reply) const;
+  void Reports(std::string_view query, ui::HttpReply& reply) const;
   void Report(std::string_view query, ui::HttpReply& reply) const;
   void ReportFile(std::string_view query, ui::HttpReply& reply) const;
+  void History(std::string_view query, ui::HttpReply& reply) const;
 
   std::shared_ptr<const recorder::Recorder> recorder_;
   recorder::RunTime time_;

@@ -12,10 +12,10 @@
 #include "platform/PowerEvents.h"
 #include "platform/TaskLoop.h"
 #include "ui/MessageBox.h"
+#include "ui/MessageWindow.h"
 #include "ui/StopSignals.h"
 #include "ui/WebServer.h"
 #include "ui/Window.h"
-#include "util/MessageWindow.h"
 
 namespace {
 

@@ -117,6 +117,57 @@ SliderSteps LightSliderSteps(std::uint32_t maximum) {
           .tick = static_cast<std::int32_t>(maximum / 16)};
 }
 
+// --- The sliders ---
+
+template <class Base, const LightsForm& kForm>
+const typename LightsPage<Base, kForm>::SliderRow LightsPage<Base, kForm>::kSliderRows[6] = {
+    {.slider = LightSlider::kProfile,
+     .rawText = "RawProfile",
+     .value = &LightsPage::ProfileRaw,
+     .text = &LightsPage::RawProfileText,
+     .group = kLights,
+     .top = &LightsPage::profileTop_,
+     .channel = &LightsPage::ProfileChannel},
+    {.slider = LightSlider::kCoax,
+     .rawText = "RawCoax",
+     .value = &LightsPage::CoaxRaw,
+     .text = &LightsPage::RawCoaxText,
+     .group = kLights,
+     .top = &LightsPage::coaxTop_,
+     .channel = &LightsPage::CoaxChannel},
+    {.slider = LightSlider::kSurface,
+     .rawText = "RawSurface",
+     .value = &LightsPage::SurfaceRaw,
+     .text = &LightsPage::RawSurfaceText,
+     .group = kLights,
+     .top = &LightsPage::surfaceTop_,
+     .leastChannels = 3},
+    {.slider = LightSlider::kLedWord1,
+     .rawText = "RawLedWORD1",
+     .value = &LightsPage::LedWord1,
+     .text = &LightsPage::RawLedWORD1Text,
+     .group = kLedWords},
+    {.slider = LightSlider::kLedWord2,
+     .rawText = "RawLedWORD2",
+     .value = &LightsPage::LedWord2,
+     .text = &LightsPage::RawLedWORD2Text,
+     .group = kLedWords},
+    {.slider = LightSlider::kPendantWord,
+     .rawText = "RawPendWORD1",
+     .value = &LightsPage::PendantWord,
+     .text = &LightsPage::RawPendWORD1Text,
+     .group = kPendantWord},
+};
+
+template <class Base, const LightsForm& kForm>
+const typename LightsPage<Base, kForm>::SliderRow& LightsPage<Base, kForm>::RowOf(
+    LightSlider slider) {
+  for (const SliderRow& row : kSliderRows) {
+    if (row.slider == slider) return row;
+  }
+  return kSliderRows[0];
+}
+
 // --- Construction ---
 
 template <class Base, const LightsForm& kForm>
@@ -124,25 +175,20 @@ void LightsPage<Base, kForm>::OnInitDialog() {
   ChannelCount = this->controller->GetLightChannelCount();
   LoadChannels();
   ui::Document& doc = this->Doc();
-  if constexpr (kForm.statusLights) {
-    for (auto slider :
-         {LightSlider::kLedWord1, LightSlider::kLedWord2, LightSlider::kPendantWord}) {
-      doc.SetSliderRange(SliderElement(slider), 0, kWordTop);
-      doc.SetSliderSteps(SliderElement(slider), 1, 256);
-      doc.SetSliderTicks(SliderElement(slider), 4096);
+  for (const SliderRow& row : kSliderRows) {
+    if (!OnThisPage(row)) continue;
+    const char* element = SliderElement(row.slider);
+    if (row.IsLight()) {
+      const std::uint32_t top = this->*row.top = MaxValue(FirstChannel(row));
+      const SliderSteps steps = LightSliderSteps(top);
+      doc.SetSliderRange(element, 0, static_cast<std::int32_t>(top));
+      doc.SetSliderSteps(element, steps.line, steps.page);
+      doc.SetSliderTicks(element, steps.tick);
+    } else {
+      doc.SetSliderRange(element, 0, kWordTop);
+      doc.SetSliderSteps(element, 1, 256);
+      doc.SetSliderTicks(element, 4096);
     }
-  }
-  profileTop_ = MaxValue(ProfileChannel);
-  coaxTop_ = MaxValue(CoaxChannel);
-  surfaceTop_ = MaxValue(0);
-  const std::pair<LightSlider, std::uint32_t> tops[] = {{LightSlider::kProfile, profileTop_},
-                                                        {LightSlider::kCoax, coaxTop_},
-                                                        {LightSlider::kSurface, surfaceTop_}};
-  for (const auto& [slider, top] : tops) {
-    const SliderSteps steps = LightSliderSteps(top);
-    doc.SetSliderRange(SliderElement(slider), 0, static_cast<std::int32_t>(top));
-    doc.SetSliderSteps(SliderElement(slider), steps.line, steps.page);
-    doc.SetSliderTicks(SliderElement(slider), steps.tick);
   }
   ListEvents();
 }
@@ -162,16 +208,16 @@ void LightsPage<Base, kForm>::ListEvents() {
       events.OnClick(b.id, [this, colour](const ui::Event&) { OnStatusLight(colour); });
     }
   }
-  events.OnChange("RawProfile", [this](const ui::Event&) { OnRawText(LightSlider::kProfile); });
-  events.OnChange("RawCoax", [this](const ui::Event&) { OnRawText(LightSlider::kCoax); });
-  events.OnChange("RawSurface", [this](const ui::Event&) { OnRawText(LightSlider::kSurface); });
-  for (const auto& s : kSliderElements) {
-    const bool wordSlider = s.slider == LightSlider::kLedWord1 ||
-                            s.slider == LightSlider::kLedWord2 ||
-                            s.slider == LightSlider::kPendantWord;
-    if (wordSlider && !kForm.statusLights) continue;
-    const LightSlider slider = s.slider;
-    events.OnChange(s.element, [this, slider](const ui::Event&) { OnSlider(slider); });
+  for (const SliderRow& row : kSliderRows) {
+    const LightSlider slider = row.slider;
+    // A word's raw text is sent with its slider only.
+    if (row.IsLight()) {
+      events.OnChange(row.rawText, [this, slider](const ui::Event&) { OnRawText(slider); });
+    }
+    if (OnThisPage(row)) {
+      events.OnChange(SliderElement(slider),
+                      [this, slider](const ui::Event&) { OnSlider(slider); });
+    }
   }
 }
 
@@ -210,11 +256,10 @@ void LightsPage<Base, kForm>::ClearFields() {
   CycleTick.fill(0);
   CycleValues.fill(0);
   RawValues.fill(0);
-  LedWord1 = LedWord2 = PendantWord = 0;
-  ProfileRaw = CoaxRaw = SurfaceRaw = 0;
-  for (std::string* t : {&RawLedWORD1Text, &RawLedWORD2Text, &RawPendWORD1Text, &RawProfileText,
-                         &RawCoaxText, &RawSurfaceText})
-    t->clear();
+  for (const SliderRow& row : kSliderRows) {
+    this->*row.value = 0;
+    (this->*row.text).clear();
+  }
   held_.fill(false);
   sentThisTick_.fill(false);
 }
@@ -287,15 +332,15 @@ void LightsPage<Base, kForm>::OnStatusLight(std::uint8_t colour) {
 
 template <class Base, const LightsForm& kForm>
 void LightsPage<Base, kForm>::ClearRawWords() {
-  LedWord1 = LedWord2 = PendantWord = 0;
-  RawLedWORD1Text.clear();
-  RawLedWORD2Text.clear();
-  RawPendWORD1Text.clear();
-  // A word still held from a drag would undo the clearing.
-  held_[kLedWords] = held_[kPendantWord] = false;
   ui::Document& doc = this->Doc();
-  for (auto slider : {LightSlider::kLedWord1, LightSlider::kLedWord2, LightSlider::kPendantWord})
-    doc.SetSliderPosition(SliderElement(slider), 0);
+  for (const SliderRow& row : kSliderRows) {
+    if (row.IsLight()) continue;
+    this->*row.value = 0;
+    (this->*row.text).clear();
+    // A word still held from a drag would undo the clearing.
+    held_[row.group] = false;
+    doc.SetSliderPosition(SliderElement(row.slider), 0);
+  }
   this->UpdateData();
 }
 
@@ -303,101 +348,51 @@ void LightsPage<Base, kForm>::ClearRawWords() {
 
 template <class Base, const LightsForm& kForm>
 void LightsPage<Base, kForm>::OnSlider(LightSlider slider) {
+  const SliderRow& row = RowOf(slider);
   ui::Document& doc = this->Doc();
   const char* element = SliderElement(slider);
-  std::uint32_t top = kWordTop;
-  if (slider == LightSlider::kProfile) top = profileTop_;
-  if (slider == LightSlider::kCoax) top = coaxTop_;
-  if (slider == LightSlider::kSurface) top = surfaceTop_;
+  const std::uint32_t top = row.top ? this->*row.top : kWordTop;
   // A browser may send any text: take only what the slider can show.
   const auto position = static_cast<std::uint32_t>(
       std::clamp<std::int64_t>(doc.SliderPosition(element), 0, std::int64_t{top}));
   doc.SetSliderPosition(element, static_cast<std::int32_t>(position));
-  const std::string shown = text::Format("%u", position);
-  switch (slider) {
-    case LightSlider::kLedWord1:
-      LedWord1 = position;
-      RawLedWORD1Text = shown;
-      Send(kLedWords);
-      break;
-    case LightSlider::kLedWord2:
-      LedWord2 = position;
-      RawLedWORD2Text = shown;
-      Send(kLedWords);
-      break;
-    case LightSlider::kPendantWord:
-      PendantWord = position;
-      RawPendWORD1Text = shown;
-      Send(kPendantWord);
-      break;
-    case LightSlider::kProfile:
-      ProfileRaw = position;
-      RawProfileText = shown;
-      TakeLightValue(slider, position);
-      Send(kLights);
-      break;
-    case LightSlider::kCoax:
-      CoaxRaw = position;
-      RawCoaxText = shown;
-      TakeLightValue(slider, position);
-      Send(kLights);
-      break;
-    case LightSlider::kSurface:
-      SurfaceRaw = position;
-      RawSurfaceText = shown;
-      if (ChannelCount >= 3) {
-        TakeLightValue(slider, position);
-        Send(kLights);
-      }
-      break;
+  this->*row.value = position;
+  this->*row.text = text::Format("%u", position);
+  if (ChannelCount >= row.leastChannels) {
+    if (row.IsLight()) TakeLightValue(row, position);
+    Send(row.group);
   }
   this->UpdateData();
 }
 
 template <class Base, const LightsForm& kForm>
-void LightsPage<Base, kForm>::TakeLightValue(LightSlider slider, std::uint32_t value) {
-  if (slider == LightSlider::kProfile && ProfileChannel < kLightChannels)
-    RawValues[ProfileChannel] = value;
-  if (slider == LightSlider::kCoax && CoaxChannel < kLightChannels) RawValues[CoaxChannel] = value;
-  if (slider == LightSlider::kSurface) {
-    for (std::uint32_t channel = 0; channel < SurfaceEnd(); ++channel)
-      RawValues[channel] = value;
+void LightsPage<Base, kForm>::TakeLightValue(const SliderRow& row, std::uint32_t value) {
+  if (row.channel) {
+    if (this->*row.channel < kLightChannels) RawValues[this->*row.channel] = value;
+    return;
   }
+  for (std::uint32_t channel = 0; channel < SurfaceEnd(); ++channel)
+    RawValues[channel] = value;
 }
 
 template <class Base, const LightsForm& kForm>
 void LightsPage<Base, kForm>::OnRawText(LightSlider slider) {
   ui::Document& doc = this->Doc();
   // The fetch from the document: every text takes what the browsers left in its box.
-  RawProfileText = doc.Text("RawProfile");
-  RawCoaxText = doc.Text("RawCoax");
-  RawSurfaceText = doc.Text("RawSurface");
-  if constexpr (kForm.statusLights) {
-    RawLedWORD1Text = doc.Text("RawLedWORD1");
-    RawLedWORD2Text = doc.Text("RawLedWORD2");
-    RawPendWORD1Text = doc.Text("RawPendWORD1");
+  for (const SliderRow& row : kSliderRows) {
+    if (OnThisPage(row)) this->*row.text = doc.Text(row.rawText);
   }
-  std::string* shown = &RawProfileText;
-  std::uint32_t* field = &ProfileRaw;
-  std::uint32_t maximum = MaxValue(ProfileChannel);
-  if (slider == LightSlider::kCoax) {
-    shown = &RawCoaxText;
-    field = &CoaxRaw;
-    maximum = MaxValue(CoaxChannel);
-  } else if (slider == LightSlider::kSurface) {
-    shown = &RawSurfaceText;
-    field = &SurfaceRaw;
-    maximum = MaxValue(0);
-  }
+  const SliderRow& row = RowOf(slider);
+  std::string& shown = this->*row.text;
   std::uint32_t value = 0;
-  if (ParseRawText(*shown, maximum, value)) {
-    *field = value;
+  if (ParseRawText(shown, MaxValue(FirstChannel(row)), value)) {
+    this->*row.value = value;
     doc.SetSliderPosition(SliderElement(slider), static_cast<std::int32_t>(value));
-    TakeLightValue(slider, value);
+    TakeLightValue(row, value);
     // A typed number is one command, and it carries whatever a drag still held.
     SendNow(kLights);
   } else {
-    *shown = text::Format("%u", *field);
+    shown = text::Format("%u", this->*row.value);
   }
   this->UpdateData();
 }
@@ -510,13 +505,8 @@ void LightsPage<Base, kForm>::DoDataExchange(DataExchange& dx) {
   dx.Text("ProfileMaxValue", MaxValue(ProfileChannel));
   dx.Text("CoaxMaxValue", MaxValue(CoaxChannel));
   if (ChannelCount > 2) dx.Text("SurfaceMaxValue", MaxValue(0));
-  dx.Text("RawProfile", RawProfileText);
-  dx.Text("RawCoax", RawCoaxText);
-  dx.Text("RawSurface", RawSurfaceText);
-  if constexpr (kForm.statusLights) {
-    dx.Text("RawLedWORD1", RawLedWORD1Text);
-    dx.Text("RawLedWORD2", RawLedWORD2Text);
-    dx.Text("RawPendWORD1", RawPendWORD1Text);
+  for (const SliderRow& row : kSliderRows) {
+    if (OnThisPage(row)) dx.Text(row.rawText, this->*row.text);
   }
 }
 

@@ -143,10 +143,35 @@ class LightsPage : public Base {
   void OnSurfaceCycle(int kind);
   void OnStatusLight(std::uint8_t colour);
   void ClearRawWords();
+  // One slider with its raw text box: the fields it sets, the command it sends and, for a light,
+  // the channels it drives and its top.
+  struct SliderRow {
+    LightSlider slider;
+    const char* rawText;  // the raw text box's id
+    std::uint32_t LightsPage::*value;
+    std::string LightsPage::*text;
+    Group group;
+    // A light's slider runs up to `top`, as OnInitDialog set it; a word's over the whole word.
+    std::uint32_t LightsPage::*top = nullptr;
+    // A light's one channel; none for the surface light, which drives channels 0 to SurfaceEnd.
+    std::uint32_t LightsPage::*channel = nullptr;
+    // A move sends nothing on a board with fewer channels.
+    std::uint32_t leastChannels = 0;
+    bool IsLight() const { return group == kLights; }
+  };
+  static const SliderRow kSliderRows[6];
+  static const SliderRow& RowOf(LightSlider slider);
+  // Light sliders always, the word sliders where the page has them.
+  static bool OnThisPage(const SliderRow& row) { return row.IsLight() || kForm.statusLights; }
+
   void OnSlider(LightSlider slider);
   void OnRawText(LightSlider slider);
-  // Puts a slider's position into the raw values of its channels.
-  void TakeLightValue(LightSlider slider, std::uint32_t value);
+  // Puts a light slider's position into the raw values of its channels.
+  void TakeLightValue(const SliderRow& row, std::uint32_t value);
+  // The first light channel of a light slider (the surface light's is 0).
+  std::uint32_t FirstChannel(const SliderRow& row) const {
+    return row.channel ? this->*row.channel : 0;
+  }
   // Sends a group's command now, or holds it for the next tick when one went out this tick.
   void Send(Group group);
   void SendNow(Group group);

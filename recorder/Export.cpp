@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <limits>
 
+#include "util/Query.h"
 #include "util/Text.h"
 
 namespace recorder {
@@ -15,18 +16,6 @@ constexpr std::size_t kChunkBytes = 32 * 1024;
 // A block is what a reader copies under a group's lock, while the UI thread may wait for it.
 constexpr std::size_t kTicksPerBlock = 256;
 constexpr std::size_t kSecondsPerBlock = 1024;
-// Seconds since the epoch written with at most this many digits: past the year 5000.
-constexpr std::size_t kMaxSecondDigits = 11;
-
-// Printable for a one-line reason: at most 64 bytes, control bytes as '?'.
-std::string Shown(std::string_view text) {
-  std::string out(text.substr(0, 64));
-  for (char& c : out) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
-  }
-  if (text.size() > 64) out += "...";
-  return out;
-}
 
 void AppendValue(std::string& out, ValueKind kind, double v) {
   char buffer[32];
@@ -172,7 +161,7 @@ bool ExportFull(const Recorder& recorder, const ExportQuery& q, const std::vecto
       }
       ++g.at;
     }
-    w.BeginRow(FormatTime(next));
+    w.BeginRow(query::FormatTime(next));
     for (std::size_t i = 0; i < has.size(); ++i)
       w.Cell(has[i] != 0, kinds[i], values[i]);
     w.EndRow();
@@ -219,53 +208,6 @@ bool ExportSeconds(const Recorder& recorder, const ExportQuery& q,
 
 }  // namespace
 
-std::string FormatTime(TimeUs time) {
-  const bool negative = time < 0;
-  const std::uint64_t magnitude =
-      negative ? static_cast<std::uint64_t>(-(time + 1)) + 1 : static_cast<std::uint64_t>(time);
-  std::string out = (negative ? "-" : "") + std::to_string(magnitude / kUsPerSecond);
-  std::uint64_t fraction = magnitude % kUsPerSecond;
-  if (fraction == 0) return out;
-  int digits = 6;
-  while (fraction % 10 == 0) {
-    fraction /= 10;
-    --digits;
-  }
-  std::string f = std::to_string(fraction);
-  out += '.';
-  out.append(static_cast<std::size_t>(digits) - f.size(), '0');
-  return out + f;
-}
-
-bool ParseTime(std::string_view text, TimeUs& out) {
-  std::size_t i = 0;
-  const bool negative = !text.empty() && text[0] == '-';
-  if (negative) ++i;
-  std::int64_t whole = 0;
-  std::size_t digits = 0;
-  for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i, ++digits) {
-    if (digits >= kMaxSecondDigits) return false;
-    whole = whole * 10 + (text[i] - '0');
-  }
-  std::int64_t fraction = 0;
-  std::size_t decimals = 0;
-  if (i < text.size() && text[i] == '.') {
-    ++i;
-    for (; i < text.size() && text[i] >= '0' && text[i] <= '9'; ++i, ++decimals) {
-      if (decimals >= 18) return false;
-      // Beyond the microsecond the digits are read and dropped.
-      if (decimals < 6) fraction = fraction * 10 + (text[i] - '0');
-    }
-    if (decimals == 0 && digits == 0) return false;
-  }
-  if (i != text.size() || (digits == 0 && decimals == 0)) return false;
-  for (std::size_t d = std::min<std::size_t>(decimals, 6); d < 6; ++d)
-    fraction *= 10;
-  const TimeUs value = whole * kUsPerSecond + fraction;
-  out = negative ? -value : value;
-  return true;
-}
-
 bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs now,
                       ExportQuery& out, std::string& reason) {
   out = ExportQuery{};
@@ -273,51 +215,29 @@ bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs n
     reason = "query too long";
     return false;
   }
-  bool haveChannels = false, haveFrom = false, haveTo = false;
+  query::TimeRange range;
+  if (!query::ParseTimeRange(query, now, range, reason)) return false;
+  bool haveChannels = false;
   std::string channels, value;
-  TimeUs from = 0, to = now;
-  while (!query.empty()) {
-    const std::size_t amp = query.find('&');
-    const std::string_view pair = query.substr(0, amp);
-    query = amp == std::string_view::npos ? std::string_view{} : query.substr(amp + 1);
-    const std::size_t eq = pair.find('=');
-    const std::string_view key = pair.substr(0, eq);
-    if (!text::PercentDecode(
-            eq == std::string_view::npos ? std::string_view{} : pair.substr(eq + 1), value)) {
-      reason = "bad escape in " + Shown(key);
-      return false;
-    }
-    if (key == "channels") {
+  const bool read = query::ForEachPair(query, [&](std::string_view key, std::string_view raw) {
+    if (!text::PercentDecode(raw, value)) {
+      reason = "bad escape in " + query::Shown(key);
+    } else if (key == "channels") {
       channels = value;
       haveChannels = true;
-    } else if (key == "from" || key == "to") {
-      TimeUs t;
-      if (!ParseTime(value, t)) {
-        reason = "bad time in " + std::string(key) + ": " + Shown(value);
-        return false;
-      }
-      if (key == "from") {
-        // A negative start counts back from now.
-        from = t < 0 ? now + t : t;
-        haveFrom = true;
-      } else {
-        to = t;
-        haveTo = true;
-      }
-    } else if (key == "format") {
-      if (value != "csv" && value != "json") {
-        reason = "unknown format: " + Shown(value);
-        return false;
-      }
-      out.json = value == "json";
-    } else if (key == "resolution") {
-      if (value != "full" && value != "1s") {
-        reason = "unknown resolution: " + Shown(value);
-        return false;
-      }
-      out.perSecond = value == "1s";
+      return true;
+    } else if (key == "format" && value != "csv" && value != "json") {
+      reason = "unknown format: " + query::Shown(value);
+    } else if (key == "resolution" && value != "full" && value != "1s") {
+      reason = "unknown resolution: " + query::Shown(value);
+    } else {
+      if (key == "format") out.json = value == "json";
+      if (key == "resolution") out.perSecond = value == "1s";
+      return true;
     }
-  }
+    return false;
+  });
+  if (!read) return false;
   if (!haveChannels || channels.empty()) {
     reason = "no channels named";
     return false;
@@ -332,7 +252,7 @@ bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs n
     }
     const ChannelId id = recorder.Find(name);
     if (id == kNoChannel) {
-      reason = "unknown channel: " + Shown(name);
+      reason = "unknown channel: " + query::Shown(name);
       return false;
     }
     out.channels.push_back(id);
@@ -340,14 +260,8 @@ bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs n
     if (comma == std::string_view::npos) break;
     rest = rest.substr(comma + 1);
   }
-  if (!haveTo) to = now;
-  if (!haveFrom) from = std::numeric_limits<TimeUs>::min();
-  if (from > to) {
-    reason = "from is after to";
-    return false;
-  }
-  out.from = from;
-  out.to = to;
+  out.from = range.from;
+  out.to = range.to;
   return true;
 }
 

@@ -49,9 +49,4 @@ bool Export(const Recorder& recorder, const ExportQuery& query, const ExportSink
 // texts come from files and names any local user can write).
 void AppendJsonText(std::string& out, std::string_view s);
 
-// "1764043200.02" from microseconds: the fewest decimals that keep the time exact.
-std::string FormatTime(TimeUs time);
-// Parses a time as FormatTime writes it (and an optional leading '-'); false when it is not one.
-bool ParseTime(std::string_view text, TimeUs& out);
-
 }  // namespace recorder

@@ -114,25 +114,11 @@ const KindForm& FormOf(ValueKind kind) {
 }
 
 const char* EventName(EventKind kind) {
-  switch (kind) {
-    case EventKind::kLinkLost:
-      return "link lost";
-    case EventKind::kLinkBack:
-      return "link back";
-    case EventKind::kEStopOn:
-      return "e-stop on";
-    case EventKind::kEStopOff:
-      return "e-stop off";
-    case EventKind::kSleep:
-      return "sleep";
-    case EventKind::kTestStarted:
-      return "test started";
-    case EventKind::kTestEnded:
-      return "test ended";
-    case EventKind::kAnswer:
-      return "answer";
-  }
-  return "";
+  // One word each, as the routes give them and the plots colour them.
+  constexpr const char* kNames[] = {"link-lost", "link-back",    "estop-on",   "estop-off",
+                                    "sleep",     "test-started", "test-ended", "answer"};
+  const auto at = static_cast<std::size_t>(kind);
+  return at < std::size(kNames) ? kNames[at] : "";
 }
 
 std::size_t GroupBytes(const RecorderLimits& limits, std::uint32_t rateMs) {

@@ -69,6 +69,7 @@ enum class EventKind : std::uint8_t {
   kTestEnded,  // text: the report's name
   kAnswer,     // text: the question's answer
 };
+// The kind's name for scripts and the plots: "link-lost", "estop-on", "test-ended" ...
 const char* EventName(EventKind kind);
 
 struct Event {

@@ -1,5 +1,9 @@
 #include "recorder/ReportApi.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -241,6 +245,34 @@ bool ReportFilePath(const std::string& folder, std::string_view base, std::strin
   if (!entry || !(ext == "dat" ? entry->hasReport : entry->hasTrace)) return false;
   path = FilePath(folder, entry->base, ext);
   return true;
+}
+
+ApiStatus SendReportFile(const std::string& folder, std::string_view base, std::string_view ext,
+                         const std::function<void()>& begin, const ExportSink& sink) {
+  std::string path;
+  if (!ReportFilePath(folder, base, ext, path)) return ApiStatus::kNotFound;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  struct stat st {};
+  if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
+      static_cast<std::uint64_t>(st.st_size) > kMaxReportFileBytes) {
+    if (fd >= 0) ::close(fd);
+    return ApiStatus::kUnreadable;
+  }
+  begin();
+  std::string buffer(64 * 1024, '\0');
+  std::size_t sent = 0;
+  ApiStatus status = ApiStatus::kOk;
+  while (sent < kMaxReportFileBytes) {
+    const ssize_t n = ::read(fd, buffer.data(), buffer.size());
+    if (n <= 0) break;
+    sent += static_cast<std::size_t>(n);
+    if (!sink(std::string_view(buffer.data(), static_cast<std::size_t>(n)))) {
+      status = ApiStatus::kStopped;
+      break;
+    }
+  }
+  ::close(fd);
+  return status;
 }
 
 std::string HistoryJson(const std::string& folder) {

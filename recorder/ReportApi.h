@@ -11,7 +11,12 @@
 
 namespace recorder {
 
-enum class ApiStatus { kOk, kNotFound, kStopped };
+enum class ApiStatus {
+  kOk,
+  kNotFound,    // not a report (or file) the folder lists
+  kUnreadable,  // listed, but not a plain file of at most kMaxReportFileBytes (a link, say)
+  kStopped,     // the sink stopped the answer
+};
 
 // A report read for the history is at most this long (an axis or limit report is a few hundred
 // bytes), and at most the newest kMaxHistoryReports are read.
@@ -32,6 +37,15 @@ ApiStatus WriteReportJson(const std::string& folder, std::string_view base, cons
 // other name or extension.
 bool ReportFilePath(const std::string& folder, std::string_view base, std::string_view ext,
                     std::string& path);
+
+// A report's file is sent up to this size.
+inline constexpr std::size_t kMaxReportFileBytes = 32u << 20;
+
+// /report-file: BASE.dat or BASE.csv as stored. The folder is writable by every local user, so a
+// link put in a report's place is not followed and only a plain file of bounded size is sent:
+// `begin` is called once it is open, then its bytes go to the sink in chunks.
+ApiStatus SendReportFile(const std::string& folder, std::string_view base, std::string_view ext,
+                         const std::function<void()>& begin, const ExportSink& sink);
 
 // /history: {"axes":{"X":[{"time":S,"base":..,"kind":"axis|zoom|limit","startNeg":..,
 // "startPos":..,"movingNeg":[min,max]|null,"movingPos":..,"travel":..},...]}}, each axis oldest

@@ -5,96 +5,34 @@
 (() => {
   'use strict';
 
-  const token = new URLSearchParams(location.search).get('token') || '';
+  const { clamp, button } = window.tavroCommon;
+  const recorder = window.tavroRecorder;
+  const { nowS, resolutionFor, channelOf } = recorder;
   const STORE_KEY = 'tavro.plots';
   const POLL_MS = 250;
-  const EVENTS_EVERY = 4;          // polls between looks at the event marks
-  const FULL_RATE_S = 600;         // how far back the recorder keeps every tick
-  const OVERLAP_S = 1;             // re-read at each poll: a slower timer's tick may land late
-  const MAX_POINTS = 100000;       // rows kept per plot: 24 h of seconds, 10 min of 20 ms ticks
   const MAX_CHANNELS = 8;
-  const MAX_EVENTS = 2000;
-  const FETCH_TIMEOUT_MS = 15000;
-  const RETRY_MS = 3000;
   const SPANS = [[60, '1 min'], [600, '10 min'], [3600, '1 h'], [86400, '24 h']];
   const COLORS = ['#2f6fb0', '#c62828', '#2e7d32', '#8e44ad', '#e67e22', '#00838f', '#6d4c41',
     '#ad1457'];
-  // By kind with spaces and dashes left out: the recorder spells "e-stop on", scripts "estop-on".
+  // By the kind's name as /events gives it.
   const EVENT_COLORS = {
-    linklost: '#c62828', linkback: '#2e7d32', estopon: '#d84315', estopoff: '#558b2f',
-    sleep: '#6d4c41', teststarted: '#1565c0', testended: '#1565c0', answer: '#8e44ad',
+    'link-lost': '#c62828', 'link-back': '#2e7d32', 'estop-on': '#d84315', 'estop-off': '#558b2f',
+    sleep: '#6d4c41', 'test-started': '#1565c0', 'test-ended': '#1565c0', answer: '#8e44ad',
   };
-  const eventColor = (kind) => EVENT_COLORS[kind.toLowerCase().replace(/[\s-]+/g, '')]
-    || '#5b6776';
+  const eventColor = (kind) => EVENT_COLORS[kind] || '#5b6776';
 
-  let channels = [];               // as /channels lists them
-  let byName = new Map();
-  let byPageElement = new Map();   // "page\0element" -> channel
-  let byElement = new Map();       // element -> [channels], for a frame titled otherwise
-  let channelsLoaded = null;       // the promise of the current /channels look
   const plots = [];                // open plots, the front one last
   let layer = null;
   let zTop = 10;
 
-  const nowS = () => Date.now() / 1000;
-  const q = (v) => encodeURIComponent(v);
-  // Times go out to the millisecond, `from` rounded down and `to` up, so that a sample at the
-  // edge is in the answer: the plot replaces what it holds from `from` on with it.
-  const floorMs = (t) => Math.floor(t * 1000) / 1000;
-  const ceilMs = (t) => Math.ceil(t * 1000) / 1000;
-  const timeText = (t) => t.toFixed(3);
-  const resolutionFor = (from, to) => (to - from <= FULL_RATE_S + 1
-    && from >= nowS() - FULL_RATE_S - 5 ? 'full' : '1s');
-
-  // --- The recorder ---------------------------------------------------------------------------
-
-  async function getJson(path, signal) {
-    const ctl = new AbortController();
-    const timer = setTimeout(() => ctl.abort(), FETCH_TIMEOUT_MS);
-    const stop = () => ctl.abort();
-    if (signal) signal.addEventListener('abort', stop);
-    try {
-      const r = await fetch(path, { signal: ctl.signal, cache: 'no-store' });
-      if (!r.ok) {
-        const reason = (await r.text()).split('\n')[0].slice(0, 200);
-        throw new Error(`${path.split('?')[0]}: ${reason || r.status}`);
-      }
-      return await r.json();
-    } finally {
-      clearTimeout(timer);
-      if (signal) signal.removeEventListener('abort', stop);
-    }
-  }
-
-  function exportUrl(names, from, to, format, resolution) {
-    return `/export?token=${q(token)}&channels=${names.map(q).join(',')}`
-      + `&from=${timeText(floorMs(from))}${to === undefined ? '' : `&to=${timeText(ceilMs(to))}`}`
-      + `&format=${format}&resolution=${resolution}`;
-  }
-
-  function loadChannels() {
-    channelsLoaded = getJson(`/channels?token=${q(token)}`).then((list) => {
-      if (!Array.isArray(list)) return;
-      channels = list.filter((c) => c && typeof c.name === 'string');
-      byName = new Map(channels.map((c) => [c.name, c]));
-      byPageElement = new Map();
-      byElement = new Map();
-      for (const c of channels) {
-        if (!c.element) continue;
-        byPageElement.set(`${c.page}\0${c.element}`, c);
-        if (!byElement.has(c.element)) byElement.set(c.element, []);
-        byElement.get(c.element).push(c);
-      }
-      for (const frame of document.querySelectorAll('#pages iframe')) markFrame(frame);
-    }).catch(() => {});
-    return channelsLoaded;
-  }
-
-  function channelOf(name) {
-    return byName.get(name) || { name, unit: '', rate_ms: 0, page: '', element: '' };
-  }
-
   // --- Values in the pages --------------------------------------------------------------------
+
+  // Looks at the channel list anew and marks the pages' values by it.
+  function loadChannels() {
+    return recorder.loadChannels().then(() => {
+      for (const frame of document.querySelectorAll('#pages iframe')) markFrame(frame);
+    });
+  }
 
   const seenFrames = new WeakSet();
 
@@ -122,12 +60,7 @@
       || !el.readOnly;
   }
 
-  function channelAt(frame, id) {
-    const c = byPageElement.get(`${frame.title}\0${id}`);
-    if (c) return c;
-    const list = byElement.get(id);
-    return list && list.length === 1 ? list[0] : null;
-  }
+  const channelAt = (frame, id) => recorder.channelAt(frame.title, id);
 
   function markFrame(frame) {
     let doc;
@@ -176,15 +109,6 @@
     return layer;
   }
 
-  function button(text, label, onClick) {
-    const b = document.createElement('button');
-    b.type = 'button';
-    b.textContent = text;
-    if (label) b.setAttribute('aria-label', label);
-    b.addEventListener('click', onClick);
-    return b;
-  }
-
   // Opens a plot of `state.channels` (names); the rest of `state` (span, follow, view, pos) is
   // what a reload kept. Returns the panel element, which carries the plot as `.plot` and the
   // uPlot as `.uplot`.
@@ -209,39 +133,12 @@
     panel.tabIndex = -1;
     p.panel = panel;
     panel.plot = p;
-    p.show = () => showView(p);  // for the benchmark, which fills the plot itself
+    // What the feed calls; `show` is also the benchmark's, which fills the plot itself.
+    p.show = () => showView(p);
+    p.rebuild = (resolution) => build(p, resolution);
+    p.showProblem = (text) => showProblem(p, text);
 
-    const head = document.createElement('header');
-    head.className = 'plot-head';
-    p.title = document.createElement('span');
-    p.title.className = 'plot-title';
-    head.appendChild(p.title);
-    p.followButton = button('Pause', null, () => setFollow(p, !p.follow));
-    p.spanSelect = document.createElement('select');
-    p.spanSelect.setAttribute('aria-label', 'Span');
-    for (const [s, text] of SPANS) p.spanSelect.add(new Option(text, String(s)));
-    p.spanSelect.value = String(span);
-    p.spanSelect.addEventListener('change', () => setSpan(p, Number(p.spanSelect.value)));
-    p.csv = document.createElement('a');
-    p.csv.textContent = 'CSV';
-    p.csv.className = 'plot-export';
-    p.json = document.createElement('a');
-    p.json.textContent = 'JSON';
-    p.json.className = 'plot-export';
-    for (const a of [p.csv, p.json]) a.addEventListener('click', () => updateExports(p));
-    const close = button('\u00d7', 'Close', () => closePlot(p));
-    close.className = 'plot-close';
-    head.append(p.followButton, p.spanSelect, p.csv, p.json, close);
-    p.body = document.createElement('div');
-    p.body.className = 'plot-body';
-    p.problem = document.createElement('div');
-    p.problem.className = 'plot-problem';
-    p.problem.setAttribute('role', 'status');
-    p.problem.hidden = true;
-    p.tip = document.createElement('div');
-    p.tip.className = 'plot-tip';
-    p.tip.hidden = true;
-    panel.append(head, p.problem, p.body, p.tip);
+    const head = panelParts(p);
 
     const pos = state.pos || {};
     const n = plots.length;
@@ -274,10 +171,47 @@
     p.resize.observe(p.body);
 
     build(p, p.follow ? resolutionFor(nowS() - span, nowS()) : resolutionFor(...p.view));
-    refetch(p);
-    p.timer = setInterval(() => poll(p), POLL_MS);
+    recorder.refetch(p);
+    p.timer = setInterval(() => recorder.poll(p), POLL_MS);
     save();
     return panel;
+  }
+
+  // The panel's head (title, follow, span, exports, close), problem line, body and tip, kept on
+  // the plot; returns the head, by which the panel is moved.
+  function panelParts(p) {
+    const head = document.createElement('header');
+    head.className = 'plot-head';
+    p.title = document.createElement('span');
+    p.title.className = 'plot-title';
+    head.appendChild(p.title);
+    p.followButton = button('Pause', () => setFollow(p, !p.follow));
+    p.spanSelect = document.createElement('select');
+    p.spanSelect.setAttribute('aria-label', 'Span');
+    for (const [s, text] of SPANS) p.spanSelect.add(new Option(text, String(s)));
+    p.spanSelect.value = String(p.span);
+    p.spanSelect.addEventListener('change', () => setSpan(p, Number(p.spanSelect.value)));
+    p.csv = document.createElement('a');
+    p.csv.textContent = 'CSV';
+    p.csv.className = 'plot-export';
+    p.json = document.createElement('a');
+    p.json.textContent = 'JSON';
+    p.json.className = 'plot-export';
+    for (const a of [p.csv, p.json]) a.addEventListener('click', () => updateExports(p));
+    const close = button('\u00d7', () => closePlot(p), 'Close');
+    close.className = 'plot-close';
+    head.append(p.followButton, p.spanSelect, p.csv, p.json, close);
+    p.body = document.createElement('div');
+    p.body.className = 'plot-body';
+    p.problem = document.createElement('div');
+    p.problem.className = 'plot-problem';
+    p.problem.setAttribute('role', 'status');
+    p.problem.hidden = true;
+    p.tip = document.createElement('div');
+    p.tip.className = 'plot-tip';
+    p.tip.hidden = true;
+    p.panel.append(head, p.problem, p.body, p.tip);
+    return head;
   }
 
   // 14:03:07.420 local time: the legend's time under the cursor, to the sample.
@@ -304,8 +238,6 @@
       return text;
     });
   }
-
-  function clamp(v, lo, hi) { return Math.min(Math.max(v, lo), hi); }
 
   function raise(p) {
     const i = plots.indexOf(p);
@@ -335,7 +267,7 @@
     if (p.names.includes(name) || p.names.length >= MAX_CHANNELS) return;
     p.names.push(name);
     build(p, p.resolution);
-    refetch(p);
+    recorder.refetch(p);
     save();
   }
 
@@ -450,21 +382,10 @@
     if (width !== p.uplot.width || height !== p.uplot.height) p.uplot.setSize({ width, height });
   }
 
-  // --- Fetching -------------------------------------------------------------------------------
-
-  // The window the plot should hold: the span up to now when following, else the view.
-  function wanted(p) {
-    if (p.follow) {
-      const to = Math.max(nowS(), lastTime(p) || 0);
-      return [to - p.span, to];
-    }
-    return p.view;
-  }
-
   // What the plot shows: what it holds, except that while the recorder's past is shorter than
   // the span, following shows from its first sample (at least 10 s) instead of empty time.
   function viewRange(p) {
-    const [from, to] = wanted(p);
+    const [from, to] = recorder.wanted(p);
     if (!p.follow || !p.times.length || p.times[0] <= from) return [from, to];
     return [Math.min(p.times[0], to - Math.min(p.span, 10)), to];
   }
@@ -473,141 +394,6 @@
     if (p.problem.textContent === text) return;
     p.problem.textContent = text;
     p.problem.hidden = !text;
-  }
-
-  function lastTime(p) { return p.times.length ? p.times[p.times.length - 1] : null; }
-
-  // Reads the whole window anew (opening, a new span, a view outside what is held).
-  function refetch(p) {
-    const [from, to] = wanted(p);
-    const resolution = resolutionFor(from, to);
-    if (resolution !== p.resolution) build(p, resolution);
-    p.loaded = null;
-    p.times.length = 0;
-    for (const c of p.cols) c.length = 0;
-    p.events = [];
-    p.eventsTo = null;
-    const generation = p.generation += 1;
-    p.busy = true;
-    const fetchFrom = floorMs(from);
-    const fetchTo = p.follow ? undefined : to;
-    Promise.all([
-      getJson(exportUrl(p.names, fetchFrom, fetchTo, 'json', resolution), p.abort.signal),
-      fetchEvents(p, from, fetchTo),
-    ]).then(([answer]) => {
-      if (generation !== p.generation) return;
-      merge(p, answer, fetchFrom);
-      p.loaded = [from, fetchTo === undefined ? lastTime(p) || from : to];
-      showProblem(p, '');
-      showView(p);
-    }).catch((e) => {
-      // Following tries again a few seconds on; a paused view at its next move.
-      if (generation !== p.generation) return;
-      p.failedAt = Date.now();
-      showProblem(p, e.name === 'AbortError' ? 'The recorder did not answer.' : e.message);
-    }).finally(() => {
-      if (generation === p.generation) p.busy = false;
-    });
-  }
-
-  // Following: what came since the last row, with a little overlap for late ticks.
-  function poll(p) {
-    // A hidden window catches up at its next look: the poll asks from its last row on.
-    if (!p.follow || p.busy || document.hidden) return;
-    // The history's rows come once a second; so do looks for them.
-    if (p.resolution === '1s' && Date.now() - p.lastPoll < 1000) return;
-    p.lastPoll = Date.now();
-    if (!p.loaded) {
-      if (Date.now() - p.failedAt > RETRY_MS) refetch(p);
-      return;
-    }
-    const generation = p.generation;
-    const last = lastTime(p);
-    const from = floorMs(last === null ? p.loaded[0] : last - OVERLAP_S);
-    p.busy = true;
-    p.polls += 1;
-    const events = p.polls % EVENTS_EVERY === 0
-      ? fetchEvents(p, p.eventsTo === null ? p.loaded[0] : p.eventsTo - OVERLAP_S) : null;
-    Promise.all([getJson(exportUrl(p.names, from, undefined, 'json', p.resolution),
-      p.abort.signal), events]).then(([answer]) => {
-      if (generation !== p.generation || !p.follow) return;
-      merge(p, answer, from);
-      const to = wanted(p)[1];
-      p.loaded = [to - p.span, to];
-      trim(p, to - p.span);
-      showProblem(p, '');
-      showView(p);
-    }).catch((e) => {
-      if (generation === p.generation && e.name !== 'AbortError') showProblem(p, e.message);
-    }).finally(() => {
-      if (generation === p.generation) p.busy = false;
-    });
-  }
-
-  // Puts the rows of an export answer in place of what the plot held from `from` on.
-  function merge(p, answer, from) {
-    if (!answer || !Array.isArray(answer.columns) || !Array.isArray(answer.rows)) return;
-    const wantedColumns = p.resolution === '1s'
-      ? p.names.flatMap((n) => [`${n}.min`, `${n}.max`]) : p.names;
-    const at = wantedColumns.map((n) => answer.columns.indexOf(n));
-    const cut = lowerBound(p.times, from);
-    p.times.length = cut;
-    for (const c of p.cols) c.length = cut;
-    let prev = cut ? p.times[cut - 1] : -Infinity;
-    for (const row of answer.rows) {
-      if (!Array.isArray(row) || typeof row[0] !== 'number' || row[0] <= prev) continue;
-      prev = row[0];
-      p.times.push(row[0]);
-      for (let i = 0; i < at.length; i += 1) {
-        const v = at[i] > 0 ? row[at[i]] : null;
-        p.cols[i].push(typeof v === 'number' ? v : null);
-      }
-    }
-    if (p.times.length > MAX_POINTS) dropFront(p, p.times.length - MAX_POINTS);
-  }
-
-  function trim(p, keepFrom) {
-    const n = lowerBound(p.times, keepFrom);
-    if (n > 0) dropFront(p, n);
-  }
-
-  function dropFront(p, n) {
-    p.times.splice(0, n);
-    for (const c of p.cols) c.splice(0, n);
-  }
-
-  function lowerBound(a, v) {
-    let lo = 0;
-    let hi = a.length;
-    while (lo < hi) {
-      const mid = (lo + hi) >> 1;
-      if (a[mid] < v) lo = mid + 1;
-      else hi = mid;
-    }
-    return lo;
-  }
-
-  async function fetchEvents(p, from, to) {
-    const path = `/events?token=${q(token)}&from=${timeText(floorMs(from))}`
-      + `${to === undefined ? '' : `&to=${timeText(ceilMs(to))}`}`;
-    try {
-      const answer = await getJson(path, p.abort.signal);
-      if (!answer || !Array.isArray(answer.events)) return;
-      const seen = new Set(p.events.map((e) => `${e.time}|${e.kind}|${e.text}`));
-      for (const e of answer.events) {
-        if (!e || typeof e.time !== 'number') continue;
-        const ev = { time: e.time, kind: String(e.kind || ''), text: String(e.text || '') };
-        const key = `${ev.time}|${ev.kind}|${ev.text}`;
-        if (seen.has(key)) continue;
-        seen.add(key);
-        p.events.push(ev);
-        p.eventsTo = Math.max(p.eventsTo || 0, ev.time);
-      }
-      if (p.eventsTo === null) p.eventsTo = to === undefined ? nowS() : to;
-      p.events.sort((a, b) => a.time - b.time);
-      const keep = wanted(p)[0] - p.span;
-      p.events = p.events.filter((e) => e.time >= keep).slice(-MAX_EVENTS);
-    } catch { /* the next look tries again */ }
   }
 
   // --- The view -------------------------------------------------------------------------------
@@ -689,7 +475,7 @@
       if (p.follow || !p.view) return;
       const [min, max] = p.view;
       const held = p.loaded && p.loaded[0] <= min + 0.5 && p.loaded[1] >= max - 0.5;
-      if (!held || resolutionFor(min, max) !== p.resolution) refetch(p);
+      if (!held || resolutionFor(min, max) !== p.resolution) recorder.refetch(p);
       else if (p.resolution === '1s') {
         // A zoom in or out of the history buckets it anew for the view's width.
         const size = (max - min) / (2 * Math.max(200, p.uplot.bbox.width / devicePixelRatio));
@@ -730,7 +516,7 @@
     p.follow = follow;
     if (follow) {
       p.view = null;
-      refetch(p);
+      recorder.refetch(p);
     } else {
       const { min, max } = p.uplot.scales.x;
       p.view = [min, max];
@@ -742,7 +528,7 @@
   function setSpan(p, span) {
     p.span = span;
     if (!p.follow && p.view) p.view = [p.view[1] - span, p.view[1]];
-    refetch(p);
+    recorder.refetch(p);
     save();
   }
 
@@ -760,7 +546,7 @@
     const resolution = resolutionFor(min, max);
     const stamp = new Date(min * 1000).toISOString().replace(/[:.]/g, '-').slice(0, 19);
     for (const [a, format] of [[p.csv, 'csv'], [p.json, 'json']]) {
-      a.href = exportUrl(p.names, min, max, format, resolution);
+      a.href = recorder.exportUrl(p.names, min, max, format, resolution);
       a.download = `plot-${stamp}.${format}`;
     }
   }
@@ -853,7 +639,7 @@
     const title = document.createElement('span');
     title.className = 'plot-title';
     title.textContent = 'Plot channels';
-    const close = button('\u00d7', 'Close', () => box.remove());
+    const close = button('\u00d7', () => box.remove(), 'Close');
     close.className = 'plot-close';
     head.append(title, close);
     const filter = document.createElement('input');
@@ -864,6 +650,7 @@
     const list = document.createElement('div');
     list.className = 'plot-list';
     const groups = new Map();
+    const channels = recorder.channels();
     for (const c of channels) {
       const page = c.page || 'Other';
       if (!groups.has(page)) {
@@ -897,13 +684,13 @@
     });
     const buttons = document.createElement('div');
     buttons.className = 'plot-buttons';
-    const ok = button('Plot', null, () => {
+    const ok = button('Plot', () => {
       const chosen = [...list.querySelectorAll('input:checked')].map((i) => i.value);
       if (!chosen.length) return;
       box.remove();
       openPlot({ channels: chosen });
     });
-    buttons.append(ok, button('Cancel', null, () => box.remove()));
+    buttons.append(ok, button('Cancel', () => box.remove()));
     box.append(head, filter, list, buttons);
     box.addEventListener('keydown', (e) => {
       if (e.key === 'Escape') {
@@ -938,7 +725,7 @@
         const menu = document.getElementById('menu');
         if (menu) menu.hidden = true;
         document.getElementById('menu-button')?.setAttribute('aria-expanded', 'false');
-        (channelsLoaded || loadChannels()).then(openPicker);
+        recorder.loaded().then(openPicker);
       });
     }
     loadChannels().then(restore);
@@ -948,7 +735,7 @@
   window.tavroPlots = {
     open: (names, state = {}) => openPlot({ ...state, channels: names }),
     panels: () => plots.map((p) => p.panel),
-    channels: () => channels,
+    channels: recorder.channels,
   };
 
   start();

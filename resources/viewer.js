@@ -5,7 +5,7 @@
 (() => {
   'use strict';
 
-  const token = new URLSearchParams(location.search).get('token') || '';
+  const { token, q, pad, el, button, dateText } = window.tavroCommon;
   const LIST_TIMEOUT_MS = 20000;
   const REPORT_TIMEOUT_MS = 60000;  // a trace may be 32 MiB
   const ROWS_SHOWN = 400;           // list rows drawn at once; "Show more" adds as many again
@@ -14,75 +14,40 @@
     axis: 'Axis test', zoom: 'Zoom test', limit: 'Limit test', platen: 'Platen test',
   };
   const KIND_SHORT = { axis: 'Axis', zoom: 'Zoom', limit: 'Limit', platen: 'Platen' };
+  // Each series of a trace: its column in the .csv, label, scale and colour.
   const TRACE_SERIES = [
-    // [column in the .csv, label, scale, colour]
-    ['linear', 'Linear', 'pos', '#2f6fb0'],
-    ['rotary', 'Rotary', 'pos', '#2e7d32'],
-    ['bias', 'Bias', 'bias', '#c62828'],
-    ['limit', 'Limit', 'limit', '#d99a00'],
+    { column: 'linear', label: 'Linear', scale: 'pos', stroke: '#2f6fb0' },
+    { column: 'rotary', label: 'Rotary', scale: 'pos', stroke: '#2e7d32' },
+    { column: 'bias', label: 'Bias', scale: 'bias', stroke: '#c62828' },
+    { column: 'limit', label: 'Limit', scale: 'limit', stroke: '#d99a00' },
   ];
+  // Each series of the axis history: the field of a /history row, which end of a [min, max] pair
+  // (`pair` 0 or 1; none for a single value), label, scale and colour.
   const HISTORY_SERIES = [
-    // [field, index in a [min,max] pair or -1, label, scale, colour]
-    ['startNeg', -1, 'Start \u2212', 'v', '#2f6fb0'],
-    ['startPos', -1, 'Start +', 'v', '#c62828'],
-    ['movingNeg', 0, 'Moving \u2212 min', 'v', '#5c9bd6'],
-    ['movingNeg', 1, 'Moving \u2212 max', 'v', '#1b4f80'],
-    ['movingPos', 0, 'Moving + min', 'v', '#e57373'],
-    ['movingPos', 1, 'Moving + max', 'v', '#8e1b1b'],
-    ['travel', -1, 'Travel', 'travel', '#2e7d32'],
+    { field: 'startNeg', label: 'Start \u2212', scale: 'v', stroke: '#2f6fb0' },
+    { field: 'startPos', label: 'Start +', scale: 'v', stroke: '#c62828' },
+    { field: 'movingNeg', pair: 0, label: 'Moving \u2212 min', scale: 'v', stroke: '#5c9bd6' },
+    { field: 'movingNeg', pair: 1, label: 'Moving \u2212 max', scale: 'v', stroke: '#1b4f80' },
+    { field: 'movingPos', pair: 0, label: 'Moving + min', scale: 'v', stroke: '#e57373' },
+    { field: 'movingPos', pair: 1, label: 'Moving + max', scale: 'v', stroke: '#8e1b1b' },
+    { field: 'travel', label: 'Travel', scale: 'travel', stroke: '#2e7d32' },
   ];
 
-  const q = (v) => encodeURIComponent(v);
-  const pad = (n) => String(n).padStart(2, '0');
   let ui = null;  // the panel's parts once it was opened
 
   // --- The server -----------------------------------------------------------------------------
 
-  async function getJson(path, timeoutMs, signal) {
-    const ctl = new AbortController();
-    const timer = setTimeout(() => ctl.abort(), timeoutMs);
-    const stop = () => ctl.abort();
-    if (signal) signal.addEventListener('abort', stop);
-    try {
-      const r = await fetch(path, { signal: ctl.signal, cache: 'no-store' });
-      if (!r.ok) {
-        const e = new Error(r.status === 404 ? 'not found' : `${r.status} ${r.statusText}`);
-        e.status = r.status;
-        throw e;
-      }
-      return await r.json();
-    } finally {
-      clearTimeout(timer);
-      if (signal) signal.removeEventListener('abort', stop);
-    }
-  }
+  const getJson = (path, timeoutMs, signal) => window.tavroCommon.getJson(path,
+    { timeoutMs, signal });
+  // Why a read failed, as the panel says it.
+  const failure = (e) => {
+    if (e.status === 404) return 'not found';
+    return e.status ? `${e.status} ${e.statusText}` : e.message;
+  };
 
   const fileUrl = (base, ext) => `/report-file?token=${q(token)}&name=${q(base)}&ext=${ext}`;
 
   // --- Small helpers --------------------------------------------------------------------------
-
-  function el(tag, className, text) {
-    const node = document.createElement(tag);
-    if (className) node.className = className;
-    if (text !== undefined) node.textContent = text;
-    return node;
-  }
-
-  function button(text, onClick, label) {
-    const b = el('button', '', text);
-    b.type = 'button';
-    if (label) b.setAttribute('aria-label', label);
-    b.addEventListener('click', onClick);
-    return b;
-  }
-
-  function dateText(seconds, withSeconds = true) {
-    if (typeof seconds !== 'number' || !Number.isFinite(seconds)) return '';
-    const d = new Date(seconds * 1000);
-    const day = `${d.getFullYear()}-${pad(d.getMonth() + 1)}-${pad(d.getDate())}`;
-    const time = `${pad(d.getHours())}:${pad(d.getMinutes())}`;
-    return `${day} ${time}${withSeconds ? `:${pad(d.getSeconds())}` : ''}`;
-  }
 
   const str = (v) => (typeof v === 'string' ? v : '');
   const num = (v) => (typeof v === 'number' && Number.isFinite(v) ? v : null);
@@ -309,7 +274,7 @@
       ui.truncated = answer.truncated === true;
       setStatus('');
     } catch (e) {
-      setStatus(`The list could not be read: ${e.message}`);
+      setStatus(`The list could not be read: ${failure(e)}`);
     }
     const axes = [...new Set(ui.list.map((r) => r.axis).filter(Boolean))].sort();
     const keep = ui.axis.value;
@@ -378,7 +343,7 @@
     } catch (e) {
       if (ctl.signal.aborted && ui.loadCtl !== ctl) return;
       clearDetail(e.status === 404 ? `${base} is no longer in the folder.`
-        : `${base} could not be read: ${e.message}`);
+        : `${base} could not be read: ${failure(e)}`);
       return;
     }
     if (ui.loadCtl !== ctl) return;
@@ -420,7 +385,7 @@
   // The trace's rows as uPlot's columns: time, then each series of TRACE_SERIES.
   function traceColumns(trace) {
     const names = Array.isArray(trace.columns) ? trace.columns : [];
-    const at = ['time', ...TRACE_SERIES.map(([c]) => c)].map((c) => names.indexOf(c));
+    const at = ['time', ...TRACE_SERIES.map((s) => s.column)].map((c) => names.indexOf(c));
     const rows = Array.isArray(trace.rows) ? trace.rows : [];
     const data = at.map(() => new Array(rows.length));
     let n = 0;
@@ -433,23 +398,24 @@
     return data;
   }
 
-  // The spans of time in which the limit byte was not 0: [from, to, value].
+  // The spans of time in which the limit byte was not 0: { from, to, value, last } with `last`
+  // the index of the span's last row.
   function limitSpans(data) {
     const t = data[0];
     const limit = data[data.length - 1];
     const spans = [];
     for (let i = 0; i < t.length; i += 1) {
       if (limit[i] === 0) continue;
-      const last = spans[spans.length - 1];
-      if (last && last[3] === i - 1 && last[2] === limit[i]) {
-        last[1] = t[i];
-        last[3] = i;
+      const span = spans[spans.length - 1];
+      if (span && span.last === i - 1 && span.value === limit[i]) {
+        span.to = t[i];
+        span.last = i;
       } else {
-        spans.push([t[i], t[i], limit[i], i]);
+        spans.push({ from: t[i], to: t[i], value: limit[i], last: i });
       }
     }
     // A span reaches on to the next row's time: the byte held until then.
-    for (const s of spans) if (s[3] + 1 < t.length) s[1] = t[s[3] + 1];
+    for (const span of spans) if (span.last + 1 < t.length) span.to = t[span.last + 1];
     return spans;
   }
 
@@ -465,12 +431,12 @@
       return;
     }
     const spans = limitSpans(data);
-    ui.plotBox.limitSpans = spans.map(([a, b, v]) => [a, b, v]);
+    ui.plotBox.limitSpans = spans.map(({ from, to, value }) => [from, to, value]);
     const shade = (u) => {
       const { ctx } = u;
       const { top, height } = u.bbox;
       ctx.save();
-      for (const [from, to, value] of spans) {
+      for (const { from, to, value } of spans) {
         const x0 = u.valToPos(from, 'x', true);
         const x1 = Math.max(x0 + 1, u.valToPos(to, 'x', true));
         ctx.fillStyle = value < 0 ? 'rgba(217, 154, 0, 0.16)' : 'rgba(142, 68, 173, 0.16)';
@@ -485,7 +451,7 @@
       scales: { x: { time: false }, limit: { auto: false, range: [-8, 8] } },
       series: [
         { label: 'Time (s)', value: (u, v) => (v == null ? '' : v.toFixed(3)) },
-        ...TRACE_SERIES.map(([, label, scale, stroke]) => ({
+        ...TRACE_SERIES.map(({ label, scale, stroke }) => ({
           label, scale, stroke, width: 1.25, show: scale !== 'limit', points: { show: false },
         })),
       ],
@@ -513,7 +479,7 @@
       setStatus('');
     } catch (e) {
       ui.history = {};
-      setStatus(`The history could not be read: ${e.message}`);
+      setStatus(`The history could not be read: ${failure(e)}`);
     }
     const axes = Object.keys(ui.history).filter((a) => Array.isArray(ui.history[a])
       && ui.history[a].length).sort();
@@ -527,10 +493,10 @@
   // Each series' values over the runs, the baseline of each (its first value) and whether each
   // value drifted from it by more than `threshold` percent.
   function historyColumns(runs, threshold) {
-    const columns = HISTORY_SERIES.map(([field, index]) => runs.map((r) => {
-      if (index < 0) return num(r[field]);
-      const p = pair(r[field]);
-      return p ? p[index] : null;
+    const columns = HISTORY_SERIES.map((s) => runs.map((r) => {
+      if (s.pair === undefined) return num(r[s.field]);
+      const p = pair(r[s.field]);
+      return p ? p[s.pair] : null;
     }));
     const baseAt = columns.map((values) => values.findIndex((v) => v !== null));
     const drift = columns.map((values, s) => values.map((v, i) => {
@@ -564,7 +530,7 @@
     const marks = [];
     shown.forEach((s, k) => drift[s].forEach((f, i) => { if (f) marks.push([k + 1, i]); }));
     ui.hPlotBox.drift = marks.map(([k, i]) => ({
-      series: HISTORY_SERIES[shown[k - 1]][2], index: i,
+      series: HISTORY_SERIES[shown[k - 1]].label, index: i,
     }));
     if (typeof uPlot !== 'function' || !shown.length) return;
     const times = runs.map((r, i) => num(r.time) ?? i);
@@ -584,10 +550,10 @@
       ctx.restore();
     };
     const axes = [{ size: 40, space: 90, incrs: TIME_STEPS, values: timeLabels }];
-    if (shown.some((s) => HISTORY_SERIES[s][3] === 'v')) {
+    if (shown.some((s) => HISTORY_SERIES[s].scale === 'v')) {
       axes.push({ scale: 'v', label: 'Voltage', labelSize: 18, size: axisSize });
     }
-    if (shown.some((s) => HISTORY_SERIES[s][3] === 'travel')) {
+    if (shown.some((s) => HISTORY_SERIES[s].scale === 'travel')) {
       axes.push({
         scale: 'travel', side: 1, label: 'Travel (counts)', labelSize: 18, size: axisSize,
         grid: { show: false },
@@ -608,7 +574,7 @@
       series: [
         { label: 'Date', value: (u, v) => (v == null ? '' : dateText(v)) },
         ...shown.map((s) => {
-          const [, , label, scale, stroke] = HISTORY_SERIES[s];
+          const { label, scale, stroke } = HISTORY_SERIES[s];
           // The + direction dashed: the two directions often lie on one another.
           const dash = label.includes('+') ? [6, 4] : undefined;
           return {
@@ -654,7 +620,7 @@
         const v = columns[s][i];
         td.textContent = v === null ? '' : String(v);
         td.className = 'num';
-        td.dataset.series = HISTORY_SERIES[s][2];
+        td.dataset.series = HISTORY_SERIES[s].label;
         if (baseAt[s] === i) {
           td.classList.add('base');
           td.title = 'Baseline';

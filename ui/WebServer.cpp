@@ -17,15 +17,13 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <random>
 #include <set>
-#include <system_error>
 #include <thread>
 
 #include "config/ErrorLog.h"
-#include "platform/Clock.h"
+#include "ui/Replies.h"
+#include "ui/WebAccess.h"
 #include "ui/Window.h"
-#include "util/Text.h"
 
 namespace ui {
 
@@ -47,106 +45,6 @@ constexpr std::size_t kRequestLimit = 8 * 1024;
 // back with a fresh full state when it reconnects.
 constexpr std::size_t kMaxQueued = 4096;
 
-std::string RandomToken() {
-  std::random_device random;
-  static const char kHex[] = "0123456789abcdef";
-  std::string token;
-  for (int i = 0; i < 8; ++i) {
-    const unsigned v = random();
-    for (int b = 0; b < 4; ++b) {
-      const unsigned byte = (v >> (8 * b)) & 0xFF;
-      token += kHex[byte >> 4];
-      token += kHex[byte & 0xF];
-    }
-  }
-  return token;
-}
-
-bool SameSecret(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  unsigned char diff = 0;
-  for (std::size_t i = 0; i < a.size(); ++i)
-    diff |= static_cast<unsigned char>(a[i] ^ b[i]);
-  return diff == 0;
-}
-
-// The decoded path of a request target, or nullopt when it tries to leave the served tree or
-// is not a plain path: no "." or ".." segments, no empty segments, no backslashes or NULs.
-std::optional<std::string> SafePath(std::string_view target) {
-  const std::string_view raw = target.substr(0, target.find('?'));
-  std::string path;
-  if (!text::PercentDecode(raw, path) || path.empty() || path[0] != '/') return std::nullopt;
-  if (path == "/") return std::string("/shell.html");
-  if (path.find('\\') != std::string::npos || path.find('\0') != std::string::npos) {
-    return std::nullopt;
-  }
-  std::size_t start = 1;
-  while (start <= path.size()) {
-    const std::size_t end = std::min(path.find('/', start), path.size());
-    const std::string_view segment(path.data() + start, end - start);
-    if (segment.empty() || segment == "." || segment == "..") return std::nullopt;
-    start = end + 1;
-  }
-  return path;
-}
-
-// The value of query parameter `name` (undecoded: tokens are plain hex).
-std::string_view QueryParam(std::string_view target, std::string_view name) {
-  const std::size_t q = target.find('?');
-  if (q == std::string_view::npos) return {};
-  std::string_view query = target.substr(q + 1);
-  while (!query.empty()) {
-    const std::size_t amp = query.find('&');
-    const std::string_view pair = query.substr(0, amp);
-    const std::size_t eq = pair.find('=');
-    if (eq != std::string_view::npos && pair.substr(0, eq) == name) return pair.substr(eq + 1);
-    if (amp == std::string_view::npos) break;
-    query = query.substr(amp + 1);
-  }
-  return {};
-}
-
-// `html` with `token=<token>` added to the query of every relative href="..." and src="...", so
-// that what a served page loads carries the token as the page's own URL does. Only the
-// program's own files come here; an attribute is a name after a space or a line break.
-std::string WithToken(std::string_view html, const std::string& token) {
-  constexpr auto npos = std::string_view::npos;
-  std::string out;
-  out.reserve(html.size() + 256);
-  std::size_t at = 0;
-  while (true) {
-    std::size_t name = npos;
-    std::size_t valueStart = 0;
-    for (const std::string_view attribute :
-         {std::string_view(" href=\""), std::string_view(" src=\""), std::string_view("\nhref=\""),
-          std::string_view("\nsrc=\"")}) {
-      const std::size_t found = html.find(attribute, at);
-      if (found < name) {
-        name = found;
-        valueStart = found + attribute.size();
-      }
-    }
-    const std::size_t valueEnd = name == npos ? npos : html.find('"', valueStart);
-    if (valueEnd == npos) break;
-    const std::string_view value = html.substr(valueStart, valueEnd - valueStart);
-    const bool relative =
-        !value.empty() && value[0] != '#' && value.find(':') == npos && value.substr(0, 2) != "//";
-    // Before a fragment, if there is one.
-    const std::size_t insertAt =
-        relative ? valueStart + std::min(value.find('#'), value.size()) : valueEnd;
-    out.append(html.substr(at, insertAt - at));
-    if (relative) {
-      const bool hasQuery = value.substr(0, insertAt - valueStart).find('?') != npos;
-      out += hasQuery ? '&' : '?';
-      out += "token=";
-      out += token;
-    }
-    at = insertAt;
-  }
-  out.append(html.substr(at));
-  return out;
-}
-
 // Blocks of the server shared with the window's connections, which outlive it: sending after
 // Stop finds the gate shut instead of a destroyed io_context.
 struct Gate {
@@ -156,197 +54,6 @@ struct Gate {
 };
 
 class Session;
-
-// A long answer between the worker that writes it and the connection that sends it.
-struct LongAnswer {
-  explicit LongAnswer(platform::Clock& c) : clock(c) {}
-  platform::Clock& clock;  // the worker waits on it for room in the queue
-  std::mutex mutex;
-  // The head, as the route set it (or the default when it wrote without one).
-  int status = 200;
-  std::string type = "application/json";
-  std::string attachment;
-  bool headed = false;
-  std::deque<std::string> chunks;  // written by the route, not yet taken by the connection
-  bool finished = false;           // the route returned
-  bool closed = false;             // the connection went or the server stops: writes fail
-  bool pumpPosted = false;
-  std::function<void()> pump;  // posts the connection's Pump to the I/O thread
-};
-
-// Chunks the worker may have queued before its Write waits, and the size up to which small
-// writes are gathered into one chunk: a few hundred KB per answer at most.
-constexpr std::size_t kQueuedChunks = 8;
-constexpr std::size_t kChunkBytes = 32 * 1024;
-// A quick answer is held whole; the routes' quick answers are a few KB.
-constexpr std::size_t kQuickAnswerLimit = 4 * 1024 * 1024;
-
-// Asks the connection to take what is new (with the answer's lock held).
-void Kick(LongAnswer& a) {
-  if (a.pumpPosted || !a.pump) return;
-  a.pumpPosted = true;
-  a.pump();
-}
-
-class WorkerReply final : public HttpReply {
- public:
-  explicit WorkerReply(LongAnswer& answer) : a_(answer) {}
-  void Head(int status, std::string_view type, std::string_view attachment) override {
-    std::lock_guard lock(a_.mutex);
-    if (a_.headed) return;
-    a_.headed = true;
-    a_.status = status;
-    a_.type = type;
-    a_.attachment = attachment;
-  }
-  bool Write(std::string_view chunk) override {
-    std::unique_lock lock(a_.mutex);
-    a_.headed = true;
-    if (!a_.chunks.empty() && a_.chunks.back().size() + chunk.size() <= kChunkBytes) {
-      a_.chunks.back().append(chunk);
-    } else {
-      // No deadline of its own: a connection that takes nothing for its write limit is closed,
-      // and that ends this wait.
-      a_.clock.WaitUntil(lock, platform::kNever,
-                         [&] { return a_.closed || a_.chunks.size() < kQueuedChunks; });
-      if (a_.closed) return false;
-      a_.chunks.emplace_back(chunk);
-    }
-    Kick(a_);
-    return !a_.closed;
-  }
-
- private:
-  LongAnswer& a_;
-};
-
-// A quick answer, held whole until the route returns.
-class BufferReply final : public HttpReply {
- public:
-  void Head(int s, std::string_view t, std::string_view a) override {
-    if (headed) return;
-    headed = true;
-    status = s;
-    type = t;
-    attachment = a;
-  }
-  bool Write(std::string_view chunk) override {
-    headed = true;
-    if (body.size() + chunk.size() > kQuickAnswerLimit) return false;
-    body.append(chunk);
-    return true;
-  }
-  bool headed = false;
-  int status = 200;
-  std::string type = "application/json";
-  std::string attachment;
-  std::string body;
-};
-
-// The long answers' workers: counted for the cap, joined when they end and at Stop.
-class Workers {
- public:
-  explicit Workers(std::size_t cap) : cap_(cap) {}
-
-  // Starts `api->Answer` on a thread of its own, or returns null at the cap (or after Stop).
-  std::shared_ptr<LongAnswer> Start(std::shared_ptr<HttpApi> api, std::string path,
-                                    std::string query, std::function<void()> pump) {
-    std::lock_guard lock(mutex_);
-    ReapLocked();
-    // An answer counts until its route has returned: the browser may ask again as soon as it has
-    // the end, before its worker has quite gone.
-    const std::size_t busy = std::count_if(running_.begin(), running_.end(), [](Worker& w) {
-      std::lock_guard answerLock(w.answer->mutex);
-      return !w.answer->finished;
-    });
-    if (stopped_ || busy >= cap_) return nullptr;
-    auto answer = std::make_shared<LongAnswer>(platform::Clock::Current());
-    answer->pump = std::move(pump);
-    running_.push_back({{}, answer, false});
-    Worker& worker = running_.back();
-    bool* done = &worker.done;
-    try {
-      worker.thread = std::thread([this, done, answer, api = std::move(api), path = std::move(path),
-                                   query = std::move(query)]() mutable {
-        {
-          WorkerReply reply(*answer);
-          api->Answer(path, query, reply);
-          api.reset();
-        }
-        {
-          std::lock_guard answerLock(answer->mutex);
-          answer->finished = true;
-          Kick(*answer);
-          answer->pump = nullptr;
-        }
-        std::lock_guard doneLock(mutex_);
-        *done = true;
-      });
-    } catch (const std::system_error&) {
-      running_.pop_back();  // no thread to be had: refused as at the cap
-      return nullptr;
-    }
-    return answer;
-  }
-
-  // Every answer's writes fail from now on; returns when every worker has ended.
-  void Stop() {
-    std::list<Worker> workers;
-    {
-      std::lock_guard lock(mutex_);
-      stopped_ = true;
-      workers.splice(workers.end(), running_);
-    }
-    for (Worker& w : workers)
-      Close(*w.answer);
-    for (Worker& w : workers)
-      platform::Join(w.thread);
-  }
-
-  static void Close(LongAnswer& answer) {
-    {
-      std::lock_guard lock(answer.mutex);
-      answer.closed = true;
-      answer.pump = nullptr;
-    }
-    answer.clock.NotifyAll();
-  }
-
- private:
-  struct Worker {
-    std::thread thread;
-    std::shared_ptr<LongAnswer> answer;
-    bool done;
-  };
-
-  // A worker marked done has returned from all it does; its join is immediate.
-  void ReapLocked() {
-    for (auto it = running_.begin(); it != running_.end();) {
-      if (it->done) {
-        it->thread.join();
-        it = running_.erase(it);
-      } else {
-        ++it;
-      }
-    }
-  }
-
-  const std::size_t cap_;
-  std::mutex mutex_;
-  std::list<Worker> running_;
-  bool stopped_ = false;
-};
-
-// Only letters, digits, '.', '_' and '-' in a download's file name: it goes into a header.
-std::string SafeFileName(std::string_view name) {
-  std::string out;
-  for (const char c : name.substr(0, 128)) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       c == '.' || c == '_' || c == '-';
-    out += plain ? c : '_';
-  }
-  return out;
-}
 
 http::status StatusOrError(int status) {
   const http::status s = http::int_to_status(static_cast<unsigned>(status));
@@ -415,18 +122,11 @@ struct WebServer::Impl {
   void Accept();
   void OnAccept(error_code ec, tcp::socket socket);
   void Admit(tcp::socket socket);
-  bool HostAllowed(std::string_view host) const {
-    const std::string p = ":" + std::to_string(port);
-    return host == "127.0.0.1" + p || host == "localhost" + p;
-  }
-  bool OriginAllowed(std::string_view origin) const {
-    const std::string p = ":" + std::to_string(port);
-    return origin == "http://127.0.0.1" + p || origin == "http://localhost" + p;
-  }
+  bool HostAllowed(std::string_view host) const { return ui::HostAllowed(host, port); }
+  bool OriginAllowed(std::string_view origin) const { return ui::OriginAllowed(origin, port); }
   template <typename Request>
   bool Authorized(const Request& req) const {
-    const std::string_view target(req.target().data(), req.target().size());
-    return SameSecret(QueryParam(target, "token"), token);
+    return TokenMatches({req.target().data(), req.target().size()}, token);
   }
   const Resource* Find(const std::string& path) const {
     for (const ResourceTable* table : tables) {
@@ -608,7 +308,7 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
   HttpSession(tcp::socket&& socket, WebServer::Impl& server)
       : Session(server), stream_(std::move(socket)) {}
   ~HttpSession() override {
-    if (answer_) Workers::Close(*answer_);
+    if (answer_) answer_->Close();
   }
 
   // A request must come whole within the request time: a connection that holds a descriptor
@@ -746,13 +446,12 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
   // On the I/O thread: sends the head once the route has set it (or written), then each chunk
   // the route has queued, one write at a time, then the end.
   void Pump() {
-    if (!answer_ || writing_ || ended_) return;
+    if (!answer_ || phase_ == Phase::kWriting || phase_ == Phase::kEnding) return;
     std::unique_lock lock(answer_->mutex);
     answer_->pumpPosted = false;
     if (answer_->closed) return;
-    if (!headSent_) {
+    if (phase_ == Phase::kHead) {
       if (!answer_->headed && answer_->chunks.empty() && !answer_->finished) return;
-      headSent_ = true;
       auto res = std::make_shared<http::response<http::empty_body>>(StatusOrError(answer_->status),
                                                                     version_);
       Decorate(*res, answer_->type, answer_->attachment);
@@ -786,7 +485,7 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
     }
     if (!answer_->finished) return;
     lock.unlock();
-    ended_ = true;
+    phase_ = Phase::kEnding;
     if (version_ < 11) {
       Close();
       return;
@@ -800,21 +499,21 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
   // `keep` holds what the write reads until it completes.
   template <typename Start>
   void WriteThen(Start start, std::shared_ptr<const void> keep = nullptr) {
-    writing_ = true;
+    if (phase_ != Phase::kEnding) phase_ = Phase::kWriting;
     stream_.expires_after(server_.limits.idleTime);
     start([self = shared_from_this(), keep](error_code ec, std::size_t) {
-      self->writing_ = false;
-      if (ec || self->ended_) {
+      if (ec || self->phase_ == Phase::kEnding) {
         self->Close();
         return;
       }
+      self->phase_ = Phase::kBody;
       self->Pump();
     });
   }
 
   // Ends the long answer's connection; the worker's next write fails.
   void Close() {
-    if (answer_) Workers::Close(*answer_);
+    if (answer_) answer_->Close();
     Unlist();
     error_code ignored;
     stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
@@ -867,9 +566,15 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
   std::shared_ptr<LongAnswer> answer_;
   std::shared_ptr<HttpSession> self_;
   unsigned version_ = 11;
-  bool writing_ = false;
-  bool headSent_ = false;
-  bool ended_ = false;
+  // Where the long answer's sending stands. A write is under way in kWriting and kEnding; Pump
+  // starts the next only in kHead and kBody.
+  enum class Phase {
+    kHead,     // the head waits for the route to set it or to write
+    kWriting,  // the head or a chunk is being written
+    kBody,     // between chunks: the next is written as the route queues it
+    kEnding,   // the route returned and everything is out: the last write, then the close
+  };
+  Phase phase_ = Phase::kHead;
 };
 
 }  // namespace

@@ -153,6 +153,19 @@ export async function eventually(read, expected, timeout = 10000) {
 
 export const field = (page, tab, id) => page.frameLocator(`#page-${tab}`).locator(`#${id}`);
 
+// Resolves once TavroTest has taken every message this window sent it, and the window has shown
+// every message TavroTest sent before answering: the About box is asked for behind them on the
+// same socket, and comes back behind what went out before it. A report that a page sends in an
+// animation frame (a scroll) is let out first.
+export async function roundTrip(page) {
+  await page.evaluate(() => new Promise((r) => requestAnimationFrame(() => r())));
+  await page.locator('#menu-button').click();
+  await page.locator('#menu-about').click();
+  const box = page.locator('[role="alertdialog"]', { hasText: 'About TavroTest' });
+  await box.locator('.buttons button:text-is("OK")').click();
+  await box.waitFor({ state: 'detached' });
+}
+
 // Answers every box and dialog as an operator who agrees with everything would, until `done`
 // holds: a start dialog with OK (after `onStart(dialog)`), a box with Yes, else OK; `onStep` runs
 // between looks. Returns the texts of the boxes, in order. A box stays in the page until the

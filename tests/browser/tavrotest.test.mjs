@@ -7,7 +7,7 @@ import { mkdirSync, mkdtempSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import {
-  launchBrowser, startTavroTest, eventually, field, withSession as session,
+  launchBrowser, startTavroTest, eventually, field, roundTrip, withSession as session,
 } from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
@@ -129,7 +129,7 @@ test('Diag Output collects the board text, follows the end, and stays put when s
     const diag = (i) => board.control(`diag "line ${i} of the board's text"`);
     const scrollTo = async (top) => {
       await log.evaluate((el, t) => { el.scrollTop = t; el.dispatchEvent(new Event('scroll')); }, top);
-      await new Promise((r) => setTimeout(r, 300));  // for the report to reach the program
+      await roundTrip(page);  // the report has reached the program
     };
     await page.locator(`#tab-${diagTab}`).click();
     // Text that came while the tab was hidden is there too.
@@ -151,7 +151,7 @@ test('Diag Output collects the board text, follows the end, and stays put when s
     await scrollTo(40);
     for (let i = 50; i < 60; i += 1) await diag(i);
     await eventually(has(59), true);
-    await new Promise((r) => setTimeout(r, 400));  // a tick or two that might have moved it
+    await roundTrip(page);  // whatever the program sent with the last line has been shown
     assert.equal(await log.evaluate((el) => el.scrollTop), 40);
   }));
 

@@ -73,328 +73,147 @@ Operation Platen(const char* name, Fn fn) {
           }};
 }
 
-// A tuning record with gains: the board holds the axis where it is rather than drive it.
-AxisPid Holding() {
-  AxisPid pid;
-  pid.Kp = 120;
-  pid.Kd = 600;
-  pid.Ki = 4;
-  pid.Il = 2000;
-  pid.Fe = 4000;
-  pid.Dt = 1;
-  pid.Kout = 65535;
-  return pid;
-}
+// An out-parameter whose value the test does not look at: a fresh one for each call.
+template <typename T>
+struct Out {
+  using Ref = T&;
+  T value{};
+  operator Ref() && { return value; }
+};
+using U16 = Out<std::uint16_t>;
+using U32 = Out<std::uint32_t>;
+using Flag = Out<bool>;
+using Raw = Out<std::int32_t>;
+using Scale = Out<double>;
 
-std::vector<Operation> SharedOperations() {
+// The inputs of the operations that take more than a number, and the buffers of those that read
+// into a span or a pointer. A tuning record with gains holds the axis where it is rather than
+// drive it.
+const AxisPid kHolding{
+    .Kp = 120, .Kd = 600, .Ki = 4, .Il = 2000, .Fe = 4000, .Dt = 1, .Kout = 65535};
+const std::uint8_t kWant[4] = {1, 1, 0, 0};
+const std::uint16_t kSelect[4] = {0, 1, 2, 3};
+const std::uint32_t kLaserSettings[kLaserSettingsWords] = {0, 3};
+template <std::size_t N, typename Fn>
+auto Filled(Fn value) {
+  std::array<decltype(value(0)), N> out{};
+  for (std::size_t i = 0; i < N; ++i)
+    out[i] = value(i);
+  return out;
+}
+const auto kLights = Filled<256>([](std::size_t i) { return std::uint32_t(100 + 7 * i); });
+const auto kEepromBytes = Filled<40>([](std::size_t i) { return std::uint8_t(i * 3); });
+const WAxisParameters kWParameters = [] {
+  WAxisParameters p;
+  p.Serial.serialNumber = "W-0042";
+  p.Define.Speed = 5000;
+  p.Define.Gear = 2.5;
+  p.Pid.Kp = 50;
+  return p;
+}();
+const PlatenParameters kPlatenParameters = [] {
+  PlatenParameters p;
+  p.Define.Size[0] = 80;
+  p.Define.SlowSpeedTurns = 3;
+  p.Pid.Kp = 70;
+  return p;
+}();
+std::array<std::uint32_t, 256> lightMaxima;
+std::array<std::uint8_t, 300> eepromBytes;
+
+// Every operation of the controllers, one row each.
+std::vector<Operation> EveryOperation() {
   return {
-      Any("PollStatus",
-          [](auto& c) {
-            ServoStatus s;
-            return c.PollStatus(s, 1, 1);
-          }),
-      Any("GetIndexCapture",
-          [](auto& c) {
-            bool valid = false, captured = false;
-            std::uint32_t count = 0;
-            return c.GetIndexCapture(2, valid, captured, count);
-          }),
-      Any("GetFpgaVersion",
-          [](auto& c) {
-            std::uint16_t v = 0;
-            return c.GetFpgaVersion(v);
-          }),
-      Any("GetAnalogInputs",
-          [](auto& c) {
-            std::uint16_t v[16];
-            return c.GetAnalogInputs(v);
-          }),
-      Any("GetTemperature",
-          [](auto& c) {
-            std::int32_t raw = 0;
-            double scale = 0;
-            return c.GetTemperature(1, raw, scale);
-          }),
-      Any("GetLightMaxValues",
-          [](auto& c) {
-            std::array<std::uint32_t, 256> out{};
-            return c.GetLightMaxValues(out);
-          }),
-      Any("SetLightValues",
-          [](auto& c) {
-            std::array<std::uint32_t, 256> in{};
-            for (std::size_t i = 0; i < in.size(); ++i)
-              in[i] = static_cast<std::uint32_t>(100 + 7 * i);
-            return c.SetLightValues(in);
-          }),
+      Any("PollStatus", [](auto& c) { return c.PollStatus(Out<ServoStatus>{}, 1, 1); }),
+      Any("GetIndexCapture", [](auto& c) { return c.GetIndexCapture(2, Flag{}, Flag{}, U32{}); }),
+      Any("GetFpgaVersion", [](auto& c) { return c.GetFpgaVersion(U16{}); }),
+      Any("GetAnalogInputs", [](auto& c) { return c.GetAnalogInputs(Out<std::uint16_t[16]>{}); }),
+      Any("GetTemperature", [](auto& c) { return c.GetTemperature(1, Raw{}, Scale{}); }),
+      Any("GetLightMaxValues", [](auto& c) { return c.GetLightMaxValues(lightMaxima); }),
+      Any("SetLightValues", [](auto& c) { return c.SetLightValues(kLights); }),
       Any("SetTouchProbeEnable", [](auto& c) { return c.SetTouchProbeEnable(true); }),
       Any("GetTouchProbeCapture",
           [](auto& c) {
-            std::uint32_t a[4], b[4];
-            return c.GetTouchProbeCapture(a, b);
+            return c.GetTouchProbeCapture(Out<std::uint32_t[4]>{}, Out<std::uint32_t[4]>{});
           }),
       Any("GetProbeCapture",
-          [](auto& c) {
-            const std::uint8_t want[4] = {1, 1, 0, 0};
-            const std::uint16_t select[4] = {0, 1, 2, 3};
-            ProbeCapture out;
-            return c.GetProbeCapture(want, select, out);
-          }),
-      Any("GetLaserPoints(6)",
-          [](auto& c) {
-            LaserPoints p;
-            return c.GetLaserPoints(6, p);
-          }),
-      Any("GetLaserPoints(30)",
-          [](auto& c) {
-            LaserPoints p;
-            return c.GetLaserPoints(30, p);
-          }),
+          [](auto& c) { return c.GetProbeCapture(kWant, kSelect, Out<ProbeCapture>{}); }),
+      Any("GetLaserPoints(6)", [](auto& c) { return c.GetLaserPoints(6, Out<LaserPoints>{}); }),
+      Any("GetLaserPoints(30)", [](auto& c) { return c.GetLaserPoints(30, Out<LaserPoints>{}); }),
       Any("GetLaserSettings",
-          [](auto& c) {
-            std::uint32_t s[kLaserSettingsWords];
-            return c.GetLaserSettings(s);
-          }),
-      Any("SetLaserSettings",
-          [](auto& c) {
-            std::uint32_t s[kLaserSettingsWords] = {};
-            s[1] = 3;
-            return c.SetLaserSettings(s);
-          }),
+          [](auto& c) { return c.GetLaserSettings(Out<std::uint32_t[kLaserSettingsWords]>{}); }),
+      Any("SetLaserSettings", [](auto& c) { return c.SetLaserSettings(kLaserSettings); }),
       Any("EnableTouchProbeInterrupt", [](auto& c) { return c.EnableTouchProbeInterrupt(); }),
       Any("EnableVideoInterrupt", [](auto& c) { return c.EnableVideoInterrupt(); }),
       Any("EnableLaserInterrupt", [](auto& c) { return c.EnableLaserInterrupt(); }),
       Any("DisableInterrupts", [](auto& c) { return c.DisableInterrupts(); }),
-      Any("ReadBoardVersion",
-          [](auto& c) {
-            BoardVersionInfo v;
-            return c.ReadBoardVersion(v);
-          }),
-      Any("ReadEepromInfo",
-          [](auto& c) {
-            EepromInfo e;
-            return c.ReadEepromInfo(e);
-          }),
-      Any("ReadBoardIdentity",
-          [](auto& c) {
-            BoardIdentity i;
-            return c.ReadBoardIdentity(i);
-          }),
-      Any("ReadDiagText",
-          [](auto& c) {
-            std::string t;
-            return c.ReadDiagText(t);
-          }),
+      Any("ReadBoardVersion", [](auto& c) { return c.ReadBoardVersion(Out<BoardVersionInfo>{}); }),
+      Any("ReadEepromInfo", [](auto& c) { return c.ReadEepromInfo(Out<EepromInfo>{}); }),
+      Any("ReadBoardIdentity", [](auto& c) { return c.ReadBoardIdentity(Out<BoardIdentity>{}); }),
+      Any("ReadDiagText", [](auto& c) { return c.ReadDiagText(Out<std::string>{}); }),
       Any("ReadEeprom",
           [](auto& c) {
-            std::array<std::uint8_t, 300> bytes{};
-            std::uint32_t status = 0;
-            return c.CTavroUsb::ReadEeprom(40, bytes.size(), status, bytes.data(), false);
+            return c.CTavroUsb::ReadEeprom(40, eepromBytes.size(), U32{}, eepromBytes.data(),
+                                           false);
           }),
-  };
-}
 
-std::vector<Operation> ServoOperations() {
-  return {
-      Servo("GetRotaryPosition",
-            [](auto& s) {
-              std::uint32_t n = 0;
-              return s.GetRotaryPosition(1, n);
-            }),
-      Servo("GetAxisPid",
-            [](auto& s) {
-              AxisPid p;
-              return s.GetAxisPid(3, p);
-            }),
-      Servo("SetAxisPid", [](auto& s) { return s.SetAxisPid(3, Holding()); }),
+      Servo("GetRotaryPosition", [](auto& s) { return s.GetRotaryPosition(1, U32{}); }),
+      Servo("GetAxisPid", [](auto& s) { return s.GetAxisPid(3, Out<AxisPid>{}); }),
+      Servo("SetAxisPid", [](auto& s) { return s.SetAxisPid(3, kHolding); }),
       Servo("SyncAxis", [](auto& s) { return s.SyncAxis(3); }),
-      Servo("GetAxisDefine",
-            [](auto& s) {
-              AxisDefine d;
-              return s.GetAxisDefine(0, d);
-            }),
+      Servo("GetAxisDefine", [](auto& s) { return s.GetAxisDefine(0, Out<AxisDefine>{}); }),
       Servo("ClearSleep", [](auto& s) { return s.ClearSleep(); }),
-      Servo("GetAxisExtents",
-            [](auto& s) {
-              AxisExtents e;
-              return s.GetAxisExtents(e);
-            }),
-      Servo("GetPmdVersion(0)",
-            [](auto& s) {
-              PmdVersion v;
-              return s.GetPmdVersion(v, 0);
-            }),
-      Servo("GetPmdVersion(1)",
-            [](auto& s) {
-              PmdVersion v;
-              return s.GetPmdVersion(v, 1);
-            }),
-      Servo("GetPendant",
-            [](auto& s) {
-              PendantState p;
-              return s.GetPendant(p);
-            }),
+      Servo("GetAxisExtents", [](auto& s) { return s.GetAxisExtents(Out<AxisExtents>{}); }),
+      Servo("GetPmdVersion(0)", [](auto& s) { return s.GetPmdVersion(Out<PmdVersion>{}, 0); }),
+      Servo("GetPmdVersion(1)", [](auto& s) { return s.GetPmdVersion(Out<PmdVersion>{}, 1); }),
+      Servo("GetPendant", [](auto& s) { return s.GetPendant(Out<PendantState>{}); }),
       Servo("SetStatusLight", [](auto& s) { return s.SetStatusLight(2); }),
       Servo("SetLedWords", [](auto& s) { return s.SetLedWords(1, 0x1234, 0x5678); }),
       Servo("SetTouchProbeSensitivity", [](auto& s) { return s.SetTouchProbeSensitivity(300); }),
-      Servo("GetTouchProbeSensitivity",
-            [](auto& s) {
-              std::uint16_t v;
-              return s.GetTouchProbeSensitivity(v);
-            }),
+      Servo("GetTouchProbeSensitivity", [](auto& s) { return s.GetTouchProbeSensitivity(U16{}); }),
       Servo("GetTouchProbeSensitivityMax",
-            [](auto& s) {
-              std::uint16_t v;
-              return s.GetTouchProbeSensitivityMax(v);
-            }),
+            [](auto& s) { return s.GetTouchProbeSensitivityMax(U16{}); }),
       Servo("GetEepromImage",
-            [](auto& s) {
-              EepromImage image;
-              std::uint32_t status = 0;
-              return s.GetEepromImage(image, status, true);
-            }),
-      Servo("GetNamedRecord",
-            [](auto& s) {
-              bool valid = false;
-              NamedRecord r;
-              return s.GetNamedRecord(valid, r);
-            }),
-      Servo("GetMachineData",
-            [](auto& s) {
-              MachineData d;
-              return s.GetMachineData(d);
-            }),
-  };
-}
+            [](auto& s) { return s.GetEepromImage(Out<EepromImage>{}, U32{}, true); }),
+      Servo("GetNamedRecord", [](auto& s) { return s.GetNamedRecord(Flag{}, Out<NamedRecord>{}); }),
+      Servo("GetMachineData", [](auto& s) { return s.GetMachineData(Out<MachineData>{}); }),
 
-std::vector<Operation> ChannelOperations() {
-  return {
-      W("W ReadA",
-        [](auto& w) {
-          std::uint32_t v;
-          return w.ReadA(v);
-        }),
-      W("W ReadB",
-        [](auto& w) {
-          std::uint32_t v;
-          return w.ReadB(v);
-        }),
-      W("W GetPosition",
-        [](auto& w) {
-          std::uint32_t a, b;
-          return w.GetPosition(a, b);
-        }),
-      W("W ReadLowerC",
-        [](auto& w) {
-          std::uint32_t a, b;
-          return w.ReadLowerC(a, b);
-        }),
-      W("W ReadD",
-        [](auto& w) {
-          bool v;
-          return w.ReadD(v);
-        }),
-      W("W ReadJ",
-        [](auto& w) {
-          std::uint32_t v;
-          return w.ReadJ(v);
-        }),
-      W("W GetIndexCapture",
-        [](auto& w) {
-          bool v;
-          std::uint32_t s, n;
-          return w.GetIndexCapture(v, s, n);
-        }),
+      W("W ReadA", [](auto& w) { return w.ReadA(U32{}); }),
+      W("W ReadB", [](auto& w) { return w.ReadB(U32{}); }),
+      W("W GetPosition", [](auto& w) { return w.GetPosition(U32{}, U32{}); }),
+      W("W ReadLowerC", [](auto& w) { return w.ReadLowerC(U32{}, U32{}); }),
+      W("W ReadD", [](auto& w) { return w.ReadD(Flag{}); }),
+      W("W ReadJ", [](auto& w) { return w.ReadJ(U32{}); }),
+      W("W GetIndexCapture", [](auto& w) { return w.GetIndexCapture(Flag{}, U32{}, U32{}); }),
       W("W CommandL", [](auto& w) { return w.CommandL(1, 2, 3, 4); }),
       W("W CommandM", [](auto& w) { return w.CommandM(12500); }),
       W("W CommandZ", [](auto& w) { return w.CommandZ(); }),
       W("W CommandO", [](auto& w) { return w.CommandO(true); }),
       W("W SyncAxis", [](auto& w) { return w.SyncAxis(); }),
-      W("W ReadU",
-        [](auto& w) {
-          std::uint32_t a, b, c, d;
-          return w.ReadU(a, b, c, d);
-        }),
-      W("W ReadQ",
-        [](auto& w) {
-          float r;
-          std::uint32_t a, b, c;
-          return w.ReadQ(r, a, b, c);
-        }),
-      W("W GetTemperature",
-        [](auto& w) {
-          std::int32_t raw;
-          double scale;
-          return w.GetTemperature(raw, scale);
-        }),
+      W("W ReadU", [](auto& w) { return w.ReadU(U32{}, U32{}, U32{}, U32{}); }),
+      W("W ReadQ", [](auto& w) { return w.ReadQ(Out<float>{}, U32{}, U32{}, U32{}); }),
+      W("W GetTemperature", [](auto& w) { return w.GetTemperature(Raw{}, Scale{}); }),
       W("W CommandHash", [](auto& w) { return w.CommandHash(); }),
-      W("W GetEepromInfo",
-        [](auto& w) {
-          EepromInfo e;
-          return w.GetEepromInfo(e);
-        }),
-      W("W ReadParameters",
-        [](auto& w) {
-          WAxisParameters p;
-          return w.ReadParameters(p);
-        }),
-      W("W WriteParameters",
-        [](auto& w) {
-          WAxisParameters p;
-          p.Serial.serialNumber = "W-0042";
-          p.Define.Speed = 5000;
-          p.Define.Gear = 2.5;
-          p.Pid.Kp = 50;
-          return w.WriteParameters(p);
-        }),
+      W("W GetEepromInfo", [](auto& w) { return w.GetEepromInfo(Out<EepromInfo>{}); }),
+      W("W ReadParameters", [](auto& w) { return w.ReadParameters(Out<WAxisParameters>{}); }),
+      W("W WriteParameters", [](auto& w) { return w.WriteParameters(kWParameters); }),
       W("W ReadEeprom",
-        [](auto& w) {
-          std::array<std::uint8_t, 100> bytes{};
-          std::uint32_t status = 0;
-          return w.ReadEeprom(8, bytes.size(), status, bytes.data(), false);
-        }),
+        [](auto& w) { return w.ReadEeprom(8, 100, U32{}, eepromBytes.data(), false); }),
       W("W WriteEeprom",
         [](auto& w) {
-          std::array<std::uint8_t, 40> bytes{};
-          for (std::size_t i = 0; i < bytes.size(); ++i)
-            bytes[i] = static_cast<std::uint8_t>(i * 3);
-          std::uint32_t status = 0;
-          return w.WriteEeprom(64, bytes.size(), status, bytes.data(), false);
+          return w.WriteEeprom(64, kEepromBytes.size(), U32{}, kEepromBytes.data(), false);
         }),
-      Platen("platen GetPosition",
-             [](auto& p) {
-               std::uint32_t v;
-               return p.GetPosition(v);
-             }),
-      Platen("platen ReadLowerC",
-             [](auto& p) {
-               std::uint32_t v;
-               return p.ReadLowerC(v);
-             }),
+
+      Platen("platen GetPosition", [](auto& p) { return p.GetPosition(U32{}); }),
+      Platen("platen ReadLowerC", [](auto& p) { return p.ReadLowerC(U32{}); }),
       Platen("platen MovePlaten", [](auto& p) { return p.MovePlaten(1); }),
       Platen("platen CommandZ", [](auto& p) { return p.CommandZ(); }),
       Platen("platen SyncAxis", [](auto& p) { return p.SyncAxis(); }),
       Platen("platen ReadParameters",
-             [](auto& p) {
-               PlatenParameters x;
-               return p.ReadParameters(x);
-             }),
+             [](auto& p) { return p.ReadParameters(Out<PlatenParameters>{}); }),
       Platen("platen WriteParameters",
-             [](auto& p) {
-               PlatenParameters x;
-               x.Define.Size[0] = 80;
-               x.Define.SlowSpeedTurns = 3;
-               x.Pid.Kp = 70;
-               return p.WriteParameters(x);
-             }),
+             [](auto& p) { return p.WriteParameters(kPlatenParameters); }),
   };
-}
-
-std::vector<Operation> EveryOperation() {
-  std::vector<Operation> all = SharedOperations();
-  for (auto more : {ServoOperations(), ChannelOperations()})
-    all.insert(all.end(), more.begin(), more.end());
-  return all;
 }
 
 // The form of one transfer as the board sees it.

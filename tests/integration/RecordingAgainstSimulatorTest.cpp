@@ -30,6 +30,7 @@
 #include "tests/ui/WsClient.h"
 #include "ui/MessageBox.h"
 #include "ui/WebServer.h"
+#include "util/Query.h"
 
 namespace {
 
@@ -227,14 +228,14 @@ INSTANTIATE_TEST_SUITE_P(Families, RecordingOfEveryFamily,
 TEST_F(RecordingAgainstSimulator, AnAxisMovedOnTheBoardShowsInTheExportWhereTheBoardPutIt) {
   Open(kAutoVision);
   // Times on the recorder's axis: virtual time goes on while the server answers in real time.
-  const std::string from = recorder::FormatTime(dlg->RunNow());
+  const std::string from = query::FormatTime(dlg->RunNow());
   std::vector<long> placed;
   for (const char* mm : {"20", "60.5", "35"}) {
     Control(std::string("place x ") + mm);
     placed.push_back(SimCounts("x"));
     clock.SleepFor(seconds(1));
   }
-  const std::string to = recorder::FormatTime(dlg->RunNow());
+  const std::string to = query::FormatTime(dlg->RunNow());
   const std::string response =
       Get("/export?channels=status.LinearPosition.X&from=" + from + "&to=" + to);
   ASSERT_EQ(response.substr(0, 15), "HTTP/1.0 200 OK");
@@ -312,16 +313,16 @@ TEST_F(RecordingAgainstSimulator, MarksTellWhatHappenedToTheLinkTheMachineAndThe
   ASSERT_GE(marks.size(), before + 3);
   EXPECT_EQ(std::vector(marks.begin(), marks.begin() + 4),
             (std::vector<std::pair<std::string, std::string>>{
-                {"link lost", ""}, {"link back", ""}, {"e-stop on", ""}, {"e-stop off", ""}}));
-  EXPECT_EQ(marks[before], std::make_pair(std::string("test started"), std::string("X Axis Test")));
-  EXPECT_EQ(marks.back(), std::make_pair(std::string("test ended"), std::string("AxisTest_X_0")));
+                {"link-lost", ""}, {"link-back", ""}, {"estop-on", ""}, {"estop-off", ""}}));
+  EXPECT_EQ(marks[before], std::make_pair(std::string("test-started"), std::string("X Axis Test")));
+  EXPECT_EQ(marks.back(), std::make_pair(std::string("test-ended"), std::string("AxisTest_X_0")));
   // The start dialog's OK and the voltage picked, between the two.
   EXPECT_EQ(marks[before + 1].first, "answer");
   EXPECT_EQ(marks[before + 1].second.substr(0, 4), "OK: ");
 
   // The run's bias on the 20 ms tick: driven both ways.
   const std::string csv =
-      Body(Get("/export?channels=motion.Bias&to=" + recorder::FormatTime(dlg->RunNow())));
+      Body(Get("/export?channels=motion.Bias&to=" + query::FormatTime(dlg->RunNow())));
   long lowest = 0, highest = 0;
   std::istringstream rows(csv);
   std::string line;
@@ -336,7 +337,7 @@ TEST_F(RecordingAgainstSimulator, MarksTellWhatHappenedToTheLinkTheMachineAndThe
   EXPECT_GT(highest, 200);
 
   const json events =
-      json::parse(Body(Get("/events?from=0&to=" + recorder::FormatTime(dlg->RunNow()))));
+      json::parse(Body(Get("/events?from=0&to=" + query::FormatTime(dlg->RunNow()))));
   ASSERT_EQ(events["events"].size(), marks.size());
   // Scripts get the kinds as one word each.
   EXPECT_EQ(events["events"][2]["kind"], "estop-on");

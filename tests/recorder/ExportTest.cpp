@@ -6,6 +6,8 @@
 #include <random>
 #include <sstream>
 
+#include "util/Query.h"
+
 namespace recorder {
 namespace {
 
@@ -78,7 +80,7 @@ TEST(Export, FullRateCsvReadsBackAsRecorded) {
     const std::vector<std::string> cells = Split(line);
     ASSERT_EQ(cells.size(), 4u) << line;
     TimeUs t;
-    ASSERT_TRUE(ParseTime(cells[0], t)) << line;
+    ASSERT_TRUE(query::ParseTime(cells[0], t)) << line;
     ASSERT_TRUE(expected.count(t)) << line;
     const auto& want = expected[t];
     EXPECT_EQ(cells[1], want.count(0) ? want.at(0) : "") << line;
@@ -213,30 +215,6 @@ TEST(Export, QueryParser) {
     many += ",readings.Analog3";
   EXPECT_FALSE(ParseExportQuery(many, rec, now, q, reason));
   EXPECT_EQ(reason, "too many channels");
-}
-
-TEST(Export, TimesWriteExactlyAndReadBack) {
-  const struct {
-    TimeUs t;
-    std::string text;
-  } cases[] = {
-      {kT0, "1764000000"},
-      {kT0 + 20'000, "1764000000.02"},
-      {kT0 + 3, "1764000000.000003"},
-      {-1'500'000, "-1.5"},
-      {0, "0"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(FormatTime(c.t), c.text);
-    TimeUs back = -7;
-    EXPECT_TRUE(ParseTime(c.text, back)) << c.text;
-    EXPECT_EQ(back, c.t) << c.text;
-  }
-  TimeUs t;
-  EXPECT_TRUE(ParseTime("1.1234567", t));  // beyond the microsecond: dropped
-  EXPECT_EQ(t, 1'123'456);
-  for (const char* bad : {"", "-", "1.2.3", "+1", " 1", "1 ", "0x10", "1e3"})
-    EXPECT_FALSE(ParseTime(bad, t)) << bad;
 }
 
 }  // namespace

@@ -13,8 +13,8 @@
 #include "platform/Files.h"
 #include "tests/config/ConfigFiles.h"
 #include "tests/ui/UiFixture.h"
+#include "ui/MessageWindow.h"
 #include "util/MessageInteraction.h"
-#include "util/MessageWindow.h"
 
 namespace {
 

@@ -17,10 +17,10 @@
 #include "platform/Clock.h"
 #include "platform/TaskLoop.h"
 #include "ui/MessageBox.h"
+#include "ui/MessageWindow.h"
 #include "ui/StopSignals.h"
 #include "ui/WebServer.h"
 #include "ui/Window.h"
-#include "util/MessageWindow.h"
 
 namespace ui {
 const ResourceTable& DemoResources();

@@ -1,4 +1,4 @@
-#include "util/MessageWindow.h"
+#include "ui/MessageWindow.h"
 
 #include <array>
 #include <cmath>

@@ -193,7 +193,7 @@ std::int8_t FillExtents(Board& board, wire::Bytes, wire::MutableBytes r) {
 std::int8_t FillPmd(Board& board, wire::Bytes q, wire::MutableBytes r) {
   const std::uint8_t chip = GetByte(q, 2);
   if (chip > (CurrentServo(board.profile()) ? 1 : 0)) return kReasonBadArgument;
-  const auto& words = board.profile().chips[chip];
+  const auto words = board.profile().chips[chip].Words();
   for (std::size_t i = 0; i < words.size(); ++i)
     PutWord(r, 2 * i, words[i]);
   return 0;

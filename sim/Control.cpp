@@ -228,8 +228,9 @@ std::string RunBoard(Simulator& sim, const Words&) {
             said(all, e.maxReadWrite) + "," + (machine ? (e.hasCopy ? "1" : "0") : "-");
   for (std::size_t i = 0; i < p.chips.size(); ++i) {
     answer += " chip" + std::to_string(i) + "=";
-    for (std::size_t k = 0; k < p.chips[i].size(); ++k)
-      answer += (k ? "," : "") + std::to_string(p.chips[i][k]);
+    const auto words = p.chips[i].Words();
+    for (std::size_t k = 0; k < words.size(); ++k)
+      answer += (k ? "," : "") + std::to_string(words[k]);
   }
   return answer;
 }

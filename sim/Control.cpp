@@ -250,21 +250,23 @@ struct Verb {
 };
 
 constexpr Verb kVerbs[] = {
-    {"help", "help", RunHelp},
-    {"status", "status", RunStatus},
-    {"profiles", "profiles", RunProfiles},
-    {"profile", "profile [NAME]", RunProfile},
-    {"unplug", "unplug", RunUnplug},
-    {"replug", "replug", RunReplug},
-    {"fault", "fault KIND [all|link|CODE] [count=N] [reason=N] [code=N] [ms=N]", RunFault},
-    {"fault", "fault clear [ID]", RunFault},
-    {"faults", "faults", RunFaults},
-    {"diag", "diag [raw] \"TEXT\"", RunDiag},
-    {"count", "count [CODE|link|malformed]", RunCount},
-    {"recent", "recent [CODE]", RunRecent},
-    {"board", "board", RunBoard},
-    {"app", "app on|off", RunApp},
-    {"quit", "quit", RunQuit},
+    {.name = "help", .usage = "help", .run = RunHelp},
+    {.name = "status", .usage = "status", .run = RunStatus},
+    {.name = "profiles", .usage = "profiles", .run = RunProfiles},
+    {.name = "profile", .usage = "profile [NAME]", .run = RunProfile},
+    {.name = "unplug", .usage = "unplug", .run = RunUnplug},
+    {.name = "replug", .usage = "replug", .run = RunReplug},
+    {.name = "fault",
+     .usage = "fault KIND [all|link|CODE] [count=N] [reason=N] [code=N] [ms=N]",
+     .run = RunFault},
+    {.name = "fault", .usage = "fault clear [ID]", .run = RunFault},
+    {.name = "faults", .usage = "faults", .run = RunFaults},
+    {.name = "diag", .usage = "diag [raw] \"TEXT\"", .run = RunDiag},
+    {.name = "count", .usage = "count [CODE|link|malformed]", .run = RunCount},
+    {.name = "recent", .usage = "recent [CODE]", .run = RunRecent},
+    {.name = "board", .usage = "board", .run = RunBoard},
+    {.name = "app", .usage = "app on|off", .run = RunApp},
+    {.name = "quit", .usage = "quit", .run = RunQuit},
 };
 
 std::string RunHelp(Simulator&, const Words&) {

@@ -19,13 +19,19 @@ constexpr double kRestSpeed = 0.01;  // mm/s below which an axis counts as at re
 constexpr double kFrameSeconds = 0.25;
 
 struct StageShape {
-  double travel, fullSpeed, mmPerTurn, jogSpeed;
+  double travel;     // mm between the end switches
+  double fullSpeed;  // mm/s at MotorMaximum
+  double mmPerTurn;  // of the motor
+  double jogSpeed;   // mm/s at full joystick deflection
 };
 // X, Y, Z and the zoom slide. Full speed is what MotorMaximum would give; the motion tests keep
 // well below it, and the Standard voltage limit (a quarter of MotorMaximum) reaches about 35 mm/s
 // on X, Y and Z, above the band that the limit test regulates to.
 constexpr StageShape kStage[kStageAxes] = {
-    {300, 160, 5, 25}, {200, 160, 5, 25}, {150, 160, 2, 10}, {40, 40, 0.5, 5}};
+    {.travel = 300, .fullSpeed = 160, .mmPerTurn = 5, .jogSpeed = 25},
+    {.travel = 200, .fullSpeed = 160, .mmPerTurn = 5, .jogSpeed = 25},
+    {.travel = 150, .fullSpeed = 160, .mmPerTurn = 2, .jogSpeed = 10},
+    {.travel = 40, .fullSpeed = 40, .mmPerTurn = 0.5, .jogSpeed = 5}};
 
 std::int64_t TurnOf(double mm, double mmPerTurn) {
   return static_cast<std::int64_t>(std::floor(mm / mmPerTurn));
@@ -39,19 +45,56 @@ std::uint32_t Seed(const std::string& name) {
   return h == 0 ? 0x2545F491 : h;
 }
 
-// Records a channel's controller holds from the factory: tuning (longs from 2 in the order Kp,
-// Ki, Kd, Dt, Kaff, Kvff, Kout, Mb, Il, Fe), definition, the platen's extra record and the
-// serial record, so that a read before any write shows believable values.
+// A channel's tuning record from the factory, the longs from byte 2 in this order.
+struct ChannelTuning {
+  std::uint32_t kp, ki, kd, dt, kaff, kvff, kout, mb, il, fe;
+  std::array<std::uint32_t, 10> Longs() const {
+    return {kp, ki, kd, dt, kaff, kvff, kout, mb, il, fe};
+  }
+};
+
+// The longs of a channel's definition record from the factory, from byte 2 in this order; the
+// gear is a fixed-point number (16.16).
+struct ChannelDefinition {
+  std::uint32_t speed, slowSpeed, accel, jerk, rotaryEncoderRes, gear, current, settleWindow,
+      settleTime, motorPoles, motorSaturationCounter;
+  std::array<std::uint32_t, 11> Longs() const {
+    return {speed,   slowSpeed,    accel,      jerk,       rotaryEncoderRes,      gear,
+            current, settleWindow, settleTime, motorPoles, motorSaturationCounter};
+  }
+};
+
+// Records a channel's controller holds from the factory: tuning, definition, the platen's extra
+// record and the serial record, so that a read before any write shows believable values.
 void InitChannelRecords(Channel& c, bool platen) {
   const std::uint32_t base = platen ? 2 : 1;
-  const std::uint32_t pid[10] = {150 * base, 3, 800 * base, 2, 40, 25, 65000, 0, 30000, 5000};
-  for (std::size_t i = 0; i < 10; ++i)
+  const ChannelTuning tuning = {.kp = 150 * base,
+                                .ki = 3,
+                                .kd = 800 * base,
+                                .dt = 2,
+                                .kaff = 40,
+                                .kvff = 25,
+                                .kout = 65000,
+                                .mb = 0,
+                                .il = 30000,
+                                .fe = 5000};
+  const ChannelDefinition define = {.speed = 20000 * base,
+                                    .slowSpeed = 4000,
+                                    .accel = 50000,
+                                    .jerk = 200000,
+                                    .rotaryEncoderRes = 4000,
+                                    .gear = platen ? 0x00028000u : 0x00010000u,  // 2.5 or 1.0
+                                    .current = 1200,
+                                    .settleWindow = 20,
+                                    .settleTime = 50,
+                                    .motorPoles = 4,
+                                    .motorSaturationCounter = 3000};
+  const auto pid = tuning.Longs();
+  for (std::size_t i = 0; i < pid.size(); ++i)
     wire::PutLong(c.pid, 2 + 4 * i, pid[i]);
-  const std::uint32_t define[11] = {20000 * base, 4000, 50000, 200000, 4000, 0,
-                                    1200,         20,   50,    4,      3000};
-  for (std::size_t i = 0; i < 11; ++i)
-    wire::PutLong(c.define, 2 + 4 * i, define[i]);
-  wire::PutLong(c.define, 22, platen ? 0x00028000 : 0x00010000);  // Gear 2.5 or 1.0, 16.16
+  const auto longs = define.Longs();
+  for (std::size_t i = 0; i < longs.size(); ++i)
+    wire::PutLong(c.define, 2 + 4 * i, longs[i]);
   wire::PutFlag(c.define, 46, false);
   wire::PutFlag(c.define, 47, platen);
   wire::PutByte(c.define, 48, platen ? 2 : 0);  // the platen has no index input of its own
@@ -134,7 +177,16 @@ Machine::Machine(const Profile& profile, platform::TimePoint now)
     a.jogSpeed = kStage[i].jogSpeed;
     a.countsPerMm = s.countsPerMm > 0 ? s.countsPerMm : 1000;
     a.motorMaximum = s.motorMaximum > 0 ? s.motorMaximum : 10000;
-    a.tuning = {s.kp, s.ki, s.kd, s.dt, s.kaff, s.kvff, s.kout, s.mb, s.il, s.fe};
+    a.tuning = {.kp = s.kp,
+                .ki = s.ki,
+                .kd = s.kd,
+                .dt = s.dt,
+                .kaff = s.kaff,
+                .kvff = s.kvff,
+                .kout = s.kout,
+                .mb = s.mb,
+                .il = s.il,
+                .fe = s.fe};
     a.PlaceAt(a.travel / 2);
   }
   w.fitted = profile.version.hasWAxis;
@@ -219,7 +271,7 @@ void Machine::RunTriggers(double elapsed) {
     videoClock_ -= elapsed;
     if (videoClock_ <= 0) {
       videoClock_ = kFrameSeconds;
-      videoCapture = {true, LinearPositions(), Millis()};
+      videoCapture = {.pending = true, .position = LinearPositions(), .time = Millis()};
     }
   }
   const bool laserOn = laserReady && laserSettings[kLaserOnWord] != 0;
@@ -311,7 +363,7 @@ void Machine::StepChannel(Channel& c, double dt) {
 void Machine::TripProbe() {
   if (probeTripped) return;
   probeTripped = true;
-  touchCapture = {true, LinearPositions(), Millis()};
+  touchCapture = {.pending = true, .position = LinearPositions(), .time = Millis()};
 }
 
 void Machine::ReleaseProbe() {

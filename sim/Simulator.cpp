@@ -32,8 +32,9 @@ void SendLine(int fd, const std::string& text) {
 
 Simulator::Simulator(SimulatorOptions options)
     : options_(std::move(options)),
-      device_(SOCK_SEQPACKET, [this](int fd) { ServeDevice(fd); }),
-      control_(SOCK_STREAM, [this](int fd) { ServeControl(fd); }) {}
+      device_(SOCK_SEQPACKET, [this](int fd) { ServeDevice(fd); },
+              {.mode = 0660, .group = options_.deviceGroup}),
+      control_(SOCK_STREAM, [this](int fd) { ServeControl(fd); }, {.mode = 0600}) {}
 
 Simulator::~Simulator() {
   Stop();

@@ -33,6 +33,10 @@ struct SimulatorOptions {
   std::string deviceDir;           // empty: the host's device directory ($TAVRO_DEVICE_DIR, ...)
   std::string entry = "class1:0";  // see DeviceEntry.h
   std::string controlPath;         // a stream socket for the control language; empty: none
+  // The group the device entry's group bits are for: the measuring application's, which shares
+  // the board with TavroTest. -1: the serving user's own. The entry is 0660 and the control
+  // socket 0600, so no other user can reach the board or its controls.
+  int deviceGroup = -1;
   // How often the board prints a diagnostic line by itself; zero: never.
   platform::Duration diagPeriod = std::chrono::seconds(5);
   // What the control command "quit" does; without it "quit" is refused.

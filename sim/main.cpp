@@ -1,6 +1,7 @@
 // tavrosim: the simulated controller board as a program. It serves one device entry in real time
 // until SIGINT or SIGTERM, and takes control commands on its standard input and/or a control
 // socket.
+#include <grp.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "platform/Clock.h"
 #include "sim/Control.h"
@@ -22,7 +24,7 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: tavrosim [--profile NAME] [--dir DIR] [--entry class1:N|class2:N|HnUsbaN|HnUsbbN]\n"
-    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS]\n";
+    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS] [--group GROUP]\n";
 
 struct Arguments {
   sim::SimulatorOptions options;
@@ -36,6 +38,51 @@ int BadArguments(const std::string& why) {
   return 2;
 }
 
+constexpr const char* kValueOptions[] = {"--profile", "--dir",        "--entry",
+                                         "--control", "--diag-every", "--group"};
+
+bool TakesValue(const std::string& arg) {
+  for (const char* option : kValueOptions) {
+    if (arg == option) return true;
+  }
+  return false;
+}
+
+// A group by name or number; -1 when there is no such group.
+int GroupId(const std::string& value) {
+  char* end = nullptr;
+  const long number = std::strtol(value.c_str(), &end, 10);
+  if (!value.empty() && *end == '\0')
+    return number >= 0 && number <= 0x7FFFFFFF ? static_cast<int>(number) : -1;
+  std::vector<char> buffer(16384);
+  group entry{};
+  group* found = nullptr;
+  ::getgrnam_r(value.c_str(), &entry, buffer.data(), buffer.size(), &found);
+  return found ? static_cast<int>(found->gr_gid) : -1;
+}
+
+// One option that takes a value; an empty answer when it was taken, else why not.
+std::string TakeValue(const std::string& arg, const std::string& value, Arguments& args) {
+  if (arg == "--profile") args.options.profile = value;
+  if (arg == "--dir") args.options.deviceDir = value;
+  if (arg == "--entry") args.options.entry = value;
+  if (arg == "--control") args.options.controlPath = value;
+  if (arg == "--group") {
+    args.options.deviceGroup = GroupId(value);
+    if (args.options.deviceGroup < 0) return "--group takes a group's name or number";
+  }
+  if (arg == "--diag-every") {
+    char* end = nullptr;
+    const double seconds = std::strtod(value.c_str(), &end);
+    if (*end != '\0' || !(seconds >= 0) || seconds > 86400) {
+      return "--diag-every takes seconds from 0 (never) to 86400";
+    }
+    args.options.diagPeriod =
+        std::chrono::duration_cast<platform::Duration>(std::chrono::duration<double>(seconds));
+  }
+  return {};
+}
+
 // Fills `args`; returns an exit code (2) on bad arguments, 0 otherwise.
 int ParseArguments(int argc, char** argv, Arguments& args) {
   for (int i = 1; i < argc; ++i) {
@@ -47,26 +94,12 @@ int ParseArguments(int argc, char** argv, Arguments& args) {
       args.help = true;
     } else if (arg == "--app") {
       args.poseAsApplication = true;
-    } else if (arg != "--profile" && arg != "--dir" && arg != "--entry" && arg != "--control" &&
-               arg != "--diag-every") {
+    } else if (!TakesValue(arg)) {
       return BadArguments("unknown argument '" + arg + "'");
     } else if (!hasValue) {
       return BadArguments(arg + " needs a value");
-    } else {
-      const std::string value = argv[++i];
-      if (arg == "--profile") args.options.profile = value;
-      if (arg == "--dir") args.options.deviceDir = value;
-      if (arg == "--entry") args.options.entry = value;
-      if (arg == "--control") args.options.controlPath = value;
-      if (arg == "--diag-every") {
-        char* end = nullptr;
-        const double seconds = std::strtod(value.c_str(), &end);
-        if (*end != '\0' || !(seconds >= 0) || seconds > 86400) {
-          return BadArguments("--diag-every takes seconds from 0 (never) to 86400");
-        }
-        args.options.diagPeriod =
-            std::chrono::duration_cast<platform::Duration>(std::chrono::duration<double>(seconds));
-      }
+    } else if (const std::string why = TakeValue(arg, argv[++i], args); !why.empty()) {
+      return BadArguments(why);
     }
   }
   std::string why;

@@ -160,7 +160,18 @@ std::string RunStatus(Simulator& sim, const Words&) {
   return "ok profile=" + s.profile + " plugged=" + (s.plugged ? "yes" : "no") +
          " entry=" + s.entryPath + " connections=" + std::to_string(s.connections) +
          " requests=" + std::to_string(s.requests) + " faults=" + std::to_string(s.faultRules) +
-         " diag=" + std::to_string(s.pendingDiagBytes);
+         " diag=" + std::to_string(s.pendingDiagBytes) +
+         " describe=" + (s.describes ? "on" : "off");
+}
+
+// describe off: the driver fails the describe request as one older than it would, so that a host
+// can be seen to show no mark of a simulated board.
+std::string RunDescribe(Simulator& sim, const Words& args) {
+  if (args.size() != 1 || (args[0] != "on" && args[0] != "off")) {
+    return Error("describe takes on or off");
+  }
+  sim.SetDescribes(args[0] == "on");
+  return "ok describe " + args[0];
 }
 
 std::string RunCount(Simulator& sim, const Words& args) {
@@ -168,11 +179,12 @@ std::string RunCount(Simulator& sim, const Words& args) {
   long long code = 0;
   if (args.empty()) return "ok " + std::to_string(t.total);
   if (args[0] == "link") return "ok " + std::to_string(t.linkOpened);
+  if (args[0] == "describe") return "ok " + std::to_string(t.describe);
   if (args[0] == "malformed") return "ok " + std::to_string(t.malformed);
   if (ParseNumber(args[0], code) && code >= 0 && code <= 0xFF) {
     return "ok " + std::to_string(t.commands[static_cast<std::size_t>(code)]);
   }
-  return Error("count takes a command byte, link or malformed");
+  return Error("count takes a command byte, link, describe or malformed");
 }
 
 // The last transfers (of one command byte, if named) as `sequence:microseconds:bytes`, the time on
@@ -262,10 +274,11 @@ constexpr Verb kVerbs[] = {
     {.name = "fault", .usage = "fault clear [ID]", .run = RunFault},
     {.name = "faults", .usage = "faults", .run = RunFaults},
     {.name = "diag", .usage = "diag [raw] \"TEXT\"", .run = RunDiag},
-    {.name = "count", .usage = "count [CODE|link|malformed]", .run = RunCount},
+    {.name = "count", .usage = "count [CODE|link|describe|malformed]", .run = RunCount},
     {.name = "recent", .usage = "recent [CODE]", .run = RunRecent},
     {.name = "board", .usage = "board", .run = RunBoard},
     {.name = "app", .usage = "app on|off", .run = RunApp},
+    {.name = "describe", .usage = "describe on|off", .run = RunDescribe},
     {.name = "quit", .usage = "quit", .run = RunQuit},
 };
 

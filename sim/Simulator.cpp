@@ -149,6 +149,16 @@ void Simulator::QueueDiagText(const std::string& text) {
   if (board_) board_->QueueDiagText(text);
 }
 
+void Simulator::SetDescribes(bool on) {
+  std::lock_guard lock(boardMutex_);
+  driver_.describes = on;
+}
+
+bool Simulator::Describes() const {
+  std::lock_guard lock(boardMutex_);
+  return driver_.describes;
+}
+
 std::string Simulator::AtMachine(const std::function<std::string(Board&)>& act) {
   std::lock_guard lock(boardMutex_);
   if (!board_) return "error: no board";
@@ -195,6 +205,7 @@ SimulatorStatus Simulator::Status() const {
   s.faultRules = faults_.Rules().size();
   s.requests = traffic_.total;
   s.pendingDiagBytes = board_ ? board_->PendingDiagBytes() : 0;
+  s.describes = driver_.describes;
   return s;
 }
 
@@ -217,7 +228,7 @@ void Simulator::ServeDevice(int fd) {
       const platform::TimePoint now = clock.Now();
       board_->Advance(now);
       out = AnswerDatagram(*board_, faults_, traffic_,
-                           wire::Bytes(buffer.data(), static_cast<std::size_t>(n)), now);
+                           wire::Bytes(buffer.data(), static_cast<std::size_t>(n)), now, driver_);
     }
     if (!out.send) continue;
     if (out.delay > platform::Duration::zero() && !device_.SleepUntil(clock.Deadline(out.delay))) {

@@ -51,6 +51,7 @@ struct SimulatorStatus {
   std::size_t faultRules = 0;
   std::uint32_t requests = 0;
   std::size_t pendingDiagBytes = 0;
+  bool describes = true;
 };
 
 class Simulator {
@@ -79,6 +80,9 @@ class Simulator {
   void ClearFaults();
   std::vector<FaultRule> Faults() const;
   void QueueDiagText(const std::string& text);  // exactly this text, no line end added
+  // Whether the driver answers the describe request, or fails it as an older driver would.
+  void SetDescribes(bool on);
+  bool Describes() const;
   // Runs `act` on the board, brought up to the clock's now, under the board's lock: what a person
   // does at the machine. Returns what `act` returns.
   std::string AtMachine(const std::function<std::string(Board&)>& act);
@@ -111,6 +115,7 @@ class Simulator {
   std::unique_ptr<Board> board_;  // guarded by boardMutex_, like faults_ and traffic_
   FaultTable faults_;
   Traffic traffic_;
+  DriverSettings driver_;
   UnixServer device_;
   UnixServer control_;
 };

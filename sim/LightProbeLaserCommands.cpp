@@ -161,36 +161,24 @@ std::int8_t FillSetLaserSettings(Board& board, wire::Bytes q, wire::MutableBytes
   return 0;
 }
 
+// Each of the older commands makes its source the one armed: 0x6A none, 0x69 video, 0x64 touch.
 std::int8_t FillInterruptByte(Board& board, wire::Bytes q, wire::MutableBytes) {
-  Machine& m = M(board);
-  switch (GetByte(q, 0)) {
-    case 0x6A:
-      m.videoArmed = m.touchInterrupt = m.laserInterrupt = false;
-      break;
-    case 0x69:
-      m.videoArmed = true;
-      break;
-    default:
-      m.touchInterrupt = true;
-      break;
-  }
+  const std::uint8_t code = GetByte(q, 0);
+  M(board).ArmInterrupts(code == 0x69, code == 0x64, false);
   return 0;
 }
 
+// A flag byte per source says whether it is armed; byte 1 disarms them all.
 std::int8_t FillInterruptPacket(Board& board, wire::Bytes q, wire::MutableBytes) {
-  Machine& m = M(board);
-  if (GetByte(q, 1)) m.videoArmed = m.touchInterrupt = m.laserInterrupt = false;
-  if (GetByte(q, 3)) m.videoArmed = true;
-  if (GetByte(q, 4)) m.touchInterrupt = true;
-  if (GetByte(q, 5)) m.laserInterrupt = true;
+  const bool off = GetByte(q, 1) != 0;
+  M(board).ArmInterrupts(!off && GetByte(q, 3), !off && GetByte(q, 4), !off && GetByte(q, 5));
   return 0;
 }
-
-constexpr std::uint16_t kSensitivityMaximum = 1023;
 
 std::int8_t FillSetSensitivity(Board& board, wire::Bytes q, wire::MutableBytes) {
   // Like the slider that sets it, the probe takes anything and stops at its maximum.
-  M(board).probeSensitivity = std::min(GetWord(q, 1), kSensitivityMaximum);
+  Machine& m = M(board);
+  m.probeSensitivity = std::min(GetWord(q, 1), m.sensitivityMaximum);
   return 0;
 }
 
@@ -199,8 +187,8 @@ std::int8_t FillGetSensitivity(Board& board, wire::Bytes, wire::MutableBytes r) 
   return 0;
 }
 
-std::int8_t FillSensitivityMax(Board&, wire::Bytes, wire::MutableBytes r) {
-  PutWord(r, 1, kSensitivityMaximum);
+std::int8_t FillSensitivityMax(Board& board, wire::Bytes, wire::MutableBytes r) {
+  PutWord(r, 1, M(board).sensitivityMaximum);
   return 0;
 }
 

@@ -361,15 +361,23 @@ void Machine::StepChannel(Channel& c, double dt) {
 }
 
 void Machine::TripProbe() {
-  if (probeTripped) return;
-  probeTripped = true;
-  touchCapture = {.pending = true, .position = LinearPositions(), .time = Millis()};
+  if (probeTouching) return;
+  probeTouching = true;
+  if (probeEnabled && touchInterrupt) {
+    touchCapture = {.pending = true, .position = LinearPositions(), .time = Millis()};
+  }
 }
 
 void Machine::ReleaseProbe() {
-  if (!probeTripped) return;
-  probeTripped = false;
-  probeRelease = LinearPositions();
+  if (!probeTouching) return;
+  probeTouching = false;
+  if (probeEnabled) probeRelease = LinearPositions();
+}
+
+void Machine::ArmInterrupts(bool video, bool touch, bool laser) {
+  videoArmed = video;
+  touchInterrupt = touch;
+  laserInterrupt = laser;
 }
 
 }  // namespace sim

@@ -145,12 +145,16 @@ class Machine {
   bool estop = false;
   bool footswitch = false;
   bool sleep = false;
-  bool probeTripped = false;
-  bool probeEnabled = false;
+  // The probe touches (what the person does), and the board listens to it (command 0x32; on at
+  // power-up): a disabled probe reports no trip and latches nothing.
+  bool probeTouching = false;
+  bool probeEnabled = true;
   Capture touchCapture;                         // latched where the probe tripped
   std::array<std::uint32_t, 4> probeRelease{};  // and where it let go
   Capture videoCapture;                         // latched by the camera's frame trigger
   std::uint16_t probeSensitivity = 512;
+  // The most the sensitivity takes (command 0x79); 0: the probe has no sensitivity to set.
+  std::uint16_t sensitivityMaximum = 1023;
   std::array<bool, kInputs> inputs{};  // pendant buttons and machine inputs
   std::array<double, 3> joystick{};    // -1 to 1
   std::array<double, 3> accel{};       // g
@@ -163,6 +167,8 @@ class Machine {
   bool laserReady = true;
   std::uint16_t laserPointsReady = 0;
   std::array<std::uint32_t, kLaserSettings> laserSettings{};
+  // The armed interrupt sources. The camera's frame trigger latches only while video is armed, the
+  // touch probe only while touch is.
   bool videoArmed = false;
   bool touchInterrupt = false;
   bool laserInterrupt = false;
@@ -177,8 +183,13 @@ class Machine {
   // A little measurement noise, the same sequence for every run of a profile.
   double Noise(double amplitude);
 
+  // The probe touches or lets go. Enabled, a touch latches where it touched while the touch
+  // interrupt is armed.
   void TripProbe();
   void ReleaseProbe();
+  bool ProbeTripped() const { return probeTouching && probeEnabled; }
+  // Arms exactly the sources named (none: every source disarmed).
+  void ArmInterrupts(bool video, bool touch, bool laser);
   // A new channel starts dark at its built maximum; the others keep value and maximum.
   void SetLightChannels(std::size_t count);
   // The maximum of `channel`; the built one for a channel the board does not have.

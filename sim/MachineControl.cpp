@@ -376,7 +376,7 @@ std::string RunState(Board& b, const Words&) {
   s += std::string(" footswitch=") + (m.footswitch ? "on" : "off");
   s += std::string(" estop=") + (m.estop ? "on" : "off");
   s += std::string(" sleep=") + (m.sleep ? "on" : "off");
-  s += std::string(" probe=") + (m.probeTripped ? "tripped" : "free");
+  s += std::string(" probe=") + (m.probeTouching ? "tripped" : "free");
   s += " lights=" + std::to_string(m.lights.size());
   s += std::string(" laser=") + (m.laserReady ? "ready" : "notready") +
        " points=" + std::to_string(m.laserPointsReady);

@@ -54,8 +54,8 @@ Profile AutoVision() {
                       .byte37 = 0x25,
                       .isServo = true,
                       .hasLightChannels = true,
-                      // More channels than one packet carries, so lights take two.
-                      .lightChannelCount = 48,
+                      // Within the Lights page and one packet; autovision-48 has more.
+                      .lightChannelCount = 12,
                       .flag42 = true,
                       .word44 = 0x2C,
                       .flag48 = true,
@@ -170,6 +170,7 @@ struct ProfileChange {
   std::optional<std::uint8_t> boardRevision;
   std::optional<std::uint8_t> lightChannelCount;  // 0 also clears hasLightChannels
   std::optional<std::uint8_t> laserType;
+  std::optional<bool> hasWAxis;
   std::optional<bool> platenFitted;
   std::optional<bool> hasCommand72;
   std::optional<std::u16string> serialNumber;
@@ -199,6 +200,7 @@ Profile Derive(const Profile& base, const ProfileChange& c) {
   Take(c.lightChannelCount, v.lightChannelCount);
   if (c.lightChannelCount) v.hasLightChannels = *c.lightChannelCount > 0;
   Take(c.laserType, v.laserType);
+  Take(c.hasWAxis, v.hasWAxis);
   Take(c.platenFitted, v.platenFitted);
   Take(c.hasCommand72, v.hasCommand72);
   IdentityRecord& id = p.identity;
@@ -217,89 +219,98 @@ Profile Derive(const Profile& base, const ProfileChange& c) {
 
 // The derived profiles in the order `profiles` lists them, after the bases; each derives from one
 // listed before it.
-const std::vector<ProfileChange>& Differences() {
-  static const std::vector<ProfileChange> changes = {
-      {.name = "servo-pv0",
-       .from = "servo",
-       .description = "oldest Servo board, protocol 0, firmware 1.10",
-       .firmwareVersion = 1.10f,
-       .protocolVersion = 0,
-       .boardRevision = 1,
-       .lightChannelCount = 1,
-       .serialNumber = u"SV-03-00057",
-       .driverWord = 0x01000000},
-      // A board from a firmware generation newer than the host knows.
-      {.name = "pv6",
-       .from = "autovision",
-       .description = "Auto Vision board with protocol 6 (newer than the host supports)",
-       .firmwareVersion = 3.00f,
-       .protocolVersion = 6,
-       .boardRevision = 5,
-       .serialNumber = u"AV4-26-00003",
-       .driverWord = 0x02050000},
-      // A board that is neither a servo nor a manual-vision controller (a test fixture board).
-      {.name = "neither",
-       .from = "manualvision",
-       .description = "board that is neither servo nor manual vision",
-       .firmwareName = u"Bench Fixture",
-       .firmwareVersion = 2.00f,
-       .protocolVersion = 2,
-       .isManualVision = false,
-       .lightChannelCount = 0,
-       .serialNumber = u"BF-01-00001",
-       .machineName = u"Bench fixture",
-       .modelName = u"BF1"},
-      // Later first-generation boards: each brings a form of the laser points and of the lights.
-      {.name = "servo-laser",
-       .from = "servo",
-       .description = "Servo 1.81, protocol 1: packed laser points, platen extra record",
-       .firmwareVersion = 1.81f,
-       .laserType = 1,
-       .serialNumber = u"SV-09-00733"},
-      {.name = "servo-pv3",
-       .from = "servo",
-       .description = "Servo 1.82, protocol 3, first driver: 21 light channels a packet",
-       .firmwareVersion = 1.82f,
-       .protocolVersion = 3,
-       .lightChannelCount = 24,
-       .laserType = 1,
-       .platenFitted = false,
-       .serialNumber = u"SV-11-01020",
-       .identityWord = 0x0102},
-      {.name = "servo-pv2",
-       .from = "servo",
-       .description = "Servo 1.85, protocol 2, newer driver: machine image, laser form D",
-       .firmwareVersion = 1.85f,
-       .protocolVersion = 2,
-       .laserType = 1,
-       .platenFitted = false,
-       .hasCommand72 = true,
-       .serialNumber = u"SV-12-01544",
-       .driverWord = kNewDriverWord},
-      {.name = "manualvision-pv4",
-       .from = "manualvision",
-       .description = "manual-vision board, protocol 4: compact poll, laser form D",
-       .firmwareVersion = 2.01f,
-       .protocolVersion = 4,
-       .serialNumber = u"MV-19-00871"},
-      // The oldest manual-vision board: protocol 0, yet every set command still answers two bytes.
-      {.name = "manualvision-pv0",
-       .from = "manualvision",
-       .description = "manual-vision board, protocol 0: short identity, no diagnostic text",
-       .firmwareVersion = 1.50f,
-       .protocolVersion = 0,
-       .lightChannelCount = 8,
-       .laserType = 0,
-       .serialNumber = u"MV-14-00102",
-       .noIdentityNumbers = true,
-       .driverWord = kOldDriverWord},
-  };
-  return changes;
-}
+const ProfileChange kDifferences[] = {
+    {.name = "servo-pv0",
+     .from = "servo",
+     .description = "oldest Servo board, protocol 0, firmware 1.10",
+     .firmwareVersion = 1.10f,
+     .protocolVersion = 0,
+     .boardRevision = 1,
+     .lightChannelCount = 1,
+     .serialNumber = u"SV-03-00057",
+     .driverWord = 0x01000000},
+    // A board from a firmware generation newer than the host knows.
+    {.name = "pv6",
+     .from = "autovision",
+     .description = "Auto Vision board with protocol 6 (newer than the host supports)",
+     .firmwareVersion = 3.00f,
+     .protocolVersion = 6,
+     .boardRevision = 5,
+     .serialNumber = u"AV4-26-00003",
+     .driverWord = 0x02050000},
+    // A board that is neither a servo nor a manual-vision controller (a test fixture board).
+    {.name = "neither",
+     .from = "manualvision",
+     .description = "board that is neither servo nor manual vision",
+     .firmwareName = u"Bench Fixture",
+     .firmwareVersion = 2.00f,
+     .protocolVersion = 2,
+     .isManualVision = false,
+     .lightChannelCount = 0,
+     .serialNumber = u"BF-01-00001",
+     .machineName = u"Bench fixture",
+     .modelName = u"BF1"},
+    // Later first-generation boards: each brings a form of the laser points and of the lights.
+    {.name = "servo-laser",
+     .from = "servo",
+     .description = "Servo 1.81, protocol 1: packed laser points, platen extra record",
+     .firmwareVersion = 1.81f,
+     .laserType = 1,
+     .serialNumber = u"SV-09-00733"},
+    {.name = "servo-pv3",
+     .from = "servo",
+     .description = "Servo 1.82, protocol 3, first driver: 21 light channels a packet",
+     .firmwareVersion = 1.82f,
+     .protocolVersion = 3,
+     .lightChannelCount = 24,
+     .laserType = 1,
+     .platenFitted = false,
+     .serialNumber = u"SV-11-01020",
+     .identityWord = 0x0102},
+    {.name = "servo-pv2",
+     .from = "servo",
+     .description = "Servo 1.85, protocol 2, newer driver: machine image, laser form D",
+     .firmwareVersion = 1.85f,
+     .protocolVersion = 2,
+     .laserType = 1,
+     .platenFitted = false,
+     .hasCommand72 = true,
+     .serialNumber = u"SV-12-01544",
+     .driverWord = kNewDriverWord},
+    {.name = "manualvision-pv4",
+     .from = "manualvision",
+     .description = "manual-vision board, protocol 4: compact poll, laser form D",
+     .firmwareVersion = 2.01f,
+     .protocolVersion = 4,
+     .serialNumber = u"MV-19-00871"},
+    // The oldest manual-vision board: protocol 0, yet every set command still answers two bytes.
+    {.name = "manualvision-pv0",
+     .from = "manualvision",
+     .description = "manual-vision board, protocol 0: short identity, no diagnostic text",
+     .firmwareVersion = 1.50f,
+     .protocolVersion = 0,
+     .lightChannelCount = 8,
+     .laserType = 0,
+     .serialNumber = u"MV-14-00102",
+     .noIdentityNumbers = true,
+     .driverWord = kOldDriverWord},
+    // More light channels than one packet carries, so the lights take two; more than the
+    // Lights page drives, so its profile and coaxial rows stand greyed.
+    {.name = "autovision-48",
+     .from = "autovision",
+     .description = "Auto Vision board with 48 light channels: two packets, beyond the page",
+     .lightChannelCount = 48,
+     .serialNumber = u"AV3-24-01188"},
+    {.name = "autovision-no-w",
+     .from = "autovision",
+     .description = "Auto Vision board without a W axis",
+     .hasWAxis = false,
+     .serialNumber = u"AV3-24-01189"},
+};
 
 std::vector<Profile> AllProfiles() {
   std::vector<Profile> all = {AutoVision(), FirstGenerationServo(), ManualVision()};
-  for (const ProfileChange& change : Differences()) {
+  for (const ProfileChange& change : kDifferences) {
     const auto base = std::find_if(all.begin(), all.end(),
                                    [&](const Profile& p) { return p.name == change.from; });
     all.push_back(Derive(*base, change));

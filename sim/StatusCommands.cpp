@@ -93,7 +93,7 @@ std::int8_t FillPoll(Board& board, wire::Bytes q, wire::MutableBytes r) {
   PutFlag(r, 3, wantCapture && (m.touchCapture.pending || m.videoCapture.pending));
   if (r.size() > 28) {
     PutByte(r, 4, m.touchCapture.pending ? 1 : 0);
-    PutFlag(r, 5, m.probeTripped);
+    PutFlag(r, 5, m.ProbeTripped());
   }
   // Firmware before 1.119 had no failure detection; the manual-vision boards always had it.
   const bool reportsFailure = Mv(board.profile()) || Fw(board.profile()) >= 1.119;

@@ -136,16 +136,16 @@ std::int8_t FillSetPid(Board& board, wire::Bytes q, wire::MutableBytes) {
     return IsChannel(GetByte(q, 1)) || StageAxis(q) ? kReasonBadRequest : kReasonBadArgument;
   if (StageAxis(q)) {
     Axis& a = M(board).axes[GetByte(q, 1)];
-    a.tuning = {.kp = GetWord(q, 2),
-                .ki = GetWord(q, 4),
-                .kd = GetWord(q, 6),
-                .dt = GetWord(q, 8),
-                .kaff = GetWord(q, 10),
-                .kvff = GetWord(q, 12),
-                .kout = GetWord(q, 14),
-                .mb = wire::GetSignedWord(q, 16),
-                .il = GetLong(q, 18),
-                .fe = GetLong(q, 22)};
+    a.SetTuning({.kp = GetWord(q, 2),
+                 .ki = GetWord(q, 4),
+                 .kd = GetWord(q, 6),
+                 .dt = GetWord(q, 8),
+                 .kaff = GetWord(q, 10),
+                 .kvff = GetWord(q, 12),
+                 .kout = GetWord(q, 14),
+                 .mb = wire::GetSignedWord(q, 16),
+                 .il = GetLong(q, 18),
+                 .fe = GetLong(q, 22)});
     // A new record resets the amplifier of an axis that had failed.
     a.failed = false;
     a.stalledFor = 0;

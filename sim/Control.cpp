@@ -286,7 +286,7 @@ std::string RunHelp(Simulator&, const Words&) {
   std::string answer = "ok commands:";
   for (const Verb& v : kVerbs)
     answer += std::string(" ") + (&v == kVerbs ? "" : "| ") + v.usage;
-  return answer + MachineControlUsage() + ReadingsControlUsage();
+  return answer + MachineControlUsage() + ReadingsControlUsage() + FaultControlUsage();
 }
 
 bool ReadEscape(const std::string& line, std::size_t& i, std::string& word) {
@@ -354,6 +354,7 @@ std::string RunControlCommand(Simulator& sim, const std::string& line) {
   }
   if (std::string answer; RunReadingsControl(sim, words, answer)) return answer;
   if (std::string answer; RunMachineControl(sim, words, answer)) return answer;
+  if (std::string answer; RunFaultControl(sim, words, answer)) return answer;
   return Error("unknown command '" + words[0] + "' (try help)");
 }
 

@@ -45,6 +45,10 @@ std::uint32_t Seed(const std::string& name) {
   return h == 0 ? 0x2545F491 : h;
 }
 
+// The laser's settings as built: word 1 its rate exponent, word 19 on.
+constexpr std::array<std::uint32_t, kLaserSettings> kBuiltLaserSettings = {
+    1, 3, 100, 2000, 50, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0};
+
 // A channel's tuning record from the factory, the longs from byte 2 in this order.
 struct ChannelTuning {
   std::uint32_t kp, ki, kd, dt, kaff, kvff, kout, mb, il, fe;
@@ -129,12 +133,20 @@ void Axis::PlaceObstacle(double mm) {
   obstacleSide = mm < 0 ? 0 : position <= mm ? 1 : -1;
 }
 
+void Axis::SetTuning(const AxisTuning& record) {
+  if (record.OpenLoop() && !tuning.OpenLoop()) openedAt = position;
+  tuning = record;
+}
+
 std::int32_t Axis::LinearCounts() const {
-  return static_cast<std::int32_t>(std::lround(position * countsPerMm));
+  if (linearFrozen) return frozenCounts;
+  const double mm = countsReversed ? travel - position : position;
+  return static_cast<std::int32_t>(std::lround(mm * countsPerMm));
 }
 
 std::uint32_t Axis::RotaryCounts() const {
-  return static_cast<std::uint32_t>(std::llround(position / mmPerTurn * kRotaryCountsPerTurn));
+  const double mm = countsReversed ? travel - position : position;
+  return static_cast<std::uint32_t>(std::llround(mm / mmPerTurn * kRotaryCountsPerTurn));
 }
 
 void Axis::PlaceAt(double mm) {
@@ -142,6 +154,7 @@ void Axis::PlaceAt(double mm) {
   velocity = 0;
   limit = position <= 0 ? -1 : position >= travel ? 1 : 0;
   lastTurn = TurnOf(position, mmPerTurn);
+  openedAt = position;
   if (obstacle >= 0) obstacleSide = position <= obstacle ? 1 : -1;
 }
 
@@ -177,16 +190,16 @@ Machine::Machine(const Profile& profile, platform::TimePoint now)
     a.jogSpeed = kStage[i].jogSpeed;
     a.countsPerMm = s.countsPerMm > 0 ? s.countsPerMm : 1000;
     a.motorMaximum = s.motorMaximum > 0 ? s.motorMaximum : 10000;
-    a.tuning = {.kp = s.kp,
-                .ki = s.ki,
-                .kd = s.kd,
-                .dt = s.dt,
-                .kaff = s.kaff,
-                .kvff = s.kvff,
-                .kout = s.kout,
-                .mb = s.mb,
-                .il = s.il,
-                .fe = s.fe};
+    a.SetTuning({.kp = s.kp,
+                 .ki = s.ki,
+                 .kd = s.kd,
+                 .dt = s.dt,
+                 .kaff = s.kaff,
+                 .kvff = s.kvff,
+                 .kout = s.kout,
+                 .mb = s.mb,
+                 .il = s.il,
+                 .fe = s.fe});
     a.PlaceAt(a.travel / 2);
   }
   w.fitted = profile.version.hasWAxis;
@@ -203,7 +216,7 @@ Machine::Machine(const Profile& profile, platform::TimePoint now)
   platen.PlaceAt(0);
   InitChannelRecords(w, false);
   InitChannelRecords(platen, true);
-  laserSettings = {1, 3, 100, 2000, 50, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0};
+  laserSettings = kBuiltLaserSettings;
   SetLightChannels(profile.version.hasLightChannels ? profile.version.lightChannelCount : 0);
 }
 
@@ -372,6 +385,49 @@ void Machine::ReleaseProbe() {
   if (!probeTouching) return;
   probeTouching = false;
   if (probeEnabled) probeRelease = LinearPositions();
+}
+
+void Machine::Restart(platform::TimePoint now) {
+  Advance(now);
+  poweredAt_ = now;
+  for (Axis& a : axes) {
+    a.SetTuning({});
+    a.failed = false;
+    a.stalledFor = 0;
+    a.indexSeen = a.indexCaptured = false;
+  }
+  for (Channel* c : {&w, &platen}) {
+    c->target = c->position;
+    c->indexSeen = c->indexCaptured = false;
+    InitChannelRecords(*c, c == &platen);
+  }
+  std::fill(lights.begin(), lights.end(), 0);
+  ArmInterrupts(false, false, false);
+  touchCapture = videoCapture = {};
+  probeEnabled = true;
+  probeSensitivity = 512;
+  sleep = false;
+  statusLight = 0;
+  ledWords = {};
+  laserPointsReady = 0;
+  laserSettings = kBuiltLaserSettings;
+}
+
+bool Machine::DrivenFurtherThan(double mm) const {
+  return std::any_of(axes.begin(), axes.end(), [mm](const Axis& a) {
+    return a.tuning.OpenLoop() && std::abs(a.position - a.openedAt) >= mm;
+  });
+}
+
+std::int8_t Machine::LimitReading(std::size_t axis) const {
+  const Axis& a = axes[axis];
+  if (!switchesBounce || a.limit != 0) return a.limit;
+  const std::int8_t near = a.position < kBounceZone              ? -1
+                           : a.position > a.travel - kBounceZone ? 1
+                                                                 : 0;
+  const bool closed =
+      (std::chrono::duration_cast<std::chrono::milliseconds>(now_ - poweredAt_).count() % 40) < 20;
+  return closed ? near : 0;
 }
 
 void Machine::ArmInterrupts(bool video, bool touch, bool laser) {

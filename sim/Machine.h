@@ -28,6 +28,8 @@ inline constexpr double kDeadBand = 200;
 inline constexpr double kFailAfterSeconds = 2.0;
 // Motor counts of one turn of a stage axis's rotary encoder.
 inline constexpr double kRotaryCountsPerTurn = 4000;
+// How far before a bouncing end switch it starts to chatter.
+inline constexpr double kBounceZone = 5;
 
 // The tuning record of a stage axis as the board keeps it.
 struct AxisTuning {
@@ -64,6 +66,13 @@ struct Axis {
   bool failed = false;
   double stalledFor = 0;  // seconds
   std::int8_t limit = 0;  // -1 at the negative switch, 1 at the positive one
+  // Where the axis stood when its loop was last opened: how far a test has driven it since.
+  double openedAt = 0;
+  // Encoder faults: the linear scale stands at `frozenCounts` (the rotary counts on), or both
+  // encoders count the other way (from the positive end).
+  bool linearFrozen = false;
+  std::int32_t frozenCounts = 0;
+  bool countsReversed = false;
   // The index mark passes once a motor turn; the board latches the rotary count there. Until a
   // mark has passed since power-up the latched count means nothing, and the board says so.
   bool indexSeen = false;
@@ -72,6 +81,8 @@ struct Axis {
   std::int64_t lastTurn = 0;
 
   double Drive() const;  // the open-loop drive, 0 when the loop is closed
+  // Takes a new tuning record; an axis whose loop it opens starts counting its drive from here.
+  void SetTuning(const AxisTuning& record);
   double DeadBand() const { return kDeadBand * friction; }
   // Puts something in the way at `mm` (below 0: takes it away).
   void PlaceObstacle(double mm);
@@ -187,6 +198,16 @@ class Machine {
   // interrupt is armed.
   void TripProbe();
   void ReleaseProbe();
+  // The board restarts: it forgets every record the host gave it (the axes come up without tuning,
+  // the channels with their factory records), lights go dark, interrupts and captures are gone.
+  // What is physical stays: where the axes stand, the EEPROM, a pressed e-stop.
+  void Restart(platform::TimePoint now);
+  // A stage axis that a test drives (its loop open) has moved at least `mm` since.
+  bool DrivenFurtherThan(double mm) const;
+  // The end switches as the poll reports them: while `switchesBounce`, a switch chatters (closed 20
+  // ms of every 40 of machine time) over the last kBounceZone mm before it.
+  std::int8_t LimitReading(std::size_t axis) const;
+  bool switchesBounce = false;
   bool ProbeTripped() const { return probeTouching && probeEnabled; }
   // Arms exactly the sources named (none: every source disarmed).
   void ArmInterrupts(bool video, bool touch, bool laser);

@@ -64,10 +64,14 @@ std::string Describe(const std::string& name, double position, long long counts,
   return line;
 }
 
+// A stage axis also says whether its own record holds it (loop closed) or a test drives it (loop
+// open, at the bias Mb), and whether its amplifier has failed.
 std::string AxisReport(Machine& m, const std::string& name, int axis) {
   if (axis >= 0) {
     const Axis& a = m.axes[static_cast<std::size_t>(axis)];
-    return Describe(name, a.position, a.LinearCounts(), a.Moving(), a.stalled, a.limit);
+    return Describe(name, a.position, a.LinearCounts(), a.Moving(), a.stalled, a.limit) +
+           (a.tuning.OpenLoop() ? " loop=open" : " loop=closed") +
+           " bias=" + std::to_string(a.tuning.mb) + " failed=" + (a.failed ? "1" : "0");
   }
   const Channel& c = axis == -1 ? m.w : m.platen;
   if (!c.fitted) return Error(name + " is not fitted");
@@ -190,8 +194,11 @@ bool ParseStageAxis(const Words& a, std::size_t count, int& axis) {
   return a.size() == count && ParseAxis(a[0], axis) && axis >= 0;
 }
 
+std::string RunStallAhead(Board& b, const Words& a);
+
 // An obstacle strictly inside the travel, so that it is never mistaken for an end switch.
 std::string RunStall(Board& b, const Words& a) {
+  if (!a.empty() && a[0] == "ahead") return RunStallAhead(b, a);
   int axis = 0;
   double mm = 0;
   if (!ParseStageAxis(a, 2, axis) || !ParseReal(a[1], mm)) {
@@ -205,9 +212,35 @@ std::string RunStall(Board& b, const Words& a) {
 
 std::string RunUnstall(Board& b, const Words& a) {
   int axis = 0;
-  if (!ParseStageAxis(a, 1, axis)) return Error("unstall takes a stage axis (x y z zoom)");
+  if (a.size() == 1 && a[0] == "all") {
+    for (Axis& x : b.machine().axes)
+      x.PlaceObstacle(-1);
+    return "ok all free";
+  }
+  if (!ParseStageAxis(a, 1, axis)) return Error("unstall takes a stage axis (x y z zoom) or all");
   b.machine().axes[static_cast<std::size_t>(axis)].PlaceObstacle(-1);
   return "ok " + a[0] + " free";
+}
+
+// stall ahead MM: an obstacle MM in front of the stage axis that moves fastest, the way it goes.
+std::string RunStallAhead(Board& b, const Words& a) {
+  double mm = 0;
+  if (a.size() != 2 || !ParseReal(a[1], mm) || mm <= 0) {
+    return Error("stall ahead takes a distance in mm");
+  }
+  Axis* moving = nullptr;
+  for (Axis& x : b.machine().axes) {
+    if (x.Moving() && (!moving || std::abs(x.velocity) > std::abs(moving->velocity))) moving = &x;
+  }
+  if (!moving) return Error("no stage axis moves");
+  const double at = moving->position + std::copysign(mm, moving->velocity);
+  if (at <= 0 || at >= moving->travel) return Error("the way ahead ends at a switch first");
+  moving->PlaceObstacle(at);
+  static const char* const kNames[] = {"x", "y", "z", "zoom"};
+  char answer[64];
+  std::snprintf(answer, sizeof answer, "ok %s stalls at %.3f",
+                kNames[moving - b.machine().axes.data()], at);
+  return answer;
 }
 
 // A factor on the dead band, from a frictionless 0 to 20 (a drive of 4000 only just starts it).
@@ -403,8 +436,8 @@ constexpr MachineCommand kMachineVerbs[] = {
     {.name = "unblock", .usage = "unblock AXIS", .run = RunUnblock},
     {.name = "axis", .usage = "axis AXIS", .run = RunAxis},
     {.name = "place", .usage = "place AXIS MM", .run = RunPlace},
-    {.name = "stall", .usage = "stall AXIS MM", .run = RunStall},
-    {.name = "unstall", .usage = "unstall AXIS", .run = RunUnstall},
+    {.name = "stall", .usage = "stall AXIS|ahead MM", .run = RunStall},
+    {.name = "unstall", .usage = "unstall AXIS|all", .run = RunUnstall},
     {.name = "friction", .usage = "friction AXIS F", .run = RunFriction},
     {.name = "platen", .usage = "platen in|out|stick|free", .run = RunPlaten},
     {.name = "wplug", .usage = "wplug in|out", .run = RunWPlug},

@@ -34,7 +34,13 @@ Simulator::Simulator(SimulatorOptions options)
     : options_(std::move(options)),
       device_(SOCK_SEQPACKET, [this](int fd) { ServeDevice(fd); },
               {.mode = 0660, .group = options_.deviceGroup}),
-      control_(SOCK_STREAM, [this](int fd) { ServeControl(fd); }, {.mode = 0600}) {}
+      control_(SOCK_STREAM, [this](int fd) { ServeControl(fd); }, {.mode = 0600}),
+      script_([this](const std::string& line) { return Command(line); },
+              [this](double mm) {
+                return AtMachine([mm](Board& b) {
+                         return b.machine().DrivenFurtherThan(mm) ? "yes" : "no";
+                       }) == "yes";
+              }) {}
 
 Simulator::~Simulator() {
   Stop();
@@ -90,8 +96,9 @@ bool Simulator::Start(std::string* error) {
 }
 
 void Simulator::Stop() {
-  // The control connections go first and without the lifecycle lock: one of them may be inside
-  // an unplug, which takes that lock.
+  // The script and the control connections go first and without the lifecycle lock: either may be
+  // inside an unplug, which takes that lock.
+  script_.Stop(false);
   control_.Close();
   std::lock_guard lifecycle(lifecycle_);
   device_.Close();
@@ -164,6 +171,20 @@ std::string Simulator::AtMachine(const std::function<std::string(Board&)>& act) 
   if (!board_) return "error: no board";
   board_->Advance(platform::Clock::Current().Now());
   return act(*board_);
+}
+
+bool Simulator::StartScript(const std::string& name) {
+  const FaultScript* script = FindFaultScript(name);
+  if (script) script_.Start(*script);
+  return script != nullptr;
+}
+
+void Simulator::StopScript() {
+  script_.Stop(true);
+}
+
+ScriptRunner::State Simulator::Script() const {
+  return script_.Current();
 }
 
 void Simulator::Quit() {

@@ -23,6 +23,7 @@
 #include "platform/WindowProbe.h"
 #include "sim/Board.h"
 #include "sim/Driver.h"
+#include "sim/FaultScripts.h"
 #include "sim/Faults.h"
 #include "sim/UnixServer.h"
 
@@ -87,6 +88,11 @@ class Simulator {
   // does at the machine. Returns what `act` returns.
   std::string AtMachine(const std::function<std::string(Board&)>& act);
   void Quit();  // runs onQuit, if given
+  // Starts the fault script of that name (ending one that runs); false for an unknown name.
+  bool StartScript(const std::string& name);
+  // Ends the fault script that runs and puts right what it left.
+  void StopScript();
+  ScriptRunner::State Script() const;
   // Poses as the running measuring application (holds a window of its class), or stops. The
   // window is seen by programs whose window folder is this board's: $TAVRO_WINDOW_DIR, else the
   // folder ".windows" in the device folder. False when the window cannot be held.
@@ -118,6 +124,7 @@ class Simulator {
   DriverSettings driver_;
   UnixServer device_;
   UnixServer control_;
+  ScriptRunner script_;
 };
 
 }  // namespace sim

@@ -101,7 +101,7 @@ std::int8_t FillPoll(Board& board, wire::Bytes q, wire::MutableBytes r) {
   for (std::size_t i = 0; i < kStageAxes; ++i) {
     const Axis& a = m.axes[i];
     PutFlag(r, f.moving + i, a.Moving());
-    PutByte(r, f.limit + i, static_cast<std::uint8_t>(a.limit));
+    PutByte(r, f.limit + i, static_cast<std::uint8_t>(m.LimitReading(i)));
     PutFlag(r, f.settled + i, a.Settled());
     PutFlag(r, f.stalled + i, a.stalled);
     PutFlag(r, f.failed + i, reportsFailure && a.failed);

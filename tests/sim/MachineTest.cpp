@@ -490,7 +490,8 @@ TEST_F(MachineControlTest, WhatAPersonChangesShowsInTheVersionRecordAndThePoll) 
   EXPECT_EQ(poll[107], 1);
 
   EXPECT_EQ(sim_->Command("place x 10"),
-            "ok axis=x pos=10.000 counts=20000 moving=0 stalled=0 limit=none");
+            "ok axis=x pos=10.000 counts=20000 moving=0 stalled=0 limit=none loop=closed "
+            "bias=-12 failed=0");
   for (const char* bad : {"temp 8 20", "place x 400", "joystick 2 0 0", "press 16", "block q"}) {
     EXPECT_EQ(sim_->Command(bad).rfind("error:", 0), 0u) << bad;
   }

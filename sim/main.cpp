@@ -24,13 +24,15 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: tavrosim [--profile NAME] [--dir DIR] [--entry class1:N|class2:N|HnUsbaN|HnUsbbN]\n"
-    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS] [--group GROUP]\n";
+    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS] [--group GROUP]\n"
+    "                [--fault SCRIPT]\n";
 
 struct Arguments {
   sim::SimulatorOptions options;
   bool stdinControl = false;
   bool help = false;
   bool poseAsApplication = false;
+  std::string faultScript;  // started once the board serves
 };
 
 int BadArguments(const std::string& why) {
@@ -38,8 +40,8 @@ int BadArguments(const std::string& why) {
   return 2;
 }
 
-constexpr const char* kValueOptions[] = {"--profile", "--dir",        "--entry",
-                                         "--control", "--diag-every", "--group"};
+constexpr const char* kValueOptions[] = {"--profile",    "--dir",   "--entry", "--control",
+                                         "--diag-every", "--group", "--fault"};
 
 bool TakesValue(const std::string& arg) {
   for (const char* option : kValueOptions) {
@@ -67,6 +69,10 @@ std::string TakeValue(const std::string& arg, const std::string& value, Argument
   if (arg == "--dir") args.options.deviceDir = value;
   if (arg == "--entry") args.options.entry = value;
   if (arg == "--control") args.options.controlPath = value;
+  if (arg == "--fault") {
+    args.faultScript = value;
+    if (!sim::FindFaultScript(value)) return "--fault takes one of: " + sim::FaultScriptNames();
+  }
   if (arg == "--group") {
     args.options.deviceGroup = GroupId(value);
     if (args.options.deviceGroup < 0) return "--group takes a group's name or number";
@@ -118,6 +124,7 @@ void PrintServing(sim::Simulator& simulator, const Arguments& args) {
   std::string control;
   if (!args.options.controlPath.empty()) control += ", control at " + args.options.controlPath;
   if (args.stdinControl) control += ", control on stdin";
+  if (!args.faultScript.empty()) control += ", fault script " + args.faultScript;
   std::printf("tavrosim: serving profile %s (%s %.2f, protocol %u) at %s%s\n", p.name.c_str(),
               name.c_str(), static_cast<double>(p.version.firmwareVersion),
               static_cast<unsigned>(p.version.protocolVersion), simulator.EntryPath().c_str(),
@@ -197,6 +204,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "tavrosim: %s\n", why.c_str());
     return 1;
   }
+  if (!args.faultScript.empty()) simulator.StartScript(args.faultScript);
   PrintServing(simulator, args);
   const int code = Run(simulator, args.stdinControl, signals);
   simulator.Stop();

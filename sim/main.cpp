@@ -17,6 +17,7 @@
 #include "platform/Clock.h"
 #include "sim/Control.h"
 #include "sim/DeviceEntry.h"
+#include "sim/Panel.h"
 #include "sim/Profiles.h"
 #include "sim/Simulator.h"
 
@@ -25,7 +26,7 @@ namespace {
 constexpr const char* kUsage =
     "usage: tavrosim [--profile NAME] [--dir DIR] [--entry class1:N|class2:N|HnUsbaN|HnUsbbN]\n"
     "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS] [--group GROUP]\n"
-    "                [--fault SCRIPT]\n";
+    "                [--fault SCRIPT] [--panel PORT]\n";
 
 struct Arguments {
   sim::SimulatorOptions options;
@@ -33,6 +34,7 @@ struct Arguments {
   bool help = false;
   bool poseAsApplication = false;
   std::string faultScript;  // started once the board serves
+  int panelPort = -1;       // -1: no panel; 0: a free port
 };
 
 int BadArguments(const std::string& why) {
@@ -41,7 +43,7 @@ int BadArguments(const std::string& why) {
 }
 
 constexpr const char* kValueOptions[] = {"--profile",    "--dir",   "--entry", "--control",
-                                         "--diag-every", "--group", "--fault"};
+                                         "--diag-every", "--group", "--fault", "--panel"};
 
 bool TakesValue(const std::string& arg) {
   for (const char* option : kValueOptions) {
@@ -69,6 +71,14 @@ std::string TakeValue(const std::string& arg, const std::string& value, Argument
   if (arg == "--dir") args.options.deviceDir = value;
   if (arg == "--entry") args.options.entry = value;
   if (arg == "--control") args.options.controlPath = value;
+  if (arg == "--panel") {
+    char* end = nullptr;
+    const long port = std::strtol(value.c_str(), &end, 10);
+    if (value.empty() || *end != '\0' || port < 0 || port > 65535) {
+      return "--panel takes a port from 0 (any free one) to 65535";
+    }
+    args.panelPort = static_cast<int>(port);
+  }
   if (arg == "--fault") {
     args.faultScript = value;
     if (!sim::FindFaultScript(value)) return "--fault takes one of: " + sim::FaultScriptNames();
@@ -129,6 +139,19 @@ void PrintServing(sim::Simulator& simulator, const Arguments& args) {
               name.c_str(), static_cast<double>(p.version.firmwareVersion),
               static_cast<unsigned>(p.version.protocolVersion), simulator.EntryPath().c_str(),
               control.c_str());
+  std::fflush(stdout);
+}
+
+bool StartPanel(sim::Panel& panel, int port) {
+  std::string why;
+  if (port < 0 || panel.Start(static_cast<std::uint16_t>(port), &why)) return true;
+  std::fprintf(stderr, "tavrosim: %s\n", why.c_str());
+  return false;
+}
+
+// As TavroTest prints where its window is: the address with the token every request needs.
+void PrintPanel(const sim::Panel& panel) {
+  std::printf("tavrosim panel: %s\n", panel.Url().c_str());
   std::fflush(stdout);
 }
 
@@ -205,8 +228,12 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (!args.faultScript.empty()) simulator.StartScript(args.faultScript);
+  sim::Panel panel(simulator);
+  if (!StartPanel(panel, args.panelPort)) return 1;
   PrintServing(simulator, args);
+  if (args.panelPort >= 0) PrintPanel(panel);
   const int code = Run(simulator, args.stdinControl, signals);
+  panel.Stop();  // before the board it works
   simulator.Stop();
   ::close(signals);
   return code;

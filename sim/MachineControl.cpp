@@ -413,7 +413,13 @@ std::string RunState(Board& b, const Words&) {
   s += " lights=" + std::to_string(m.lights.size());
   s += std::string(" laser=") + (m.laserReady ? "ready" : "notready") +
        " points=" + std::to_string(m.laserPointsReady);
-  return s;
+  std::string armed;
+  for (const auto& [on, name] :
+       {std::pair{m.videoArmed, "video"}, std::pair{m.touchInterrupt, "touch"},
+        std::pair{m.laserInterrupt, "laser"}}) {
+    if (on) armed += (armed.empty() ? "" : ",") + std::string(name);
+  }
+  return s + " interrupts=" + (armed.empty() ? "none" : armed);
 }
 
 struct MachineCommand {

@@ -1,6 +1,6 @@
 // The machine image as the host's reader sees it: signatures, and the fields it takes by offset.
-#include "sim/MachineImage.h"
 #include "wire/WireFormat.h"
+#include "sim/MachineImage.h"
 
 #include <gtest/gtest.h>
 

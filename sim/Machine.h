@@ -154,6 +154,7 @@ class Machine {
   WEeprom wEeprom;
 
   bool estop = false;
+  bool switchesBounce = false;  // see LimitReading
   bool footswitch = false;
   bool sleep = false;
   // The probe touches (what the person does), and the board listens to it (command 0x32; on at
@@ -207,7 +208,6 @@ class Machine {
   // The end switches as the poll reports them: while `switchesBounce`, a switch chatters (closed 20
   // ms of every 40 of machine time) over the last kBounceZone mm before it.
   std::int8_t LimitReading(std::size_t axis) const;
-  bool switchesBounce = false;
   bool ProbeTripped() const { return probeTouching && probeEnabled; }
   // Arms exactly the sources named (none: every source disarmed).
   void ArmInterrupts(bool video, bool touch, bool laser);

@@ -161,11 +161,6 @@ void Simulator::SetDescribes(bool on) {
   driver_.describes = on;
 }
 
-bool Simulator::Describes() const {
-  std::lock_guard lock(boardMutex_);
-  return driver_.describes;
-}
-
 std::string Simulator::AtMachine(const std::function<std::string(Board&)>& act) {
   std::lock_guard lock(boardMutex_);
   if (!board_) return "error: no board";

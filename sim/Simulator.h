@@ -83,7 +83,6 @@ class Simulator {
   void QueueDiagText(const std::string& text);  // exactly this text, no line end added
   // Whether the driver answers the describe request, or fails it as an older driver would.
   void SetDescribes(bool on);
-  bool Describes() const;
   // Runs `act` on the board, brought up to the clock's now, under the board's lock: what a person
   // does at the machine. Returns what `act` returns.
   std::string AtMachine(const std::function<std::string(Board&)>& act);

@@ -7,6 +7,10 @@
 //
 // The window directory is $TAVRO_WINDOW_DIR, else the folder ".windows" in the device directory,
 // so that a tavrotest and the tavrosim it runs against, or one test's pair, see the same windows.
+// A window's file is a plain file that every user may read and only its holder's user may write
+// (0644): holding takes a descriptor open for writing, so no other user can pose as the holder.
+// Probe and holder open it without waiting and without following a link, and take anything but a
+// plain file (a FIFO planted there, a link) for no window.
 #pragma once
 
 #include <functional>

@@ -46,6 +46,15 @@ void Board::SetProfile(const Profile& profile, platform::TimePoint now) {
   diagPending_.clear();
 }
 
+void Board::Restart(platform::TimePoint now) {
+  machine_->Restart(now);
+  poweredAt_ = now;
+  nextDiagAt_ = now + diagPeriod_;
+  diagLines_ = 0;
+  executed_ = 0;
+  diagPending_.clear();
+}
+
 void Board::Advance(platform::TimePoint now) {
   machine_->Advance(now);
   if (diagPeriod_ <= platform::Duration::zero()) return;

@@ -62,6 +62,10 @@ class Board {
   // The machine area of the EEPROM, the image at its start.
   const std::vector<std::uint8_t>& machineArea() const { return machineArea_; }
 
+  // The firmware restarts at `now`: the machine forgets what the host gave it (Machine::Restart),
+  // pending diagnostic text is gone and the heartbeat counts from here. Profile and EEPROM stay.
+  void Restart(platform::TimePoint now);
+
   // Brings what runs by itself up to `now`: the periodic diagnostic line.
   void Advance(platform::TimePoint now);
 

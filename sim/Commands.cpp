@@ -170,8 +170,8 @@ constexpr CommandForm kCommands[] = {
   {.code = 0x28, .name = "EEPROM info long", .gate = LongEepromInfo, .request = {32}, .reply = kEepromInfoLongBytes, .fill = FillInfoLong, .zeroFrom = 1},
   {.code = 0x28, .name = "EEPROM info short", .gate = OneByteEepromInfo, .request = {1}, .reply = kEepromInfoShortReply, .fill = FillInfoShort},
   {.code = 0x28, .name = "EEPROM info short", .gate = ShortEepromInfo, .request = {32}, .reply = kEepromInfoShortReply, .fill = FillInfoShort, .zeroFrom = 1},
-  {.code = 0x29, .name = "EEPROM read short", .gate = ShortEepromBlock, .request = {32}, .reply = kBlockShortReply, .fill = FillBlockShort, .fixed = {{{1, 0}}}, .zeroFrom = 7},
-  {.code = 0x29, .name = "EEPROM read long", .gate = LongEepromBlock, .request = {32}, .reply = kBlockLongReply, .fill = FillBlockLong, .fixed = {{{1, 0}, {3, 0}}}, .zeroFrom = 15},
+  {.code = 0x29, .name = "EEPROM read short", .gate = ShortEepromBlock, .request = {32}, .reply = kBlockShortReply, .fill = FillBlockShort, .fixed = {{{.at = 1, .value = 0}}}, .zeroFrom = 7},
+  {.code = 0x29, .name = "EEPROM read long", .gate = LongEepromBlock, .request = {32}, .reply = kBlockLongReply, .fill = FillBlockLong, .fixed = {{{.at = 1, .value = 0}, {.at = 3, .value = 0}}}, .zeroFrom = 15},
   {.code = 0x2B, .name = "version", .gate = Always, .request = {1}, .reply = kVersionReply, .fill = FillVersion},
   {.code = 0x3A, .name = "sync axis", .gate = IsController, .request = {2}, .reply = kSetReply, .fill = FillSyncAxis},
   {.code = 0x60, .name = "identity", .gate = ProtocolBelow2, .request = {1}, .reply = kIdentityReply, .fill = FillIdentity},
@@ -187,7 +187,9 @@ std::span<const CommandForm> CommandTable() {
 
 const CommandForm* FindForm(std::uint8_t code, const Profile& profile, std::size_t length) {
   const CommandForm* first = nullptr;
-  for (std::span<const CommandForm> table : {CommandTable(), MachineCommandTable()}) {
+  for (std::span<const CommandForm> table :
+       {CommandTable(), StatusCommandTable(), AxisCommandTable(), LightProbeLaserCommandTable(),
+        ChannelCommandTable()}) {
     for (const CommandForm& form : table) {
       if (form.code != code || !form.gate(profile)) continue;
       if (AcceptsRequestLength(form, length)) return &form;

@@ -1,7 +1,7 @@
 // The board's command set as a table of forms. A command may have several forms, one per board
 // generation; the first form of a code whose gate holds for the board's profile is the one the
 // board speaks. A code with no such form is unknown to the board and refused. Adding a command is
-// adding rows here and a fill routine in Commands.cpp.
+// adding a row and a fill routine to the table of its family.
 #pragma once
 
 #include <array>
@@ -66,9 +66,15 @@ struct CommandForm {
   std::uint16_t zeroFrom = 0;
 };
 
-// The base commands, and the machine's (MachineCommands.cpp).
+// The base commands (Commands.cpp), and the machine's families: the status poll and board data
+// (StatusCommands.cpp), the axes (AxisCommands.cpp), lights, probes, laser and interrupts
+// (LightProbeLaserCommands.cpp), the W axis and platen (ChannelCommands.cpp). Every form of one
+// code is in one family's table, in the order the board tries them.
 std::span<const CommandForm> CommandTable();
-std::span<const CommandForm> MachineCommandTable();
+std::span<const CommandForm> StatusCommandTable();
+std::span<const CommandForm> AxisCommandTable();
+std::span<const CommandForm> LightProbeLaserCommandTable();
+std::span<const CommandForm> ChannelCommandTable();
 
 // The form the board speaks for `code` and a request of `length` bytes: among the forms whose gate
 // holds, the first that takes that length, else the first (which refuses the length). Null when

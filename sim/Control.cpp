@@ -160,7 +160,18 @@ std::string RunStatus(Simulator& sim, const Words&) {
   return "ok profile=" + s.profile + " plugged=" + (s.plugged ? "yes" : "no") +
          " entry=" + s.entryPath + " connections=" + std::to_string(s.connections) +
          " requests=" + std::to_string(s.requests) + " faults=" + std::to_string(s.faultRules) +
-         " diag=" + std::to_string(s.pendingDiagBytes);
+         " diag=" + std::to_string(s.pendingDiagBytes) +
+         " describe=" + (s.describes ? "on" : "off");
+}
+
+// describe off: the driver fails the describe request as one older than it would, so that a host
+// can be seen to show no mark of a simulated board.
+std::string RunDescribe(Simulator& sim, const Words& args) {
+  if (args.size() != 1 || (args[0] != "on" && args[0] != "off")) {
+    return Error("describe takes on or off");
+  }
+  sim.SetDescribes(args[0] == "on");
+  return "ok describe " + args[0];
 }
 
 std::string RunCount(Simulator& sim, const Words& args) {
@@ -168,11 +179,12 @@ std::string RunCount(Simulator& sim, const Words& args) {
   long long code = 0;
   if (args.empty()) return "ok " + std::to_string(t.total);
   if (args[0] == "link") return "ok " + std::to_string(t.linkOpened);
+  if (args[0] == "describe") return "ok " + std::to_string(t.describe);
   if (args[0] == "malformed") return "ok " + std::to_string(t.malformed);
   if (ParseNumber(args[0], code) && code >= 0 && code <= 0xFF) {
     return "ok " + std::to_string(t.commands[static_cast<std::size_t>(code)]);
   }
-  return Error("count takes a command byte, link or malformed");
+  return Error("count takes a command byte, link, describe or malformed");
 }
 
 // The last transfers (of one command byte, if named) as `sequence:microseconds:bytes`, the time on
@@ -228,8 +240,9 @@ std::string RunBoard(Simulator& sim, const Words&) {
             said(all, e.maxReadWrite) + "," + (machine ? (e.hasCopy ? "1" : "0") : "-");
   for (std::size_t i = 0; i < p.chips.size(); ++i) {
     answer += " chip" + std::to_string(i) + "=";
-    for (std::size_t k = 0; k < p.chips[i].size(); ++k)
-      answer += (k ? "," : "") + std::to_string(p.chips[i][k]);
+    const auto words = p.chips[i].Words();
+    for (std::size_t k = 0; k < words.size(); ++k)
+      answer += (k ? "," : "") + std::to_string(words[k]);
   }
   return answer;
 }
@@ -249,28 +262,31 @@ struct Verb {
 };
 
 constexpr Verb kVerbs[] = {
-    {"help", "help", RunHelp},
-    {"status", "status", RunStatus},
-    {"profiles", "profiles", RunProfiles},
-    {"profile", "profile [NAME]", RunProfile},
-    {"unplug", "unplug", RunUnplug},
-    {"replug", "replug", RunReplug},
-    {"fault", "fault KIND [all|link|CODE] [count=N] [reason=N] [code=N] [ms=N]", RunFault},
-    {"fault", "fault clear [ID]", RunFault},
-    {"faults", "faults", RunFaults},
-    {"diag", "diag [raw] \"TEXT\"", RunDiag},
-    {"count", "count [CODE|link|malformed]", RunCount},
-    {"recent", "recent [CODE]", RunRecent},
-    {"board", "board", RunBoard},
-    {"app", "app on|off", RunApp},
-    {"quit", "quit", RunQuit},
+    {.name = "help", .usage = "help", .run = RunHelp},
+    {.name = "status", .usage = "status", .run = RunStatus},
+    {.name = "profiles", .usage = "profiles", .run = RunProfiles},
+    {.name = "profile", .usage = "profile [NAME]", .run = RunProfile},
+    {.name = "unplug", .usage = "unplug", .run = RunUnplug},
+    {.name = "replug", .usage = "replug", .run = RunReplug},
+    {.name = "fault",
+     .usage = "fault KIND [all|link|CODE] [count=N] [reason=N] [code=N] [ms=N]",
+     .run = RunFault},
+    {.name = "fault", .usage = "fault clear [ID]", .run = RunFault},
+    {.name = "faults", .usage = "faults", .run = RunFaults},
+    {.name = "diag", .usage = "diag [raw] \"TEXT\"", .run = RunDiag},
+    {.name = "count", .usage = "count [CODE|link|describe|malformed]", .run = RunCount},
+    {.name = "recent", .usage = "recent [CODE]", .run = RunRecent},
+    {.name = "board", .usage = "board", .run = RunBoard},
+    {.name = "app", .usage = "app on|off", .run = RunApp},
+    {.name = "describe", .usage = "describe on|off", .run = RunDescribe},
+    {.name = "quit", .usage = "quit", .run = RunQuit},
 };
 
 std::string RunHelp(Simulator&, const Words&) {
   std::string answer = "ok commands:";
   for (const Verb& v : kVerbs)
     answer += std::string(" ") + (&v == kVerbs ? "" : "| ") + v.usage;
-  return answer + MachineControlUsage() + ReadingsControlUsage();
+  return answer + MachineControlUsage() + ReadingsControlUsage() + FaultControlUsage();
 }
 
 bool ReadEscape(const std::string& line, std::size_t& i, std::string& word) {
@@ -338,6 +354,7 @@ std::string RunControlCommand(Simulator& sim, const std::string& line) {
   }
   if (std::string answer; RunReadingsControl(sim, words, answer)) return answer;
   if (std::string answer; RunMachineControl(sim, words, answer)) return answer;
+  if (std::string answer; RunFaultControl(sim, words, answer)) return answer;
   return Error("unknown command '" + words[0] + "' (try help)");
 }
 

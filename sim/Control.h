@@ -19,6 +19,10 @@ std::string RunControlCommand(Simulator& sim, const std::string& line);
 bool RunMachineControl(Simulator& sim, const std::vector<std::string>& words, std::string& answer);
 std::string MachineControlUsage();
 
+// The commands of hardware faults at the machine and of the fault scripts (FaultControl.cpp).
+bool RunFaultControl(Simulator& sim, const std::vector<std::string>& words, std::string& answer);
+std::string FaultControlUsage();
+
 // Splits a line into words. A word in double quotes may hold blanks and these escapes: \n \r \t
 // \\ \" \xHH. False, with a reason, for an unterminated quote or a bad escape.
 bool SplitControlWords(const std::string& line, std::vector<std::string>& words,

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <string>
 
 namespace sim {
 
@@ -86,6 +87,14 @@ Outcome AnswerCommand(Board& board, const std::optional<FaultRule>& fault, std::
   return out;
 }
 
+Outcome AnswerDescribe(const Board& board, const DriverSettings& driver, std::uint32_t tag,
+                       std::uint32_t replyLength, wire::Bytes packet) {
+  if (!packet.empty() || replyLength > kDescribeLimit) return Reply(tag, kErrorInvalidParameter, 0);
+  if (!driver.describes) return Reply(tag, kErrorInvalidFunction, 0);
+  const std::string text = "simulated " + board.profile().name;
+  return ShapeReply(tag, std::vector<std::uint8_t>(text.begin(), text.end()), replyLength, {});
+}
+
 // Keeps the transfer in the traffic's bounded list of recent ones.
 void Remember(Traffic& traffic, std::uint32_t code, std::uint32_t replyLength, wire::Bytes packet,
               const Outcome& out, platform::TimePoint at) {
@@ -108,7 +117,7 @@ void Remember(Traffic& traffic, std::uint32_t code, std::uint32_t replyLength, w
 }  // namespace
 
 Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire::Bytes datagram,
-                       platform::TimePoint at) {
+                       platform::TimePoint at, const DriverSettings& driver) {
   ++traffic.total;
   if (datagram.size() < kHeaderBytes) {
     ++traffic.malformed;
@@ -122,6 +131,12 @@ Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire:
   if (code == kLinkOpenedCode) {
     ++traffic.linkOpened;
     Outcome out = AnswerLinkOpened(board, faults.Take({.linkOpened = true}), tag);
+    Remember(traffic, code, replyLength, packet, out, at);
+    return out;
+  }
+  if (code == kDescribeCode) {
+    ++traffic.describe;
+    Outcome out = AnswerDescribe(board, driver, tag, replyLength, packet);
     Remember(traffic, code, replyLength, packet, out, at);
     return out;
   }

@@ -29,6 +29,10 @@ namespace sim {
 inline constexpr std::uint32_t kNormalCommandCode = 0x80002000;
 inline constexpr std::uint32_t kCapturePositionCode = 0x80002008;
 inline constexpr std::uint32_t kLinkOpenedCode = 0x80002010;
+// Asks who answers: "simulated <profile>" here; a driver that does not know it fails it with
+// invalid function. No request bytes; the text is at most kDescribeLimit bytes.
+inline constexpr std::uint32_t kDescribeCode = 0x80002018;
+inline constexpr std::size_t kDescribeLimit = 128;
 inline constexpr std::size_t kNormalCommandLimit = 300;
 inline constexpr std::size_t kCapturePositionLimit = 1022;
 inline constexpr std::size_t kHeaderBytes = 12;
@@ -67,16 +71,24 @@ struct Traffic {
   static constexpr std::size_t kRecentTransfers = 64;
   std::array<std::uint32_t, 256> commands{};  // by command byte
   std::uint32_t linkOpened = 0;
+  std::uint32_t describe = 0;
   std::uint32_t malformed = 0;  // shorter than a header, dropped
   std::uint32_t total = 0;      // every datagram
   // The last kRecentTransfers commands and link-opened calls, oldest first.
   std::deque<Transfer> recent;
 };
 
+// What the driver in front of the board is like.
+struct DriverSettings {
+  // False: a driver older than the describe request, which fails it as an unknown io code.
+  bool describes = true;
+};
+
 // Answers one request datagram on behalf of `board`, applying the first matching rule of
 // `faults`. Malformed datagrams (shorter than the header) get no answer. `at` is when the request
-// came, kept with the transfer.
+// came, kept with the transfer. The describe request is the driver's own: fault rules do not act
+// on it.
 Outcome AnswerDatagram(Board& board, FaultTable& faults, Traffic& traffic, wire::Bytes datagram,
-                       platform::TimePoint at = {});
+                       platform::TimePoint at = {}, const DriverSettings& driver = {});
 
 }  // namespace sim

@@ -12,8 +12,9 @@ struct KindName {
 };
 
 constexpr KindName kKindNames[] = {
-    {FaultKind::kRefuse, "refuse"}, {FaultKind::kShort, "short"},   {FaultKind::kLong, "long"},
-    {FaultKind::kDrop, "drop"},     {FaultKind::kStatus, "status"}, {FaultKind::kLate, "late"},
+    {.kind = FaultKind::kRefuse, .name = "refuse"}, {.kind = FaultKind::kShort, .name = "short"},
+    {.kind = FaultKind::kLong, .name = "long"},     {.kind = FaultKind::kDrop, .name = "drop"},
+    {.kind = FaultKind::kStatus, .name = "status"}, {.kind = FaultKind::kLate, .name = "late"},
 };
 
 // Refusals and wrong sizes shape reply bytes; the link-opened call carries none.

@@ -19,13 +19,19 @@ constexpr double kRestSpeed = 0.01;  // mm/s below which an axis counts as at re
 constexpr double kFrameSeconds = 0.25;
 
 struct StageShape {
-  double travel, fullSpeed, mmPerTurn, jogSpeed;
+  double travel;     // mm between the end switches
+  double fullSpeed;  // mm/s at MotorMaximum
+  double mmPerTurn;  // of the motor
+  double jogSpeed;   // mm/s at full joystick deflection
 };
 // X, Y, Z and the zoom slide. Full speed is what MotorMaximum would give; the motion tests keep
 // well below it, and the Standard voltage limit (a quarter of MotorMaximum) reaches about 35 mm/s
 // on X, Y and Z, above the band that the limit test regulates to.
 constexpr StageShape kStage[kStageAxes] = {
-    {300, 160, 5, 25}, {200, 160, 5, 25}, {150, 160, 2, 10}, {40, 40, 0.5, 5}};
+    {.travel = 300, .fullSpeed = 160, .mmPerTurn = 5, .jogSpeed = 25},
+    {.travel = 200, .fullSpeed = 160, .mmPerTurn = 5, .jogSpeed = 25},
+    {.travel = 150, .fullSpeed = 160, .mmPerTurn = 2, .jogSpeed = 10},
+    {.travel = 40, .fullSpeed = 40, .mmPerTurn = 0.5, .jogSpeed = 5}};
 
 std::int64_t TurnOf(double mm, double mmPerTurn) {
   return static_cast<std::int64_t>(std::floor(mm / mmPerTurn));
@@ -39,19 +45,60 @@ std::uint32_t Seed(const std::string& name) {
   return h == 0 ? 0x2545F491 : h;
 }
 
-// Records a channel's controller holds from the factory: tuning (longs from 2 in the order Kp,
-// Ki, Kd, Dt, Kaff, Kvff, Kout, Mb, Il, Fe), definition, the platen's extra record and the
-// serial record, so that a read before any write shows believable values.
+// The laser's settings as built: word 1 its rate exponent, word 19 on.
+constexpr std::array<std::uint32_t, kLaserSettings> kBuiltLaserSettings = {
+    1, 3, 100, 2000, 50, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0};
+
+// A channel's tuning record from the factory, the longs from byte 2 in this order.
+struct ChannelTuning {
+  std::uint32_t kp, ki, kd, dt, kaff, kvff, kout, mb, il, fe;
+  std::array<std::uint32_t, 10> Longs() const {
+    return {kp, ki, kd, dt, kaff, kvff, kout, mb, il, fe};
+  }
+};
+
+// The longs of a channel's definition record from the factory, from byte 2 in this order; the
+// gear is a fixed-point number (16.16).
+struct ChannelDefinition {
+  std::uint32_t speed, slowSpeed, accel, jerk, rotaryEncoderRes, gear, current, settleWindow,
+      settleTime, motorPoles, motorSaturationCounter;
+  std::array<std::uint32_t, 11> Longs() const {
+    return {speed,   slowSpeed,    accel,      jerk,       rotaryEncoderRes,      gear,
+            current, settleWindow, settleTime, motorPoles, motorSaturationCounter};
+  }
+};
+
+// Records a channel's controller holds from the factory: tuning, definition, the platen's extra
+// record and the serial record, so that a read before any write shows believable values.
 void InitChannelRecords(Channel& c, bool platen) {
   const std::uint32_t base = platen ? 2 : 1;
-  const std::uint32_t pid[10] = {150 * base, 3, 800 * base, 2, 40, 25, 65000, 0, 30000, 5000};
-  for (std::size_t i = 0; i < 10; ++i)
+  const ChannelTuning tuning = {.kp = 150 * base,
+                                .ki = 3,
+                                .kd = 800 * base,
+                                .dt = 2,
+                                .kaff = 40,
+                                .kvff = 25,
+                                .kout = 65000,
+                                .mb = 0,
+                                .il = 30000,
+                                .fe = 5000};
+  const ChannelDefinition define = {.speed = 20000 * base,
+                                    .slowSpeed = 4000,
+                                    .accel = 50000,
+                                    .jerk = 200000,
+                                    .rotaryEncoderRes = 4000,
+                                    .gear = platen ? 0x00028000u : 0x00010000u,  // 2.5 or 1.0
+                                    .current = 1200,
+                                    .settleWindow = 20,
+                                    .settleTime = 50,
+                                    .motorPoles = 4,
+                                    .motorSaturationCounter = 3000};
+  const auto pid = tuning.Longs();
+  for (std::size_t i = 0; i < pid.size(); ++i)
     wire::PutLong(c.pid, 2 + 4 * i, pid[i]);
-  const std::uint32_t define[11] = {20000 * base, 4000, 50000, 200000, 4000, 0,
-                                    1200,         20,   50,    4,      3000};
-  for (std::size_t i = 0; i < 11; ++i)
-    wire::PutLong(c.define, 2 + 4 * i, define[i]);
-  wire::PutLong(c.define, 22, platen ? 0x00028000 : 0x00010000);  // Gear 2.5 or 1.0, 16.16
+  const auto longs = define.Longs();
+  for (std::size_t i = 0; i < longs.size(); ++i)
+    wire::PutLong(c.define, 2 + 4 * i, longs[i]);
   wire::PutFlag(c.define, 46, false);
   wire::PutFlag(c.define, 47, platen);
   wire::PutByte(c.define, 48, platen ? 2 : 0);  // the platen has no index input of its own
@@ -86,12 +133,20 @@ void Axis::PlaceObstacle(double mm) {
   obstacleSide = mm < 0 ? 0 : position <= mm ? 1 : -1;
 }
 
+void Axis::SetTuning(const AxisTuning& record) {
+  if (record.OpenLoop() && !tuning.OpenLoop()) openedAt = position;
+  tuning = record;
+}
+
 std::int32_t Axis::LinearCounts() const {
-  return static_cast<std::int32_t>(std::lround(position * countsPerMm));
+  if (linearFrozen) return frozenCounts;
+  const double mm = countsReversed ? travel - position : position;
+  return static_cast<std::int32_t>(std::lround(mm * countsPerMm));
 }
 
 std::uint32_t Axis::RotaryCounts() const {
-  return static_cast<std::uint32_t>(std::llround(position / mmPerTurn * kRotaryCountsPerTurn));
+  const double mm = countsReversed ? travel - position : position;
+  return static_cast<std::uint32_t>(std::llround(mm / mmPerTurn * kRotaryCountsPerTurn));
 }
 
 void Axis::PlaceAt(double mm) {
@@ -99,6 +154,7 @@ void Axis::PlaceAt(double mm) {
   velocity = 0;
   limit = position <= 0 ? -1 : position >= travel ? 1 : 0;
   lastTurn = TurnOf(position, mmPerTurn);
+  openedAt = position;
   if (obstacle >= 0) obstacleSide = position <= obstacle ? 1 : -1;
 }
 
@@ -134,7 +190,16 @@ Machine::Machine(const Profile& profile, platform::TimePoint now)
     a.jogSpeed = kStage[i].jogSpeed;
     a.countsPerMm = s.countsPerMm > 0 ? s.countsPerMm : 1000;
     a.motorMaximum = s.motorMaximum > 0 ? s.motorMaximum : 10000;
-    a.tuning = {s.kp, s.ki, s.kd, s.dt, s.kaff, s.kvff, s.kout, s.mb, s.il, s.fe};
+    a.SetTuning({.kp = s.kp,
+                 .ki = s.ki,
+                 .kd = s.kd,
+                 .dt = s.dt,
+                 .kaff = s.kaff,
+                 .kvff = s.kvff,
+                 .kout = s.kout,
+                 .mb = s.mb,
+                 .il = s.il,
+                 .fe = s.fe});
     a.PlaceAt(a.travel / 2);
   }
   w.fitted = profile.version.hasWAxis;
@@ -151,7 +216,7 @@ Machine::Machine(const Profile& profile, platform::TimePoint now)
   platen.PlaceAt(0);
   InitChannelRecords(w, false);
   InitChannelRecords(platen, true);
-  laserSettings = {1, 3, 100, 2000, 50, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0};
+  laserSettings = kBuiltLaserSettings;
   SetLightChannels(profile.version.hasLightChannels ? profile.version.lightChannelCount : 0);
 }
 
@@ -219,7 +284,7 @@ void Machine::RunTriggers(double elapsed) {
     videoClock_ -= elapsed;
     if (videoClock_ <= 0) {
       videoClock_ = kFrameSeconds;
-      videoCapture = {true, LinearPositions(), Millis()};
+      videoCapture = {.pending = true, .position = LinearPositions(), .time = Millis()};
     }
   }
   const bool laserOn = laserReady && laserSettings[kLaserOnWord] != 0;
@@ -309,15 +374,66 @@ void Machine::StepChannel(Channel& c, double dt) {
 }
 
 void Machine::TripProbe() {
-  if (probeTripped) return;
-  probeTripped = true;
-  touchCapture = {true, LinearPositions(), Millis()};
+  if (probeTouching) return;
+  probeTouching = true;
+  if (probeEnabled && touchInterrupt) {
+    touchCapture = {.pending = true, .position = LinearPositions(), .time = Millis()};
+  }
 }
 
 void Machine::ReleaseProbe() {
-  if (!probeTripped) return;
-  probeTripped = false;
-  probeRelease = LinearPositions();
+  if (!probeTouching) return;
+  probeTouching = false;
+  if (probeEnabled) probeRelease = LinearPositions();
+}
+
+void Machine::Restart(platform::TimePoint now) {
+  Advance(now);
+  poweredAt_ = now;
+  for (Axis& a : axes) {
+    a.SetTuning({});
+    a.failed = false;
+    a.stalledFor = 0;
+    a.indexSeen = a.indexCaptured = false;
+  }
+  for (Channel* c : {&w, &platen}) {
+    c->target = c->position;
+    c->indexSeen = c->indexCaptured = false;
+    InitChannelRecords(*c, c == &platen);
+  }
+  std::fill(lights.begin(), lights.end(), 0);
+  ArmInterrupts(false, false, false);
+  touchCapture = videoCapture = {};
+  probeEnabled = true;
+  probeSensitivity = 512;
+  sleep = false;
+  statusLight = 0;
+  ledWords = {};
+  laserPointsReady = 0;
+  laserSettings = kBuiltLaserSettings;
+}
+
+bool Machine::DrivenFurtherThan(double mm) const {
+  return std::any_of(axes.begin(), axes.end(), [mm](const Axis& a) {
+    return a.tuning.OpenLoop() && std::abs(a.position - a.openedAt) >= mm;
+  });
+}
+
+std::int8_t Machine::LimitReading(std::size_t axis) const {
+  const Axis& a = axes[axis];
+  if (!switchesBounce || a.limit != 0) return a.limit;
+  const std::int8_t near = a.position < kBounceZone              ? -1
+                           : a.position > a.travel - kBounceZone ? 1
+                                                                 : 0;
+  const bool closed =
+      (std::chrono::duration_cast<std::chrono::milliseconds>(now_ - poweredAt_).count() % 40) < 20;
+  return closed ? near : 0;
+}
+
+void Machine::ArmInterrupts(bool video, bool touch, bool laser) {
+  videoArmed = video;
+  touchInterrupt = touch;
+  laserInterrupt = laser;
 }
 
 }  // namespace sim

@@ -28,6 +28,8 @@ inline constexpr double kDeadBand = 200;
 inline constexpr double kFailAfterSeconds = 2.0;
 // Motor counts of one turn of a stage axis's rotary encoder.
 inline constexpr double kRotaryCountsPerTurn = 4000;
+// How far before a bouncing end switch it starts to chatter.
+inline constexpr double kBounceZone = 5;
 
 // The tuning record of a stage axis as the board keeps it.
 struct AxisTuning {
@@ -64,6 +66,13 @@ struct Axis {
   bool failed = false;
   double stalledFor = 0;  // seconds
   std::int8_t limit = 0;  // -1 at the negative switch, 1 at the positive one
+  // Where the axis stood when its loop was last opened: how far a test has driven it since.
+  double openedAt = 0;
+  // Encoder faults: the linear scale stands at `frozenCounts` (the rotary counts on), or both
+  // encoders count the other way (from the positive end).
+  bool linearFrozen = false;
+  std::int32_t frozenCounts = 0;
+  bool countsReversed = false;
   // The index mark passes once a motor turn; the board latches the rotary count there. Until a
   // mark has passed since power-up the latched count means nothing, and the board says so.
   bool indexSeen = false;
@@ -72,6 +81,8 @@ struct Axis {
   std::int64_t lastTurn = 0;
 
   double Drive() const;  // the open-loop drive, 0 when the loop is closed
+  // Takes a new tuning record; an axis whose loop it opens starts counting its drive from here.
+  void SetTuning(const AxisTuning& record);
   double DeadBand() const { return kDeadBand * friction; }
   // Puts something in the way at `mm` (below 0: takes it away).
   void PlaceObstacle(double mm);
@@ -143,14 +154,19 @@ class Machine {
   WEeprom wEeprom;
 
   bool estop = false;
+  bool switchesBounce = false;  // see LimitReading
   bool footswitch = false;
   bool sleep = false;
-  bool probeTripped = false;
-  bool probeEnabled = false;
+  // The probe touches (what the person does), and the board listens to it (command 0x32; on at
+  // power-up): a disabled probe reports no trip and latches nothing.
+  bool probeTouching = false;
+  bool probeEnabled = true;
   Capture touchCapture;                         // latched where the probe tripped
   std::array<std::uint32_t, 4> probeRelease{};  // and where it let go
   Capture videoCapture;                         // latched by the camera's frame trigger
   std::uint16_t probeSensitivity = 512;
+  // The most the sensitivity takes (command 0x79); 0: the probe has no sensitivity to set.
+  std::uint16_t sensitivityMaximum = 1023;
   std::array<bool, kInputs> inputs{};  // pendant buttons and machine inputs
   std::array<double, 3> joystick{};    // -1 to 1
   std::array<double, 3> accel{};       // g
@@ -163,6 +179,8 @@ class Machine {
   bool laserReady = true;
   std::uint16_t laserPointsReady = 0;
   std::array<std::uint32_t, kLaserSettings> laserSettings{};
+  // The armed interrupt sources. The camera's frame trigger latches only while video is armed, the
+  // touch probe only while touch is.
   bool videoArmed = false;
   bool touchInterrupt = false;
   bool laserInterrupt = false;
@@ -177,8 +195,22 @@ class Machine {
   // A little measurement noise, the same sequence for every run of a profile.
   double Noise(double amplitude);
 
+  // The probe touches or lets go. Enabled, a touch latches where it touched while the touch
+  // interrupt is armed.
   void TripProbe();
   void ReleaseProbe();
+  // The board restarts: it forgets every record the host gave it (the axes come up without tuning,
+  // the channels with their factory records), lights go dark, interrupts and captures are gone.
+  // What is physical stays: where the axes stand, the EEPROM, a pressed e-stop.
+  void Restart(platform::TimePoint now);
+  // A stage axis that a test drives (its loop open) has moved at least `mm` since.
+  bool DrivenFurtherThan(double mm) const;
+  // The end switches as the poll reports them: while `switchesBounce`, a switch chatters (closed 20
+  // ms of every 40 of machine time) over the last kBounceZone mm before it.
+  std::int8_t LimitReading(std::size_t axis) const;
+  bool ProbeTripped() const { return probeTouching && probeEnabled; }
+  // Arms exactly the sources named (none: every source disarmed).
+  void ArmInterrupts(bool video, bool touch, bool laser);
   // A new channel starts dark at its built maximum; the others keep value and maximum.
   void SetLightChannels(std::size_t count);
   // The maximum of `channel`; the built one for a channel the board does not have.

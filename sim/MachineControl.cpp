@@ -64,10 +64,14 @@ std::string Describe(const std::string& name, double position, long long counts,
   return line;
 }
 
+// A stage axis also says whether its own record holds it (loop closed) or a test drives it (loop
+// open, at the bias Mb), and whether its amplifier has failed.
 std::string AxisReport(Machine& m, const std::string& name, int axis) {
   if (axis >= 0) {
     const Axis& a = m.axes[static_cast<std::size_t>(axis)];
-    return Describe(name, a.position, a.LinearCounts(), a.Moving(), a.stalled, a.limit);
+    return Describe(name, a.position, a.LinearCounts(), a.Moving(), a.stalled, a.limit) +
+           (a.tuning.OpenLoop() ? " loop=open" : " loop=closed") +
+           " bias=" + std::to_string(a.tuning.mb) + " failed=" + (a.failed ? "1" : "0");
   }
   const Channel& c = axis == -1 ? m.w : m.platen;
   if (!c.fitted) return Error(name + " is not fitted");
@@ -190,8 +194,11 @@ bool ParseStageAxis(const Words& a, std::size_t count, int& axis) {
   return a.size() == count && ParseAxis(a[0], axis) && axis >= 0;
 }
 
+std::string RunStallAhead(Board& b, const Words& a);
+
 // An obstacle strictly inside the travel, so that it is never mistaken for an end switch.
 std::string RunStall(Board& b, const Words& a) {
+  if (!a.empty() && a[0] == "ahead") return RunStallAhead(b, a);
   int axis = 0;
   double mm = 0;
   if (!ParseStageAxis(a, 2, axis) || !ParseReal(a[1], mm)) {
@@ -205,9 +212,35 @@ std::string RunStall(Board& b, const Words& a) {
 
 std::string RunUnstall(Board& b, const Words& a) {
   int axis = 0;
-  if (!ParseStageAxis(a, 1, axis)) return Error("unstall takes a stage axis (x y z zoom)");
+  if (a.size() == 1 && a[0] == "all") {
+    for (Axis& x : b.machine().axes)
+      x.PlaceObstacle(-1);
+    return "ok all free";
+  }
+  if (!ParseStageAxis(a, 1, axis)) return Error("unstall takes a stage axis (x y z zoom) or all");
   b.machine().axes[static_cast<std::size_t>(axis)].PlaceObstacle(-1);
   return "ok " + a[0] + " free";
+}
+
+// stall ahead MM: an obstacle MM in front of the stage axis that moves fastest, the way it goes.
+std::string RunStallAhead(Board& b, const Words& a) {
+  double mm = 0;
+  if (a.size() != 2 || !ParseReal(a[1], mm) || mm <= 0) {
+    return Error("stall ahead takes a distance in mm");
+  }
+  Axis* moving = nullptr;
+  for (Axis& x : b.machine().axes) {
+    if (x.Moving() && (!moving || std::abs(x.velocity) > std::abs(moving->velocity))) moving = &x;
+  }
+  if (!moving) return Error("no stage axis moves");
+  const double at = moving->position + std::copysign(mm, moving->velocity);
+  if (at <= 0 || at >= moving->travel) return Error("the way ahead ends at a switch first");
+  moving->PlaceObstacle(at);
+  static const char* const kNames[] = {"x", "y", "z", "zoom"};
+  char answer[64];
+  std::snprintf(answer, sizeof answer, "ok %s stalls at %.3f",
+                kNames[moving - b.machine().axes.data()], at);
+  return answer;
 }
 
 // A factor on the dead band, from a frictionless 0 to 20 (a drive of 4000 only just starts it).
@@ -376,11 +409,17 @@ std::string RunState(Board& b, const Words&) {
   s += std::string(" footswitch=") + (m.footswitch ? "on" : "off");
   s += std::string(" estop=") + (m.estop ? "on" : "off");
   s += std::string(" sleep=") + (m.sleep ? "on" : "off");
-  s += std::string(" probe=") + (m.probeTripped ? "tripped" : "free");
+  s += std::string(" probe=") + (m.probeTouching ? "tripped" : "free");
   s += " lights=" + std::to_string(m.lights.size());
   s += std::string(" laser=") + (m.laserReady ? "ready" : "notready") +
        " points=" + std::to_string(m.laserPointsReady);
-  return s;
+  std::string armed;
+  for (const auto& [on, name] :
+       {std::pair{m.videoArmed, "video"}, std::pair{m.touchInterrupt, "touch"},
+        std::pair{m.laserInterrupt, "laser"}}) {
+    if (on) armed += (armed.empty() ? "" : ",") + std::string(name);
+  }
+  return s + " interrupts=" + (armed.empty() ? "none" : armed);
 }
 
 struct MachineCommand {
@@ -390,30 +429,30 @@ struct MachineCommand {
 };
 
 constexpr MachineCommand kMachineVerbs[] = {
-    {"press", "press BUTTON", RunPress},
-    {"release", "release BUTTON", RunRelease},
-    {"joystick", "joystick X Y Z", RunJoystick},
-    {"accel", "accel X Y Z", RunAccel},
-    {"estop", "estop on|off", RunEstop},
-    {"footswitch", "footswitch on|off", RunFootswitch},
-    {"sleep", "sleep on|off", RunSleep},
-    {"probe", "probe trip|release", RunProbe},
-    {"laser", "laser ready|notready|points N", RunLaser},
-    {"block", "block AXIS", RunBlockAxis},
-    {"unblock", "unblock AXIS", RunUnblock},
-    {"axis", "axis AXIS", RunAxis},
-    {"place", "place AXIS MM", RunPlace},
-    {"stall", "stall AXIS MM", RunStall},
-    {"unstall", "unstall AXIS", RunUnstall},
-    {"friction", "friction AXIS F", RunFriction},
-    {"platen", "platen in|out|stick|free", RunPlaten},
-    {"wplug", "wplug in|out", RunWPlug},
-    {"lights", "lights [N]", RunLights},
-    {"lightmax", "lightmax [CHANNEL|all VALUE]", RunLightMax},
-    {"statuslight", "statuslight", RunStatusLight},
-    {"firmware", "firmware VERSION", RunFirmware},
-    {"temp", "temp SENSOR C", RunTemp},
-    {"state", "state", RunState},
+    {.name = "press", .usage = "press BUTTON", .run = RunPress},
+    {.name = "release", .usage = "release BUTTON", .run = RunRelease},
+    {.name = "joystick", .usage = "joystick X Y Z", .run = RunJoystick},
+    {.name = "accel", .usage = "accel X Y Z", .run = RunAccel},
+    {.name = "estop", .usage = "estop on|off", .run = RunEstop},
+    {.name = "footswitch", .usage = "footswitch on|off", .run = RunFootswitch},
+    {.name = "sleep", .usage = "sleep on|off", .run = RunSleep},
+    {.name = "probe", .usage = "probe trip|release", .run = RunProbe},
+    {.name = "laser", .usage = "laser ready|notready|points N", .run = RunLaser},
+    {.name = "block", .usage = "block AXIS", .run = RunBlockAxis},
+    {.name = "unblock", .usage = "unblock AXIS", .run = RunUnblock},
+    {.name = "axis", .usage = "axis AXIS", .run = RunAxis},
+    {.name = "place", .usage = "place AXIS MM", .run = RunPlace},
+    {.name = "stall", .usage = "stall AXIS|ahead MM", .run = RunStall},
+    {.name = "unstall", .usage = "unstall AXIS|all", .run = RunUnstall},
+    {.name = "friction", .usage = "friction AXIS F", .run = RunFriction},
+    {.name = "platen", .usage = "platen in|out|stick|free", .run = RunPlaten},
+    {.name = "wplug", .usage = "wplug in|out", .run = RunWPlug},
+    {.name = "lights", .usage = "lights [N]", .run = RunLights},
+    {.name = "lightmax", .usage = "lightmax [CHANNEL|all VALUE]", .run = RunLightMax},
+    {.name = "statuslight", .usage = "statuslight", .run = RunStatusLight},
+    {.name = "firmware", .usage = "firmware VERSION", .run = RunFirmware},
+    {.name = "temp", .usage = "temp SENSOR C", .run = RunTemp},
+    {.name = "state", .usage = "state", .run = RunState},
 };
 
 }  // namespace

@@ -1,7 +1,8 @@
 // Profiles: what one kind of board says about itself. Each profile is a record of plain fields
 // (the version record, the EEPROM geometry, the identity, the driver word and the machine data
 // that the EEPROM image is generated from), so that a new board generation is a new table entry
-// and not new code.
+// and not new code. A profile that differs from another in a few fields is written as those
+// differences (Profiles.cpp).
 #pragma once
 
 #include <array>
@@ -90,6 +91,22 @@ struct NamedRecord {
   std::uint8_t byte2 = 0;
 };
 
+// What a motion chip reports (command 0x2C); a family of 0 is a chip that is not there.
+struct ChipVersion {
+  std::uint16_t family = 0;
+  std::uint16_t motor = 0;
+  std::uint16_t axes = 0;
+  std::uint16_t attributes = 0;
+  std::uint16_t customer = 0;
+  std::uint16_t major = 0;
+  std::uint16_t minor = 0;
+
+  // In the order the reply carries them, a word each.
+  std::array<std::uint16_t, 7> Words() const {
+    return {family, motor, axes, attributes, customer, major, minor};
+  }
+};
+
 struct Profile {
   std::string name;         // what --profile and the control command take
   std::string description;  // one line for the help and the start-up line
@@ -101,11 +118,10 @@ struct Profile {
   std::uint32_t driverWord = 0;
   std::array<AxisSetup, 4> axes{};
   NamedRecord namedRecord;
-  // What the motion chips report (command 0x2C): family, motor, axes, attributes, customer and
-  // the version's major and minor; a family of 0 is a chip that is not there. The second chip
-  // answers only on current servo boards.
-  std::array<std::array<std::uint16_t, 7>, 2> chips = {
-      {{5, 2, 4, 0x11, 0, 2, 40}, {5, 2, 4, 0x11, 0, 2, 41}}};
+  // The second chip answers only on current servo boards.
+  std::array<ChipVersion, 2> chips = {
+      ChipVersion{.family = 5, .motor = 2, .axes = 4, .attributes = 0x11, .major = 2, .minor = 40},
+      ChipVersion{.family = 5, .motor = 2, .axes = 4, .attributes = 0x11, .major = 2, .minor = 41}};
   std::uint16_t fpgaWord = 0x0312;  // the FPGA's version (command 0x57, selector 2)
 };
 

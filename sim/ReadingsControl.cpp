@@ -1,5 +1,6 @@
 #include "sim/ReadingsControl.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -86,6 +87,21 @@ bool RunLaserSettings(Board& b, const Words& a, std::string& answer) {
   return false;
 }
 
+// sensitivity: what the probe's sensitivity is set to and its maximum; sensitivity max N sets the
+// maximum (0 to 65535; 0: a probe without a sensitivity to set), bounding the value.
+std::string RunSensitivity(Board& b, const Words& a) {
+  Machine& m = b.machine();
+  long maximum = 0;
+  if (a.size() == 2 && a[0] == "max" && ParseWhole(a[1], 0, 65535, maximum)) {
+    m.sensitivityMaximum = static_cast<std::uint16_t>(maximum);
+    m.probeSensitivity = std::min(m.probeSensitivity, m.sensitivityMaximum);
+  } else if (!a.empty()) {
+    return "error: sensitivity takes max and 0 to 65535, or nothing";
+  }
+  return "ok sensitivity=" + std::to_string(m.probeSensitivity) +
+         " max=" + std::to_string(m.sensitivityMaximum);
+}
+
 }  // namespace
 
 bool RunReadingsControl(Simulator& sim, const std::vector<std::string>& words,
@@ -93,6 +109,10 @@ bool RunReadingsControl(Simulator& sim, const std::vector<std::string>& words,
   const Words args(words.begin() + 1, words.end());
   if (words[0] == "supply") {
     answer = sim.AtMachine([&](Board& board) { return RunSupply(board, args); });
+    return true;
+  }
+  if (words[0] == "sensitivity") {
+    answer = sim.AtMachine([&](Board& board) { return RunSensitivity(board, args); });
     return true;
   }
   if (words[0] == "laser") {
@@ -108,7 +128,7 @@ bool RunReadingsControl(Simulator& sim, const std::vector<std::string>& words,
 }
 
 std::string ReadingsControlUsage() {
-  return " | supply CHANNEL|all [PERCENT [PERCENT/S]] | laser on|off|rate N";
+  return " | supply CHANNEL|all [PERCENT [PERCENT/S]] | laser on|off|rate N | sensitivity [max N]";
 }
 
 }  // namespace sim

@@ -32,8 +32,15 @@ void SendLine(int fd, const std::string& text) {
 
 Simulator::Simulator(SimulatorOptions options)
     : options_(std::move(options)),
-      device_(SOCK_SEQPACKET, [this](int fd) { ServeDevice(fd); }),
-      control_(SOCK_STREAM, [this](int fd) { ServeControl(fd); }) {}
+      device_(SOCK_SEQPACKET, [this](int fd) { ServeDevice(fd); },
+              {.mode = 0660, .group = options_.deviceGroup}),
+      control_(SOCK_STREAM, [this](int fd) { ServeControl(fd); }, {.mode = 0600}),
+      script_([this](const std::string& line) { return Command(line); },
+              [this](double mm) {
+                return AtMachine([mm](Board& b) {
+                         return b.machine().DrivenFurtherThan(mm) ? "yes" : "no";
+                       }) == "yes";
+              }) {}
 
 Simulator::~Simulator() {
   Stop();
@@ -89,8 +96,9 @@ bool Simulator::Start(std::string* error) {
 }
 
 void Simulator::Stop() {
-  // The control connections go first and without the lifecycle lock: one of them may be inside
-  // an unplug, which takes that lock.
+  // The script and the control connections go first and without the lifecycle lock: either may be
+  // inside an unplug, which takes that lock.
+  script_.Stop(false);
   control_.Close();
   std::lock_guard lifecycle(lifecycle_);
   device_.Close();
@@ -148,11 +156,30 @@ void Simulator::QueueDiagText(const std::string& text) {
   if (board_) board_->QueueDiagText(text);
 }
 
+void Simulator::SetDescribes(bool on) {
+  std::lock_guard lock(boardMutex_);
+  driver_.describes = on;
+}
+
 std::string Simulator::AtMachine(const std::function<std::string(Board&)>& act) {
   std::lock_guard lock(boardMutex_);
   if (!board_) return "error: no board";
   board_->Advance(platform::Clock::Current().Now());
   return act(*board_);
+}
+
+bool Simulator::StartScript(const std::string& name) {
+  const FaultScript* script = FindFaultScript(name);
+  if (script) script_.Start(*script);
+  return script != nullptr;
+}
+
+void Simulator::StopScript() {
+  script_.Stop(true);
+}
+
+ScriptRunner::State Simulator::Script() const {
+  return script_.Current();
 }
 
 void Simulator::Quit() {
@@ -194,6 +221,7 @@ SimulatorStatus Simulator::Status() const {
   s.faultRules = faults_.Rules().size();
   s.requests = traffic_.total;
   s.pendingDiagBytes = board_ ? board_->PendingDiagBytes() : 0;
+  s.describes = driver_.describes;
   return s;
 }
 
@@ -216,7 +244,7 @@ void Simulator::ServeDevice(int fd) {
       const platform::TimePoint now = clock.Now();
       board_->Advance(now);
       out = AnswerDatagram(*board_, faults_, traffic_,
-                           wire::Bytes(buffer.data(), static_cast<std::size_t>(n)), now);
+                           wire::Bytes(buffer.data(), static_cast<std::size_t>(n)), now, driver_);
     }
     if (!out.send) continue;
     if (out.delay > platform::Duration::zero() && !device_.SleepUntil(clock.Deadline(out.delay))) {

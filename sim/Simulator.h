@@ -23,6 +23,7 @@
 #include "platform/WindowProbe.h"
 #include "sim/Board.h"
 #include "sim/Driver.h"
+#include "sim/FaultScripts.h"
 #include "sim/Faults.h"
 #include "sim/UnixServer.h"
 
@@ -33,6 +34,10 @@ struct SimulatorOptions {
   std::string deviceDir;           // empty: the host's device directory ($TAVRO_DEVICE_DIR, ...)
   std::string entry = "class1:0";  // see DeviceEntry.h
   std::string controlPath;         // a stream socket for the control language; empty: none
+  // The group the device entry's group bits are for: the measuring application's, which shares
+  // the board with TavroTest. -1: the serving user's own. The entry is 0660 and the control
+  // socket 0600, so no other user can reach the board or its controls.
+  int deviceGroup = -1;
   // How often the board prints a diagnostic line by itself; zero: never.
   platform::Duration diagPeriod = std::chrono::seconds(5);
   // What the control command "quit" does; without it "quit" is refused.
@@ -47,6 +52,7 @@ struct SimulatorStatus {
   std::size_t faultRules = 0;
   std::uint32_t requests = 0;
   std::size_t pendingDiagBytes = 0;
+  bool describes = true;
 };
 
 class Simulator {
@@ -75,10 +81,17 @@ class Simulator {
   void ClearFaults();
   std::vector<FaultRule> Faults() const;
   void QueueDiagText(const std::string& text);  // exactly this text, no line end added
+  // Whether the driver answers the describe request, or fails it as an older driver would.
+  void SetDescribes(bool on);
   // Runs `act` on the board, brought up to the clock's now, under the board's lock: what a person
   // does at the machine. Returns what `act` returns.
   std::string AtMachine(const std::function<std::string(Board&)>& act);
   void Quit();  // runs onQuit, if given
+  // Starts the fault script of that name (ending one that runs); false for an unknown name.
+  bool StartScript(const std::string& name);
+  // Ends the fault script that runs and puts right what it left.
+  void StopScript();
+  ScriptRunner::State Script() const;
   // Poses as the running measuring application (holds a window of its class), or stops. The
   // window is seen by programs whose window folder is this board's: $TAVRO_WINDOW_DIR, else the
   // folder ".windows" in the device folder. False when the window cannot be held.
@@ -107,8 +120,10 @@ class Simulator {
   std::unique_ptr<Board> board_;  // guarded by boardMutex_, like faults_ and traffic_
   FaultTable faults_;
   Traffic traffic_;
+  DriverSettings driver_;
   UnixServer device_;
   UnixServer control_;
+  ScriptRunner script_;
 };
 
 }  // namespace sim

@@ -60,6 +60,16 @@ bool ClearStaleEntry(const std::string& path, int type, std::string& error) {
   return true;
 }
 
+// A folder that others may write to lets them rename or replace what is in it, unless its sticky
+// bit keeps each entry its owner's.
+bool FolderKeepsItsEntries(const std::string& dir, std::string& error) {
+  struct stat st {};
+  if (::stat(dir.empty() ? "/" : dir.c_str(), &st) != 0) return true;  // bind says why
+  if ((st.st_mode & S_IWOTH) == 0 || (st.st_mode & S_ISVTX) != 0) return true;
+  error = dir + " may be written by every user: anyone could replace the socket there";
+  return false;
+}
+
 }  // namespace
 
 bool MakeDirectories(const std::string& dir) {
@@ -67,11 +77,11 @@ bool MakeDirectories(const std::string& dir) {
   struct stat st {};
   if (::stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
   if (!MakeDirectories(ParentOf(dir))) return false;
-  return ::mkdir(dir.c_str(), 0777) == 0 || errno == EEXIST;
+  return ::mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST;
 }
 
-UnixServer::UnixServer(int socketType, ServeFn serve)
-    : socketType_(socketType), serve_(std::move(serve)) {}
+UnixServer::UnixServer(int socketType, ServeFn serve, SocketAccess access)
+    : socketType_(socketType), serve_(std::move(serve)), access_(access) {}
 
 UnixServer::~UnixServer() {
   Close();
@@ -90,22 +100,34 @@ bool UnixServer::Listen(const std::string& path, std::string& error) {
     error = "cannot make the folder of " + path + ": " + ErrnoText(errno);
     return false;
   }
+  if (!FolderKeepsItsEntries(ParentOf(path), error)) return false;
   if (!ClearStaleEntry(path, socketType_, error)) return false;
-  const int fd = ::socket(AF_UNIX, socketType_ | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (fd < 0 || ::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0 ||
-      ::listen(fd, 16) != 0) {
-    error = "cannot serve " + path + ": " + ErrnoText(errno);
-    if (fd >= 0) ::close(fd);
-    return false;
-  }
-  // Host and board may run as different users; the entry is open to every one of them.
-  ::chmod(path.c_str(), 0666);
+  const int fd = Bind(addr, error);
+  if (fd < 0) return false;
   std::lock_guard lock(mutex_);
   path_ = path;
   listener_ = fd;
   listening_ = true;
   acceptor_ = platform::ParticipantThread([this] { AcceptLoop(); });
   return true;
+}
+
+// The socket's own mode, set before bind, is what the file is made with (less the umask), so the
+// path is never open to more users than `access_` says, not even for a moment; its group and the
+// exact bits follow before it listens, so no connection comes before.
+int UnixServer::Bind(const sockaddr_un& addr, std::string& error) const {
+  const std::string path = addr.sun_path;
+  const int fd = ::socket(AF_UNIX, socketType_ | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const bool bound = fd >= 0 && ::fchmod(fd, access_.mode) == 0 &&
+                     ::bind(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0;
+  const bool grouped =
+      bound && (access_.group < 0 || ::chown(path.c_str(), static_cast<uid_t>(-1),
+                                             static_cast<gid_t>(access_.group)) == 0);
+  if (grouped && ::chmod(path.c_str(), access_.mode) == 0 && ::listen(fd, 16) == 0) return fd;
+  error = "cannot serve " + path + ": " + ErrnoText(errno);
+  if (bound) ::unlink(path.c_str());  // ours: made by this bind
+  if (fd >= 0) ::close(fd);
+  return -1;
 }
 
 void UnixServer::Close() {

@@ -16,7 +16,17 @@
 
 #include "platform/Clock.h"
 
+struct sockaddr_un;
+
 namespace sim {
+
+// Who may reach a served path: its permission bits and, when `group` is set, the group that the
+// group bits are for (otherwise the serving user's). Connecting to a Unix-domain socket takes write
+// permission on it, so the mode alone decides who can send.
+struct SocketAccess {
+  unsigned mode = 0600;
+  int group = -1;  // a group id; -1: the serving user's own
+};
 
 class UnixServer {
  public:
@@ -24,13 +34,15 @@ class UnixServer {
   // reads as ended). It must not close `fd`: the server does, after the routine returned.
   using ServeFn = std::function<void(int fd)>;
 
-  UnixServer(int socketType, ServeFn serve);
+  UnixServer(int socketType, ServeFn serve, SocketAccess access = {});
   ~UnixServer();
   UnixServer(const UnixServer&) = delete;
   UnixServer& operator=(const UnixServer&) = delete;
 
-  // Makes the parent folders, takes over a stale socket left by a process that died (but not one
-  // that is still served), binds, and starts accepting. False with a reason in `error`.
+  // Makes the parent folders (0755), takes over a stale socket left by a process that died (but
+  // not one that is still served), binds with the access given, and starts accepting. A folder
+  // that other users may write to without its sticky bit is refused: anyone could replace the
+  // socket there. False with a reason in `error`.
   bool Listen(const std::string& path, std::string& error);
 
   // Removes the path first (so the entry is gone before connections end), stops accepting,
@@ -50,12 +62,14 @@ class UnixServer {
     std::thread thread;
   };
 
+  int Bind(const sockaddr_un& addr, std::string& error) const;
   void AcceptLoop();
   void AddConnection(int fd);
   void ReapFinishedLocked(std::list<std::unique_ptr<Connection>>& finished);
 
   const int socketType_;
   const ServeFn serve_;
+  const SocketAccess access_;
   std::mutex lifecycle_;  // one Listen or Close at a time
   mutable std::mutex mutex_;
   std::string path_;
@@ -66,7 +80,8 @@ class UnixServer {
   std::list<std::unique_ptr<Connection>> connections_;
 };
 
-// Makes `dir` and its missing parents. False with errno set when one cannot be made.
+// Makes `dir` and its missing parents, readable by every user and writable by the owner only
+// (0755, less the umask). False with errno set when one cannot be made.
 bool MakeDirectories(const std::string& dir);
 
 }  // namespace sim

@@ -1,6 +1,7 @@
 // tavrosim: the simulated controller board as a program. It serves one device entry in real time
 // until SIGINT or SIGTERM, and takes control commands on its standard input and/or a control
 // socket.
+#include <grp.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -11,10 +12,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "platform/Clock.h"
 #include "sim/Control.h"
 #include "sim/DeviceEntry.h"
+#include "sim/Panel.h"
 #include "sim/Profiles.h"
 #include "sim/Simulator.h"
 
@@ -22,13 +25,18 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: tavrosim [--profile NAME] [--dir DIR] [--entry class1:N|class2:N|HnUsbaN|HnUsbbN]\n"
-    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS]\n"
-    "       tavrosim --version\n";
+    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS] [--group GROUP]
+"
+    "                [--fault SCRIPT] [--panel PORT]
+"
+    "       tavrosim --version
+";
 
 // `--version` answers alone, before the other arguments are looked at.
 bool AnswerVersion(int argc, char** argv) {
   if (argc != 2 || std::strcmp(argv[1], "--version") != 0) return false;
-  std::printf("tavrosim %s\n", TAVRO_PRODUCT_VERSION);
+  std::printf("tavrosim %s
+", TAVRO_PRODUCT_VERSION);
   return true;
 }
 
@@ -37,11 +45,70 @@ struct Arguments {
   bool stdinControl = false;
   bool help = false;
   bool poseAsApplication = false;
+  std::string faultScript;  // started once the board serves
+  int panelPort = -1;       // -1: no panel; 0: a free port
 };
 
 int BadArguments(const std::string& why) {
   std::fprintf(stderr, "tavrosim: %s\n%s", why.c_str(), kUsage);
   return 2;
+}
+
+constexpr const char* kValueOptions[] = {"--profile",    "--dir",   "--entry", "--control",
+                                         "--diag-every", "--group", "--fault", "--panel"};
+
+bool TakesValue(const std::string& arg) {
+  for (const char* option : kValueOptions) {
+    if (arg == option) return true;
+  }
+  return false;
+}
+
+// A group by name or number; -1 when there is no such group.
+int GroupId(const std::string& value) {
+  char* end = nullptr;
+  const long number = std::strtol(value.c_str(), &end, 10);
+  if (!value.empty() && *end == '\0')
+    return number >= 0 && number <= 0x7FFFFFFF ? static_cast<int>(number) : -1;
+  std::vector<char> buffer(16384);
+  group entry{};
+  group* found = nullptr;
+  ::getgrnam_r(value.c_str(), &entry, buffer.data(), buffer.size(), &found);
+  return found ? static_cast<int>(found->gr_gid) : -1;
+}
+
+// One option that takes a value; an empty answer when it was taken, else why not.
+std::string TakeValue(const std::string& arg, const std::string& value, Arguments& args) {
+  if (arg == "--profile") args.options.profile = value;
+  if (arg == "--dir") args.options.deviceDir = value;
+  if (arg == "--entry") args.options.entry = value;
+  if (arg == "--control") args.options.controlPath = value;
+  if (arg == "--panel") {
+    char* end = nullptr;
+    const long port = std::strtol(value.c_str(), &end, 10);
+    if (value.empty() || *end != '\0' || port < 0 || port > 65535) {
+      return "--panel takes a port from 0 (any free one) to 65535";
+    }
+    args.panelPort = static_cast<int>(port);
+  }
+  if (arg == "--fault") {
+    args.faultScript = value;
+    if (!sim::FindFaultScript(value)) return "--fault takes one of: " + sim::FaultScriptNames();
+  }
+  if (arg == "--group") {
+    args.options.deviceGroup = GroupId(value);
+    if (args.options.deviceGroup < 0) return "--group takes a group's name or number";
+  }
+  if (arg == "--diag-every") {
+    char* end = nullptr;
+    const double seconds = std::strtod(value.c_str(), &end);
+    if (*end != '\0' || !(seconds >= 0) || seconds > 86400) {
+      return "--diag-every takes seconds from 0 (never) to 86400";
+    }
+    args.options.diagPeriod =
+        std::chrono::duration_cast<platform::Duration>(std::chrono::duration<double>(seconds));
+  }
+  return {};
 }
 
 // Fills `args`; returns an exit code (2) on bad arguments, 0 otherwise.
@@ -55,26 +122,12 @@ int ParseArguments(int argc, char** argv, Arguments& args) {
       args.help = true;
     } else if (arg == "--app") {
       args.poseAsApplication = true;
-    } else if (arg != "--profile" && arg != "--dir" && arg != "--entry" && arg != "--control" &&
-               arg != "--diag-every") {
+    } else if (!TakesValue(arg)) {
       return BadArguments("unknown argument '" + arg + "'");
     } else if (!hasValue) {
       return BadArguments(arg + " needs a value");
-    } else {
-      const std::string value = argv[++i];
-      if (arg == "--profile") args.options.profile = value;
-      if (arg == "--dir") args.options.deviceDir = value;
-      if (arg == "--entry") args.options.entry = value;
-      if (arg == "--control") args.options.controlPath = value;
-      if (arg == "--diag-every") {
-        char* end = nullptr;
-        const double seconds = std::strtod(value.c_str(), &end);
-        if (*end != '\0' || !(seconds >= 0) || seconds > 86400) {
-          return BadArguments("--diag-every takes seconds from 0 (never) to 86400");
-        }
-        args.options.diagPeriod =
-            std::chrono::duration_cast<platform::Duration>(std::chrono::duration<double>(seconds));
-      }
+    } else if (const std::string why = TakeValue(arg, argv[++i], args); !why.empty()) {
+      return BadArguments(why);
     }
   }
   std::string why;
@@ -93,10 +146,24 @@ void PrintServing(sim::Simulator& simulator, const Arguments& args) {
   std::string control;
   if (!args.options.controlPath.empty()) control += ", control at " + args.options.controlPath;
   if (args.stdinControl) control += ", control on stdin";
+  if (!args.faultScript.empty()) control += ", fault script " + args.faultScript;
   std::printf("tavrosim: serving profile %s (%s %.2f, protocol %u) at %s%s\n", p.name.c_str(),
               name.c_str(), static_cast<double>(p.version.firmwareVersion),
               static_cast<unsigned>(p.version.protocolVersion), simulator.EntryPath().c_str(),
               control.c_str());
+  std::fflush(stdout);
+}
+
+bool StartPanel(sim::Panel& panel, int port) {
+  std::string why;
+  if (port < 0 || panel.Start(static_cast<std::uint16_t>(port), &why)) return true;
+  std::fprintf(stderr, "tavrosim: %s\n", why.c_str());
+  return false;
+}
+
+// As TavroTest prints where its window is: the address with the token every request needs.
+void PrintPanel(const sim::Panel& panel) {
+  std::printf("tavrosim panel: %s\n", panel.Url().c_str());
   std::fflush(stdout);
 }
 
@@ -173,8 +240,13 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "tavrosim: %s\n", why.c_str());
     return 1;
   }
+  if (!args.faultScript.empty()) simulator.StartScript(args.faultScript);
+  sim::Panel panel(simulator);
+  if (!StartPanel(panel, args.panelPort)) return 1;
   PrintServing(simulator, args);
+  if (args.panelPort >= 0) PrintPanel(panel);
   const int code = Run(simulator, args.stdinControl, signals);
+  panel.Stop();  // before the board it works
   simulator.Stop();
   ::close(signals);
   return code;

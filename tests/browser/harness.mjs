@@ -59,10 +59,28 @@ export async function startBoard(profile, extraArgs = []) {
     ['--profile', profile, '--dir', dir, '--control', controlPath, ...extraArgs],
     { stdio: ['ignore', 'pipe', 'pipe'] });
   child.stderr.on('data', () => {});
+  let output = '';
+  child.stdout.on('data', (chunk) => { output += chunk; });
   await lineOf(child, /^tavrosim: serving .*$/m, 'tavrosim');
   return {
     dir,
     child,
+    // The first match of `pattern` in what the board printed, as soon as it has printed it.
+    printed(pattern) {
+      return new Promise((resolve, reject) => {
+        const gone = (code) => reject(new Error(`tavrosim ended (${code}) before: ${pattern}`));
+        const look = () => {
+          const m = output.match(pattern);
+          if (!m) return;
+          child.stdout.off('data', look);
+          child.off('exit', gone);
+          resolve(m);
+        };
+        child.stdout.on('data', look);
+        child.once('exit', gone);
+        look();
+      });
+    },
     // One control command; resolves with the answer line, and fails the test on an error.
     control(line) {
       return new Promise((resolve, reject) => {

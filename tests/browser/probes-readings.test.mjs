@@ -34,6 +34,8 @@ test('Probes: a touch probe armed and tripped, a video capture, the laser as the
     await field(page, PROBES_TAB, 'TouchProbeEnable').click();
     await field(page, PROBES_TAB, 'TouchProbeInterruptEnable').click();
     await eventually(() => checked('TouchProbeInterruptEnable'), true);
+    // The box is checked in the browser at once; the board must have armed the source first.
+    await eventually(async () => (await board.control('state')).endsWith(' interrupts=touch'), true);
     await board.control('place y 42.5');
     await board.control('probe trip');
     await eventually(() => value('TouchProbeTrip'), 'Trip');

@@ -287,6 +287,7 @@ TEST_P(PagesAgainstSimulator, EveryPageShownInTurnReadsInItsGenerationsForms) {
       for (const char* box : {"TouchProbeInterruptEnable", "VideoInterruptEnable",
                               "LaserInterruptEnable", "LaserInterruptEnable"}) {
         browser.Click(tab, box);
+        Run(milliseconds(100), seen);  // the board arms the source before the probe touches
         Control("probe trip");
         Run(seconds(1), seen);
         Control("probe release");

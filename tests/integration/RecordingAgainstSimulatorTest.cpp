@@ -76,8 +76,9 @@ struct Family {
   std::vector<std::string> titles;  // the tabs in order
 };
 
+// The most light channels the page plan must hold: more than the page drives.
 const Family kAutoVision{
-    "autovision",
+    "autovision-48",
     false,
     {"Board Information", "Stage", "Pendant", "Lights", "Readings", "Probes", "Diag Output"}};
 const Family kServo{

@@ -156,8 +156,9 @@ TEST_F(ProbesTest, TheVideoTriggerCapturesOnlyWhileArmed) {
   EXPECT_NE(Text("VideoCaptureX"), "0");
 }
 
-// A capture announced by the touch probe while the video trigger is armed finds no frame of the
-// camera: the board marks it invalid, and the video values stay as they were.
+// A capture of the touch probe, latched before the video trigger was armed in its place, is
+// announced with the trigger armed and finds no frame of the camera: the board marks it invalid,
+// and the video values stay as they were.
 TEST_F(ProbesTest, AnInvalidVideoCaptureLeavesTheVideoValuesAlone) {
   Open("autovision");
   Click("VideoInterruptEnable");
@@ -166,7 +167,9 @@ TEST_F(ProbesTest, AnInvalidVideoCaptureLeavesTheVideoValuesAlone) {
   const std::string first = Text("VideoCaptureX");
   ASSERT_EQ(first, std::to_string(status_.LinearPosition[0]));
   Control("place x 20");
+  Click("TouchProbeInterruptEnable");
   Control("probe trip");  // no time passes: no new frame
+  Click("VideoInterruptEnable");
   Tick3();
   ASSERT_TRUE(status_.CaptureReady);
   EXPECT_EQ(Sent(kProbeCapture), 2u);

@@ -91,6 +91,42 @@ TEST_F(SimTest, BadPacketsAndCodesGetDriverErrors) {
   EXPECT_EQ(status(0x80002004, 0, {0x2B}), 1u);  // no such io code
 }
 
+// The describe request says who answers; a driver older than it fails it as an unknown code,
+// which a host takes for "no mark". Fault rules on the board's commands leave it alone.
+TEST_F(SimTest, TheDescribeRequestNamesTheProfileUnlessTheDriverIsOlderThanIt) {
+  constexpr std::uint32_t kDescribe = 0x80002018;
+  StartBoard("servo-pv3");
+  auto client = Connect();
+  const auto ask = [&](std::uint32_t replyLength, const Packet& packet = {}) {
+    client->Send(5, kDescribe, replyLength, packet);
+    const auto r = client->Receive();
+    EXPECT_TRUE(r.has_value());
+    return r.value_or(RawReply{});
+  };
+  Control("fault status all code=121");
+  RawReply r = ask(128);
+  EXPECT_EQ((std::pair{r.tag, r.status}), (std::pair{5u, 0u}));
+  EXPECT_EQ(std::string(r.bytes.begin(), r.bytes.end()), "simulated servo-pv3");
+  EXPECT_EQ(r.count, r.bytes.size());
+  Control("fault clear");
+  Control("profile neither");
+  r = ask(9);  // a smaller buffer is filled, as for any reply
+  EXPECT_EQ((std::pair{r.status, std::string(r.bytes.begin(), r.bytes.end())}),
+            (std::pair{234u, std::string("simulated")}));
+  EXPECT_EQ(ask(129).status, 87u) << "over the limit";
+  EXPECT_EQ(ask(128, {0x2B}).status, 87u) << "it takes no request bytes";
+
+  Control("describe off");
+  r = ask(128);
+  EXPECT_EQ((std::pair{r.status, r.count}), (std::pair{1u, 0u}));
+  EXPECT_TRUE(r.bytes.empty());
+  EXPECT_NE(Control("status").find(" describe=off"), std::string::npos);
+  EXPECT_EQ(Control("count describe"), "ok 5");
+  Control("describe on");
+  EXPECT_EQ(ask(128).status, 0u);
+  EXPECT_EQ(sim_->Command("describe maybe"), "error: describe takes on or off");
+}
+
 TEST_F(SimTest, SeveralConnectionsAreServedAtOnce) {
   StartBoard("autovision");
   std::vector<std::unique_ptr<RawClient>> clients;

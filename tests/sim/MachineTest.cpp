@@ -2,6 +2,7 @@
 // against the machine image, sensors, captures and physics. Time is what the test hands Advance.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include "sim/Board.h"
@@ -140,7 +141,7 @@ TEST_F(MachineTest, FixedBytesAndTheWayInAreCheckedBeforeTheBoardActs) {
 }
 
 TEST_F(MachineTest, LightPacketsCarryAsManyChannelsAsTheDriverPasses) {
-  Use("autovision");  // 48 channels behind the newer driver: 42, then 6
+  Use("autovision-48");  // 48 channels behind the newer driver: 42, then 6
   Packet r = Run(Request(0x70, 16, {0, 1}));
   ASSERT_EQ(r.size(), 254u);
   EXPECT_EQ(wire::GetLong(r, 2), 4095u);
@@ -237,6 +238,7 @@ TEST_F(MachineTest, SensorsAndRailsReadNearWhatTheReadingsPageExpects) {
 
 TEST_F(MachineTest, CapturesAreAnnouncedToAHostThatAsksAndHandedOutOnce) {
   Use("autovision");
+  EXPECT_EQ(Run(Request(0x69, 16, {0, 0, 0, 1})), (Packet{0x69, 0}));  // the touch probe's turn
   board_->machine().TripProbe();
   Packet poll = Run(Request(0x59, 16, {1}));
   EXPECT_EQ(poll[3], 1);  // capture ready
@@ -255,6 +257,78 @@ TEST_F(MachineTest, CapturesAreAnnouncedToAHostThatAsksAndHandedOutOnce) {
   EXPECT_EQ((Packet{r[0], r[4], r[8]}), (Packet{1, 1, 7}));
   EXPECT_EQ(wire::GetLong(r, 12 + 4), 100u * 2000);    // Y
   EXPECT_EQ(RunCapture(Request(0x6B, 9, {1}))[0], 0);  // handed out once
+}
+
+// The board listens to its probe only while enabled (as at power-up), and latches where it
+// touched only while the touch interrupt is the armed source: a touch while the camera's trigger is
+// armed is no capture the host is told of.
+TEST_F(MachineTest, AProbeTripsOnlyEnabledAndIsCapturedOnlyWhileItsInterruptIsArmed) {
+  struct Case {
+    const char* what;
+    const char* profile;
+    Packet enable;  // 0x32, if sent
+    Packet arm;     // the interrupt command, if sent
+    bool tripped;   // status byte 5
+    bool captured;  // status byte 4 and 0x36's flag
+  };
+  const Case cases[] = {
+      {"as powered up", "autovision", {}, {}, true, false},
+      {"touch armed", "autovision", {}, Request(0x69, 16, {0, 0, 0, 1}), true, true},
+      {"enabled, touch armed", "autovision", Request(0x32, 16, {1}),
+       Request(0x69, 16, {0, 0, 0, 1}), true, true},
+      {"disabled", "autovision", Request(0x32, 16, {0}), Request(0x69, 16, {0, 0, 0, 1}), false,
+       false},
+      {"video armed", "autovision", {}, Request(0x69, 16, {0, 0, 1}), true, false},
+      {"laser armed", "autovision", {}, Request(0x69, 16, {0, 0, 0, 0, 1}), true, false},
+      {"touch, then all off", "autovision", {}, Request(0x69, 16, {1, 0, 0, 1}), true, false},
+      {"one byte: touch", "servo", {}, Request(0x64, 1), true, true},
+      {"one byte: video", "servo", {}, Request(0x69, 1), true, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    Use(c.profile);
+    if (!c.enable.empty()) {
+      EXPECT_EQ(Run(c.enable).size(), 2u);
+    }
+    if (!c.arm.empty()) {
+      EXPECT_EQ(Run(c.arm).size(), 2u);
+    }
+    board_->machine().TripProbe();
+    const Packet poll = Run(Request(0x59, 16, {1}));
+    EXPECT_EQ(poll[5], c.tripped ? 1 : 0);
+    EXPECT_EQ(poll[4], c.captured ? 1 : 0);
+    EXPECT_EQ(poll[3], c.captured ? 1 : 0);
+    EXPECT_EQ(Run(Request(0x36, 1))[1], c.captured ? 1 : 0);
+  }
+  // Arming another source disarms the touch probe's: a later touch latches nothing.
+  Use("servo");
+  Run(Request(0x64, 1));
+  Run(Request(0x69, 1));
+  board_->machine().TripProbe();
+  EXPECT_EQ(Run(Request(0x59, 16, {1}))[4], 0);
+}
+
+// The machine everyone starts has no more light channels than the Lights page drives (42), in
+// one packet; the edge of more lives on as a profile of its own. A board without a W axis says so
+// and refuses what only the W axis answers.
+TEST_F(MachineTest, TheDefaultMachineFitsThePageAndAWAxisMayBeMissing) {
+  Use("autovision");
+  const Packet version = Run(Request(0x2B, 1));
+  EXPECT_GT(version[41], 0);
+  EXPECT_LE(version[41], 42);
+  Use("autovision-48");
+  EXPECT_EQ(Run(Request(0x2B, 1))[41], 48);
+
+  Use("autovision-no-w");
+  EXPECT_EQ(Run(Request(0x2B, 1))[57], 0) << "hasWAxis";
+  EXPECT_EQ(Run(Request(0x5D, 2, {16})), Refusal(-3)) << "the W axis's temperature";
+  EXPECT_EQ(Run(Request(0x41, 2, {16})), Refusal(-3));
+  EXPECT_EQ(Run(Request(0x65, 32, {16})), Refusal(-1)) << "no W EEPROM without a W axis";
+  EXPECT_EQ(Run(Request(0x5D, 2, {0})).size(), 32u) << "the board's own sensors answer";
+  const Packet poll = Run(Request(0x59, 16));
+  ASSERT_EQ(poll.size(), 221u);
+  EXPECT_TRUE(std::all_of(poll.begin() + 127, poll.begin() + 163, [](auto b) { return b == 0; }))
+      << "no W in the poll";
 }
 
 TEST_F(MachineTest, LaserPointsComeInTheFormOfTheFirmwareAndNoMoreThanAsked) {
@@ -416,7 +490,8 @@ TEST_F(MachineControlTest, WhatAPersonChangesShowsInTheVersionRecordAndThePoll) 
   EXPECT_EQ(poll[107], 1);
 
   EXPECT_EQ(sim_->Command("place x 10"),
-            "ok axis=x pos=10.000 counts=20000 moving=0 stalled=0 limit=none");
+            "ok axis=x pos=10.000 counts=20000 moving=0 stalled=0 limit=none loop=closed "
+            "bias=-12 failed=0");
   for (const char* bad : {"temp 8 20", "place x 400", "joystick 2 0 0", "press 16", "block q"}) {
     EXPECT_EQ(sim_->Command(bad).rfind("error:", 0), 0u) << bad;
   }

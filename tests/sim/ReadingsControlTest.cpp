@@ -66,5 +66,33 @@ TEST_F(ReadingsControlTest, TheLaserSwitchesAndChangesItsRateByItself) {
   EXPECT_EQ(sim_->Command("laser sideways").rfind("error:", 0), 0u);
 }
 
+// The board's sensitivity maximum may be set, 0 (a probe without a sensitivity to set) included;
+// what the probe is set to stays within it.
+TEST_F(ReadingsControlTest, TheSensitivityMaximumIsSetAndBoundsTheSensitivity) {
+  StartBoard("servo", {.diagPeriod = platform::Duration::zero()});
+  client_ = Connect();
+  const auto word = [&](std::uint8_t code) {
+    return wire::GetWord(client_->Command(Request(code, 1), 3).bytes, 1);
+  };
+  const auto set = [&](std::uint16_t value) {
+    Packet q = Request(0x77, 3);
+    wire::PutWord(q, 1, value);
+    EXPECT_EQ(client_->Command(q, 2).bytes, (Packet{0x77, 0}));
+  };
+  EXPECT_EQ(word(0x79), 1023);
+  set(900);
+  EXPECT_EQ(Control("sensitivity max 500"), "ok sensitivity=500 max=500") << "the value follows";
+  EXPECT_EQ(word(0x79), 500);
+  set(800);
+  EXPECT_EQ(word(0x78), 500);
+  Control("sensitivity max 0");
+  EXPECT_EQ(word(0x79), 0);
+  set(1);
+  EXPECT_EQ(word(0x78), 0);
+  EXPECT_EQ(Control("sensitivity"), "ok sensitivity=0 max=0");
+  for (const char* bad : {"sensitivity max -1", "sensitivity max 65536", "sensitivity 5"})
+    EXPECT_EQ(sim_->Command(bad).rfind("error: ", 0), 0u) << bad;
+}
+
 }  // namespace
 }  // namespace sim::testing

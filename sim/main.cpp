@@ -25,18 +25,14 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: tavrosim [--profile NAME] [--dir DIR] [--entry class1:N|class2:N|HnUsbaN|HnUsbbN]\n"
-    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS] [--group GROUP]
-"
-    "                [--fault SCRIPT] [--panel PORT]
-"
-    "       tavrosim --version
-";
+    "                [--control PATH] [--stdin] [--app] [--diag-every SECONDS] [--group GROUP]\n"
+    "                [--fault SCRIPT] [--panel PORT]\n"
+    "       tavrosim --version\n";
 
 // `--version` answers alone, before the other arguments are looked at.
 bool AnswerVersion(int argc, char** argv) {
   if (argc != 2 || std::strcmp(argv[1], "--version") != 0) return false;
-  std::printf("tavrosim %s
-", TAVRO_PRODUCT_VERSION);
+  std::printf("tavrosim %s\n", TAVRO_PRODUCT_VERSION);
   return true;
 }
 

@@ -169,6 +169,7 @@ void StageDlg::ResetPage(const BoardVersionInfo& record) {
     // A test thread that holds an axis across the reconnection keeps its own record there.
     if (axis != HeldAxis) LoadAxisPid(axis);
   }
+  PutBackLostTuning();
   if (PageReady) UpdateData();
 }
 

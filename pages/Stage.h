@@ -105,6 +105,9 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   // Puts back, first thing after the link comes up, every record runs still owe this board's
   // axes; says so when they came from the journal of an earlier run.
   void PayOwedRecords();
+  // Writes back the records of axes that LoadAxisPid found without their tuning (a board that
+  // restarted, a take-over record a crash left), from what the page knew.
+  void PutBackLostTuning();
   // Reads the axis's record from the board into AxisPids, unless it is a take-over record.
   void LoadOwnRecord(unsigned axis);
   // The poll's fields, on the poll's tick.
@@ -141,8 +144,9 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   std::uint8_t FirstSleepRefresh = 1;
   std::uint8_t CachedRunning = 0;
   std::string platenCount_;  // PlatenCount as the page last pushed or read it
-  bool imageRead_ = false;       // the machine image was read; false: zeroed, retried on reset
+  bool imageRead_ = false;   // the machine image was read; false: zeroed, retried on reset
   bool firstReset_ = true;
+  std::array<bool, 4> tuningLost_{};  // LoadAxisPid kept the known record over all-zero gains
   // Records found in the journal at construction: an earlier run ended before handing back.
   std::size_t journalled_ = 0;
   // The board's serial number in the link session it was read in (serialLock_).

@@ -25,13 +25,28 @@ void StageDlg::LoadAxisPid(unsigned axis) {
   if (axis >= 4 || !PidReady) return;
   AxisPid read;
   if (!controller->GetAxisPid(static_cast<std::uint16_t>(axis), read)) return;
-  // A record with every gain zero is a take-over record that a lost link left on the board, not
-  // the axis's own: the page keeps the record it knew. (With none known it has nothing better;
-  // a run then hands the axis back without its bias.)
+  // A record with every gain zero is no axis's own: a take-over record that a lost link left on
+  // the board, or what a board that restarted came up with. The page keeps the record it knew,
+  // and its reset puts that back on the board. (With none known it has nothing better; a run
+  // then hands the axis back without its bias.)
   const AxisPid& known = AxisPids[axis];
   const bool takeOver = read.Kp == 0 && read.Kd == 0 && read.Ki == 0;
-  if (takeOver && (known.Kp != 0 || known.Kd != 0 || known.Ki != 0)) return;
+  if (takeOver && (known.Kp != 0 || known.Kd != 0 || known.Ki != 0)) {
+    tuningLost_[axis] = true;
+    return;
+  }
   AxisPids[axis] = read;
+}
+
+void StageDlg::PutBackLostTuning() {
+  for (unsigned axis = 0; axis < 4; ++axis) {
+    if (!tuningLost_[axis] || axis == HeldAxis) continue;
+    tuningLost_[axis] = false;
+    if (!WriteAxisPid(axis, AxisPids[axis])) return;  // down again: the next reset finds it
+    controller->SyncAxis(static_cast<std::uint16_t>(axis));
+    ErrorLog("StageTests.cpp", __LINE__)("Stage: axis %s found without its tuning; put back\r\n",
+                                         AxisName(axis));
+  }
 }
 
 bool StageDlg::StoreAxisPid(unsigned axis) {

@@ -4,14 +4,14 @@
 
 #include <string>
 
-#include "tests/integration/MotionSession.h"
+#include "tests/integration/MotionRig.h"
 
 namespace {
 
 using namespace testing_support;
 using std::chrono::seconds;
 
-class FaultScripts : public MotionSession {
+class FaultScripts : public motion_rig::MotionRig {
  protected:
   void SetUp() override { Open("autovision"); }
   // X: 2000 counts a mm, its rotary 4000 a 5 mm turn.
@@ -40,7 +40,7 @@ TEST_F(FaultScripts, BouncingSwitchesEndTheLimitTestShortOfWhereTheSwitchesAre) 
   const long expectedNegative = static_cast<std::int32_t>(extents.Extent3[1]);
   const long expectedPositive = static_cast<std::int32_t>(extents.Extent4[1]);
   const std::string body = RunUnder("bounce-limit", "YLimitTest", "LimitTest_Y_0.dat");
-  const auto limits = NumbersAfterLabel(body, "tive: ");
+  const auto limits = motion_rig::NumbersAfter(body, "tive: ");
   ASSERT_GE(limits.size(), 2u) << body;
   // Healthy, the switches lie a millimetre outside the expected limits; here the seek stopped
   // within the 5 mm in which the switch chatters, short of both expected limits.
@@ -57,13 +57,13 @@ TEST_F(FaultScripts, BouncingSwitchesEndTheLimitTestShortOfWhereTheSwitchesAre) 
 // and climbs to the voltage limit; the rotary encoder shows how far the axis went.
 TEST_F(FaultScripts, AnEncoderDropoutClimbsToTheVoltageLimitWithNoLinearChange) {
   const std::string body = RunUnder("encoder-dropout", "XAxisTest", "AxisTest_X_0.dat");
-  const auto change = NumbersAfterLabel(body, "Change: ");
+  const auto change = motion_rig::NumbersAfter(body, "Change: ");
   ASSERT_EQ(change.size(), 4u) << body;
   EXPECT_EQ(change[0], 0) << "linear (-)";
   EXPECT_EQ(change[2], 0) << "linear (+)";
   EXPECT_LT(change[1], -10 * kX * kRotaryPerLinear) << "rotary (-): well beyond 10 mm";
   EXPECT_GT(change[3], 10 * kX * kRotaryPerLinear) << "rotary (+)";
-  EXPECT_EQ(NumbersAfterLabel(body, "VOLTAGE LIMIT REACHED").size(), 2u) << body;
+  EXPECT_EQ(motion_rig::NumbersAfter(body, "VOLTAGE LIMIT REACHED").size(), 2u) << body;
   ExpectEveryAxisUnderItsOwnRecord();
 }
 
@@ -71,7 +71,7 @@ TEST_F(FaultScripts, AnEncoderDropoutClimbsToTheVoltageLimitWithNoLinearChange) 
 // reads as a positive change and the positive one as a negative change, on both encoders.
 TEST_F(FaultScripts, FlippedSignsShowEachRunsChangeTheOtherWayOnBothEncoders) {
   const std::string body = RunUnder("signs-flipped", "XAxisTest", "AxisTest_X_0.dat");
-  const auto change = NumbersAfterLabel(body, "Change: ");
+  const auto change = motion_rig::NumbersAfter(body, "Change: ");
   ASSERT_EQ(change.size(), 4u) << body;
   EXPECT_GT(change[0], 10 * kX) << "linear (-) reads positive";
   EXPECT_LT(change[0], 15 * kX);
@@ -86,7 +86,7 @@ TEST_F(FaultScripts, FlippedSignsShowEachRunsChangeTheOtherWayOnBothEncoders) {
 // to the voltage limit. The positive run, away from the obstacle, is healthy.
 TEST_F(FaultScripts, AStallMidMoveClimbsToTheVoltageLimitAFewMillimetresIn) {
   const std::string body = RunUnder("stall-mid-move", "XAxisTest", "AxisTest_X_0.dat");
-  const auto change = NumbersAfterLabel(body, "Change: ");
+  const auto change = motion_rig::NumbersAfter(body, "Change: ");
   ASSERT_EQ(change.size(), 4u) << body;
   EXPECT_NEAR(change[0], -3 * kX, kX / 5) << "2 mm in, then 1 mm to the obstacle";
   EXPECT_NEAR(change[1], change[0] * kRotaryPerLinear, 40) << "both encoders agree";
@@ -103,12 +103,12 @@ TEST_F(FaultScripts, AStallMidMoveClimbsToTheVoltageLimitAFewMillimetresIn) {
 // second at its first look.
 TEST_F(FaultScripts, AnEStopMidMoveEndsBothRunsAsManualStops) {
   const std::string body = RunUnder("estop-mid-move", "XAxisTest", "AxisTest_X_0.dat");
-  const auto change = NumbersAfterLabel(body, "Change: ");
+  const auto change = motion_rig::NumbersAfter(body, "Change: ");
   ASSERT_EQ(change.size(), 4u) << body;
   EXPECT_LT(change[0], -kX / 2);
   EXPECT_GT(change[0], -2 * kX) << "stopped soon after the press";
   EXPECT_EQ(change[2], 0);
-  EXPECT_EQ(NumbersAfterLabel(body, "Manually Stopped: Yes").size(), 2u) << body;
+  EXPECT_EQ(motion_rig::NumbersAfter(body, "Manually Stopped: Yes").size(), 2u) << body;
   Control("script stop");
   ExpectEveryAxisUnderItsOwnRecord();
 }
@@ -120,19 +120,18 @@ TEST_F(FaultScripts, ALinkDropMidTestEndsWithEveryAxisUnderItsOwnRecord) {
   ASSERT_TRUE(RunTest("XAxisTest", seconds(600)));
   ASSERT_TRUE(Wait([&] { return board_->Plugged() && Page().Connected; }, seconds(30)));
   clock.SleepFor(seconds(2));
-  EXPECT_TRUE(ReportExists("AxisTest_X_0.dat"));
+  EXPECT_TRUE(platform::FileExists(reports_ / "AxisTest_X_0.dat"));
   ExpectEveryAxisUnderItsOwnRecord();
 }
 
 // The board resets in the negative run and comes back without the records it was given: all gains
 // zero is not an axis's own record, and the saved one must be written back.
-TEST_F(FaultScripts, DISABLED_ABoardResetMidTestEndsWithEveryAxisUnderItsOwnRecord) {
-  // enabled when the link-loss rule lands
+TEST_F(FaultScripts, ABoardResetMidTestEndsWithEveryAxisUnderItsOwnRecord) {
   Control("script board-reset");
   ASSERT_TRUE(RunTest("XAxisTest", seconds(600)));
   ASSERT_TRUE(Wait([&] { return board_->Plugged() && Page().Connected; }, seconds(30)));
   clock.SleepFor(seconds(2));
-  EXPECT_TRUE(ReportExists("AxisTest_X_0.dat"));
+  EXPECT_TRUE(platform::FileExists(reports_ / "AxisTest_X_0.dat"));
   ExpectEveryAxisUnderItsOwnRecord();
 }
 

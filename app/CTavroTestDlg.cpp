@@ -29,12 +29,6 @@ constexpr std::chrono::seconds kNoSignOfLifeLimit{2};
 constexpr const char* kConnected = " : Connected";
 constexpr const char* kDisconnected = " : Disconnected";
 
-struct TimerPeriod {
-  unsigned id;
-  int milliseconds;
-};
-constexpr TimerPeriod kTimers[] = {{1, 20}, {2, 50}, {3, 200}, {4, 1000}};
-
 // The menu item without its keyboard mark ("&About" shows as "About").
 std::string MenuText(std::string text) {
   text.erase(std::remove(text.begin(), text.end(), '&'), text.end());
@@ -118,13 +112,13 @@ bool CTavroTestDlgBase::OnInitDialog() {
 
   SetTitleSuffix(kConnected);
   WarnOfOpenReportFolder();
-  for (const TimerPeriod& t : kTimers) {
-    if (!loop.SetTimer(t.id, platform::Milliseconds(t.milliseconds),
+  for (const TickPeriod& t : kTickPeriods) {
+    if (!loop.SetTimer(TickId(t.tick), platform::Milliseconds(t.ms),
                        [this](unsigned id) { OnTimer(id); })) {
       ui::MessageBox("SetTimer failed", "Error", ui::kMbOk | ui::kMbIconStop);
       break;
     }
-    timersStarted[t.id] = true;
+    timersStarted[TickId(t.tick)] = true;
   }
   return true;
 }
@@ -148,15 +142,15 @@ void CTavroTestDlgBase::OnTimer(unsigned id) {
         MarkStatusEdges();
       }
     }
-  } else if (id == 4) {
+  } else if (id == TickId(Tick::k1s)) {
     if (!connected) Reconnect();
-  } else if (id < 1 || id > 4) {
+  } else if (PeriodMs(id) == 0) {
     tickPages = false;
   }
 
   if (connected && tickPages) {
     // The values the pages record in this tick belong to it.
-    recording->BeginTick(TimerRate(id), runTime.Now());
+    recording->BeginTick(PeriodMs(id), runTime.Now());
     for (auto& page : pages) {
       if (page) page->UpdatePage(id, status);
     }
@@ -184,7 +178,7 @@ motion::StagePage* CTavroTestDlgBase::StageTests() const {
 void CTavroTestDlgBase::WatchRunningTest(unsigned timerId) {
   motion::StagePage* stage = StageTests();
   if (!stage) return;
-  if (timerId == 3) window.SetStopControl(motion::RunningTestName(*stage));
+  if (timerId == TickId(Tick::k200ms)) window.SetStopControl(motion::RunningTestName(*stage));
   // A ramp, seek or centering must not go on unwatched: its boxes wait for the next browser,
   // but the drive ends once no browser has been attached for a second (the last tab closed), or
   // none has shown a sign of life for two (a tab that hangs keeps its connection). Checked on
@@ -221,23 +215,19 @@ void CTavroTestDlgBase::Reconnect() {
   }
 }
 
-// The banner's states, the same whether the link is up or not:
-//   0  no banner; the application was not seen
-//   1  banner up; the application was there on the last tick
-//   2  banner up; the application was missing on the last tick (one more miss takes it down)
-// A page raises the banner on the tick that leaves 0 and takes it down on the tick that leaves 2,
-// so a window that closes and reopens within two ticks keeps the banner up.
+// The banner's state machine (Banner): down -> up when the application is seen, up -> fading when
+// it is missed once, fading -> down when it is missed again.
 void CTavroTestDlgBase::RunBanner() {
   const bool running = pages[0]->UpdateWarning(warningState);
   for (int tab = 1; tab < kMaxPages; ++tab) {
     if (pages[tab]) pages[tab]->ShowWarning(running, warningState);
   }
-  if (warningState == 0 && running) {
-    warningState = 1;
-  } else if (warningState == 1 && !running) {
-    warningState = 2;
-  } else if (warningState == 2 && !running) {
-    warningState = 0;
+  if (warningState == Banner::kDown && running) {
+    warningState = Banner::kUp;
+  } else if (warningState == Banner::kUp && !running) {
+    warningState = Banner::kFading;
+  } else if (warningState == Banner::kFading && !running) {
+    warningState = Banner::kDown;
   }
 }
 
@@ -270,7 +260,9 @@ void CTavroTestDlgBase::OnSysCommand(unsigned id) {
 }
 
 void CTavroTestDlgBase::OnDestroy() {
-  for (unsigned id = 4; id >= 1; --id) {
+  // Last started, first killed.
+  for (auto t = std::rbegin(kTickPeriods); t != std::rend(kTickPeriods); ++t) {
+    const unsigned id = TickId(t->tick);
     if (timersStarted[id]) loop.KillTimer(id);
     timersStarted[id] = false;
   }

@@ -70,7 +70,7 @@ class CTavroTestDlgBase {
   // What tests look at.
   bool IsConnected() const { return connected; }
   bool IsSuspended() const { return suspended; }
-  std::uint32_t WarningState() const { return warningState; }
+  std::uint32_t WarningState() const { return static_cast<std::uint32_t>(warningState); }
   std::string Title() { return window.Shell().Text("title"); }
   int PageCount() const;
   CTabPage* Page(int tab) const { return tab >= 0 && tab < kMaxPages ? pages[tab].get() : nullptr; }
@@ -120,7 +120,7 @@ class CTavroTestDlgBase {
 
   std::string baseTitle = "TavroTest";  // the template's caption
   bool connected = true;
-  std::uint32_t warningState = 0;
+  Banner warningState = Banner::kDown;
   // What a page, and a test thread of a page, may reach: made before the pages so that it goes
   // after them. A page's end joins its test thread, which still marks its last answers and its
   // report in the recorder on the way out.
@@ -144,7 +144,7 @@ class CTavroTestDlg final : public CTavroTestDlgBase {
   MachineKind GetMachineKind() const { return machineKind; }
 
  protected:
-  unsigned PollTimer() const override { return 2; }
+  unsigned PollTimer() const override { return TickId(Tick::k50ms); }
   bool IsSameMachine(const BoardVersionInfo& fresh) override;
   std::vector<PageRow> MakePages() override;
 
@@ -159,7 +159,7 @@ class CTavroTestManualVisionDlg final : public CTavroTestDlgBase {
                             CTavroUsbManualVision* manual, const BoardVersionInfo& versionInfo);
 
  protected:
-  unsigned PollTimer() const override { return 3; }
+  unsigned PollTimer() const override { return TickId(Tick::k200ms); }
   bool IsSameMachine(const BoardVersionInfo& fresh) override;
   std::vector<PageRow> MakePages() override;
 

@@ -184,9 +184,9 @@ void RunAxisTest(const TestParams& p) {
   const std::uint32_t choice = page.VoltageChoice;
   AxisTestResult r;
   for (const Direction d : kDirections) {
-    if (state.MessageResult == 2) {
+    if (state.MessageResult == ui::kIdCancel) {
       FillCancelled(r, d);
-      if (d == kPositive) state.MessageResult = 1;
+      if (d == kPositive) state.MessageResult = ui::kIdOk;
       continue;
     }
     const bool ran = zoom ? RunZoomDirection(p, choice, r, d) : RunAxisDirection(p, choice, r, d);
@@ -202,7 +202,8 @@ void RunAxisTest(const TestParams& p) {
     }
     if (d == kNegative) {
       const texts::Text& prompt = zoom ? texts::kZoomPositivePrompt : texts::kAxisPositivePrompt;
-      state.MessageResult = page.Ask(texts::Get(prompt), ui::kMbOkCancel) == ui::kIdOk ? 1 : 2;
+      state.MessageResult =
+          page.Ask(texts::Get(prompt), ui::kMbOkCancel) == ui::kIdOk ? ui::kIdOk : ui::kIdCancel;
     } else {
       page.Ask(texts::Get(texts::kTestFinished), ui::kMbOk);
     }

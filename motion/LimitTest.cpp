@@ -297,8 +297,8 @@ void RunLimitTest(const TestParams& p) {
   // test, or Standard after ResetPage.
   if (RulesOf(page).limitStartDialog) AskStart(page, StartDialog::kLimit);
   const std::uint32_t choice = page.VoltageChoice;
-  if (state.MessageResult != 1) {
-    state.MessageResult = 1;
+  if (state.MessageResult != ui::kIdOk) {
+    state.MessageResult = ui::kIdOk;
   } else {
     RunPhases(p, choice);
   }

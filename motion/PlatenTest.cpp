@@ -125,8 +125,8 @@ void RunPrompted(const TestParams& p, std::vector<PlatenSample>& samples) {
     prompt = texts::Get(texts::kPlatenWillRun) + std::to_string(p.count) +
              texts::Get(texts::kPlatenTimes);
   }
-  state.MessageResult = page.Ask(prompt, ui::kMbOkCancel) == ui::kIdOk ? 1 : 2;
-  if (state.MessageResult == 2) return;
+  state.MessageResult = page.Ask(prompt, ui::kMbOkCancel) == ui::kIdOk ? ui::kIdOk : ui::kIdCancel;
+  if (state.MessageResult == ui::kIdCancel) return;
   if (p.toggle) {
     SingleMove(p);
     p.guard->ClearThread();
@@ -257,7 +257,7 @@ void RunPlatenTest(const TestParams& p) {
     RunPrompted(p, samples);
   }
   page.Trace.End();
-  state.MessageResult = 0;
+  state.MessageResult = 0;  // neither answer: a later limit test asks nothing and starts nothing
   state.PlatenTest = 0;
   // The page fed the platen's count into TestPosition for this test; between runs it is 0.
   page.TestPosition = 0;

@@ -16,7 +16,7 @@ void StageTestState::Reset() {
                      &PlatenTest, &PlatenOpen, &PlatenClosed}) {
     *flag = 0;
   }
-  MessageResult = 1;
+  MessageResult = ui::kIdOk;
 }
 
 bool StageTestState::AnyTestFlag() const {

@@ -22,6 +22,7 @@
 #include "link/ControllerRecords.h"
 #include "platform/Clock.h"
 #include "ui/Dialogs.h"
+#include "ui/MessageBox.h"
 
 namespace motion {
 
@@ -38,7 +39,8 @@ struct StageTestState {
   std::atomic<std::uint8_t> PlatenTest{0};  // platen test or toggle runs
   std::atomic<std::uint8_t> PlatenOpen{0};  // the platen stands on its open / closed switch
   std::atomic<std::uint8_t> PlatenClosed{0};
-  std::atomic<std::int32_t> MessageResult{1};  // last start dialog or prompt: 1 OK, 2 Cancel
+  // The last start dialog's or prompt's answer: ui::kIdOk (1) or ui::kIdCancel (2).
+  std::atomic<std::int32_t> MessageResult{ui::kIdOk};
 
   // Back to the start values (for tests, which share the process-wide blocks).
   void Reset();

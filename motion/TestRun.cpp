@@ -60,7 +60,7 @@ ui::ChoiceDialog MakeStartDialog(StartDialog which) {
 void AskStart(StagePage& page, StartDialog which) {
   const ui::ChoiceResult answer = page.Choose(MakeStartDialog(which));
   const bool ok = answer.result == ui::kIdOk;
-  page.TestState().MessageResult = ok ? 1 : 2;
+  page.TestState().MessageResult = ok ? ui::kIdOk : ui::kIdCancel;
   // The dialog's field keeps its initial 0 unless OK took the choice; a choice outside the
   // group's three counts as No Limit, as any value above High does.
   page.VoltageChoice = ok && answer.choice >= 0 ? static_cast<std::uint32_t>(answer.choice) : 0;

@@ -45,15 +45,15 @@ void CTabPage::UpdateData() {
   DoDataExchange(dx);
 }
 
-bool CTabPage::UpdateWarning(std::uint32_t state) {
+bool CTabPage::UpdateWarning(Banner state) {
   const bool running = platform::FindWindowOfClass(kMeasuringAppWindowClass);
   return ShowWarning(running, state);
 }
 
-bool CTabPage::ShowWarning(bool running, std::uint32_t state) {
+bool CTabPage::ShowWarning(bool running, Banner state) {
   // The document model keeps the style even before a browser has loaded the page, so a banner
   // raised on the first tick is there when the document arrives.
-  if (running && state == 0) Doc().SetDisplay("WarningLabel", "inline");
-  if (!running && state == 2) Doc().SetDisplay("WarningLabel", "none");
+  if (running && state == Banner::kDown) Doc().SetDisplay("WarningLabel", "inline");
+  if (!running && state == Banner::kFading) Doc().SetDisplay("WarningLabel", "none");
   return running;
 }

@@ -23,6 +23,16 @@ class CTavroUsbManualVision;
 // The window class of the measuring application, whose presence raises the banner.
 inline constexpr const char* kMeasuringAppWindowClass = "MiravaAppFrame";
 
+// The banner that warns while the measuring application runs, as the main dialog keeps it (the
+// same whether the link is up or not). A page raises it on the tick that leaves kDown and takes
+// it down on the tick that leaves kFading, so a window that closes and reopens within two ticks
+// keeps it up.
+enum class Banner : std::uint32_t {
+  kDown = 0,    // no banner; the application was not seen
+  kUp = 1,      // up; the application was there on the last tick
+  kFading = 2,  // up; the application was missing on the last tick (one more miss takes it down)
+};
+
 class CTabPage : public ui::HtmlPage {
  public:
   // `htmlId` names the page's document (PageDocumentPath). The dialog template a page names has
@@ -37,10 +47,10 @@ class CTabPage : public ui::HtmlPage {
   virtual void ResetPage(const BoardVersionInfo& record) = 0;
 
   // On page 0 only: looks for the measuring application and shows the banner by `state`.
-  bool UpdateWarning(std::uint32_t state);
-  // Raises the banner when the application runs and the state is 0; takes it down when it does
-  // not and the state is 2. Returns `running`. Other combinations touch nothing.
-  bool ShowWarning(bool running, std::uint32_t state);
+  bool UpdateWarning(Banner state);
+  // Raises the banner when the application runs and the banner is down; takes it down when it
+  // does not and the banner is fading. Returns `running`. Other combinations touch nothing.
+  bool ShowWarning(bool running, Banner state);
 
   // The update to the document: every bound field to its element.
   void UpdateData();

@@ -442,7 +442,7 @@ template <class Base, const LightsForm& kForm>
 void LightsPage<Base, kForm>::UpdatePage(std::uint32_t timerId, const ServoStatus& /*status*/) {
   typename Base::TickGuard guard(*this);
   if (!guard.Entered()) return;
-  if (timerId == 1) {
+  if (timerId == TickId(Tick::k20ms)) {
     FlushHeld();
     if (this->Connected && this->PageReady && Cycling) TickCycle();
     if (anySent_) {
@@ -450,7 +450,7 @@ void LightsPage<Base, kForm>::UpdatePage(std::uint32_t timerId, const ServoStatu
         this->recording.Record(lightChannels_[channel], sent_[channel]);
     }
   }
-  if (timerId == 3 && this->Connected && this->PageReady) {
+  if (timerId == TickId(Tick::k200ms) && this->Connected && this->PageReady) {
     TickChannelCount();
     if (this->recording.Attached()) AddChannels();
   }

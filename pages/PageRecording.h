@@ -15,17 +15,13 @@
 #include "recorder/Recorder.h"
 #include "recorder/RunTime.h"
 #include "ui/MessageBox.h"
+#include "util/Ticks.h"
 
 // The rates of the main dialog's four timers, which are the rates values are recorded at.
-inline constexpr std::uint32_t kTick20ms = 20;
-inline constexpr std::uint32_t kTick50ms = 50;
-inline constexpr std::uint32_t kTick200ms = 200;
-inline constexpr std::uint32_t kTick1s = 1000;
-// The timer id's period: 20, 50, 200 or 1000 ms; 0 for another id.
-constexpr std::uint32_t TimerRate(std::uint32_t timerId) {
-  constexpr std::uint32_t kRates[] = {0, kTick20ms, kTick50ms, kTick200ms, kTick1s};
-  return timerId < 5 ? kRates[timerId] : 0;
-}
+inline constexpr std::uint32_t kTick20ms = PeriodMs(Tick::k20ms);
+inline constexpr std::uint32_t kTick50ms = PeriodMs(Tick::k50ms);
+inline constexpr std::uint32_t kTick200ms = PeriodMs(Tick::k200ms);
+inline constexpr std::uint32_t kTick1s = PeriodMs(Tick::k1s);
 
 // N channels not yet added.
 template <std::size_t N>

@@ -35,7 +35,7 @@ void PendantPage<kForm>::ResetPage(const BoardVersionInfo& record) {
 template <const PendantForm& kForm>
 void PendantPage<kForm>::UpdatePage(std::uint32_t timerId, const ServoStatus& status) {
   TickGuard guard(*this);
-  if (!guard.Entered() || timerId != 3 || !Connected || !PageReady) return;
+  if (!guard.Entered() || timerId != TickId(Tick::k200ms) || !Connected || !PageReady) return;
   recording.Record(estopChannel_, status.EStop);
   for (std::size_t i = 0; i < kForm.buttons.size(); ++i)
     recording.Record(buttonChannels_[i], status.Inputs[kForm.buttons[i].input]);

@@ -196,8 +196,8 @@ template <class Base, const ProbesForm& kForm>
 void ProbesPage<Base, kForm>::UpdatePage(std::uint32_t timerId, const ServoStatus& status) {
   typename Base::TickGuard guard(*this);
   if (!guard.Entered()) return;
-  if (timerId == 3 && this->Connected && this->PageReady) TickCaptures(status);
-  if (timerId == 4) {
+  if (timerId == TickId(Tick::k200ms) && this->Connected && this->PageReady) TickCaptures(status);
+  if (timerId == TickId(Tick::k1s)) {
     if (this->Connected && this->PageReady) TickLaserSettings();
     if (checksDirty) {
       SetChecks();

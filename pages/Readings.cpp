@@ -42,7 +42,8 @@ void ReadingsPage<Base, kForm>::ResetPage(const BoardVersionInfo& record) {
 template <class Base, const ReadingsForm& kForm>
 void ReadingsPage<Base, kForm>::UpdatePage(std::uint32_t timerId, const ServoStatus& /*status*/) {
   typename Base::TickGuard guard(*this);
-  if (!guard.Entered() || timerId != 4 || !this->Connected || !this->PageReady) return;
+  if (!guard.Entered() || timerId != TickId(Tick::k1s) || !this->Connected || !this->PageReady)
+    return;
   bool changed = false;
   auto& board = *this->controller;
   for (unsigned sensor = 0; sensor < kTemperatureSensors; ++sensor) {

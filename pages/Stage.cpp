@@ -178,25 +178,24 @@ void StageDlg::ResetPage(const BoardVersionInfo& record) {
 void StageDlg::UpdatePage(std::uint32_t timerId, const ServoStatus& status) {
   TickGuard guard(*this);
   if (!guard.Entered()) return;
-  switch (timerId) {
-    case 1:
+  // Another id than the four ticks' does nothing.
+  switch (static_cast<Tick>(timerId)) {
+    case Tick::k20ms:
       Tick20ms(status);
       RecordTest();
       break;
-    case 2:
+    case Tick::k50ms:
       if (TestState().LimitTest && TestAxis < 4) SetLimitFlags(status.Limit[TestAxis]);
       RecordStatus(status);
       break;
-    case 3:
+    case Tick::k200ms:
       if (Connected && PageReady) Tick200ms(status);
       break;
-    case 4:
+    case Tick::k1s:
       if (FirstSleepRefresh) {
         Doc().Enable("StatusClearSleep", status.Sleep);
         FirstSleepRefresh = 0;
       }
-      break;
-    default:
       break;
   }
 }

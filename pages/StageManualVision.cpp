@@ -28,7 +28,7 @@ void CTabManualVisionStageDlg::ResetPage(const BoardVersionInfo& record) {
 
 void CTabManualVisionStageDlg::UpdatePage(std::uint32_t timerId, const ServoStatus& status) {
   TickGuard guard(*this);
-  if (!guard.Entered() || timerId != 3) return;
+  if (!guard.Entered() || timerId != TickId(Tick::k200ms)) return;
   // The poll's fields are recorded whether a browser shows the page or not; the page's own
   // reads happen only while one does.
   RecordStatus(status);

@@ -14,7 +14,7 @@ void UsbSerialPage<Base>::ResetPage(const BoardVersionInfo& record) {
 template <class Base>
 void UsbSerialPage<Base>::UpdatePage(std::uint32_t timerId, const ServoStatus&) {
   typename Base::TickGuard guard(*this);
-  if (!guard.Entered() || timerId != 3 || !this->Connected) return;
+  if (!guard.Entered() || timerId != TickId(Tick::k200ms) || !this->Connected) return;
 
   std::string received;
   if (!this->controller->ReadDiagText(received)) {

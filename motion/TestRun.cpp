@@ -119,8 +119,9 @@ bool AxisRun::TakeOver() {
     return false;
   }
   ShowMb(0);
-  // Not cut short by a stop: the run's start position must be a real sample.
-  if (page_.TestPosition == 0) SleepMs(100);
+  // A first sample of this axis from the 20 ms tick (TestPosition was just set to 0), waited for
+  // in full even when a stop is pending: the run's start position must be a real one.
+  SleepMs(100);
   lastPosition_ = page_.TestPosition;
   return true;
 }

@@ -50,7 +50,15 @@ CTavroTestDlgBase::CTavroTestDlgBase(ui::Window& parent, platform::TaskLoop& uiL
       versionInfo(record),
       api(std::make_shared<RecorderApi>(recording, runTime, platform::ProgramFolder())) {}
 
-CTavroTestDlgBase::~CTavroTestDlgBase() = default;
+CTavroTestDlgBase::~CTavroTestDlgBase() {
+  EndPageThreads();
+}
+
+void CTavroTestDlgBase::EndPageThreads() {
+  for (auto& page : pages) {
+    if (page) page->EndThreads();
+  }
+}
 
 int CTavroTestDlgBase::PageCount() const {
   return static_cast<int>(
@@ -68,6 +76,8 @@ int CTavroTestDlgBase::DoModal() {
     stage->StopRequested = 1;
   }
   window.Shutdown();
+  // Before any page or anything a test thread reaches goes, the threads end.
+  EndPageThreads();
   OnDestroy();
   return result;
 }

@@ -66,6 +66,8 @@ class CTavroTestDlgBase {
   void OnSysCommand(unsigned id);
   // Kills the timers, 4 to 1.
   void OnDestroy();
+  // Every page's threads ended and joined (a running test stopped, its boxes answered).
+  void EndPageThreads();
 
   // What tests look at.
   bool IsConnected() const { return connected; }

@@ -45,6 +45,10 @@ class CTabPage : public ui::HtmlPage {
   virtual void UpdatePage(std::uint32_t /*timerId*/, const ServoStatus& /*status*/) {}
   // Once after the window exists, and after each reconnection: read the static data again.
   virtual void ResetPage(const BoardVersionInfo& record) = 0;
+  // Ends what the page runs on threads of its own, before anything of the page or its owner
+  // goes: such a thread calls the page's virtual functions, which are not the page's any more
+  // once its destructors have begun.
+  virtual void EndThreads() {}
 
   // On page 0 only: looks for the measuring application and shows the banner by `state`.
   bool UpdateWarning(Banner state);

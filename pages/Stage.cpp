@@ -40,9 +40,14 @@ StageDlg::StageDlg(const StageForm& form, ui::Window& window, CTavroUsbServo* ow
 }
 
 StageDlg::~StageDlg() {
-  // The test thread calls this page until it ends: stop it before any member goes. A thread
-  // that waits in a box would never end, so the window's boxes are answered first; the page
-  // goes only with the main dialog, at the end of the run.
+  // The main dialog ends the thread before its pages go; this is for a page made without it.
+  StageDlg::EndThreads();
+}
+
+void StageDlg::EndThreads() {
+  // The test thread calls this page until it ends. A thread that waits in a box would never
+  // end, so the window's boxes are answered first; the page ends its thread only with the main
+  // dialog, at the end of the run.
   threadGuard_.RequestQuit();
   StopRequested = 1;
   if (TestState().Running) window_.Shutdown();

@@ -54,6 +54,8 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   StageDlg(const StageForm& form, ui::Window& window, CTavroUsbServo* owner,
            const BoardVersionInfo& version);
   ~StageDlg() override;
+  // Stops a running test and joins its thread; the boxes it may wait in are answered first.
+  void EndThreads() override;
 
   void ResetPage(const BoardVersionInfo& record) override;
   void UpdatePage(std::uint32_t timerId, const ServoStatus& status) override;

@@ -187,7 +187,7 @@ class MotionRig : public testing_support::PageFixture {
     ui = platform::ParticipantThread([this] { dlg->DoModal(); });
     ASSERT_TRUE(Wait([&] { return created.load(); }, seconds(30)));
     op.Connect();
-    ASSERT_TRUE(Wait([&] { return Page().PageReady && Page().Connected; }, seconds(1)));
+    ASSERT_TRUE(Wait([&] { return PageShownAndConnected(); }, seconds(1)));
     // The operator looks at the page for a moment before clicking: its 200 ms tick has read
     // the machine (the platen's switches among it).
     Wait([] { return false; }, milliseconds(400));
@@ -209,6 +209,13 @@ class MotionRig : public testing_support::PageFixture {
   }
 
   StageDlg& Page() { return dynamic_cast<StageDlg&>(*dlg->Page(1)); }
+  // Whether the Stage page is shown and connected, as the UI thread, whose flags they are, sees.
+  bool PageShownAndConnected() {
+    auto answer = std::make_shared<std::atomic<int>>(-1);
+    loop.Post([this, answer] { *answer = Page().PageReady && Page().Connected ? 1 : 0; });
+    Wait([&] { return answer->load() >= 0; }, seconds(5));
+    return answer->load() == 1;
+  }
   motion::StageTestState& State() { return Page().TestState(); }
   void Click(const std::string& id) {
     op.Send(json{{"t", "event"}, {"page", 1}, {"id", id}, {"kind", "click"}});

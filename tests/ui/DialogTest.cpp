@@ -181,11 +181,12 @@ TEST_F(DialogTest, OpenBoxesAreBoundedAndOneTooManyIsAnsweredCautiouslyUnlessATe
   // A test's question is never answered for the operator: past the cap it opens all the same,
   // and its thread gets the operator's answer.
   std::atomic<int> asked{0};
+  const std::size_t seen = late->Count();  // before the question can arrive
   std::thread worker = platform::ParticipantThread([&] {
     asked = window.Show("Did the machine move correctly?", "TavroTest", ui::kMbYesNo);
     clock.NotifyAll();
   });
-  const json question = late->WaitFor("dialog", late->Count());
+  const json question = late->WaitFor("dialog", seen);
   EXPECT_EQ(question["text"], "Did the machine move correctly?");
   Receive(id, Answer(question["id"], ui::kIdYes));
   platform::Join(worker);

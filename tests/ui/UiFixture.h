@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -45,16 +46,19 @@ class FakeBrowser : public ui::Connection {
     }
     return out;
   }
-  // Waits (no deadline) for the first message of type `t` after `from` messages.
+  // Waits for the first message of type `t` after `from` messages. A minute of machine time
+  // (which passes at once when every thread waits) fails the test instead of hanging it.
   json WaitFor(const std::string& t, std::size_t from = 0) {
     std::unique_lock lock(mutex_);
     json found;
-    platform::Clock::Current().WaitUntil(lock, platform::kNever, [&] {
+    platform::Clock& clock = platform::Clock::Current();
+    clock.WaitUntil(lock, clock.Now() + std::chrono::minutes(1), [&] {
       for (std::size_t i = from; i < messages_.size() && found.is_null(); ++i) {
         if (messages_[i]["t"] == t) found = messages_[i];
       }
       return !found.is_null();
     });
+    if (found.is_null()) ADD_FAILURE() << "no message \"" << t << "\" after " << from;
     return found;
   }
   void Clear() {

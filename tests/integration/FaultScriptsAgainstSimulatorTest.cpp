@@ -118,7 +118,7 @@ TEST_F(FaultScripts, AnEStopMidMoveEndsBothRunsAsManualStops) {
 TEST_F(FaultScripts, ALinkDropMidTestEndsWithEveryAxisUnderItsOwnRecord) {
   Control("script link-drop");
   ASSERT_TRUE(RunTest("XAxisTest", seconds(600)));
-  ASSERT_TRUE(Wait([&] { return board_->Plugged() && Page().Connected; }, seconds(30)));
+  ASSERT_TRUE(Wait([&] { return board_->Plugged() && PageConnected(); }, seconds(30)));
   clock.SleepFor(seconds(2));
   EXPECT_TRUE(platform::FileExists(reports_ / "AxisTest_X_0.dat"));
   ExpectEveryAxisUnderItsOwnRecord();
@@ -129,7 +129,7 @@ TEST_F(FaultScripts, ALinkDropMidTestEndsWithEveryAxisUnderItsOwnRecord) {
 TEST_F(FaultScripts, ABoardResetMidTestEndsWithEveryAxisUnderItsOwnRecord) {
   Control("script board-reset");
   ASSERT_TRUE(RunTest("XAxisTest", seconds(600)));
-  ASSERT_TRUE(Wait([&] { return board_->Plugged() && Page().Connected; }, seconds(30)));
+  ASSERT_TRUE(Wait([&] { return board_->Plugged() && PageConnected(); }, seconds(30)));
   clock.SleepFor(seconds(2));
   EXPECT_TRUE(platform::FileExists(reports_ / "AxisTest_X_0.dat"));
   ExpectEveryAxisUnderItsOwnRecord();

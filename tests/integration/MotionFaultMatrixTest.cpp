@@ -348,7 +348,7 @@ TEST_P(MotionFaultMatrix, Holds) {
       Replug();
       // The dialog reopens within a second; its first writes are the owed records.
       EXPECT_TRUE(EveryAxisUnderItsOwnRecord(milliseconds(2000)));
-      EXPECT_TRUE(Wait([&] { return dlg->IsConnected(); }, seconds(2)));
+      EXPECT_TRUE(Wait([&] { return DialogConnected(); }, seconds(2)));
       EXPECT_FALSE(drovenHarderAfterReturn_);
       break;
     }
@@ -367,11 +367,11 @@ TEST_P(MotionFaultMatrix, Holds) {
       Wait([] { return false; }, seconds(3));
       EXPECT_EQ(board_->TrafficSeen().commands[0x73], writes)
           << "no record of this machine's axes went to another board";
-      EXPECT_FALSE(dlg->IsConnected());
+      EXPECT_FALSE(DialogConnected());
       Control("unplug");
       ASSERT_TRUE(board_->SetProfile(cell.test.profile));
       Replug();
-      EXPECT_TRUE(Wait([&] { return dlg->IsConnected(); }, seconds(2)));
+      EXPECT_TRUE(Wait([&] { return DialogConnected(); }, seconds(2)));
       break;
     }
   }

@@ -209,12 +209,22 @@ class MotionRig : public testing_support::PageFixture {
   }
 
   StageDlg& Page() { return dynamic_cast<StageDlg&>(*dlg->Page(1)); }
-  // Whether the Stage page is shown and connected, as the UI thread, whose flags they are, sees.
-  bool PageShownAndConnected() {
+  // The dialog's and the pages' flags belong to the UI thread: `look` runs there. False when it
+  // has not run within 5 s of machine time.
+  bool OnUiThread(std::function<bool()> look) {
     auto answer = std::make_shared<std::atomic<int>>(-1);
-    loop.Post([this, answer] { *answer = Page().PageReady && Page().Connected ? 1 : 0; });
+    loop.Post([look = std::move(look), answer] { *answer = look() ? 1 : 0; });
     Wait([&] { return answer->load() >= 0; }, seconds(5));
     return answer->load() == 1;
+  }
+  bool PageShownAndConnected() {
+    return OnUiThread([this] { return Page().PageReady && Page().Connected; });
+  }
+  bool PageConnected() {
+    return OnUiThread([this] { return Page().Connected; });
+  }
+  bool DialogConnected() {
+    return OnUiThread([this] { return dlg->IsConnected(); });
   }
   motion::StageTestState& State() { return Page().TestState(); }
   void Click(const std::string& id) {

@@ -44,9 +44,4 @@ using ExportSink = std::function<bool(std::string_view chunk)>;
 // stopped it.
 bool Export(const Recorder& recorder, const ExportQuery& query, const ExportSink& sink);
 
-// Appends `s` as a JSON string: quotes, backslashes and control bytes escaped, and each byte that
-// is not part of well-formed UTF-8 written as U+FFFD, so the answer is always valid JSON (the
-// texts come from files and names any local user can write).
-void AppendJsonText(std::string& out, std::string_view s);
-
 }  // namespace recorder

@@ -1,4 +1,4 @@
-#include "recorder/ReportApi.h"
+#include "reports/ReportApi.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,9 +11,10 @@
 #include <optional>
 #include <vector>
 
-#include "recorder/ReportFiles.h"
+#include "reports/ReportFiles.h"
+#include "util/Text.h"
 
-namespace recorder {
+namespace reports {
 
 namespace {
 
@@ -69,7 +70,7 @@ std::optional<ReportEntry> ListedReport(const std::string& folder, std::string_v
     if (!ok) return std::nullopt;
   }
   ReportEntry entry;
-  if (!recorder::FindReport(folder, base, entry)) return std::nullopt;
+  if (!FindReport(folder, base, entry)) return std::nullopt;
   return entry;
 }
 
@@ -107,16 +108,16 @@ void AppendReportText(std::string& out, const std::string& folder, const ReportE
   }
   out += ",\"text\":";
   if (read) {
-    AppendJsonText(out, text);
+    text::AppendJsonText(out, text);
   } else {
     out += "null";
   }
   out += ",\"problem\":";
-  AppendJsonText(out, problem);
+  text::AppendJsonText(out, problem);
 }
 
 bool WriteTrace(std::string& out, const std::string& folder, const ReportEntry& e,
-                const ExportSink& sink) {
+                const ChunkSink& sink) {
   out += ",\"trace\":";
   if (!e.hasTrace) {
     out += "null";
@@ -146,7 +147,7 @@ bool WriteTrace(std::string& out, const std::string& folder, const ReportEntry& 
     }
   }
   out += "],\"problem\":";
-  AppendJsonText(out, trace.problem);
+  text::AppendJsonText(out, trace.problem);
   out += '}';
   return true;
 }
@@ -160,7 +161,7 @@ bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportE
   std::string row = "{\"time\":";
   AppendInt(row, e.modified);
   row += ",\"base\":";
-  AppendJsonText(row, e.base);
+  text::AppendJsonText(row, e.base);
   row += ",\"kind\":\"";
   row += KindName(e.kind);
   row += '"';
@@ -207,11 +208,11 @@ std::string ReportsJson(const std::string& folder) {
   for (std::size_t i = 0; i < list.size(); ++i) {
     const ReportEntry& e = list[i];
     out += i == 0 ? "\n{\"base\":" : ",\n{\"base\":";
-    AppendJsonText(out, e.base);
+    text::AppendJsonText(out, e.base);
     out += ",\"kind\":\"";
     out += KindName(e.kind);
     out += "\",\"axis\":";
-    AppendJsonText(out, e.axis);
+    text::AppendJsonText(out, e.axis);
     out += ",\"number\":";
     char buffer[24];
     std::snprintf(buffer, sizeof buffer, "%" PRIu64, e.number);
@@ -226,12 +227,11 @@ std::string ReportsJson(const std::string& folder) {
   return out;
 }
 
-ApiStatus WriteReportJson(const std::string& folder, std::string_view base,
-                          const ExportSink& sink) {
+ApiStatus WriteReportJson(const std::string& folder, std::string_view base, const ChunkSink& sink) {
   const std::optional<ReportEntry> entry = ListedReport(folder, base);
   if (!entry) return ApiStatus::kNotFound;
   std::string out = "{\"base\":";
-  AppendJsonText(out, entry->base);
+  text::AppendJsonText(out, entry->base);
   AppendReportText(out, folder, *entry);
   if (!WriteTrace(out, folder, *entry, sink)) return ApiStatus::kStopped;
   out += "}\n";
@@ -248,7 +248,7 @@ bool ReportFilePath(const std::string& folder, std::string_view base, std::strin
 }
 
 ApiStatus SendReportFile(const std::string& folder, std::string_view base, std::string_view ext,
-                         const std::function<void()>& begin, const ExportSink& sink) {
+                         const std::function<void()>& begin, const ChunkSink& sink) {
   std::string path;
   if (!ReportFilePath(folder, base, ext, path)) return ApiStatus::kNotFound;
   const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
@@ -295,7 +295,7 @@ std::string HistoryJson(const std::string& folder) {
     if (firstAxis || e.axis != axis) {
       if (!firstAxis) out += "\n]";
       if (!firstAxis) out += ',';
-      AppendJsonText(out, e.axis);
+      text::AppendJsonText(out, e.axis);
       out += ":[";
       axis = e.axis;
       firstAxis = false;
@@ -312,4 +312,4 @@ std::string HistoryJson(const std::string& folder) {
   return out;
 }
 
-}  // namespace recorder
+}  // namespace reports

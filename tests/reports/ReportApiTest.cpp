@@ -1,6 +1,6 @@
 // The report viewer's JSON answers on folders of reports written by the motion tests' own writer,
 // and on the files another program may leave there.
-#include "recorder/ReportApi.h"
+#include "reports/ReportApi.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,10 +16,10 @@
 
 #include "motion/Reports.h"
 #include "motion/Tests.h"
-#include "recorder/ReportFiles.h"
+#include "reports/ReportFiles.h"
 #include "util/Text.h"
 
-namespace recorder {
+namespace reports {
 namespace {
 
 using nlohmann::json;
@@ -283,7 +283,7 @@ TEST_F(ReportApi, JsonTextIsAlwaysValid) {
   };
   for (const auto& c : cases) {
     std::string out;
-    AppendJsonText(out, c.in);
+    text::AppendJsonText(out, c.in);
     EXPECT_EQ(out, c.out);
     EXPECT_TRUE(json::accept(out)) << out;
   }
@@ -327,4 +327,4 @@ TEST_F(ReportApi, HistoryPerAxisOldestFirst) {
 }
 
 }  // namespace
-}  // namespace recorder
+}  // namespace reports

@@ -1,5 +1,5 @@
 // The report readers on reports and traces written by the motion tests' own writer.
-#include "recorder/ReportFiles.h"
+#include "reports/ReportFiles.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,7 +14,7 @@
 #include "motion/Reports.h"
 #include "motion/Tests.h"
 
-namespace recorder {
+namespace reports {
 namespace {
 
 class ReportFiles : public ::testing::Test {
@@ -278,4 +278,4 @@ TEST_F(ReportFiles, BadFilesAreReadAsFarAsTheyGo) {
 }
 
 }  // namespace
-}  // namespace recorder
+}  // namespace reports

@@ -1,4 +1,4 @@
-#include "recorder/ReportFiles.h"
+#include "reports/ReportFiles.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -12,7 +12,7 @@
 
 #include "util/Text.h"
 
-namespace recorder {
+namespace reports {
 
 namespace {
 
@@ -435,4 +435,4 @@ Trace ParseTrace(std::string_view csv) {
   return trace;
 }
 
-}  // namespace recorder
+}  // namespace reports

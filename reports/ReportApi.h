@@ -4,12 +4,14 @@
 // path) and every string is escaped for JSON, whatever its bytes.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
-#include "recorder/Export.h"
+namespace reports {
 
-namespace recorder {
+// Receives an answer a chunk at a time; false stops it (the download was closed).
+using ChunkSink = std::function<bool(std::string_view chunk)>;
 
 enum class ApiStatus {
   kOk,
@@ -31,7 +33,7 @@ std::string ReportsJson(const std::string& folder);
 // "problem":..}|null}, written to the sink in chunks (a trace may be 32 MiB). Times are written
 // with the three decimals the trace holds, so nothing is lost. kNotFound when `base` is not a
 // report the folder lists (nothing is written then); kStopped when the sink stopped it.
-ApiStatus WriteReportJson(const std::string& folder, std::string_view base, const ExportSink& sink);
+ApiStatus WriteReportJson(const std::string& folder, std::string_view base, const ChunkSink& sink);
 
 // /report-file: the path of BASE.dat or BASE.csv when the folder lists that file; false for any
 // other name or extension.
@@ -45,11 +47,11 @@ inline constexpr std::size_t kMaxReportFileBytes = 32u << 20;
 // link put in a report's place is not followed and only a plain file of bounded size is sent:
 // `begin` is called once it is open, then its bytes go to the sink in chunks.
 ApiStatus SendReportFile(const std::string& folder, std::string_view base, std::string_view ext,
-                         const std::function<void()>& begin, const ExportSink& sink);
+                         const std::function<void()>& begin, const ChunkSink& sink);
 
 // /history: {"axes":{"X":[{"time":S,"base":..,"kind":"axis|zoom|limit","startNeg":..,
 // "startPos":..,"movingNeg":[min,max]|null,"movingPos":..,"travel":..},...]}}, each axis oldest
 // first, null where the report did not say. Reports of which nothing could be read are left out.
 std::string HistoryJson(const std::string& folder);
 
-}  // namespace recorder
+}  // namespace reports

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace recorder {
+namespace reports {
 
 // Files above these sizes are refused unread. A report is a few hundred bytes (a platen test of
 // many cycles some kilobytes); a trace holds at most an hour of 20 ms rows.
@@ -101,4 +101,4 @@ struct Trace {
 // The header "time,bias,linear,rotary,limit", then rows; a bad row is skipped and named.
 Trace ParseTrace(std::string_view csv);
 
-}  // namespace recorder
+}  // namespace reports

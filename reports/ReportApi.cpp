@@ -23,17 +23,7 @@ constexpr std::size_t kChunkBytes = 32 * 1024;
 constexpr std::size_t kMaxBaseLength = 40;
 
 const char* KindName(ReportKind kind) {
-  switch (kind) {
-    case ReportKind::kAxis:
-      return "axis";
-    case ReportKind::kZoom:
-      return "zoom";
-    case ReportKind::kLimit:
-      return "limit";
-    case ReportKind::kPlaten:
-      return "platen";
-  }
-  return "axis";
+  return LayoutOf(kind).name;
 }
 
 void AppendInt(std::string& out, std::int64_t v) {
@@ -76,6 +66,42 @@ std::optional<ReportEntry> ListedReport(const std::string& folder, std::string_v
 
 std::string FilePath(const std::string& folder, const std::string& base, std::string_view ext) {
   return (folder.empty() ? std::string(".") : folder) + "/" + base + "." + std::string(ext);
+}
+
+// A report's text read for its results: the .dat of at most kMaxHistoryReportBytes, decoded.
+bool ReadReportText(const std::string& folder, const ReportEntry& e, std::string& text) {
+  std::string bytes, reason, problem;
+  if (!e.hasReport ||
+      !ReadBoundedFile(FilePath(folder, e.base, "dat"), kMaxHistoryReportBytes, bytes, reason))
+    return false;
+  text = DecodeReport(bytes, problem);
+  return true;
+}
+
+// How the run of a report's text ended.
+RunOutcome OutcomeOf(ReportKind kind, std::string_view text) {
+  if (kind == ReportKind::kPlaten) {
+    RunOutcome out;
+    out.outcome = PlatenOutcome(text);
+    return out;
+  }
+  if (kind == ReportKind::kLimit) {
+    LimitReport l;
+    ParseLimitReport(text, l);
+    return LimitOutcome(l);
+  }
+  AxisReport a;
+  ParseAxisReport(text, a);
+  return AxisOutcome(a, kind == ReportKind::kZoom);
+}
+
+void AppendOutcome(std::string& out, Outcome outcome) {
+  out += ",\"outcome\":";
+  if (outcome == Outcome::kUnknown) {
+    out += "null";
+  } else {
+    text::AppendJsonText(out, OutcomeName(outcome));
+  }
 }
 
 // The report's text and the first fault in it: undecodable bytes first, then a line the parser
@@ -131,7 +157,14 @@ bool WriteTrace(std::string& out, const std::string& folder, const ReportEntry& 
     trace.problem = e.base + ".csv not read: " + reason;
   }
   bytes = std::string();
-  out += "{\"columns\":[\"time\",\"bias\",\"linear\",\"rotary\",\"limit\"],\"rows\":[";
+  out += "{\"board\":";
+  text::AppendJsonText(out, trace.board);
+  out += ",\"columns\":[";
+  for (const char* column : kTraceColumns) {
+    if (column != kTraceColumns[0]) out += ',';
+    text::AppendJsonText(out, column);
+  }
+  out += "],\"rows\":[";
   for (std::size_t i = 0; i < trace.rows.size(); ++i) {
     const TraceRow& r = trace.rows[i];
     out += i == 0 ? "[" : ",\n[";
@@ -154,10 +187,8 @@ bool WriteTrace(std::string& out, const std::string& folder, const ReportEntry& 
 
 // One report's results for the history; false when nothing in it could be read.
 bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportEntry& e) {
-  std::string bytes, reason, problem;
-  if (!ReadBoundedFile(FilePath(folder, e.base, "dat"), kMaxHistoryReportBytes, bytes, reason))
-    return false;
-  const std::string text = DecodeReport(bytes, problem);
+  std::string text;
+  if (!ReadReportText(folder, e, text)) return false;
   std::string row = "{\"time\":";
   AppendInt(row, e.modified);
   row += ",\"base\":";
@@ -183,6 +214,10 @@ bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportE
     }
     row += ",\"travel\":";
     AppendOptional(row, l.Travel());
+    const RunOutcome outcome = LimitOutcome(l);
+    AppendOutcome(row, outcome.outcome);
+    row += outcome.measured[0] ? ",\"unmeasured\":[]"
+                               : ",\"unmeasured\":[\"movingNeg\",\"movingPos\",\"travel\"]";
   } else {
     AxisReport a;
     if (!ParseAxisReport(text, a)) return false;
@@ -191,6 +226,12 @@ bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportE
     row += ",\"startPos\":";
     AppendOptional(row, a.dir[1].startingVoltage);
     row += ",\"movingNeg\":null,\"movingPos\":null,\"travel\":null";
+    const RunOutcome outcome = AxisOutcome(a, e.kind == ReportKind::kZoom);
+    AppendOutcome(row, outcome.outcome);
+    row += ",\"unmeasured\":[";
+    if (!outcome.measured[0]) row += outcome.measured[1] ? "\"startNeg\"" : "\"startNeg\",";
+    if (!outcome.measured[1]) row += "\"startPos\"";
+    row += ']';
   }
   row += '}';
   out += row;
@@ -221,6 +262,10 @@ std::string ReportsJson(const std::string& folder) {
     out += e.hasTrace ? ",\"hasTrace\":true" : ",\"hasTrace\":false";
     out += ",\"modified\":";
     AppendInt(out, e.modified);
+    // The newest reports' outcomes: each costs a read of its file.
+    std::string text;
+    const bool read = i < kMaxOutcomeReads && ReadReportText(folder, e, text);
+    AppendOutcome(out, read ? OutcomeOf(e.kind, text).outcome : Outcome::kUnknown);
     out += '}';
   }
   out += "]}\n";

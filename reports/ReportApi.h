@@ -25,14 +25,20 @@ enum class ApiStatus {
 inline constexpr std::size_t kMaxHistoryReportBytes = 64u << 10;
 inline constexpr std::size_t kMaxHistoryReports = 2000;
 
+// The list gives the outcomes of this many of the newest reports; older ones have none.
+inline constexpr std::size_t kMaxOutcomeReads = 2000;
+
 // /reports: {"truncated":false,"reports":[{"base":..,"kind":..,"axis":..,"number":..,
-// "hasReport":..,"hasTrace":..,"modified":S},...]}, newest first.
+// "hasReport":..,"hasTrace":..,"modified":S,"outcome":"completed"|..|null},...]}, newest first.
+// The outcome is one of "completed", "manually stopped", "voltage limit", "limit not
+// registered", "cancelled", "platen time-out"; null when it could not be read.
 std::string ReportsJson(const std::string& folder);
 
-// /report: {"base":..,"text":..|null,"problem":..,"trace":{"columns":[..],"rows":[[..],..],
-// "problem":..}|null}, written to the sink in chunks (a trace may be 32 MiB). Times are written
-// with the three decimals the trace holds, so nothing is lost. kNotFound when `base` is not a
-// report the folder lists (nothing is written then); kStopped when the sink stopped it.
+// /report: {"base":..,"text":..|null,"problem":..,"trace":{"board":..,"columns":[..],
+// "rows":[[..],..],"problem":..}|null}, `board` the trace's "# board:" line or "", written to the
+// sink in chunks (a trace may be 32 MiB). Times are written with the three decimals the trace
+// holds, so nothing is lost. kNotFound when `base` is not a report the folder lists (nothing is
+// written then); kStopped when the sink stopped it.
 ApiStatus WriteReportJson(const std::string& folder, std::string_view base, const ChunkSink& sink);
 
 // /report-file: the path of BASE.dat or BASE.csv when the folder lists that file; false for any
@@ -50,8 +56,11 @@ ApiStatus SendReportFile(const std::string& folder, std::string_view base, std::
                          const std::function<void()>& begin, const ChunkSink& sink);
 
 // /history: {"axes":{"X":[{"time":S,"base":..,"kind":"axis|zoom|limit","startNeg":..,
-// "startPos":..,"movingNeg":[min,max]|null,"movingPos":..,"travel":..},...]}}, each axis oldest
-// first, null where the report did not say. Reports of which nothing could be read are left out.
+// "startPos":..,"movingNeg":[min,max]|null,"movingPos":..,"travel":..,"outcome":..,
+// "unmeasured":["startNeg",..]},...]}}, each axis oldest first, null where the report did not
+// say. `unmeasured` names the values the run did not measure (a cancelled direction, a seek
+// stopped by hand): they are no baseline and no drift. Reports of which nothing could be read are
+// left out.
 std::string HistoryJson(const std::string& folder);
 
 }  // namespace reports

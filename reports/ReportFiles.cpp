@@ -16,8 +16,6 @@ namespace reports {
 
 namespace {
 
-constexpr std::string_view kTraceHeader = "time,bias,linear,rotary,limit";
-
 bool StartsWith(std::string_view s, std::string_view prefix) {
   return s.substr(0, prefix.size()) == prefix;
 }
@@ -72,26 +70,21 @@ bool ParseAnswer(std::string_view s, std::optional<bool>& out) {
 
 // The name of a report file without its extension: kind, axis and number.
 bool ParseReportName(std::string_view base, ReportEntry& e) {
-  std::string_view rest;
-  if (StartsWith(base, "AxisTest_Zoom_")) {
-    e.kind = ReportKind::kZoom;
-    e.axis = "Zoom";
-    rest = base.substr(14);
-  } else if (StartsWith(base, "AxisTest_") || StartsWith(base, "LimitTest_")) {
-    e.kind = base[0] == 'A' ? ReportKind::kAxis : ReportKind::kLimit;
-    rest = base.substr(base[0] == 'A' ? 9 : 10);
-    if (rest.size() < 2 || rest[1] != '_' ||
-        std::string_view("XYZ0").find(rest[0]) == std::string_view::npos)
-      return false;
-    e.axis = std::string(1, rest[0]);
-    rest.remove_prefix(2);
-  } else if (StartsWith(base, "PlatenTest_")) {
-    e.kind = ReportKind::kPlaten;
-    rest = base.substr(11);
-  } else {
-    return false;
+  for (const KindLayout& k : kKindLayouts) {
+    if (!StartsWith(base, k.prefix)) continue;
+    std::string_view rest = base.substr(std::string_view(k.prefix).size());
+    e.kind = k.kind;
+    e.axis = k.kind == ReportKind::kZoom ? "Zoom" : "";
+    if (k.axisInName) {
+      if (rest.size() < 2 || rest[1] != '_' ||
+          std::string_view("XYZ0").find(rest[0]) == std::string_view::npos)
+        return false;
+      e.axis = std::string(1, rest[0]);
+      rest.remove_prefix(2);
+    }
+    return ParseNumber(rest, e.number);
   }
-  return ParseNumber(rest, e.number);
+  return false;
 }
 
 // Calls fn(line) for each line, without its CR LF.
@@ -283,13 +276,16 @@ bool ParseAxisReport(std::string_view text, AxisReport& out) {
   int section = 0;  // 1 linear, 2 rotary
   std::size_t lineNo = 0;
   bool any = false;
+  const AxisReportLayout& L = kAxisReport;
   ForEachLine(text, [&](std::string_view raw) {
     ++lineNo;
     const std::string_view line = Trim(raw);
     if (line.empty()) return;
-    if (line.size() > 9 && (line.ends_with(" Axis (-)") || line.ends_with(" Axis (+)"))) {
-      d = line[line.size() - 2] == '-' ? 0 : 1;
-      out.axis = std::string(line.substr(0, line.size() - 9));
+    for (int h = 0; h < 2; ++h) {
+      const std::string_view heading = L.heading[h];
+      if (line.size() <= heading.size() || !line.ends_with(heading)) continue;
+      d = h;
+      out.axis = std::string(line.substr(0, line.size() - heading.size()));
       out.dir[d] = AxisDirection{};
       out.dir[d].present = any = true;
       section = 0;
@@ -300,27 +296,27 @@ bool ParseAxisReport(std::string_view text, AxisReport& out) {
     std::string_view key, value;
     std::int32_t n = 0;
     std::optional<bool> answer;
-    if (line == "VOLTAGE LIMIT REACHED") {
+    if (line == L.voltageLimit) {
       r.voltageLimitReached = true;
-    } else if (line == "Linear Encoder Positions") {
+    } else if (line == L.linear) {
       section = 1;
-    } else if (line == "Rotary Encoder Positions") {
+    } else if (line == L.rotary) {
       section = 2;
     } else if (!KeyValue(line, key, value)) {
       Note(out.problem, lineNo, line);
-    } else if ((key == "Initial" || key == "Final" || key == "Change") && section != 0 &&
+    } else if ((key == L.initial || key == L.final || key == L.change) && section != 0 &&
                ParseInt32(value, n)) {
-      auto& slot = key == "Initial" ? (section == 1 ? r.linearInitial : r.rotaryInitial)
-                   : key == "Final" ? (section == 1 ? r.linearFinal : r.rotaryFinal)
+      auto& slot = key == L.initial ? (section == 1 ? r.linearInitial : r.rotaryInitial)
+                   : key == L.final ? (section == 1 ? r.linearFinal : r.rotaryFinal)
                                     : (section == 1 ? r.linearChange : r.rotaryChange);
       slot = n;
-    } else if (key == "Starting Voltage" && ParseInt32(value, n)) {
+    } else if (key == L.startingVoltage && ParseInt32(value, n)) {
       r.startingVoltage = n;
-    } else if (key == "Correct Direction" && ParseAnswer(value, answer)) {
+    } else if (key == L.correctDirection && ParseAnswer(value, answer)) {
       r.correctDirection = answer;
-    } else if (key == "Correct Distance" && ParseAnswer(value, answer)) {
+    } else if (key == L.correctDistance && ParseAnswer(value, answer)) {
       r.correctDistance = answer;
-    } else if (key == "Manually Stopped" && ParseAnswer(value, answer)) {
+    } else if (key == L.manuallyStopped && ParseAnswer(value, answer)) {
       r.manuallyStopped = answer;
     } else {
       Note(out.problem, lineNo, line);
@@ -340,6 +336,8 @@ bool ParseLimitReport(std::string_view text, LimitReport& out) {
   enum { kNone, kLinear, kRotary, kMovingNeg, kMovingPos, kStopped } section = kNone;
   std::size_t lineNo = 0;
   bool any = false;
+  const LimitReportLayout& L = kLimitReport;
+  const std::string_view heading = Trim(L.heading);
   ForEachLine(text, [&](std::string_view raw) {
     ++lineNo;
     const std::string_view line = Trim(raw);
@@ -347,42 +345,36 @@ bool ParseLimitReport(std::string_view text, LimitReport& out) {
     std::string_view key, value;
     std::int32_t n = 0;
     std::optional<bool> answer;
-    if (lineNo == 1 && line.ends_with(" Axis") && line.size() > 5) {
-      out.axis = std::string(line.substr(0, line.size() - 5));
+    const bool side = KeyValue(line, key, value) && (key == L.side[0] || key == L.side[1]);
+    const int at = key == L.side[1] ? 1 : 0;
+    if (lineNo == 1 && line.ends_with(heading) && line.size() > heading.size()) {
+      out.axis = std::string(Trim(line.substr(0, line.size() - heading.size())));
       any = true;
-    } else if (line == "VOLTAGE LIMIT REACHED") {
+    } else if (line == L.voltageLimit) {
       out.voltageLimitReached = true;
-    } else if (line == "DIDN'T REGISTER HITTING NEGATIVE LIMIT") {
-      out.limitNotRegistered[0] = true;
-    } else if (line == "DIDN'T REGISTER HITTING POSITIVE LIMIT") {
-      out.limitNotRegistered[1] = true;
-    } else if (line == "Linear encoder limits") {
-      section = kLinear;
-    } else if (line == "Rotary encoder limits") {
-      section = kRotary;
-    } else if (line == "Moving voltage (-)") {
-      section = kMovingNeg;
-    } else if (line == "Moving voltage (+)") {
-      section = kMovingPos;
-    } else if (line == "Manually Stopped:") {
+    } else if (line == L.notRegistered[0] || line == L.notRegistered[1]) {
+      out.limitNotRegistered[line == L.notRegistered[1] ? 1 : 0] = true;
+    } else if (line == L.linear || line == L.rotary) {
+      section = line == L.linear ? kLinear : kRotary;
+    } else if (line == L.moving[0] || line == L.moving[1]) {
+      section = line == L.moving[0] ? kMovingNeg : kMovingPos;
+    } else if (line == L.manuallyStopped) {
       section = kStopped;
     } else if (!KeyValue(line, key, value)) {
       Note(out.problem, lineNo, line);
-    } else if ((key == "Negative" || key == "Positive") && section == kStopped &&
-               ParseAnswer(value, answer)) {
-      out.manuallyStopped[key == "Positive" ? 1 : 0] = answer;
+    } else if (side && section == kStopped && ParseAnswer(value, answer)) {
+      out.manuallyStopped[at] = answer;
       any = true;
-    } else if ((key == "Negative" || key == "Positive") &&
-               (section == kLinear || section == kRotary) && ParseInt32(value, n)) {
+    } else if (side && (section == kLinear || section == kRotary) && ParseInt32(value, n)) {
       std::optional<std::int32_t>* limits = section == kLinear ? out.linearLimit : out.rotaryLimit;
-      limits[key == "Positive" ? 1 : 0] = n;
+      limits[at] = n;
       any = true;
-    } else if ((key == "Min" || key == "Max") && (section == kMovingNeg || section == kMovingPos) &&
+    } else if ((key == L.min || key == L.max) && (section == kMovingNeg || section == kMovingPos) &&
                ParseInt32(value, n)) {
-      std::optional<std::int32_t>* voltages = key == "Min" ? out.minVoltage : out.maxVoltage;
+      std::optional<std::int32_t>* voltages = key == L.min ? out.minVoltage : out.maxVoltage;
       voltages[section == kMovingPos ? 1 : 0] = n;
       any = true;
-    } else if (key == "Centering" && value == "Yes") {
+    } else if (key == L.centering && value == kYes) {
       out.centeringStopped = true;
     } else {
       Note(out.problem, lineNo, line);
@@ -395,9 +387,19 @@ bool ParseLimitReport(std::string_view text, LimitReport& out) {
 Trace ParseTrace(std::string_view csv) {
   Trace trace;
   std::size_t lineNo = 0;
+  std::size_t header = 1;
   ForEachLine(csv, [&](std::string_view line) {
     ++lineNo;
-    if (lineNo == 1) {
+    // The board's line, when there is one, comes before the header.
+    if (lineNo == 1 && StartsWith(line, kTraceBoardLine)) {
+      trace.board = std::string(Trim(line.substr(kTraceBoardLine.size())).substr(0, 80));
+      for (char& c : trace.board) {
+        if (static_cast<unsigned char>(c) < 0x20) c = '?';
+      }
+      header = 2;
+      return;
+    }
+    if (lineNo == header) {
       if (line != kTraceHeader) Note(trace.problem, lineNo, line);
       return;
     }
@@ -433,6 +435,69 @@ Trace ParseTrace(std::string_view csv) {
   });
   if (lineNo == 0) trace.problem = "empty trace";
   return trace;
+}
+
+namespace {
+
+// A direction whose block is all zeros did not run: it was cancelled, or the test quit first.
+bool Cancelled(const AxisDirection& d) {
+  for (const auto& v : {d.linearInitial, d.linearFinal, d.linearChange, d.rotaryInitial,
+                        d.rotaryFinal, d.rotaryChange, d.startingVoltage}) {
+    if (v.value_or(0) != 0) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+RunOutcome AxisOutcome(const AxisReport& report, bool zoom) {
+  RunOutcome out;
+  bool any = false, limit = false, cancelled = false, stopped = false;
+  for (int i = 0; i < 2; ++i) {
+    const AxisDirection& d = report.dir[i];
+    if (!d.present) continue;
+    any = true;
+    // The zoom reports no linear encoder: its move is the rotary one.
+    const std::int32_t moved = zoom ? d.rotaryChange.value_or(0) : d.linearChange.value_or(0);
+    const bool stoppedHere = d.manuallyStopped.value_or(false);
+    const bool cancelledHere = Cancelled(d);
+    limit = limit || d.voltageLimitReached;
+    cancelled = cancelled || cancelledHere;
+    stopped = stopped || stoppedHere;
+    out.measured[i] = !cancelledHere && !(stoppedHere && moved == 0);
+  }
+  if (!any) return out;
+  out.outcome = limit       ? Outcome::kVoltageLimit
+                : cancelled ? Outcome::kCancelled
+                : stopped   ? Outcome::kManuallyStopped
+                            : Outcome::kCompleted;
+  return out;
+}
+
+RunOutcome LimitOutcome(const LimitReport& report) {
+  RunOutcome out;
+  if (report.axis.empty() && !report.linearLimit[0] && !report.linearLimit[1]) return out;
+  const bool missed = report.limitNotRegistered[0] || report.limitNotRegistered[1];
+  const bool stopped =
+      report.manuallyStopped[0].value_or(false) || report.manuallyStopped[1].value_or(false);
+  out.outcome = missed                               ? Outcome::kLimitNotRegistered
+                : report.voltageLimitReached         ? Outcome::kVoltageLimit
+                : stopped || report.centeringStopped ? Outcome::kManuallyStopped
+                                                     : Outcome::kCompleted;
+  // Both limits were found when no seek was stopped or missed its limit; a stop while centering
+  // comes after them.
+  out.measured[0] = out.measured[1] =
+      !missed && !stopped && !report.voltageLimitReached && report.Travel().has_value();
+  return out;
+}
+
+Outcome PlatenOutcome(std::string_view text) {
+  const PlatenReportLayout& L = kPlatenReport;
+  for (const PlatenEnding& e : {L.stoppedInCycle, L.completedCycle, L.stoppedAfterCycle,
+                                L.failedAfterCycle, L.failedInCycle}) {
+    if (StartsWith(text, e.text)) return e.outcome;
+  }
+  return Outcome::kUnknown;
 }
 
 }  // namespace reports

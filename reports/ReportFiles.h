@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "reports/ReportLayout.h"
+
 namespace reports {
 
 // Files above these sizes are refused unread. A report is a few hundred bytes (a platen test of
@@ -17,8 +19,6 @@ namespace reports {
 inline constexpr std::size_t kMaxReportBytes = 1u << 20;
 inline constexpr std::size_t kMaxTraceBytes = 32u << 20;
 inline constexpr std::size_t kMaxListedReports = 100000;
-
-enum class ReportKind : std::uint8_t { kAxis, kZoom, kLimit, kPlaten };
 
 // One report of the folder: its .dat, its .csv, or both.
 struct ReportEntry {
@@ -94,11 +94,25 @@ struct TraceRow {
 };
 
 struct Trace {
+  std::string board;  // what the first line "# board: ..." says ("simulated autovision"), or ""
   std::vector<TraceRow> rows;
   std::string problem;  // the first row not read (with its line number), empty when all were
 };
 
-// The header "time,bias,linear,rotary,limit", then rows; a bad row is skipped and named.
+// An optional line "# board: <what>", the header "time,bias,linear,rotary,limit", then rows; a bad
+// row is skipped and named.
 Trace ParseTrace(std::string_view csv);
+
+// How a run ended and which of its values are measurements. A direction that was cancelled (its
+// block all zeros), or stopped by hand before the axis moved, measured nothing; nor did a limit
+// test stopped by hand in a seek or one that missed a limit.
+struct RunOutcome {
+  Outcome outcome = Outcome::kUnknown;
+  bool measured[2] = {};  // per direction; a limit test's both alike
+};
+RunOutcome AxisOutcome(const AxisReport& report, bool zoom);
+RunOutcome LimitOutcome(const LimitReport& report);
+// From the platen report's first line.
+Outcome PlatenOutcome(std::string_view text);
 
 }  // namespace reports

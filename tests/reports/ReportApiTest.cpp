@@ -94,11 +94,12 @@ TEST_F(ReportApi, ListsThousandsOfReportsWithWhatIsMissing) {
   }
   for (int i = 0; i < 500; ++i)
     WriteBytes("notes" + std::to_string(i) + ".txt", "");
-  const std::string both =
-      Write(motion::AxisReportPrefix(0), motion::AxisReportBody(r, 0), 4000, {{.time = 0}});
-  const std::string csvOnly = Write(motion::LimitReportPrefix(2), "z", 3000, {{.time = 0}});
+  const std::string both = Write(ReportPrefix(ReportKind::kAxis, "X"), motion::AxisReportBody(r, 0),
+                                 4000, {{.time = 0}});
+  const std::string csvOnly =
+      Write(ReportPrefix(ReportKind::kLimit, "Z"), "z", 3000, {{.time = 0}});
   std::filesystem::remove(folder_ + "/" + csvOnly + ".dat");
-  const std::string datOnly = Write(motion::kPlatenReportPrefix, "p", 2000);
+  const std::string datOnly = Write(ReportPrefix(ReportKind::kPlaten), "p", 2000);
   WriteBytes("AxisTest_\"X\n_1.dat", "");
 
   const json list = json::parse(ReportsJson(folder_));
@@ -106,7 +107,14 @@ TEST_F(ReportApi, ListsThousandsOfReportsWithWhatIsMissing) {
   ASSERT_EQ(list["reports"].size(), 3003u);
   const json& first = list["reports"][0];
   EXPECT_EQ(first, json::parse(R"({"base":"AxisTest_X_0","kind":"axis","axis":"X","number":0,
-                            "hasReport":true,"hasTrace":true,"modified":4000})"));
+                            "hasReport":true,"hasTrace":true,"modified":4000,
+                            "outcome":"cancelled"})"));
+  // No .dat, or one that does not say how it ended: no outcome.
+  EXPECT_EQ(list["reports"][1]["outcome"], nullptr);
+  EXPECT_EQ(list["reports"][2]["outcome"], nullptr);
+  // Only the newest reports' outcomes are read.
+  EXPECT_EQ(list["reports"][kMaxOutcomeReads - 1]["outcome"], "cancelled");
+  EXPECT_EQ(list["reports"][kMaxOutcomeReads]["outcome"], nullptr);
   EXPECT_EQ(list["reports"][1]["base"], "LimitTest_Z_0");
   EXPECT_EQ(list["reports"][1]["kind"], "limit");
   EXPECT_EQ(list["reports"][1]["hasReport"], false);
@@ -142,7 +150,7 @@ TEST_F(ReportApi, ReportAndTraceComeBackExactly) {
                        .limit = static_cast<std::int8_t>(i % 3 - 1)});
   }
   const std::string body = motion::AxisReportBody(r, 0);
-  const std::string base = Write(motion::AxisReportPrefix(0), body, 1000, samples);
+  const std::string base = Write(ReportPrefix(ReportKind::kAxis, "X"), body, 1000, samples);
 
   ApiStatus status{};
   std::size_t chunks = 0;
@@ -184,7 +192,7 @@ TEST_F(ReportApi, ReportAndTraceComeBackExactly) {
 }
 
 TEST_F(ReportApi, OnlyListedNamesAreServed) {
-  const std::string base = Write(motion::AxisReportPrefix(0), "x", 1000);
+  const std::string base = Write(ReportPrefix(ReportKind::kAxis, "X"), "x", 1000);
   WriteBytes("secret.dat", "s");
   std::filesystem::create_directory(folder_ + "/sub");
   std::ofstream(folder_ + "/sub/AxisTest_X_0.dat") << "s";
@@ -211,7 +219,8 @@ TEST_F(ReportApi, BadFilesGiveWhatCouldBeRead) {
   motion::AxisTestResult r;
   r.StartingVoltage[0] = 1500;
   r.StartingVoltage[1] = 1750;
-  const std::string good = Write(motion::AxisReportPrefix(1), motion::AxisReportBody(r, 1), 1000);
+  const std::string good =
+      Write(ReportPrefix(ReportKind::kAxis, "Y"), motion::AxisReportBody(r, 1), 1000);
   std::string bytes, reason;
   ASSERT_TRUE(ReadBoundedFile(folder_ + "/" + good + ".dat", kMaxReportBytes, bytes, reason));
   const struct {
@@ -303,26 +312,30 @@ TEST_F(ReportApi, HistoryPerAxisOldestFirst) {
   l.MaxVoltage[0] = 1750;
   l.MinVoltage[1] = -250;
   l.MaxVoltage[1] = 2000;
-  Write(motion::AxisReportPrefix(0), axis(850, 900), 3000);
-  Write(motion::AxisReportPrefix(0), axis(2550, 2700), 1000);  // older, though numbered after
-  Write(motion::LimitReportPrefix(0), motion::LimitReportBody(l, 0), 2000);
+  Write(ReportPrefix(ReportKind::kAxis, "X"), axis(850, 900), 3000);
+  Write(ReportPrefix(ReportKind::kAxis, "X"), axis(2550, 2700),
+        1000);  // older, though numbered after
+  Write(ReportPrefix(ReportKind::kLimit, "X"), motion::LimitReportBody(l, 0), 2000);
   // A limit report cut before its negative limit: no travel.
   WriteBytes("LimitTest_Y_0.dat",
              Utf16File("          Y Axis \r\nLinear encoder limits\r\n          Positive: 5\r\n"));
-  Write(motion::kPlatenReportPrefix, "Platen", 2000);
+  Write(ReportPrefix(ReportKind::kPlaten), "Platen", 2000);
   WriteBytes("AxisTest_X_7.dat", Utf16File("Not a report\r\n"));
   SetTime(folder_ + "/AxisTest_X_7.dat", 2500);
 
   const json history = json::parse(HistoryJson(folder_));
   EXPECT_EQ(history["axes"]["X"], json::parse(R"([
       {"time":1000,"base":"AxisTest_X_1","kind":"axis","startNeg":2550,"startPos":2700,
-       "movingNeg":null,"movingPos":null,"travel":null},
+       "movingNeg":null,"movingPos":null,"travel":null,"outcome":"completed","unmeasured":[]},
       {"time":2000,"base":"LimitTest_X_0","kind":"limit","startNeg":null,"startPos":null,
-       "movingNeg":[1000,1750],"movingPos":[-250,2000],"travel":302001},
+       "movingNeg":[1000,1750],"movingPos":[-250,2000],"travel":302001,"outcome":"completed",
+       "unmeasured":[]},
       {"time":3000,"base":"AxisTest_X_0","kind":"axis","startNeg":850,"startPos":900,
-       "movingNeg":null,"movingPos":null,"travel":null}])"));
+       "movingNeg":null,"movingPos":null,"travel":null,"outcome":"completed","unmeasured":[]}])"));
   ASSERT_EQ(history["axes"]["Y"].size(), 1u);
   EXPECT_EQ(history["axes"]["Y"][0]["travel"], nullptr);
+  EXPECT_EQ(history["axes"]["Y"][0]["unmeasured"],
+            json::parse(R"(["movingNeg","movingPos","travel"])"));
   EXPECT_EQ(history["axes"].size(), 2u);  // no platen
 }
 

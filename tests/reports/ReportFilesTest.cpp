@@ -53,11 +53,11 @@ class ReportFiles : public ::testing::Test {
 };
 
 TEST_F(ReportFiles, ListsNewestFirstWithKindAxisAndNumber) {
-  const std::string x0 = Write(motion::AxisReportPrefix(0), "x");
-  const std::string x1 = Write(motion::AxisReportPrefix(0), "x", {{.time = 0.02}});
-  const std::string lz = Write(motion::LimitReportPrefix(2), "z", {{.time = 0.02}});
-  const std::string zoom = Write(motion::kZoomReportPrefix, "zoom");
-  const std::string platen = Write(motion::kPlatenReportPrefix, "p");
+  const std::string x0 = Write(ReportPrefix(ReportKind::kAxis, "X"), "x");
+  const std::string x1 = Write(ReportPrefix(ReportKind::kAxis, "X"), "x", {{.time = 0.02}});
+  const std::string lz = Write(ReportPrefix(ReportKind::kLimit, "Z"), "z", {{.time = 0.02}});
+  const std::string zoom = Write(ReportPrefix(ReportKind::kZoom), "zoom");
+  const std::string platen = Write(ReportPrefix(ReportKind::kPlaten), "p");
   SetTime(x0, 1000);
   SetTime(x1, 3000);
   SetTime(x1.substr(0, x1.size() - 4) + ".csv", 3001);
@@ -118,8 +118,8 @@ TEST_F(ReportFiles, ReadsTheAxisReportAsWritten) {
   r.CorrectDistance[1] = 7;
   r.ManuallyStopped[1] = 1;
   AxisReport a;
-  ASSERT_TRUE(
-      ParseAxisReport(Text(Write(motion::AxisReportPrefix(1), motion::AxisReportBody(r, 1))), a));
+  ASSERT_TRUE(ParseAxisReport(
+      Text(Write(ReportPrefix(ReportKind::kAxis, "Y"), motion::AxisReportBody(r, 1))), a));
   EXPECT_EQ(a.problem, "");
   EXPECT_EQ(a.axis, "Y");
   const AxisDirection& neg = a.dir[0];
@@ -142,7 +142,7 @@ TEST_F(ReportFiles, ReadsTheAxisReportAsWritten) {
   EXPECT_EQ(pos.manuallyStopped, true);
 
   ASSERT_TRUE(
-      ParseAxisReport(Text(Write(motion::kZoomReportPrefix, motion::ZoomReportBody(r))), a));
+      ParseAxisReport(Text(Write(ReportPrefix(ReportKind::kZoom), motion::ZoomReportBody(r))), a));
   EXPECT_EQ(a.axis, "Zoom");
   EXPECT_EQ(a.dir[0].rotaryChange, -40014);
 }
@@ -160,7 +160,7 @@ TEST_F(ReportFiles, ReadsTheLimitReportAsWritten) {
   r.ManuallyStopped[0] = 1;
   LimitReport l;
   ASSERT_TRUE(ParseLimitReport(
-      Text(Write(motion::LimitReportPrefix(0), motion::LimitReportBody(r, 0))), l));
+      Text(Write(ReportPrefix(ReportKind::kLimit, "X"), motion::LimitReportBody(r, 0))), l));
   EXPECT_EQ(l.problem, "");
   EXPECT_EQ(l.axis, "X");
   EXPECT_FALSE(l.voltageLimitReached);
@@ -179,7 +179,7 @@ TEST_F(ReportFiles, ReadsTheLimitReportAsWritten) {
   r.LimitNotRegistered[0] = r.LimitNotRegistered[1] = 1;
   r.CenteringStopped = 1;
   ASSERT_TRUE(ParseLimitReport(
-      Text(Write(motion::LimitReportPrefix(2), motion::LimitReportBody(r, 2))), l));
+      Text(Write(ReportPrefix(ReportKind::kLimit, "Z"), motion::LimitReportBody(r, 2))), l));
   EXPECT_EQ(l.problem, "");
   EXPECT_EQ(l.axis, "Z");
   EXPECT_TRUE(l.voltageLimitReached);
@@ -198,7 +198,7 @@ TEST_F(ReportFiles, ReadsTheTraceWithoutLoss) {
                        .rotary = -2147483647 - 1 + i,
                        .limit = static_cast<std::int8_t>(i % 3 - 1)});
   }
-  const std::string report = Write(motion::AxisReportPrefix(0), "r", samples);
+  const std::string report = Write(ReportPrefix(ReportKind::kAxis, "X"), "r", samples);
   std::string bytes, reason;
   ASSERT_TRUE(
       ReadBoundedFile(report.substr(0, report.size() - 4) + ".csv", kMaxTraceBytes, bytes, reason));
@@ -218,7 +218,8 @@ TEST_F(ReportFiles, BadFilesAreReadAsFarAsTheyGo) {
   motion::AxisTestResult r;
   r.StartingVoltage[0] = 1500;
   r.StartingVoltage[1] = 1750;
-  const std::string path = Write(motion::AxisReportPrefix(2), motion::AxisReportBody(r, 2));
+  const std::string path =
+      Write(ReportPrefix(ReportKind::kAxis, "Z"), motion::AxisReportBody(r, 2));
   std::string bytes, reason, problem;
   ASSERT_TRUE(ReadBoundedFile(path, kMaxReportBytes, bytes, reason));
 

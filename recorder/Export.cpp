@@ -148,8 +148,9 @@ std::int64_t FloorSecond(TimeUs t) {
 
 bool ExportSeconds(const Recorder& recorder, const ExportQuery& q,
                    const std::vector<ValueKind>& kinds, Writer& w) {
-  const std::int64_t last = FloorSecond(q.to);
-  // Nothing older than the history is kept: a window reaching further back starts there.
+  // Nothing older than the history is kept, counted back from now: a window reaching further
+  // back starts there, and one reaching into the future ends now.
+  const std::int64_t last = FloorSecond(std::min(q.to, q.now));
   const std::int64_t first = std::max(FloorSecond(q.from), last - recorder.Limits().historyS);
   const std::size_t n = q.channels.size();
   std::vector<double> mins(n * kSecondsPerBlock), maxs(n * kSecondsPerBlock);
@@ -188,6 +189,7 @@ bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs n
     reason = "query too long";
     return false;
   }
+  out.now = now;
   query::TimeRange range;
   if (!query::ParseTimeRange(query, now, range, reason)) return false;
   bool haveChannels = false;

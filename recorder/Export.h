@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +19,9 @@ struct ExportQuery {
   TimeUs to = 0;
   bool json = false;
   bool perSecond = false;  // resolution=1s; else full
+  // When the request came: the history reaches back from now, whatever `to` says, and no second
+  // after now is looked for. The latest time there is when the query was not parsed from a request.
+  TimeUs now = std::numeric_limits<TimeUs>::max();
 };
 
 // Bounds on the untrusted query.

@@ -142,6 +142,8 @@ void AppendReportText(std::string& out, const std::string& folder, const ReportE
   text::AppendJsonText(out, problem);
 }
 
+// The trace, read and written a line at a time: what is held is one piece of the file and one
+// chunk of the answer, whatever the trace's size.
 bool WriteTrace(std::string& out, const std::string& folder, const ReportEntry& e,
                 const ChunkSink& sink) {
   out += ",\"trace\":";
@@ -149,38 +151,41 @@ bool WriteTrace(std::string& out, const std::string& folder, const ReportEntry& 
     out += "null";
     return true;
   }
-  std::string bytes, reason;
-  Trace trace;
-  if (ReadBoundedFile(FilePath(folder, e.base, "csv"), kMaxTraceBytes, bytes, reason)) {
-    trace = ParseTrace(bytes);
-  } else {
-    trace.problem = e.base + ".csv not read: " + reason;
-  }
-  bytes = std::string();
-  out += "{\"board\":";
-  text::AppendJsonText(out, trace.board);
-  out += ",\"columns\":[";
+  out += "{\"columns\":[";
   for (const char* column : kTraceColumns) {
     if (column != kTraceColumns[0]) out += ',';
     text::AppendJsonText(out, column);
   }
   out += "],\"rows\":[";
-  for (std::size_t i = 0; i < trace.rows.size(); ++i) {
-    const TraceRow& r = trace.rows[i];
-    out += i == 0 ? "[" : ",\n[";
-    AppendTraceTime(out, r.timeMs);
-    for (const std::int32_t v : {r.bias, r.linear, r.rotary, r.limit}) {
-      out += ',';
-      AppendInt(out, v);
-    }
-    out += ']';
-    if (out.size() >= kChunkBytes) {
-      if (!sink(out)) return false;
-      out.clear();
-    }
-  }
-  out += "],\"problem\":";
-  text::AppendJsonText(out, trace.problem);
+  TraceParser parser;
+  bool first = true, stopped = false;
+  std::string reason;
+  const bool read = ForEachFileLine(
+      FilePath(folder, e.base, "csv"), kMaxTraceBytes,
+      [&](std::string_view line) {
+        const std::optional<TraceRow> r = parser.Line(line);
+        if (!r) return true;
+        out += first ? "[" : ",\n[";
+        first = false;
+        AppendTraceTime(out, r->timeMs);
+        for (const std::int32_t v : {r->bias, r->linear, r->rotary, r->limit}) {
+          out += ',';
+          AppendInt(out, v);
+        }
+        out += ']';
+        if (out.size() < kChunkBytes) return true;
+        stopped = !sink(out);
+        out.clear();
+        return !stopped;
+      },
+      reason);
+  if (stopped) return false;
+  parser.Finish();
+  if (!read) parser.problem = e.base + ".csv not read: " + reason;
+  out += "],\"board\":";
+  text::AppendJsonText(out, parser.board);
+  out += ",\"problem\":";
+  text::AppendJsonText(out, parser.problem);
   out += '}';
   return true;
 }

@@ -120,47 +120,111 @@ bool KeyValue(std::string_view line, std::string_view& key, std::string_view& va
 
 }  // namespace
 
-bool ReadBoundedFile(const std::string& path, std::size_t maxBytes, std::string& bytes,
-                     std::string& reason) {
-  bytes.clear();
+namespace {
+
+// Opens a plain file (never through a link, never waiting on a FIFO) of at most maxBytes: -1
+// with the reason otherwise. `size` is its size when opened.
+int OpenBounded(const std::string& path, std::size_t maxBytes, std::size_t& size,
+                std::string& reason) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
     reason = std::strerror(errno);
-    return false;
+    return -1;
   }
   struct stat st {};
-  bool ok = ::fstat(fd, &st) == 0;
-  if (!ok) {
+  if (::fstat(fd, &st) != 0) {
     reason = std::strerror(errno);
   } else if (!S_ISREG(st.st_mode)) {
     reason = "not a plain file";
-    ok = false;
   } else if (static_cast<std::uint64_t>(st.st_size) > maxBytes) {
     reason = "file too large (" + std::to_string(st.st_size) + " bytes)";
+  } else {
+    size = static_cast<std::size_t>(st.st_size);
+    return fd;
+  }
+  ::close(fd);
+  return -1;
+}
+
+// Reads up to `n` bytes; the count, or -1 with the reason.
+ssize_t ReadSome(int fd, char* to, std::size_t n, std::string& reason) {
+  for (;;) {
+    const ssize_t got = ::read(fd, to, n);
+    if (got >= 0) return got;
+    if (errno == EINTR) continue;
+    reason = std::strerror(errno);
+    return -1;
+  }
+}
+
+}  // namespace
+
+bool ReadBoundedFile(const std::string& path, std::size_t maxBytes, std::string& bytes,
+                     std::string& reason) {
+  bytes.clear();
+  std::size_t size = 0;
+  const int fd = OpenBounded(path, maxBytes, size, reason);
+  if (fd < 0) return false;
+  // As large as the file, and one byte more: a file that grew since fstat is refused too.
+  bytes.resize(size + 1);
+  std::size_t done = 0;
+  bool ok = true;
+  while (ok) {
+    if (done == bytes.size()) {
+      if (done > maxBytes) break;
+      bytes.resize(std::min(maxBytes + 1, bytes.size() * 2));
+    }
+    const ssize_t n = ReadSome(fd, bytes.data() + done, bytes.size() - done, reason);
+    ok = n >= 0;
+    if (n <= 0) break;
+    done += static_cast<std::size_t>(n);
+  }
+  ::close(fd);
+  bytes.resize(done);
+  if (ok && done > maxBytes) {
+    reason = "file too large";
     ok = false;
   }
-  if (ok) {
-    // Read at most one byte past the limit: a file that grew since fstat is refused too.
-    bytes.resize(maxBytes + 1);
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-      const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) {
-        reason = std::strerror(errno);
-        ok = false;
-      }
-      if (n <= 0) break;
-      done += static_cast<std::size_t>(n);
-    }
-    bytes.resize(done);
-    if (ok && done > maxBytes) {
+  if (!ok) bytes.clear();
+  return ok;
+}
+
+bool ForEachFileLine(const std::string& path, std::size_t maxBytes,
+                     const std::function<bool(std::string_view line)>& fn, std::string& reason) {
+  std::size_t size = 0;
+  const int fd = OpenBounded(path, maxBytes, size, reason);
+  if (fd < 0) return false;
+  constexpr std::size_t kPiece = 64 * 1024;
+  std::string buffer(kPiece, '\0');
+  std::string line;  // the line read so far, cut at kMaxLineBytes
+  std::size_t total = 0;
+  bool ok = true, more = true, stopped = false;
+  const auto pass = [&] {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    stopped = !fn(line);
+    line.clear();
+  };
+  while (ok && more && !stopped) {
+    const ssize_t n = ReadSome(fd, buffer.data(), buffer.size(), reason);
+    ok = n >= 0;
+    more = n > 0;
+    total += static_cast<std::size_t>(std::max<ssize_t>(n, 0));
+    if (total > maxBytes) {
       reason = "file too large";
       ok = false;
     }
+    std::string_view piece(buffer.data(), ok ? static_cast<std::size_t>(n) : 0);
+    while (!piece.empty() && !stopped) {
+      const std::size_t nl = piece.find('\n');
+      const std::string_view part = piece.substr(0, nl);
+      line.append(part.substr(0, kMaxLineBytes - std::min(kMaxLineBytes, line.size())));
+      if (nl == std::string_view::npos) break;
+      pass();
+      piece.remove_prefix(nl + 1);
+    }
   }
+  if (ok && !stopped && !line.empty()) pass();
   ::close(fd);
-  if (!ok) bytes.clear();
   return ok;
 }
 
@@ -384,56 +448,65 @@ bool ParseLimitReport(std::string_view text, LimitReport& out) {
   return any;
 }
 
+std::optional<TraceRow> TraceParser::Line(std::string_view line) {
+  ++lineNo_;
+  // The board's line, when there is one, comes before the header.
+  if (lineNo_ == 1 && StartsWith(line, kTraceBoardLine)) {
+    board = std::string(Trim(line.substr(kTraceBoardLine.size())).substr(0, 80));
+    for (char& c : board) {
+      if (static_cast<unsigned char>(c) < 0x20) c = '?';
+    }
+    header_ = 2;
+    return std::nullopt;
+  }
+  if (lineNo_ == header_) {
+    if (line != kTraceHeader) Note(problem, lineNo_, line);
+    return std::nullopt;
+  }
+  if (line.empty()) return std::nullopt;
+  std::string_view fields[5];
+  std::size_t count = 0;
+  std::string_view rest = line;
+  for (bool more = true; more && count < 6; ++count) {
+    const std::size_t comma = rest.find(',');
+    if (count < 5) fields[count] = rest.substr(0, comma);
+    more = comma != std::string_view::npos;
+    if (more) rest.remove_prefix(comma + 1);
+  }
+  TraceRow row;
+  // The time: seconds with up to three decimals, kept as milliseconds.
+  std::string_view t = count == 5 ? fields[0] : std::string_view{};
+  const std::size_t dot = t.find('.');
+  std::int32_t whole = 0, part = 0;
+  const std::string_view decimals = dot == std::string_view::npos ? "" : t.substr(dot + 1);
+  const bool ok = count == 5 && ParseInt32(t.substr(0, dot), whole) && decimals.size() <= 3 &&
+                  (decimals.empty() || (ParseInt32(decimals, part) && decimals[0] != '-')) &&
+                  ParseInt32(fields[1], row.bias) && ParseInt32(fields[2], row.linear) &&
+                  ParseInt32(fields[3], row.rotary) && ParseInt32(fields[4], row.limit);
+  if (!ok) {
+    Note(problem, lineNo_, line);
+    return std::nullopt;
+  }
+  for (std::size_t k = decimals.size(); k < 3; ++k)
+    part *= 10;
+  const bool negative = !t.empty() && t[0] == '-';
+  row.timeMs = static_cast<std::int64_t>(whole) * 1000 + (negative ? -part : part);
+  return row;
+}
+
+void TraceParser::Finish() {
+  if (lineNo_ == 0) problem = "empty trace";
+}
+
 Trace ParseTrace(std::string_view csv) {
   Trace trace;
-  std::size_t lineNo = 0;
-  std::size_t header = 1;
+  TraceParser parser;
   ForEachLine(csv, [&](std::string_view line) {
-    ++lineNo;
-    // The board's line, when there is one, comes before the header.
-    if (lineNo == 1 && StartsWith(line, kTraceBoardLine)) {
-      trace.board = std::string(Trim(line.substr(kTraceBoardLine.size())).substr(0, 80));
-      for (char& c : trace.board) {
-        if (static_cast<unsigned char>(c) < 0x20) c = '?';
-      }
-      header = 2;
-      return;
-    }
-    if (lineNo == header) {
-      if (line != kTraceHeader) Note(trace.problem, lineNo, line);
-      return;
-    }
-    if (line.empty()) return;
-    std::string_view fields[5];
-    std::size_t count = 0;
-    std::string_view rest = line;
-    for (bool more = true; more && count < 6; ++count) {
-      const std::size_t comma = rest.find(',');
-      if (count < 5) fields[count] = rest.substr(0, comma);
-      more = comma != std::string_view::npos;
-      if (more) rest.remove_prefix(comma + 1);
-    }
-    TraceRow row;
-    // The time: seconds with up to three decimals, kept as milliseconds.
-    std::string_view t = count == 5 ? fields[0] : std::string_view{};
-    const std::size_t dot = t.find('.');
-    std::int32_t whole = 0, part = 0;
-    const std::string_view decimals = dot == std::string_view::npos ? "" : t.substr(dot + 1);
-    bool ok = count == 5 && ParseInt32(t.substr(0, dot), whole) && decimals.size() <= 3 &&
-              (decimals.empty() || (ParseInt32(decimals, part) && decimals[0] != '-')) &&
-              ParseInt32(fields[1], row.bias) && ParseInt32(fields[2], row.linear) &&
-              ParseInt32(fields[3], row.rotary) && ParseInt32(fields[4], row.limit);
-    if (ok) {
-      for (std::size_t k = decimals.size(); k < 3; ++k)
-        part *= 10;
-      const bool negative = !t.empty() && t[0] == '-';
-      row.timeMs = static_cast<std::int64_t>(whole) * 1000 + (negative ? -part : part);
-      trace.rows.push_back(row);
-    } else {
-      Note(trace.problem, lineNo, line);
-    }
+    if (const std::optional<TraceRow> row = parser.Line(line)) trace.rows.push_back(*row);
   });
-  if (lineNo == 0) trace.problem = "empty trace";
+  parser.Finish();
+  trace.board = std::move(parser.board);
+  trace.problem = std::move(parser.problem);
   return trace;
 }
 

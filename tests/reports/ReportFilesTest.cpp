@@ -278,5 +278,54 @@ TEST_F(ReportFiles, BadFilesAreReadAsFarAsTheyGo) {
   EXPECT_EQ(ParseTrace("").problem, "empty trace");
 }
 
+// A trace is read a piece at a time: lines across the pieces' edges come whole, a line longer
+// than any trace's is cut, and the reader stops when told to or when the file passes its bound.
+TEST_F(ReportFiles, FilesAreReadLineByLineWithinTheirBounds) {
+  std::string text;
+  std::vector<std::string> expected;
+  for (int i = 0; text.size() < 200 * 1024; ++i) {
+    expected.push_back(std::to_string(i) + std::string(static_cast<std::size_t>(i % 97), 'y'));
+    text += expected.back() + (i % 2 ? "\r\n" : "\n");
+  }
+  expected.push_back(std::string(kMaxLineBytes, 'z'));
+  text += std::string(kMaxLineBytes + 10, 'z') + "\nlast";
+  expected.push_back("last");
+  const std::string path = folder_ + "/t.csv";
+  WriteBytes(path, text);
+  std::vector<std::string> lines;
+  std::string reason;
+  const auto collect = [&](std::string_view line) {
+    lines.emplace_back(line);
+    return true;
+  };
+  ASSERT_TRUE(ForEachFileLine(path, kMaxTraceBytes, collect, reason)) << reason;
+  EXPECT_EQ(lines, expected);
+
+  // The reader stops at the first false.
+  std::size_t calls = 0;
+  EXPECT_TRUE(ForEachFileLine(
+      path, kMaxTraceBytes, [&](std::string_view) { return ++calls < 3; }, reason));
+  EXPECT_EQ(calls, 3u);
+  // Above its bound, a link, a FIFO: refused before a line is passed.
+  const struct {
+    std::string path;
+    std::size_t bound;
+    const char* reason;
+  } refused[] = {
+      {path, text.size() - 1, "file too large"},
+      {folder_ + "/link.csv", kMaxTraceBytes, ""},
+      {folder_ + "/fifo.csv", kMaxTraceBytes, "not a plain file"},
+  };
+  ASSERT_EQ(::symlink(path.c_str(), (folder_ + "/link.csv").c_str()), 0);
+  ASSERT_EQ(::mkfifo((folder_ + "/fifo.csv").c_str(), 0600), 0);
+  for (const auto& r : refused) {
+    SCOPED_TRACE(r.path);
+    lines.clear();
+    EXPECT_FALSE(ForEachFileLine(r.path, r.bound, collect, reason));
+    EXPECT_TRUE(lines.empty());
+    EXPECT_TRUE(reason.starts_with(r.reason)) << reason;
+  }
+}
+
 }  // namespace
 }  // namespace reports

@@ -27,6 +27,22 @@ void AppendValue(std::string& out, ValueKind kind, double v) {
   out += buffer;
 }
 
+const char* KindName(ValueKind kind) {
+  switch (kind) {
+    case ValueKind::kFlag:
+      return "flag";
+    case ValueKind::kInt16:
+      return "int16";
+    case ValueKind::kUInt16:
+      return "uint16";
+    case ValueKind::kInt32:
+      return "int32";
+    case ValueKind::kFloat:
+      return "float";
+  }
+  return "int32";
+}
+
 // Collects the answer and hands it on in chunks.
 class Writer {
  public:
@@ -251,7 +267,9 @@ std::string ChannelsJson(const Recorder& recorder) {
     text::AppendJsonText(out, c.page);
     out += ",\"element\":";
     text::AppendJsonText(out, c.element);
-    out += "}";
+    out += ",\"kind\":\"";
+    out += KindName(c.kind);
+    out += "\"}";
   }
   return out + "]\n";
 }

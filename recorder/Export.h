@@ -35,8 +35,9 @@ inline constexpr std::size_t kMaxExportChannels = 512;
 bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs now,
                       ExportQuery& out, std::string& reason);
 
-// The answer to /channels: [{"name":...,"unit":...,"rate_ms":...,"page":...,"element":...},...],
-// one object a line.
+// The answer to /channels: [{"name":...,"unit":...,"rate_ms":...,"page":...,"element":...,
+// "kind":...},...], one object a line. `kind` is how the values are held: "flag" (on/off),
+// "int16", "uint16", "int32" or "float".
 std::string ChannelsJson(const Recorder& recorder);
 
 // Receives the answer a chunk at a time; false stops the export (the download was closed).

@@ -154,17 +154,22 @@ TEST(Export, PerSecondHistoryCountsBackFromNow) {
 
 TEST(Export, ChannelList) {
   Recorder rec;
-  rec.AddChannel(
-      {.name = "status.LinearPosition.X", .rateMs = 20, .page = "Stage", .element = "linear-x"});
+  rec.AddChannel({.name = "status.LinearPosition.X",
+                  .rateMs = 20,
+                  .kind = ValueKind::kInt32,
+                  .page = "Stage",
+                  .element = "linear-x"});
   rec.AddChannel({.name = "readings.Temperature1",
                   .unit = "\xC2\xB0"
                           "C\"\n",
-                  .rateMs = 1000});
+                  .rateMs = 1000,
+                  .kind = ValueKind::kFlag});
   EXPECT_EQ(ChannelsJson(rec),
             "[\n{\"name\":\"status.LinearPosition.X\",\"unit\":\"\",\"rate_ms\":20,"
-            "\"page\":\"Stage\",\"element\":\"linear-x\"},\n"
+            "\"page\":\"Stage\",\"element\":\"linear-x\",\"kind\":\"int32\"},\n"
             "{\"name\":\"readings.Temperature1\",\"unit\":\"\xC2\xB0"
-            "C\\\"\\u000a\",\"rate_ms\":1000,\"page\":\"\",\"element\":\"\"}]\n");
+            "C\\\"\\u000a\",\"rate_ms\":1000,\"page\":\"\",\"element\":\"\","
+            "\"kind\":\"flag\"}]\n");
   EXPECT_EQ(ChannelsJson(Recorder()), "[]\n");
 }
 

@@ -89,8 +89,16 @@ void RecorderApi::Export(std::string_view query, HttpReply& reply) const {
   recorder::Export(*recorder_, q, [&reply](std::string_view chunk) { return reply.Write(chunk); });
 }
 
+void RecorderApi::SetCountsPerMm(unsigned axis, std::int32_t countsPerMm) {
+  if (axis < kScaledAxes) countsPerMm_[axis].store(countsPerMm, std::memory_order_relaxed);
+}
+
 void RecorderApi::Reports(std::string_view, HttpReply& reply) const {
-  reply.Write(reports::ReportsJson(folder_));
+  static constexpr const char* kAxes[kScaledAxes] = {"X", "Y", "Z", "Zoom"};
+  std::vector<reports::AxisScale> scale;
+  for (unsigned i = 0; i < kScaledAxes; ++i)
+    scale.push_back({.axis = kAxes[i], .countsPerMm = countsPerMm_[i].load()});
+  reply.Write(reports::ReportsJson(folder_, scale));
 }
 
 void RecorderApi::Report(std::string_view query, HttpReply& reply) const {

@@ -121,15 +121,24 @@ void AppendReportText(std::string& out, const std::string& folder, const ReportE
       problem = e.base + ".dat not read: " + reason;
     }
   }
-  if (read && problem.empty()) {
-    if (e.kind == ReportKind::kLimit) {
-      LimitReport l;
-      ParseLimitReport(text, l);
-      problem = l.problem;
-    } else if (e.kind != ReportKind::kPlaten) {
-      AxisReport a;
-      ParseAxisReport(text, a);
-      problem = a.problem;
+  // The moves the report gives in counts, for the viewer to show in mm beside the text.
+  std::vector<std::pair<std::string, std::int64_t>> moves;
+  if (read && e.kind == ReportKind::kLimit) {
+    LimitReport l;
+    ParseLimitReport(text, l);
+    if (problem.empty()) problem = l.problem;
+    if (l.Travel()) moves.emplace_back(l.axis + " travel between the limits", *l.Travel());
+  } else if (read && e.kind != ReportKind::kPlaten) {
+    AxisReport a;
+    ParseAxisReport(text, a);
+    if (problem.empty()) problem = a.problem;
+    for (int d = 0; d < 2; ++d) {
+      // The zoom has no linear encoder: its move is the rotary one.
+      const std::optional<std::int32_t> change =
+          e.kind == ReportKind::kZoom ? a.dir[d].rotaryChange : a.dir[d].linearChange;
+      if (a.dir[d].present && change) {
+        moves.emplace_back(a.axis + kAxisReport.heading[d], *change);
+      }
     }
   }
   out += ",\"text\":";
@@ -140,6 +149,16 @@ void AppendReportText(std::string& out, const std::string& folder, const ReportE
   }
   out += ",\"problem\":";
   text::AppendJsonText(out, problem);
+  out += ",\"moves\":[";
+  for (const auto& [what, counts] : moves) {
+    if (&what != &moves.front().first) out += ',';
+    out += "{\"what\":";
+    text::AppendJsonText(out, what);
+    out += ",\"counts\":";
+    AppendInt(out, counts);
+    out += '}';
+  }
+  out += ']';
 }
 
 // The trace, read and written a line at a time: what is held is one piece of the file and one
@@ -245,11 +264,18 @@ bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportE
 
 }  // namespace
 
-std::string ReportsJson(const std::string& folder) {
+std::string ReportsJson(const std::string& folder, const std::vector<AxisScale>& scale) {
   bool truncated = false;
   const std::vector<ReportEntry> list = ListReports(folder, &truncated);
-  std::string out =
-      truncated ? "{\"truncated\":true,\"reports\":[" : "{\"truncated\":false,\"reports\":[";
+  std::string out = truncated ? "{\"truncated\":true" : "{\"truncated\":false";
+  out += ",\"countsPerMm\":{";
+  for (const AxisScale& s : scale) {
+    if (&s != &scale.front()) out += ',';
+    text::AppendJsonText(out, s.axis);
+    out += ':';
+    AppendInt(out, s.countsPerMm);
+  }
+  out += "},\"reports\":[";
   out.reserve(list.size() * 120 + 64);
   for (std::size_t i = 0; i < list.size(); ++i) {
     const ReportEntry& e = list[i];

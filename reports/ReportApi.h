@@ -7,6 +7,7 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace reports {
 
@@ -32,13 +33,20 @@ inline constexpr std::size_t kMaxOutcomeReads = 2000;
 // "hasReport":..,"hasTrace":..,"modified":S,"outcome":"completed"|..|null},...]}, newest first.
 // The outcome is one of "completed", "manually stopped", "voltage limit", "limit not
 // registered", "cancelled", "platen time-out"; null when it could not be read.
-std::string ReportsJson(const std::string& folder);
+// `countsPerMm` gives the scale of the machine connected now, per axis:
+// "countsPerMm":{"X":1000,...}, 0 where it is not known.
+struct AxisScale {
+  const char* axis;  // "X", "Y", "Z", "Zoom"
+  std::int32_t countsPerMm;
+};
+std::string ReportsJson(const std::string& folder, const std::vector<AxisScale>& scale = {});
 
-// /report: {"base":..,"text":..|null,"problem":..,"trace":{"board":..,"columns":[..],
-// "rows":[[..],..],"problem":..}|null}, `board` the trace's "# board:" line or "", written to the
-// sink in chunks (a trace may be 32 MiB). Times are written with the three decimals the trace
-// holds, so nothing is lost. kNotFound when `base` is not a report the folder lists (nothing is
-// written then); kStopped when the sink stopped it.
+// /report: {"base":..,"text":..|null,"problem":..,"moves":[{"what":"X Axis
+// (-)","counts":N},..],"trace":{"board":..,"columns":[..], "rows":[[..],..],"problem":..}|null},
+// `board` the trace's "# board:" line or "", written to the sink in chunks (a trace may be 32 MiB).
+// Times are written with the three decimals the trace holds, so nothing is lost. kNotFound when
+// `base` is not a report the folder lists (nothing is written then); kStopped when the sink stopped
+// it.
 ApiStatus WriteReportJson(const std::string& folder, std::string_view base, const ChunkSink& sink);
 
 // /report-file: the path of BASE.dat or BASE.csv when the folder lists that file; false for any

@@ -184,12 +184,13 @@
     info.append(name, when, outcome, simulated, dat, csv);
     const problem = el('div', 'viewer-problem');
     problem.setAttribute('role', 'status');
+    const travel = el('div', 'viewer-travel');
     const plotBox = el('div', 'viewer-trace');
     const text = el('pre', 'viewer-text');
     text.setAttribute('aria-label', 'Report text');
     text.tabIndex = 0;
     const empty = el('p', 'viewer-empty', 'Select a report.');
-    detail.append(info, problem, plotBox, text, empty);
+    detail.append(info, problem, plotBox, travel, text, empty);
     view.append(side, detail);
 
     body.addEventListener('keydown', (e) => {
@@ -207,7 +208,7 @@
     });
     ui = {
       ...ui, reportsView: view, kind, axis, count, body, more, info, name, when, outcome, simulated,
-      dat, csv, problem,
+      dat, csv, problem, travel, scale: {},
       plotBox, text, empty, list: [], truncated: false, shown: ROWS_SHOWN, selected: null,
       trace: null, loadCtl: null,
     };
@@ -297,6 +298,8 @@
         outcome: str(r.outcome),
       }));
       ui.truncated = answer.truncated === true;
+      ui.scale = answer.countsPerMm && typeof answer.countsPerMm === 'object'
+        ? answer.countsPerMm : {};
       setStatus('');
     } catch (e) {
       setStatus(`The list could not be read: ${failure(e)}`);
@@ -347,6 +350,8 @@
     ui.plotBox.hidden = true;
     ui.text.textContent = '';
     ui.text.hidden = true;
+    ui.travel.textContent = '';
+    ui.travel.hidden = true;
     ui.info.hidden = true;
     ui.problem.textContent = '';
     ui.problem.hidden = true;
@@ -412,10 +417,28 @@
     ui.problem.textContent = problems.join('\n');
     ui.problem.hidden = !problems.length;
     if (trace) plotTrace(trace);
+    showTravel(entry, Array.isArray(report.moves) ? report.moves : []);
     ui.text.hidden = false;
     ui.text.textContent = typeof report.text === 'string' ? report.text
       : 'No report (.dat) beside this trace.';
     ui.text.classList.toggle('missing', typeof report.text !== 'string');
+  }
+
+  // The moves of the report in mm, worked out here: the report's own text gives whole mm, a dot
+  // and the counts left over. The scale is the one of the machine connected now.
+  function showTravel(entry, moves) {
+    const shown = moves.filter((m) => m && typeof m.what === 'string' && num(m.counts) !== null);
+    if (!shown.length) return;
+    const perMm = num(ui.scale[entry.axis]);
+    const parts = shown.map((m) => (perMm > 0
+      ? `${m.what}: ${(m.counts / perMm).toFixed(3).replace('-', '\u2212')} mm`
+      : `${m.what}: ${m.counts} counts`));
+    const source = perMm > 0
+      ? `the report's counts \u00f7 ${perMm} counts per mm of ${entry.axis}, from the machine `
+        + 'image of the board connected now'
+      : 'in counts: no board is connected to give the counts per mm';
+    ui.travel.textContent = `True travel \u2014 ${parts.join(' \u00b7 ')} (${source})`;
+    ui.travel.hidden = false;
   }
 
   // The trace's rows as uPlot's columns: time, then each series of TRACE_SERIES.

@@ -6,7 +6,8 @@
 // beside the program.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { copyFileSync, existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { copyFileSync, existsSync, mkdtempSync, readFileSync, rmSync, writeFileSync }
+  from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { launchBrowser, withSession, eventually, field, answerUntil } from './harness.mjs';
@@ -83,6 +84,21 @@ test('the viewer lists a test run a moment ago, plots its trace and marks a caus
       // The plot's columns: time, linear, rotary, bias, limit.
       assert.deepEqual(data, [0, 2, 3, 1, 4].map((c) => rows.map((r) => r[c])));
       assert.match(await panel.locator('.viewer-text').textContent(), /X Axis \(-\)/);
+      // The true travel in mm beside the report's text, by the connected machine's scale.
+      const scale = await page.evaluate(async () => {
+        const token = new URL(location.href).searchParams.get('token');
+        return (await (await fetch(`/reports?token=${token}`)).json()).countsPerMm.X;
+      });
+      assert.ok(scale > 0, `counts per mm of X: ${scale}`);
+      const reportText = readFileSync(join(folder, 'AxisTest_X_0.dat')).subarray(2)
+        .toString('utf16le');
+      const changes = [...reportText.matchAll(/Change: (-?\d+)/g)].map((m) => Number(m[1]));
+      // Linear, then rotary, per direction.
+      const mm = [changes[0], changes[2]].map((c) => (c / scale).toFixed(3).replace('-', '\u2212'));
+      assert.equal(await panel.locator('.viewer-travel').textContent(),
+        `True travel \u2014 X Axis (-): ${mm[0]} mm \u00b7 X Axis (+): ${mm[1]} mm (the report's `
+        + `counts \u00f7 ${scale} counts per mm of X, from the machine image of the board `
+        + 'connected now)');
       assert.equal(await panel.getByRole('link', { name: 'Download .csv' }).getAttribute('href'),
         `/report-file?token=${new URL(page.url()).searchParams.get('token')}`
         + '&name=AxisTest_X_0&ext=csv');
@@ -92,12 +108,26 @@ test('the viewer lists a test run a moment ago, plots its trace and marks a caus
       });
       assert.deepEqual(download, [200, readFileSync(join(folder, 'AxisTest_X_0.csv'), 'latin1')]);
       if (SHOTS) await page.screenshot({ path: join(SHOTS, 'reports.png') });
+      // A trace a simulated board made says so in its first line; the viewer marks it.
+      copyFileSync(join(folder, 'AxisTest_X_0.dat'), join(folder, 'AxisTest_Y_0.dat'));
+      writeFileSync(join(folder, 'AxisTest_Y_0.csv'),
+        `# board: simulated autovision\n${csv.join('\n')}\n`);
+      await panel.getByRole('button', { name: 'Refresh' }).click();
+      const simulated = panel.locator('.viewer-list tbody tr[data-base="AxisTest_Y_0"]');
+      await simulated.click();
+      await eventually(() => panel.locator('.viewer-name').textContent(), 'AxisTest_Y_0');
+      const mark = panel.locator('.viewer-simulated');
+      await mark.waitFor();
+      assert.equal(await mark.textContent(), 'Simulated board');
+      assert.equal(await mark.getAttribute('title'), "The trace's board: simulated autovision");
+      await panel.locator('.viewer-list tbody tr[data-base="AxisTest_X_0"]').click();
+      await eventually(() => panel.locator('.viewer-name').textContent(), 'AxisTest_X_0');
       // The filter by test: no limit test was run.
       const kind = panel.getByRole('combobox', { name: 'Test' });
       await kind.selectOption('limit');
       assert.equal(await panel.locator('.viewer-list tbody tr').count(), 0);
       await kind.selectOption('');
-      assert.equal(await panel.locator('.viewer-list tbody tr').count(), 1);
+      assert.equal(await panel.locator('.viewer-list tbody tr').count(), 2);
       await panel.getByRole('button', { name: 'Close' }).click();
       await panel.waitFor({ state: 'hidden' });
 

@@ -102,8 +102,10 @@ TEST_F(ReportApi, ListsThousandsOfReportsWithWhatIsMissing) {
   const std::string datOnly = Write(ReportPrefix(ReportKind::kPlaten), "p", 2000);
   WriteBytes("AxisTest_\"X\n_1.dat", "");
 
-  const json list = json::parse(ReportsJson(folder_));
+  const json list =
+      json::parse(ReportsJson(folder_, {{.axis = "X", .countsPerMm = 1000}, {"Zoom", 0}}));
   EXPECT_EQ(list["truncated"], false);
+  EXPECT_EQ(list["countsPerMm"], json::parse(R"({"X":1000,"Zoom":0})"));
   ASSERT_EQ(list["reports"].size(), 3003u);
   const json& first = list["reports"][0];
   EXPECT_EQ(first, json::parse(R"({"base":"AxisTest_X_0","kind":"axis","axis":"X","number":0,
@@ -134,13 +136,15 @@ TEST_F(ReportApi, ListsThousandsOfReportsWithWhatIsMissing) {
   EXPECT_EQ(history["axes"]["X"].size(), 1u);
   EXPECT_FALSE(history["axes"].contains("Z"));  // its report is gone
   EXPECT_EQ(json::parse(ReportsJson(folder_ + "/missing")),
-            json::parse(R"({"truncated":false,"reports":[]})"));
+            json::parse(R"({"truncated":false,"countsPerMm":{},"reports":[]})"));
 }
 
 TEST_F(ReportApi, ReportAndTraceComeBackExactly) {
   motion::AxisTestResult r;
   r.StartingVoltage[0] = 2750;
   r.StartingVoltage[1] = 3000;
+  r.LinearChange[0] = -10003;
+  r.LinearChange[1] = 9998;
   std::vector<motion::TraceSample> samples;
   for (int i = 0; i < 20000; ++i) {
     samples.push_back({.time = i * 0.02 - 0.04,  // the first rows before the start
@@ -161,6 +165,10 @@ TEST_F(ReportApi, ReportAndTraceComeBackExactly) {
   EXPECT_EQ(report["base"], base);
   EXPECT_EQ(report["text"], body);
   EXPECT_EQ(report["problem"], "");
+  // The moves the viewer shows in mm, in the counts the report gives.
+  EXPECT_EQ(report["moves"], json::parse(R"j([{"what":"X Axis (-)","counts":-10003},
+                                             {"what":"X Axis (+)","counts":9998}])j"));
+  EXPECT_EQ(report["trace"]["board"], "");
   EXPECT_EQ(report["trace"]["columns"],
             json::parse(R"(["time","bias","linear","rotary","limit"])"));
   EXPECT_EQ(report["trace"]["problem"], "");

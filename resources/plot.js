@@ -164,13 +164,14 @@
 
     const head = panelParts(p);
 
-    const pos = state.pos || {};
+    const pos = state.pos || freePlace(plots.length);
     const n = plots.length;
     const width = clamp(Number(pos.width) || 640, 320, Math.max(320, innerWidth - 8));
     const height = clamp(Number(pos.height) || 360, 220, Math.max(220, innerHeight - 8));
     panel.style.width = `${width}px`;
     panel.style.height = `${height}px`;
-    // A new plot goes to the lower right, off the values at the top of the pages.
+    // Where the page leaves no room, a new plot goes to the lower right, off the values at the
+    // top of the pages.
     const left = 'left' in pos ? Number(pos.left) : innerWidth - width - 16 - 28 * n;
     const top = 'top' in pos ? Number(pos.top) : innerHeight - height - 16 - 28 * n;
     panel.style.left = `${clamp(left || 0, 0, Math.max(0, innerWidth - 120))}px`;
@@ -199,6 +200,39 @@
     p.timer = setInterval(() => recorder.poll(p), POLL_MS);
     save();
     return panel;
+  }
+
+  // A new plot's place where it covers nothing of the page shown: beside what the page holds when
+  // there is room for a plot there, else below it; none (the lower right) when the page fills
+  // the window. Later plots go a little down and left of the first.
+  function freePlace(n) {
+    const frame = document.querySelector('#pages iframe.selected');
+    let right = 0;
+    let bottom = 0;
+    let top = 0;
+    try {
+      const box = frame.getBoundingClientRect();
+      top = box.top;
+      for (const child of frame.contentDocument.body.children) {
+        const r = child.getBoundingClientRect();
+        if (!r.width || !r.height) continue;
+        right = Math.max(right, box.left + r.right);
+        bottom = Math.max(bottom, box.top + r.bottom);
+      }
+    } catch {
+      return {};
+    }
+    const step = 28 * n;
+    const room = { right: innerWidth - right - 24, below: innerHeight - bottom - 24 };
+    if (room.right >= 360) {
+      return { left: right + 12 + step, top: top + 8 + step, width: Math.min(640, room.right),
+        height: Math.min(360, innerHeight - top - 16) };
+    }
+    if (room.below >= 240) {
+      return { left: 12 + step, top: bottom + 12 + step, width: Math.min(640, innerWidth - 24),
+        height: Math.min(360, room.below) };
+    }
+    return {};
   }
 
   // The panel's head (title, follow, span, exports, close), problem line, body and tip, kept on

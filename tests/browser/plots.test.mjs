@@ -352,4 +352,23 @@ test('a plot breaks a line where its channel was not recorded and draws flags as
       await page.mouse.move(0, 0);
       await page.screenshot({ path: join(SHOTS, 'plot-gap.png') });
     }
+    await page.getByRole('dialog', { name: /^Plot: / }).getByRole('button', { name: 'Close' })
+      .click();
+
+    // In a window with room beside the page, a new plot opens there, over none of its values.
+    await page.setViewportSize({ width: 1500, height: 800 });
+    await field(page, STAGE, 'LinearX').click();
+    const panel = page.getByRole('dialog', { name: `Plot: ${await labelOf(page, 'LinearX')}` });
+    await panel.waitFor();
+    const plotBox = await panel.boundingBox();
+    const content = await page.evaluate(() => {
+      const frame = document.getElementById('page-1');
+      const box = frame.getBoundingClientRect();
+      const rects = [...frame.contentDocument.body.children].map((c) => c.getBoundingClientRect())
+        .filter((r) => r.width && r.height);
+      return { right: box.left + Math.max(...rects.map((r) => r.right)),
+        bottom: box.top + Math.max(...rects.map((r) => r.bottom)) };
+    });
+    assert.ok(plotBox.x >= content.right, `plot at ${plotBox.x}, page to ${content.right}`);
+    assert.ok(plotBox.x + plotBox.width <= 1500 && plotBox.width >= 320, JSON.stringify(plotBox));
   }));

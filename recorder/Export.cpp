@@ -39,6 +39,8 @@ const char* KindName(ValueKind kind) {
       return "int32";
     case ValueKind::kFloat:
       return "float";
+    case ValueKind::kUInt32:
+      return "uint32";
   }
   return "int32";
 }

@@ -37,7 +37,7 @@ bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs n
 
 // The answer to /channels: [{"name":...,"unit":...,"rate_ms":...,"page":...,"element":...,
 // "kind":...},...], one object a line. `kind` is how the values are held: "flag" (on/off),
-// "int16", "uint16", "int32" or "float".
+// "int16", "uint16", "int32", "uint32" or "float".
 std::string ChannelsJson(const Recorder& recorder);
 
 // Receives the answer a chunk at a time; false stops the export (the download was closed).

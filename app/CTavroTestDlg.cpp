@@ -154,6 +154,11 @@ void CTavroTestDlgBase::OnTimer(unsigned id) {
     }
   } else if (id == TickId(Tick::k1s)) {
     if (!connected) Reconnect();
+    // The report viewer shows travels in mm by the scale of the machine connected now.
+    if (const motion::StagePage* stage = StageTests()) {
+      for (unsigned axis = 0; axis < RecorderApi::kScaledAxes; ++axis)
+        api->SetCountsPerMm(axis, stage->CountsPerMm(axis));
+    }
   } else if (PeriodMs(id) == 0) {
     tickPages = false;
   }

@@ -128,7 +128,7 @@ class CTavroTestDlgBase {
   // report in the recorder on the way out.
   recorder::RunTime runTime;
   std::shared_ptr<recorder::Recorder> recording = std::make_shared<recorder::Recorder>();
-  std::shared_ptr<ui::HttpApi> api;
+  std::shared_ptr<RecorderApi> api;
   std::array<std::unique_ptr<CTabPage>, kMaxPages> pages;
   bool suspended = false;
   bool timersStarted[5] = {};

@@ -1,8 +1,9 @@
 #include "app/RecorderApi.h"
 
 #include "recorder/Export.h"
-#include "recorder/ReportApi.h"
+#include "reports/ReportApi.h"
 #include "util/Query.h"
+#include "util/Text.h"
 
 namespace {
 
@@ -71,7 +72,7 @@ void RecorderApi::Events(std::string_view query, HttpReply& reply) const {
     out += ",\"kind\":\"";
     out += recorder::EventName(e.kind);
     out += "\",\"text\":";
-    recorder::AppendJsonText(out, e.text);
+    text::AppendJsonText(out, e.text);
     out += "}";
   }
   out += "]}\n";
@@ -88,8 +89,16 @@ void RecorderApi::Export(std::string_view query, HttpReply& reply) const {
   recorder::Export(*recorder_, q, [&reply](std::string_view chunk) { return reply.Write(chunk); });
 }
 
+void RecorderApi::SetCountsPerMm(unsigned axis, std::int32_t countsPerMm) {
+  if (axis < kScaledAxes) countsPerMm_[axis].store(countsPerMm, std::memory_order_relaxed);
+}
+
 void RecorderApi::Reports(std::string_view, HttpReply& reply) const {
-  reply.Write(recorder::ReportsJson(folder_));
+  static constexpr const char* kAxes[kScaledAxes] = {"X", "Y", "Z", "Zoom"};
+  std::vector<reports::AxisScale> scale;
+  for (unsigned i = 0; i < kScaledAxes; ++i)
+    scale.push_back({.axis = kAxes[i], .countsPerMm = countsPerMm_[i].load()});
+  reply.Write(reports::ReportsJson(folder_, scale));
 }
 
 void RecorderApi::Report(std::string_view query, HttpReply& reply) const {
@@ -98,9 +107,9 @@ void RecorderApi::Report(std::string_view query, HttpReply& reply) const {
     return Refuse(reply, 400, "bad escape in name");
   }
   if (name.empty()) return Refuse(reply, 400, "no report named");
-  const recorder::ApiStatus status = recorder::WriteReportJson(
+  const reports::ApiStatus status = reports::WriteReportJson(
       folder_, name, [&reply](std::string_view chunk) { return reply.Write(chunk); });
-  if (status == recorder::ApiStatus::kNotFound) {
+  if (status == reports::ApiStatus::kNotFound) {
     Refuse(reply, 404, "no such report: " + query::Shown(name));
   }
 }
@@ -114,19 +123,19 @@ void RecorderApi::ReportFile(std::string_view query, HttpReply& reply) const {
   if (name.empty()) return Refuse(reply, 400, "no report named");
   if (ext != "dat" && ext != "csv") return Refuse(reply, 400, "ext must be dat or csv");
   const std::string shown = query::Shown(name) + "." + ext;
-  const recorder::ApiStatus status = recorder::SendReportFile(
+  const reports::ApiStatus status = reports::SendReportFile(
       folder_, name, ext,
       [&] {
         reply.Head(200, ext == "csv" ? "text/csv" : "application/octet-stream", name + "." + ext);
       },
       [&reply](std::string_view chunk) { return reply.Write(chunk); });
-  if (status == recorder::ApiStatus::kNotFound) {
+  if (status == reports::ApiStatus::kNotFound) {
     Refuse(reply, 404, "no such file: " + shown);
-  } else if (status == recorder::ApiStatus::kUnreadable) {
+  } else if (status == reports::ApiStatus::kUnreadable) {
     Refuse(reply, 404, "not a readable report file: " + shown);
   }
 }
 
 void RecorderApi::History(std::string_view, HttpReply& reply) const {
-  reply.Write(recorder::HistoryJson(folder_));
+  reply.Write(reports::HistoryJson(folder_));
 }

@@ -4,6 +4,9 @@
 // a 404.
 #pragma once
 
+#include <array>
+#include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -16,6 +19,11 @@ class RecorderApi final : public ui::HttpApi {
   // `reportFolder`: where the motion tests write their reports (the program folder).
   RecorderApi(std::shared_ptr<const recorder::Recorder> recorder, const recorder::RunTime& time,
               std::string reportFolder);
+
+  // The machine's counts per mm of X, Y, Z and the zoom, 0 where not known; set on the UI thread,
+  // read with /reports on the server's.
+  static constexpr unsigned kScaledAxes = 4;
+  void SetCountsPerMm(unsigned axis, std::int32_t countsPerMm);
 
   ui::HttpRoute Route(std::string_view path) const override;
   void Answer(std::string_view path, std::string_view query, ui::HttpReply& reply) override;
@@ -41,4 +49,5 @@ class RecorderApi final : public ui::HttpApi {
   std::shared_ptr<const recorder::Recorder> recorder_;
   recorder::RunTime time_;
   std::string folder_;
+  std::array<std::atomic<std::int32_t>, kScaledAxes> countsPerMm_{};
 };

@@ -8,10 +8,11 @@ set(TAVRO_TIERS
   "config:util,platform"
   "ui:config,util,platform"
   "recorder:util,platform"
+  "reports:util,platform"
   "link:wire,ui,config,util,platform"
-  "motion:link,wire,ui,config,util,platform"
-  "pages:motion,recorder,link,wire,ui,config,util,platform"
-  "app:pages,motion,recorder,link,wire,ui,config,util,platform"
+  "motion:reports,link,wire,ui,config,util,platform"
+  "pages:motion,reports,recorder,link,wire,ui,config,util,platform"
+  "app:pages,motion,reports,recorder,link,wire,ui,config,util,platform"
 )
 
 # One check per folder: it runs before anything of the folder is compiled, again whenever a

@@ -6,6 +6,7 @@
 #include "motion/TestRun.h"
 #include "motion/TestTexts.h"
 #include "motion/Tests.h"
+#include "reports/ReportLayout.h"
 #include "ui/MessageBox.h"
 #include "util/Text.h"
 
@@ -96,36 +97,34 @@ void AskAxisQuestions(StagePage& page, AxisTestResult& r, Direction d, unsigned 
 }
 
 const char* YesNoText(std::int32_t answer) {
-  return answer == ui::kIdYes ? "Yes" : answer == ui::kIdNo ? "No" : "";
+  return answer == ui::kIdYes ? reports::kYes : answer == ui::kIdNo ? reports::kNo : "";
 }
 
 std::string PositionLines(const char* heading, std::int32_t initial, std::int32_t final,
                           std::int32_t change) {
-  return std::string(heading) + "\r\n" +
-         text::Format("                    Initial: %d\r\n", initial) +
-         text::Format("                      Final: %d\r\n", final) +
-         text::Format("                     Change: %d\r\n", change);
+  const reports::AxisReportLayout& L = reports::kAxisReport;
+  const int w = L.positionWidth;
+  return std::string(" ") + heading + "\r\n" + text::Format("%*s: %d\r\n", w, L.initial, initial) +
+         text::Format("%*s: %d\r\n", w, L.final, final) +
+         text::Format("%*s: %d\r\n", w, L.change, change);
+}
+
+std::string AnswerLine(const char* label, const char* answer) {
+  return text::Format("%*s: %s\r\n", reports::kAxisReport.answerWidth, label, answer);
 }
 
 std::string ReportBlock(const AxisTestResult& r, Direction d, const std::string& letter,
                         bool zoom) {
-  std::string b =
-      std::string(15, ' ') + letter + " Axis " + (d == kNegative ? "(-)\r\n" : "(+)\r\n");
-  if (r.VoltageLimitReached[d]) b += "VOLTAGE LIMIT REACHED\r\n";
-  if (!zoom) {
-    b += PositionLines(" Linear Encoder Positions", r.LinearInitial[d], r.LinearFinal[d],
-                       r.LinearChange[d]);
-  }
-  b += PositionLines(" Rotary Encoder Positions", r.RotaryInitial[d], r.RotaryFinal[d],
-                     r.RotaryChange[d]);
-  b += text::Format("         Starting Voltage: %d\r\n", r.StartingVoltage[d]);
-  b += std::string("        Correct Direction: ") + YesNoText(r.CorrectDirection[d]) + "\r\n";
-  if (!zoom) {
-    b += std::string("         Correct Distance: ") + YesNoText(r.CorrectDistance[d]) + "\r\n";
-  }
-  b += std::string("         Manually Stopped: ") + (r.ManuallyStopped[d] ? "Yes" : "No") +
-       "\r\n\r\n";
-  return b;
+  const reports::AxisReportLayout& L = reports::kAxisReport;
+  std::string b = std::string(15, ' ') + letter + L.heading[d == kNegative ? 0 : 1] + "\r\n";
+  if (r.VoltageLimitReached[d]) b += std::string(L.voltageLimit) + "\r\n";
+  if (!zoom) b += PositionLines(L.linear, r.LinearInitial[d], r.LinearFinal[d], r.LinearChange[d]);
+  b += PositionLines(L.rotary, r.RotaryInitial[d], r.RotaryFinal[d], r.RotaryChange[d]);
+  b += text::Format("%*s: %d\r\n", L.answerWidth, L.startingVoltage, r.StartingVoltage[d]);
+  b += AnswerLine(L.correctDirection, YesNoText(r.CorrectDirection[d]));
+  if (!zoom) b += AnswerLine(L.correctDistance, YesNoText(r.CorrectDistance[d]));
+  b += AnswerLine(L.manuallyStopped, r.ManuallyStopped[d] ? reports::kYes : reports::kNo);
+  return b + "\r\n";
 }
 
 std::string VoltageWarning() {
@@ -209,9 +208,10 @@ void RunAxisTest(const TestParams& p) {
     }
   }
   if (zoom) {
-    FileReport(page, kZoomReportPrefix, ZoomReportBody(r));
+    FileReport(page, reports::ReportPrefix(reports::ReportKind::kZoom), ZoomReportBody(r));
   } else {
-    FileReport(page, AxisReportPrefix(p.axis), AxisReportBody(r, p.axis));
+    FileReport(page, reports::ReportPrefix(reports::ReportKind::kAxis, AxisLetter(p.axis)),
+               AxisReportBody(r, p.axis));
   }
   page.Trace.End();
   if (zoom) {

@@ -6,6 +6,7 @@
 #include "motion/TestRun.h"
 #include "motion/TestTexts.h"
 #include "motion/Tests.h"
+#include "reports/ReportLayout.h"
 #include "ui/MessageBox.h"
 #include "util/Text.h"
 
@@ -250,13 +251,24 @@ void RunPhases(const TestParams& p, std::uint32_t choice) {
   const Phase centering = RunCentering(p, choice, r);
   p.guard->ClearThread();
   if (centering != Phase::kRan) return;
-  FileReport(page, LimitReportPrefix(p.axis), LimitReportBody(r, p.axis));
+  FileReport(page, reports::ReportPrefix(reports::ReportKind::kLimit, AxisLetter(p.axis)),
+             LimitReportBody(r, p.axis));
   page.Ask(LimitResultText(r, p.axis), ui::kMbOk);
 }
 
-std::string LimitLines(const char* heading, std::int32_t negative, std::int32_t positive) {
-  return std::string(heading) + "\r\n" + text::Format("          Negative: %d\r\n", negative) +
-         text::Format("          Positive: %d\r\n", positive);
+// "          Negative: 12": the value after its label, right-aligned with the others.
+std::string Field(const char* label, const std::string& value) {
+  return text::Format("%*s: %s", reports::kLimitReport.valueWidth, label, value.c_str());
+}
+
+std::string ValueLine(const char* label, const std::string& value) {
+  return Field(label, value) + "\r\n";
+}
+
+std::string LimitLines(const std::string& heading, std::int32_t negative, std::int32_t positive) {
+  const reports::LimitReportLayout& L = reports::kLimitReport;
+  return heading + "\r\n" + ValueLine(L.side[0], std::to_string(negative)) +
+         ValueLine(L.side[1], std::to_string(positive));
 }
 
 }  // namespace
@@ -267,26 +279,32 @@ std::string LimitResultText(const LimitTestResult& r, unsigned axis) {
     t += "\r\n" + texts::Get(texts::kVoltageLimitReached) + texts::Get(texts::kBeforeContinuing) +
          "\r\n";
   }
-  t += LimitLines("\r\nLinear encoder limits", r.LinearLimit[0], r.LinearLimit[1]);
-  t += LimitLines("Rotary encoder limits", r.RotaryLimit[0], r.RotaryLimit[1]) + "\r\n";
+  const reports::LimitReportLayout& L = reports::kLimitReport;
+  t += LimitLines(std::string("\r\n") + L.linear, r.LinearLimit[0], r.LinearLimit[1]);
+  t += LimitLines(L.rotary, r.RotaryLimit[0], r.RotaryLimit[1]) + "\r\n";
   return t + texts::Get(texts::kTestFinished);
 }
 
 std::string LimitReportBody(const LimitTestResult& r, unsigned axis) {
-  std::string b = std::string(10, ' ') + AxisLetter(axis) + " Axis ";
-  if (r.VoltageLimitReached[0] || r.VoltageLimitReached[1]) b += "\r\nVOLTAGE LIMIT REACHED\r\n";
-  if (r.LimitNotRegistered[0]) b += "\r\nDIDN'T REGISTER HITTING NEGATIVE LIMIT";
-  if (r.LimitNotRegistered[1]) b += "\r\nDIDN'T REGISTER HITTING POSITIVE LIMIT";
-  b += LimitLines("\r\nLinear encoder limits", r.LinearLimit[0], r.LinearLimit[1]);
-  b += LimitLines("Rotary encoder limits", r.RotaryLimit[0], r.RotaryLimit[1]);
-  b += "    Moving voltage (-)\r\n" + text::Format("               Min: %d\r\n", r.MinVoltage[0]) +
-       text::Format("               Max: %d\r\n", r.MaxVoltage[0]);
-  b += "    Moving voltage (+)\r\n" + text::Format("               Min: %d\r\n", r.MinVoltage[1]) +
-       text::Format("               Max: %d\r\n", r.MaxVoltage[1]);
-  b += "    Manually Stopped: \r\n";
-  b += std::string("          Negative: ") + (r.ManuallyStopped[0] ? "Yes" : "No") + "\r\n";
-  b += std::string("          Positive: ") + (r.ManuallyStopped[1] ? "Yes" : "No");
-  if (r.CenteringStopped) b += "\r\n         Centering: Yes";
+  const reports::LimitReportLayout& L = reports::kLimitReport;
+  std::string b = std::string(10, ' ') + AxisLetter(axis) + L.heading;
+  if (r.VoltageLimitReached[0] || r.VoltageLimitReached[1]) {
+    b += std::string("\r\n") + L.voltageLimit + "\r\n";
+  }
+  for (const Direction d : kDirections) {
+    if (r.LimitNotRegistered[d]) b += std::string("\r\n") + L.notRegistered[d];
+  }
+  b += LimitLines(std::string("\r\n") + L.linear, r.LinearLimit[0], r.LinearLimit[1]);
+  b += LimitLines(L.rotary, r.RotaryLimit[0], r.RotaryLimit[1]);
+  for (const Direction d : kDirections) {
+    b += std::string("    ") + L.moving[d] + "\r\n" +
+         ValueLine(L.min, std::to_string(r.MinVoltage[d])) +
+         ValueLine(L.max, std::to_string(r.MaxVoltage[d]));
+  }
+  b += std::string("    ") + L.manuallyStopped + " \r\n";
+  b += ValueLine(L.side[0], r.ManuallyStopped[0] ? reports::kYes : reports::kNo);
+  b += Field(L.side[1], r.ManuallyStopped[1] ? reports::kYes : reports::kNo);
+  if (r.CenteringStopped) b += "\r\n" + Field(L.centering, reports::kYes);
   return b + "\r\n\r\n";
 }
 

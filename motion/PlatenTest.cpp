@@ -6,6 +6,7 @@
 #include "motion/TestRun.h"
 #include "motion/TestTexts.h"
 #include "motion/Tests.h"
+#include "reports/ReportLayout.h"
 #include "ui/MessageBox.h"
 #include "util/Text.h"
 
@@ -146,7 +147,8 @@ void RunPrompted(const TestParams& p, std::vector<PlatenSample>& samples) {
   }
   SummarisePlaten(samples, p.count, s);
   page.Ask(PlatenResultText(s, p.count), ui::kMbOk);
-  FileReport(page, kPlatenReportPrefix, PlatenReportBody(samples, s, p.count));
+  FileReport(page, reports::ReportPrefix(reports::ReportKind::kPlaten),
+             PlatenReportBody(samples, s, p.count));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include "motion/TestRun.h"
 #include "motion/TestTexts.h"
+#include "reports/ReportLayout.h"
 #include "ui/MessageBox.h"
 #include "util/Text.h"
 
@@ -77,14 +78,6 @@ void RemoveOwn(int fd, const std::string& path) {
 
 }  // namespace
 
-std::string AxisReportPrefix(unsigned axis) {
-  return "AxisTest_" + AxisLetter(axis) + "_";
-}
-
-std::string LimitReportPrefix(unsigned axis) {
-  return "LimitTest_" + AxisLetter(axis) + "_";
-}
-
 ReportOutcome WriteReportFiles(const std::string& folder, const std::string& prefix,
                                const std::string& body, const std::vector<TraceSample>& trace) {
   const std::string base = WithSeparator(folder) + prefix;
@@ -126,7 +119,7 @@ ReportOutcome WriteReportFiles(const std::string& folder, const std::string& pre
 }
 
 std::string TraceCsv(const std::vector<TraceSample>& samples) {
-  std::string csv = "time,bias,linear,rotary,limit\n";
+  std::string csv = std::string(reports::kTraceHeader) + "\n";
   csv.reserve(csv.size() + samples.size() * 40);
   for (const TraceSample& s : samples) {
     csv += text::Format("%.3f,%d,%d,%d,%d\n", s.time, s.bias, s.linear, s.rotary,

@@ -10,12 +10,6 @@
 
 namespace motion {
 
-// Name prefixes: the report is <prefix><N>.dat.
-std::string AxisReportPrefix(unsigned axis);   // "AxisTest_X_"
-std::string LimitReportPrefix(unsigned axis);  // "LimitTest_Z_"
-inline constexpr const char* kZoomReportPrefix = "AxisTest_Zoom_";
-inline constexpr const char* kPlatenReportPrefix = "PlatenTest_";
-
 struct ReportOutcome {
   bool written = false;       // the report (.dat) stands
   bool traceWritten = false;  // and its trace (.csv) beside it

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "reports/ReportLayout.h"
 #include "util/StringTable.h"
 
 namespace motion::texts {
@@ -119,12 +120,12 @@ inline constexpr Text kPlatenTimes{
 inline constexpr Text kPlatenCanceled{20155, "Platen test canceled"};
 inline constexpr Text kOpening{20156, "Opening"};
 inline constexpr Text kClosing{20157, "Closing"};
-inline constexpr Text kStoppedInCycle{20160,
-                                      "Platen test manually stopped in the middle of cycle "};
-inline constexpr Text kCompletedCycle{20161, "Platen test completed cycle "};
-inline constexpr Text kStoppedAfterCycle{20162, "Platen test manually stopped after cycle "};
-inline constexpr Text kFailedAfterCycle{20163, "Platen test failed after cycle "};
-inline constexpr Text kFailedInCycle{20164, "Platen test failed in the middle of cycle "};
+// The first line of the platen test's report: the viewer reads the outcome from it.
+inline constexpr Text kStoppedInCycle{20160, reports::kPlatenReport.stoppedInCycle.text};
+inline constexpr Text kCompletedCycle{20161, reports::kPlatenReport.completedCycle.text};
+inline constexpr Text kStoppedAfterCycle{20162, reports::kPlatenReport.stoppedAfterCycle.text};
+inline constexpr Text kFailedAfterCycle{20163, reports::kPlatenReport.failedAfterCycle.text};
+inline constexpr Text kFailedInCycle{20164, reports::kPlatenReport.failedInCycle.text};
 inline constexpr Text kSeeLatest{
     20165, "See latest \"PlatenTest_[i].dat\" file for complete test results."};
 // The refusal of a test quantity the test cannot run; the bounds follow in code.

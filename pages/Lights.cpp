@@ -531,7 +531,7 @@ void LightsPage<Base, kForm>::AddChannels() {
       element = "RawSurface";
     }
     lightChannels_[channel] = this->recording.Add("lights.Channel" + std::to_string(channel),
-                                                  kTick20ms, recorder::ValueKind::kUInt16, element);
+                                                  kTick20ms, recorder::ValueKind::kUInt32, element);
   }
 }
 

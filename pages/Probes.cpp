@@ -335,7 +335,7 @@ void ProbesPage<Base, kForm>::AddChannels() {
     }
   }
   if (this->versionInfo.laserType > 0) {
-    laserValueChannel_ = r.Add("probes.LaserValue", kTick200ms, ValueKind::kInt32, "LaserValue");
+    laserValueChannel_ = r.Add("probes.LaserValue", kTick200ms, ValueKind::kUInt32, "LaserValue");
     for (std::size_t i = 0; i < 3; ++i) {
       laserChannels_[i] = r.Add(std::string("probes.LaserCapture.") + axes[i], kTick200ms,
                                 ValueKind::kInt32, std::string("LaserCapture") + axes[i], "counts");

@@ -27,31 +27,22 @@ void AppendValue(std::string& out, ValueKind kind, double v) {
   out += buffer;
 }
 
-// The length of the well-formed UTF-8 sequence at the start of `s`, 0 when there is none.
-std::size_t Utf8Length(std::string_view s) {
-  const auto b = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
-  const unsigned char c = b(0);
-  std::size_t n = 0;
-  unsigned char lo = 0x80, hi = 0xBF;  // the second byte's range
-  if (c < 0x80) return 1;
-  if (c >= 0xC2 && c <= 0xDF) {
-    n = 2;
-  } else if (c >= 0xE0 && c <= 0xEF) {
-    n = 3;
-    if (c == 0xE0) lo = 0xA0;
-    if (c == 0xED) hi = 0x9F;  // no surrogates
-  } else if (c >= 0xF0 && c <= 0xF4) {
-    n = 4;
-    if (c == 0xF0) lo = 0x90;
-    if (c == 0xF4) hi = 0x8F;
-  } else {
-    return 0;
+const char* KindName(ValueKind kind) {
+  switch (kind) {
+    case ValueKind::kFlag:
+      return "flag";
+    case ValueKind::kInt16:
+      return "int16";
+    case ValueKind::kUInt16:
+      return "uint16";
+    case ValueKind::kInt32:
+      return "int32";
+    case ValueKind::kFloat:
+      return "float";
+    case ValueKind::kUInt32:
+      return "uint32";
   }
-  if (s.size() < n || b(1) < lo || b(1) > hi) return 0;
-  for (std::size_t i = 2; i < n; ++i) {
-    if (b(i) < 0x80 || b(i) > 0xBF) return 0;
-  }
-  return n;
+  return "int32";
 }
 
 // Collects the answer and hands it on in chunks.
@@ -74,7 +65,7 @@ class Writer {
       text_ += "{\"columns\":[";
       for (std::size_t i = 0; i < columns.size(); ++i) {
         if (i > 0) text_ += ',';
-        AppendJsonText(text_, columns[i]);
+        text::AppendJsonText(text_, columns[i]);
       }
       text_ += "],\"rows\":[";
     } else {
@@ -175,8 +166,9 @@ std::int64_t FloorSecond(TimeUs t) {
 
 bool ExportSeconds(const Recorder& recorder, const ExportQuery& q,
                    const std::vector<ValueKind>& kinds, Writer& w) {
-  const std::int64_t last = FloorSecond(q.to);
-  // Nothing older than the history is kept: a window reaching further back starts there.
+  // Nothing older than the history is kept, counted back from now: a window reaching further
+  // back starts there, and one reaching into the future ends now.
+  const std::int64_t last = FloorSecond(std::min(q.to, q.now));
   const std::int64_t first = std::max(FloorSecond(q.from), last - recorder.Limits().historyS);
   const std::size_t n = q.channels.size();
   std::vector<double> mins(n * kSecondsPerBlock), maxs(n * kSecondsPerBlock);
@@ -215,6 +207,7 @@ bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs n
     reason = "query too long";
     return false;
   }
+  out.now = now;
   query::TimeRange range;
   if (!query::ParseTimeRange(query, now, range, reason)) return false;
   bool haveChannels = false;
@@ -265,43 +258,20 @@ bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs n
   return true;
 }
 
-void AppendJsonText(std::string& out, std::string_view s) {
-  out += '"';
-  while (!s.empty()) {
-    const unsigned char c = static_cast<unsigned char>(s[0]);
-    const std::size_t n = Utf8Length(s);
-    if (n == 0) {
-      out += "\\ufffd";
-      s.remove_prefix(1);
-      continue;
-    }
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20 || c == 0x7F) {
-      char buffer[8];
-      std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned>(c));
-      out += buffer;
-    } else {
-      out.append(s.substr(0, n));
-    }
-    s.remove_prefix(n);
-  }
-  out += '"';
-}
-
 std::string ChannelsJson(const Recorder& recorder) {
   std::string out = "[";
   for (const ChannelInfo& c : recorder.Channels()) {
     out += out.size() > 1 ? ",\n{\"name\":" : "\n{\"name\":";
-    AppendJsonText(out, c.name);
+    text::AppendJsonText(out, c.name);
     out += ",\"unit\":";
-    AppendJsonText(out, c.unit);
+    text::AppendJsonText(out, c.unit);
     out += ",\"rate_ms\":" + std::to_string(c.rateMs) + ",\"page\":";
-    AppendJsonText(out, c.page);
+    text::AppendJsonText(out, c.page);
     out += ",\"element\":";
-    AppendJsonText(out, c.element);
-    out += "}";
+    text::AppendJsonText(out, c.element);
+    out += ",\"kind\":\"";
+    out += KindName(c.kind);
+    out += "\"}";
   }
   return out + "]\n";
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,6 +19,9 @@ struct ExportQuery {
   TimeUs to = 0;
   bool json = false;
   bool perSecond = false;  // resolution=1s; else full
+  // When the request came: the history reaches back from now, whatever `to` says, and no second
+  // after now is looked for. The latest time there is when the query was not parsed from a request.
+  TimeUs now = std::numeric_limits<TimeUs>::max();
 };
 
 // Bounds on the untrusted query.
@@ -31,8 +35,9 @@ inline constexpr std::size_t kMaxExportChannels = 512;
 bool ParseExportQuery(std::string_view query, const Recorder& recorder, TimeUs now,
                       ExportQuery& out, std::string& reason);
 
-// The answer to /channels: [{"name":...,"unit":...,"rate_ms":...,"page":...,"element":...},...],
-// one object a line.
+// The answer to /channels: [{"name":...,"unit":...,"rate_ms":...,"page":...,"element":...,
+// "kind":...},...], one object a line. `kind` is how the values are held: "flag" (on/off),
+// "int16", "uint16", "int32", "uint32" or "float".
 std::string ChannelsJson(const Recorder& recorder);
 
 // Receives the answer a chunk at a time; false stops the export (the download was closed).
@@ -43,10 +48,5 @@ using ExportSink = std::function<bool(std::string_view chunk)>;
 // selected channel has a value, as far back as the history reaches. False when the sink
 // stopped it.
 bool Export(const Recorder& recorder, const ExportQuery& query, const ExportSink& sink);
-
-// Appends `s` as a JSON string: quotes, backslashes and control bytes escaped, and each byte that
-// is not part of well-formed UTF-8 written as U+FFFD, so the answer is always valid JSON (the
-// texts come from files and names any local user can write).
-void AppendJsonText(std::string& out, std::string_view s);
 
 }  // namespace recorder

@@ -37,9 +37,10 @@ inline constexpr PlannedChannels kPagePlan[] = {
     {.what = "pendant joystick", .count = 6, .rateMs = 200, .kind = ValueKind::kInt32},
     {.what = "pendant accelerometer", .count = 3, .rateMs = 200, .kind = ValueKind::kInt16},
     {.what = "probe trip", .count = 1, .rateMs = 200, .kind = ValueKind::kFlag},
-    {.what = "probe captures", .count = 10, .rateMs = 200, .kind = ValueKind::kInt32},
+    {.what = "probe captures", .count = 9, .rateMs = 200, .kind = ValueKind::kInt32},
+    {.what = "laser value", .count = 1, .rateMs = 200, .kind = ValueKind::kUInt32},
     {.what = "laser rate", .count = 1, .rateMs = 1000, .kind = ValueKind::kInt32},
-    {.what = "light values", .count = 42, .rateMs = 20, .kind = ValueKind::kUInt16},
+    {.what = "light values", .count = 42, .rateMs = 20, .kind = ValueKind::kUInt32},
 };
 
 // The bytes the plan takes under `limits`: channels, the time ring of each rate, the events.

@@ -16,6 +16,7 @@ constexpr KindForm kForms[] = {
     {.bytes = 2, .isFloat = false, .min = 0, .max = 65535},                     // kUInt16
     {.bytes = 4, .isFloat = false, .min = -2147483648.0, .max = 2147483647.0},  // kInt32
     {.bytes = 4, .isFloat = true, .min = -3.4e38, .max = 3.4e38},               // kFloat
+    {.bytes = 4, .isFloat = false, .min = 0, .max = 4294967295.0},              // kUInt32
 };
 
 constexpr std::size_t kMaxNameLength = 128;
@@ -88,6 +89,8 @@ double Decode(ValueKind kind, std::uint32_t raw) {
       return static_cast<std::uint16_t>(raw);
     case ValueKind::kInt32:
       return static_cast<std::int32_t>(raw);
+    case ValueKind::kUInt32:
+      return raw;
     case ValueKind::kFloat: {
       float f;
       std::memcpy(&f, &raw, sizeof f);
@@ -174,7 +177,7 @@ Recorder::~Recorder() = default;
 ChannelId Recorder::AddChannel(const ChannelInfo& info) {
   if (!IsChannelName(info.name) || info.unit.size() > 32 || info.page.size() > 64 ||
       info.element.size() > 128 || info.rateMs == 0 ||
-      static_cast<unsigned>(info.kind) > static_cast<unsigned>(ValueKind::kFloat))
+      static_cast<unsigned>(info.kind) > static_cast<unsigned>(ValueKind::kUInt32))
     return kNoChannel;
   std::lock_guard lock(registry_);
   for (const auto& c : channels_) {

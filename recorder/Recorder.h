@@ -35,7 +35,8 @@ inline constexpr TimeUs kUsPerSecond = 1'000'000;
 
 // How a channel's values are stored. Integers are rounded and held to the kind's range (a value
 // beyond it is recorded as the nearest end); kFloat keeps a float.
-enum class ValueKind : std::uint8_t { kFlag, kInt16, kUInt16, kInt32, kFloat };
+// kUInt32: the board's unsigned 32-bit values (light levels, the laser's value) kept whole.
+enum class ValueKind : std::uint8_t { kFlag, kInt16, kUInt16, kInt32, kFloat, kUInt32 };
 
 struct KindForm {
   unsigned bytes;
@@ -81,7 +82,7 @@ struct Event {
 struct RecorderLimits {
   TimeUs fullWindowS = 600;     // the full-rate window
   TimeUs historyS = 24 * 3600;  // the per-second history
-  std::size_t budgetBytes = 64u << 20;
+  std::size_t budgetBytes = 80u << 20;
   std::uint32_t slowRateMs = 1000;  // from this rate on, the full-rate ring is the history
   std::size_t eventCapacity = 4096;
 };

@@ -5,7 +5,7 @@
 (() => {
   'use strict';
 
-  const { clamp, button } = window.tavroCommon;
+  const { clamp, button, getJson } = window.tavroCommon;
   const recorder = window.tavroRecorder;
   const { nowS, resolutionFor, channelOf } = recorder;
   const STORE_KEY = 'tavro.plots';
@@ -20,6 +20,7 @@
     sleep: '#6d4c41', 'test-started': '#1565c0', 'test-ended': '#1565c0', answer: '#8e44ad',
   };
   const eventColor = (kind) => EVENT_COLORS[kind] || '#5b6776';
+  const CSV_TIMEOUT_MS = 60000;
 
   const plots = [];                // open plots, the front one last
   let layer = null;
@@ -85,6 +86,7 @@
       el.dataset.plotChannel = c.name;
       if (!el.title) el.title = 'Click to plot';
     }
+    for (const p of plots) relabel(p);
   }
 
   function valueClicked(frame, e) {
@@ -96,6 +98,28 @@
     if (front && !e.shiftKey && front.names.length < MAX_CHANNELS) addChannel(front, c.name);
     else openPlot({ channels: [c.name] });
   }
+
+  // The words people read for a channel: its tab and the label its page gives the value
+  // ("Stage \u00b7 Linear X"); the channel's id where no page shows it.
+  function channelLabel(name) {
+    const c = channelOf(name);
+    let label = '';
+    for (const frame of document.querySelectorAll('#pages iframe')) {
+      if (frame.title !== c.page || !c.element) continue;
+      let el = null;
+      try { el = frame.contentDocument && frame.contentDocument.getElementById(c.element); } catch {
+        el = null;
+      }
+      if (!el) continue;
+      label = el.getAttribute('aria-label')
+        || (el.labels && el.labels.length ? el.labels[0].textContent.trim() : '');
+      if (label) break;
+    }
+    if (!label) return name;
+    return c.page ? `${c.page} \u00b7 ${label}` : label;
+  }
+
+  const isFlag = (name) => channelOf(name).kind === 'flag';
 
   // --- A plot ---------------------------------------------------------------------------------
 
@@ -140,13 +164,14 @@
 
     const head = panelParts(p);
 
-    const pos = state.pos || {};
+    const pos = state.pos || freePlace(plots.length);
     const n = plots.length;
     const width = clamp(Number(pos.width) || 640, 320, Math.max(320, innerWidth - 8));
     const height = clamp(Number(pos.height) || 360, 220, Math.max(220, innerHeight - 8));
     panel.style.width = `${width}px`;
     panel.style.height = `${height}px`;
-    // A new plot goes to the lower right, off the values at the top of the pages.
+    // Where the page leaves no room, a new plot goes to the lower right, off the values at the
+    // top of the pages.
     const left = 'left' in pos ? Number(pos.left) : innerWidth - width - 16 - 28 * n;
     const top = 'top' in pos ? Number(pos.top) : innerHeight - height - 16 - 28 * n;
     panel.style.left = `${clamp(left || 0, 0, Math.max(0, innerWidth - 120))}px`;
@@ -177,6 +202,39 @@
     return panel;
   }
 
+  // A new plot's place where it covers nothing of the page shown: beside what the page holds when
+  // there is room for a plot there, else below it; none (the lower right) when the page fills
+  // the window. Later plots go a little down and left of the first.
+  function freePlace(n) {
+    const frame = document.querySelector('#pages iframe.selected');
+    let right = 0;
+    let bottom = 0;
+    let top = 0;
+    try {
+      const box = frame.getBoundingClientRect();
+      top = box.top;
+      for (const child of frame.contentDocument.body.children) {
+        const r = child.getBoundingClientRect();
+        if (!r.width || !r.height) continue;
+        right = Math.max(right, box.left + r.right);
+        bottom = Math.max(bottom, box.top + r.bottom);
+      }
+    } catch {
+      return {};
+    }
+    const step = 28 * n;
+    const room = { right: innerWidth - right - 24, below: innerHeight - bottom - 24 };
+    if (room.right >= 360) {
+      return { left: right + 12 + step, top: top + 8 + step, width: Math.min(640, room.right),
+        height: Math.min(360, innerHeight - top - 16) };
+    }
+    if (room.below >= 240) {
+      return { left: 12 + step, top: bottom + 12 + step, width: Math.min(640, innerWidth - 24),
+        height: Math.min(360, room.below) };
+    }
+    return {};
+  }
+
   // The panel's head (title, follow, span, exports, close), problem line, body and tip, kept on
   // the plot; returns the head, by which the panel is moved.
   function panelParts(p) {
@@ -198,6 +256,10 @@
     p.json.textContent = 'JSON';
     p.json.className = 'plot-export';
     for (const a of [p.csv, p.json]) a.addEventListener('click', () => updateExports(p));
+    p.csv.addEventListener('click', (e) => {
+      e.preventDefault();
+      downloadCsv(p);
+    });
     const close = button('\u00d7', () => closePlot(p), 'Close');
     close.className = 'plot-close';
     head.append(p.followButton, p.spanSelect, p.csv, p.json, close);
@@ -300,34 +362,49 @@
     p.times = [];
     p.cols = p.names.flatMap(() => Array.from({ length: perChannel }, () => []));
     p.loaded = null;
-    const first = channelOf(p.names[0]);
-    p.panel.setAttribute('aria-label', `Plot: ${first.name}`);
-    p.title.textContent = `Plot: ${p.names.join(', ')}`;
-    p.title.title = p.title.textContent;
+    p.labels = p.names.map(channelLabel);
+    showTitle(p);
 
-    const series = [{ label: 'Time', value: (u, v) => (v === null ? '--' : clockText(v)) }];
+    const series = [{ label: 'Time', value: (u, v) => (v == null ? '--' : clockText(v)) }];
     const axes = [{ grid: { stroke: '#e3e8ee' }, ticks: { stroke: '#c9d1da' }, values: timeTicks }];
     const scales = { x: { time: true, auto: false } };
     const bands = [];
+    const font = '11px "DejaVu Sans", sans-serif';
+    // On/off flags are steps on one axis of their own, 0 to 1, whatever the other values' range.
+    const steps = uPlot.paths && uPlot.paths.stepped ? uPlot.paths.stepped({ align: 1 }) : undefined;
+    if (p.names.some(isFlag)) {
+      scales.flag = { auto: false, range: [-0.1, 1.1] };
+      axes.push({
+        scale: 'flag', side: 1, label: 'On/off', labelSize: 18, size: 40, splits: [0, 1],
+        values: (u, splits) => splits.map((v) => (v === 1 ? 'on' : 'off')),
+        grid: { show: false }, ticks: { stroke: '#c9d1da' }, labelFont: font, font,
+      });
+    }
+    let valueAxes = 0;
     p.names.forEach((name, i) => {
       const c = channelOf(name);
       const color = COLORS[i % COLORS.length];
-      const key = `y${i}`;
-      scales[key] = { auto: true };
-      const label = c.unit ? `${name} (${c.unit})` : name;
-      axes.push({
-        scale: key, side: i % 2 ? 1 : 3, label, stroke: color, labelSize: 18, size: 64,
-        grid: { show: i === 0, stroke: '#eef1f4' }, ticks: { stroke: '#c9d1da' },
-        labelFont: '11px "DejaVu Sans", sans-serif', font: '11px "DejaVu Sans", sans-serif',
-      });
+      const flag = isFlag(name);
+      const key = flag ? 'flag' : `y${i}`;
+      const label = withUnit(name, p.labels[i]);
+      // Lines break where a channel was not recorded (null); they pass over the rows of other
+      // channels' timers (undefined).
+      const line = { scale: key, stroke: color, width: flag ? 1.5 : 1, spanGaps: false,
+        points: { show: false }, paths: flag ? steps : undefined };
+      if (!flag) {
+        scales[key] = { auto: true };
+        axes.push({
+          scale: key, side: valueAxes % 2 ? 1 : 3, label, stroke: color, labelSize: 18, size: 64,
+          grid: { show: valueAxes === 0, stroke: '#eef1f4' }, ticks: { stroke: '#c9d1da' },
+          labelFont: font, font,
+        });
+        valueAxes += 1;
+      }
       if (perChannel === 1) {
-        series.push({ label: name, scale: key, stroke: color, width: 1, spanGaps: true,
-          points: { show: false } });
+        series.push({ ...line, label });
       } else {
-        series.push({ label: `${name} min`, scale: key, stroke: color, width: 1, spanGaps: true,
-          points: { show: false } });
-        series.push({ label: `${name} max`, scale: key, stroke: color, width: 1, spanGaps: true,
-          points: { show: false } });
+        series.push({ ...line, label: `${label} min` });
+        series.push({ ...line, label: `${label} max` });
         bands.push({ series: [series.length - 1, series.length - 2], fill: `${color}33` });
       }
     });
@@ -358,6 +435,11 @@
     };
     p.uplot = new uPlot(opts, [p.times, ...p.cols], p.body);
     p.panel.uplot = p.uplot;
+    // The id of each channel in a tooltip over its name in the legend.
+    const legendRows = p.uplot.root.querySelectorAll('.u-legend .u-series');
+    legendRows.forEach((row, k) => {
+      if (k > 0) row.title = p.names[Math.floor((k - 1) / perChannel)];
+    });
     // Values under the cursor can wrap the legend onto another line: the plot makes room.
     const legend = p.uplot.root.querySelector('.u-legend');
     if (legend) p.resize.observe(legend);
@@ -365,6 +447,41 @@
     p.uplot.over.addEventListener('mouseleave', () => { p.tip.hidden = true; });
     showView(p);
     updateFollowButton(p);
+  }
+
+  const withUnit = (name, label) => {
+    const { unit } = channelOf(name);
+    return unit ? `${label} (${unit})` : label;
+  };
+
+  function showTitle(p) {
+    p.panel.setAttribute('aria-label', `Plot: ${p.labels[0]}`);
+    p.title.textContent = `Plot: ${p.labels.join(', ')}`;
+    p.title.title = p.names.join(', ');
+  }
+
+  // The labels come from the pages: a plot opened before its page had loaded (after a reload of
+  // the window) takes them once it has.
+  function relabel(p) {
+    const labels = p.names.map(channelLabel);
+    if (!p.uplot || labels.every((l, i) => l === p.labels[i])) return;
+    p.labels = labels;
+    showTitle(p);
+    const perChannel = p.resolution === '1s' ? 2 : 1;
+    const rows = p.uplot.root.querySelectorAll('.u-legend .u-series');
+    p.names.forEach((name, i) => {
+      const label = withUnit(name, labels[i]);
+      for (let j = 0; j < perChannel; j += 1) {
+        const k = 1 + i * perChannel + j;
+        const text = perChannel === 1 ? label : `${label} ${j ? 'max' : 'min'}`;
+        p.uplot.series[k].label = text;
+        const node = rows[k] && rows[k].querySelector('.u-label');
+        if (node) node.textContent = text;
+      }
+      const axis = p.uplot.axes.find((a) => a.scale === `y${i}`);
+      if (axis) axis.label = label;
+    });
+    p.uplot.redraw(false, true);
   }
 
   function plotSize(p, nSeries) {
@@ -412,11 +529,11 @@
   // minima and the greatest of its maxima, so that a band over hours is not drawn a second at a
   // time. Buckets fall on whole multiples of their length, so a pan does not move them.
   function shownData(p, min, max) {
-    if (p.resolution !== '1s') return [p.times, ...p.cols];
+    if (p.resolution !== '1s') return withGaps(p.times, p.cols, gapLimits(p, 0));
     const pixels = Math.max(200, p.uplot ? p.uplot.bbox.width / devicePixelRatio : 1000);
     const size = (max - min) / (2 * pixels);
     p.bucket = size;
-    if (size < 2) return [p.times, ...p.cols];
+    if (size < 2) return withGaps(p.times, p.cols, gapLimits(p, 0));
     const times = [];
     const cols = p.cols.map(() => []);
     let bucket = null;
@@ -436,7 +553,45 @@
         cols[k][at] = held === null ? v : k % 2 ? Math.max(held, v) : Math.min(held, v);
       }
     }
-    return [times, ...cols];
+    return withGaps(times, cols, gapLimits(p, size));
+  }
+
+  // How long each column may go without a value before its line breaks: a few of its channel's
+  // periods (of seconds in the history, or of the buckets it is drawn in). The recorder gives a
+  // tick no value while the page is not read (another tab, the board lost), and keeps no tick at
+  // all while nothing runs.
+  function gapLimits(p, bucket) {
+    const perChannel = p.resolution === '1s' ? 2 : 1;
+    return p.names.flatMap((name) => {
+      const rate = Math.max(0.001, (channelOf(name).rate_ms || 1000) / 1000);
+      const period = p.resolution === '1s' ? Math.max(1, rate) : rate;
+      return Array(perChannel).fill(Math.max(3 * period, period + 0.5, 2.5 * bucket));
+    });
+  }
+
+  // The columns as uPlot draws them: a row without a value of a column is passed over
+  // (undefined), and where the column went longer than its limit without one, a row between
+  // holds null, which breaks its line.
+  function withGaps(times, cols, limits) {
+    const outTimes = [];
+    const out = cols.map(() => []);
+    const last = cols.map(() => null);
+    const has = (v) => v !== null && v !== undefined;
+    for (let i = 0; i < times.length; i += 1) {
+      const t = times[i];
+      const broken = cols.map((c, k) => has(c[i]) && last[k] !== null && t - last[k] > limits[k]);
+      if (broken.some(Boolean)) {
+        outTimes.push((times[i - 1] + t) / 2);
+        for (let k = 0; k < cols.length; k += 1) out[k].push(broken[k] ? null : undefined);
+      }
+      outTimes.push(t);
+      for (let k = 0; k < cols.length; k += 1) {
+        const v = cols[k][i];
+        out[k].push(has(v) ? v : undefined);
+        if (has(v)) last[k] = t;
+      }
+    }
+    return [outTimes, ...out];
   }
 
   // uPlot tells of a new scale later, in a batch: a scale the plot set itself is known by its
@@ -544,11 +699,51 @@
     if (!u || u.scales.x.min === null) return;
     const { min, max } = u.scales.x;
     const resolution = resolutionFor(min, max);
-    const stamp = new Date(min * 1000).toISOString().replace(/[:.]/g, '-').slice(0, 19);
     for (const [a, format] of [[p.csv, 'csv'], [p.json, 'json']]) {
       a.href = recorder.exportUrl(p.names, min, max, format, resolution);
-      a.download = `plot-${stamp}.${format}`;
+      a.download = exportName(p, min, format);
     }
+  }
+
+  // "plot-status.LinearPosition.X+status.Moving.X-2026-11-25T21-40-03.csv": what the file holds
+  // and from when.
+  function exportName(p, min, format) {
+    const stamp = new Date(min * 1000).toISOString().replace(/[:.]/g, '-').slice(0, 19);
+    let channels = p.names.join('+');
+    if (channels.length > 160) channels = `${channels.slice(0, 150)}+${p.names.length}-channels`;
+    return `plot-${channels}-${stamp}.${format}`;
+  }
+
+  // The CSV of what the plot shows: the recorder's rows with the time also as ISO 8601 (UTC)
+  // beside its seconds, saved under the channels' names.
+  async function downloadCsv(p) {
+    const u = p.uplot;
+    if (!u || u.scales.x.min === null) return;
+    const { min, max } = u.scales.x;
+    const url = recorder.exportUrl(p.names, min, max, 'json', resolutionFor(min, max));
+    let answer;
+    try {
+      answer = await getJson(url, { timeoutMs: CSV_TIMEOUT_MS, signal: p.abort.signal });
+    } catch (e) {
+      showProblem(p, `The CSV could not be made: ${e.message}`);
+      return;
+    }
+    const columns = Array.isArray(answer && answer.columns) ? answer.columns : [];
+    const rows = Array.isArray(answer && answer.rows) ? answer.rows : [];
+    const lines = [['time', 'time_iso', ...columns.slice(1)].join(',')];
+    for (const row of rows) {
+      if (!Array.isArray(row) || typeof row[0] !== 'number') continue;
+      const cells = row.slice(1).map((v) => (typeof v === 'number' ? String(v) : ''));
+      lines.push([String(row[0]), new Date(Math.round(row[0] * 1000)).toISOString(), ...cells].join(','));
+    }
+    const blob = new Blob([`${lines.join('\n')}\n`], { type: 'text/csv' });
+    const link = document.createElement('a');
+    link.href = URL.createObjectURL(blob);
+    link.download = exportName(p, min, 'csv');
+    document.body.appendChild(link);
+    link.click();
+    link.remove();
+    setTimeout(() => URL.revokeObjectURL(link.href), CSV_TIMEOUT_MS);
   }
 
   // Event marks: a line across the plot at each event's time, its kind and text on hover.
@@ -665,8 +860,14 @@
       const box2 = document.createElement('input');
       box2.type = 'checkbox';
       box2.value = c.name;
-      label.append(box2, ` ${c.name}${c.unit ? ` (${c.unit})` : ''}`);
-      label.dataset.text = `${page} ${c.name} ${c.element} ${c.unit}`.toLowerCase();
+      // The words of the page, then the id, dimmer, that scripts and exports use.
+      const words = channelLabel(c.name);
+      const id = document.createElement('span');
+      id.className = 'plot-id';
+      id.textContent = c.name;
+      label.append(box2, ` ${words}${c.unit ? ` (${c.unit})` : ''} `, id);
+      label.title = c.name;
+      label.dataset.text = `${page} ${words} ${c.name} ${c.element} ${c.unit}`.toLowerCase();
       groups.get(page).appendChild(label);
     }
     if (!channels.length) list.textContent = 'Nothing is recorded.';
@@ -684,13 +885,22 @@
     });
     const buttons = document.createElement('div');
     buttons.className = 'plot-buttons';
+    const hint = document.createElement('span');
+    hint.className = 'plot-hint';
+    hint.setAttribute('role', 'alert');
+    hint.hidden = true;
+    list.addEventListener('change', () => { hint.hidden = true; });
     const ok = button('Plot', () => {
       const chosen = [...list.querySelectorAll('input:checked')].map((i) => i.value);
-      if (!chosen.length) return;
+      if (!chosen.length) {
+        hint.textContent = 'Tick the values to plot first.';
+        hint.hidden = false;
+        return;
+      }
       box.remove();
       openPlot({ channels: chosen });
     });
-    buttons.append(ok, button('Cancel', () => box.remove()));
+    buttons.append(hint, ok, button('Cancel', () => box.remove()));
     box.append(head, filter, list, buttons);
     box.addEventListener('keydown', (e) => {
       if (e.key === 'Escape') {

@@ -14,6 +14,18 @@
     axis: 'Axis test', zoom: 'Zoom test', limit: 'Limit test', platen: 'Platen test',
   };
   const KIND_SHORT = { axis: 'Axis', zoom: 'Zoom', limit: 'Limit', platen: 'Platen' };
+  // How a run ended, as the server read it from the report.
+  const OUTCOME_TEXT = {
+    completed: 'Completed',
+    'manually stopped': 'Manually stopped',
+    'voltage limit': 'Voltage limit',
+    'limit not registered': 'Limit not registered',
+    cancelled: 'Cancelled',
+    'platen time-out': 'Platen time-out',
+  };
+  const outcomeText = (o) => OUTCOME_TEXT[o] || (o ? String(o) : '');
+  // The drift threshold's bounds, in percent.
+  const DRIFT_MAX = 100000;
   // Each series of a trace: its column in the .csv, label, scale and colour.
   const TRACE_SERIES = [
     { column: 'linear', label: 'Linear', scale: 'pos', stroke: '#2f6fb0' },
@@ -150,7 +162,9 @@
     const listBox = el('div', 'viewer-list');
     const table = el('table', 'viewer-table');
     const headRow = table.createTHead().insertRow();
-    for (const h of ['Test', 'Axis', 'N', 'Date', '']) headRow.appendChild(el('th', '', h));
+    for (const h of ['Test', 'Axis', 'N', 'Date', 'Outcome', '']) {
+      headRow.appendChild(el('th', '', h));
+    }
     const body = table.createTBody();
     body.setAttribute('role', 'listbox');
     body.setAttribute('aria-label', 'Reports');
@@ -165,15 +179,18 @@
     const when = el('span', 'viewer-when');
     const dat = el('a', 'viewer-download', 'Download .dat');
     const csv = el('a', 'viewer-download', 'Download .csv');
-    info.append(name, when, dat, csv);
+    const outcome = el('span', 'viewer-badge viewer-outcome');
+    const simulated = el('span', 'viewer-badge viewer-simulated', 'Simulated board');
+    info.append(name, when, outcome, simulated, dat, csv);
     const problem = el('div', 'viewer-problem');
     problem.setAttribute('role', 'status');
+    const travel = el('div', 'viewer-travel');
     const plotBox = el('div', 'viewer-trace');
     const text = el('pre', 'viewer-text');
     text.setAttribute('aria-label', 'Report text');
     text.tabIndex = 0;
     const empty = el('p', 'viewer-empty', 'Select a report.');
-    detail.append(info, problem, plotBox, text, empty);
+    detail.append(info, problem, plotBox, travel, text, empty);
     view.append(side, detail);
 
     body.addEventListener('keydown', (e) => {
@@ -190,7 +207,8 @@
       if (next !== i || e.key !== 'ArrowDown') select(rows[next].dataset.base);
     });
     ui = {
-      ...ui, reportsView: view, kind, axis, count, body, more, info, name, when, dat, csv, problem,
+      ...ui, reportsView: view, kind, axis, count, body, more, info, name, when, outcome, simulated,
+      dat, csv, problem, travel, scale: {},
       plotBox, text, empty, list: [], truncated: false, shown: ROWS_SHOWN, selected: null,
       trace: null, loadCtl: null,
     };
@@ -210,19 +228,26 @@
     const threshold = document.createElement('input');
     threshold.type = 'number';
     threshold.min = '0';
-    threshold.step = '1';
+    threshold.max = String(DRIFT_MAX);
+    threshold.step = 'any';
     threshold.value = String(DEFAULT_DRIFT);
     threshold.addEventListener('input', () => drawHistory());
     thresholdLabel.appendChild(threshold);
+    const thresholdError = el('span', 'viewer-history-error');
+    thresholdError.setAttribute('role', 'alert');
+    thresholdError.hidden = true;
+    threshold.setAttribute('aria-describedby', 'viewer-threshold-error');
+    thresholdError.id = 'viewer-threshold-error';
     const note = el('span', 'viewer-history-note',
-      'Baseline: the first report that gives each value. Marked: more than the threshold from it.');
-    bar.append(axisLabel, thresholdLabel, note);
+      'Baseline: the first report that measured each value. Marked: more than the threshold from '
+      + 'it. Greyed: runs that measured nothing (cancelled, stopped before moving).');
+    bar.append(axisLabel, thresholdLabel, thresholdError, note);
     const plotBox = el('div', 'viewer-history-plot');
     const tableBox = el('div', 'viewer-history-table');
     const empty = el('p', 'viewer-empty', '');
     view.append(bar, plotBox, tableBox, empty);
-    ui = { ...ui, historyView: view, hAxis: axis, threshold, hPlotBox: plotBox, hTableBox: tableBox,
-      hEmpty: empty, history: null, hPlot: null };
+    ui = { ...ui, historyView: view, hAxis: axis, threshold, thresholdError, hPlotBox: plotBox,
+      hTableBox: tableBox, hEmpty: empty, history: null, hPlot: null, lastThreshold: DEFAULT_DRIFT };
     return view;
   }
 
@@ -270,8 +295,11 @@
       ui.list = reports.filter((r) => r && typeof r.base === 'string').map((r) => ({
         base: r.base, kind: str(r.kind), axis: str(r.axis), number: num(r.number),
         hasReport: r.hasReport === true, hasTrace: r.hasTrace === true, modified: num(r.modified),
+        outcome: str(r.outcome),
       }));
       ui.truncated = answer.truncated === true;
+      ui.scale = answer.countsPerMm && typeof answer.countsPerMm === 'object'
+        ? answer.countsPerMm : {};
       setStatus('');
     } catch (e) {
       setStatus(`The list could not be read: ${failure(e)}`);
@@ -300,6 +328,10 @@
       tr.insertCell().textContent = r.axis;
       tr.insertCell().textContent = r.number === null ? '' : String(r.number);
       tr.insertCell().textContent = dateText(r.modified, false);
+      const outcome = tr.insertCell();
+      outcome.className = 'viewer-outcome';
+      outcome.dataset.outcome = r.outcome;
+      outcome.textContent = outcomeText(r.outcome);
       const badges = tr.insertCell();
       if (!r.hasReport) badges.appendChild(el('span', 'viewer-badge', 'no .dat'));
       if (!r.hasTrace) badges.appendChild(el('span', 'viewer-badge', 'no .csv'));
@@ -318,6 +350,8 @@
     ui.plotBox.hidden = true;
     ui.text.textContent = '';
     ui.text.hidden = true;
+    ui.travel.textContent = '';
+    ui.travel.hidden = true;
     ui.info.hidden = true;
     ui.problem.textContent = '';
     ui.problem.hidden = true;
@@ -358,6 +392,9 @@
     const axis = entry.axis ? ` ${entry.axis}` : '';
     ui.name.title = `${KIND_TEXT[entry.kind] || entry.kind}${axis} #${entry.number}`;
     ui.when.textContent = dateText(entry.modified);
+    ui.outcome.textContent = outcomeText(entry.outcome);
+    ui.outcome.dataset.outcome = entry.outcome;
+    ui.outcome.hidden = !entry.outcome;
     const files = [[ui.dat, entry.hasReport, 'dat'], [ui.csv, entry.hasTrace, 'csv']];
     for (const [a, has, ext] of files) {
       if (has) {
@@ -372,14 +409,36 @@
     const problems = [];
     if (str(report.problem)) problems.push(`Report problem: ${report.problem}`);
     const trace = report.trace && typeof report.trace === 'object' ? report.trace : null;
+    // The trace says when a simulated board made it; a real board's says nothing.
+    const board = trace ? str(trace.board) : '';
+    ui.simulated.hidden = !board.startsWith('simulated');
+    ui.simulated.title = board ? `The trace's board: ${board}` : '';
     if (trace && str(trace.problem)) problems.push(`Trace problem: ${trace.problem}`);
     ui.problem.textContent = problems.join('\n');
     ui.problem.hidden = !problems.length;
     if (trace) plotTrace(trace);
+    showTravel(entry, Array.isArray(report.moves) ? report.moves : []);
     ui.text.hidden = false;
     ui.text.textContent = typeof report.text === 'string' ? report.text
       : 'No report (.dat) beside this trace.';
     ui.text.classList.toggle('missing', typeof report.text !== 'string');
+  }
+
+  // The moves of the report in mm, worked out here: the report's own text gives whole mm, a dot
+  // and the counts left over. The scale is the one of the machine connected now.
+  function showTravel(entry, moves) {
+    const shown = moves.filter((m) => m && typeof m.what === 'string' && num(m.counts) !== null);
+    if (!shown.length) return;
+    const perMm = num(ui.scale[entry.axis]);
+    const parts = shown.map((m) => (perMm > 0
+      ? `${m.what}: ${(m.counts / perMm).toFixed(3).replace('-', '\u2212')} mm`
+      : `${m.what}: ${m.counts} counts`));
+    const source = perMm > 0
+      ? `the report's counts \u00f7 ${perMm} counts per mm of ${entry.axis}, from the machine `
+        + 'image of the board connected now'
+      : 'in counts: no board is connected to give the counts per mm';
+    ui.travel.textContent = `True travel \u2014 ${parts.join(' \u00b7 ')} (${source})`;
+    ui.travel.hidden = false;
   }
 
   // The trace's rows as uPlot's columns: time, then each series of TRACE_SERIES.
@@ -490,22 +549,45 @@
     drawHistory();
   }
 
-  // Each series' values over the runs, the baseline of each (its first value) and whether each
-  // value drifted from it by more than `threshold` percent.
+  // Whether a run's value of a series is a measurement: the server names the values a run did
+  // not measure (a cancelled direction, a seek stopped by hand).
+  const measured = (run, series) => !(Array.isArray(run.unmeasured)
+    && run.unmeasured.includes(series.field));
+  // A run that measured none of its values: cancelled, stopped before moving, quit.
+  const measuredNothing = (run) => HISTORY_SERIES.every((s) => !measured(run, s)
+    || (s.pair === undefined ? num(run[s.field]) : pair(run[s.field])) === null);
+
+  // Each series' values over the runs, the baseline of each (its first measured value) and
+  // whether each measured value drifted from it by more than `threshold` percent.
   function historyColumns(runs, threshold) {
     const columns = HISTORY_SERIES.map((s) => runs.map((r) => {
       if (s.pair === undefined) return num(r[s.field]);
       const p = pair(r[s.field]);
       return p ? p[s.pair] : null;
     }));
-    const baseAt = columns.map((values) => values.findIndex((v) => v !== null));
+    const counts = HISTORY_SERIES.map((s) => runs.map((r) => measured(r, s)));
+    const baseAt = columns.map((values, s) => values.findIndex((v, i) => v !== null
+      && counts[s][i]));
     const drift = columns.map((values, s) => values.map((v, i) => {
       const base = values[baseAt[s]];
-      if (v === null || baseAt[s] < 0 || i <= baseAt[s]) return false;
+      if (v === null || !counts[s][i] || baseAt[s] < 0 || i <= baseAt[s]) return false;
       if (base === 0) return v !== 0;
       return (Math.abs(v - base) / Math.abs(base)) * 100 > threshold;
     }));
-    return { columns, drift, baseAt };
+    return { columns, counts, drift, baseAt };
+  }
+
+  // The drift threshold typed in, or why it is not one.
+  function readThreshold() {
+    const text = ui.threshold.value.trim();
+    const t = Number(text);
+    if (text === '' || !Number.isFinite(t)) {
+      return { error: 'The drift threshold is a number of percent.' };
+    }
+    if (t < 0 || t > DRIFT_MAX) {
+      return { error: `The drift threshold is between 0 and ${DRIFT_MAX} %.` };
+    }
+    return { value: t };
   }
 
   function drawHistory() {
@@ -521,10 +603,15 @@
     ui.hEmpty.textContent = runs.length ? '' : 'No axis or limit test reports in the folder.';
     ui.hPlotBox.hidden = !runs.length;
     if (!runs.length) return;
-    const t = Number(ui.threshold.value);
-    const threshold = Number.isFinite(t) && t >= 0 ? t : DEFAULT_DRIFT;
-    const { columns, drift, baseAt } = historyColumns(runs, threshold);
-    drawHistoryTable(runs, columns, drift, baseAt);
+    // A threshold out of bounds is said beside the field; the marks keep the last good one.
+    const read = readThreshold();
+    if (read.error === undefined) ui.lastThreshold = read.value;
+    ui.thresholdError.textContent = read.error || '';
+    ui.thresholdError.hidden = read.error === undefined;
+    ui.threshold.setAttribute('aria-invalid', String(read.error !== undefined));
+    const threshold = ui.lastThreshold ?? DEFAULT_DRIFT;
+    const { columns, counts, drift, baseAt } = historyColumns(runs, threshold);
+    drawHistoryTable(runs, { columns, counts, drift, baseAt }, threshold);
     // Only the series some report gives are drawn (a folder of axis tests alone has no travel).
     const shown = HISTORY_SERIES.map((_, s) => s).filter((s) => columns[s].some((v) => v !== null));
     const marks = [];
@@ -534,19 +621,31 @@
     }));
     if (typeof uPlot !== 'function' || !shown.length) return;
     const times = runs.map((r, i) => num(r.time) ?? i);
+    // What a run did not measure is no point of its line: drawn apart, as a grey ring.
+    const unmeasured = [];
+    shown.forEach((s, k) => columns[s].forEach((v, i) => {
+      if (v !== null && !counts[s][i]) unmeasured.push([k + 1, i, v]);
+    }));
+    ui.hPlotBox.unmeasured = unmeasured.map(([k, i]) => ({
+      series: HISTORY_SERIES[shown[k - 1]].label, index: i,
+    }));
+    const lines = shown.map((s) => columns[s].map((v, i) => (counts[s][i] ? v : null)));
     const ring = (u) => {
       const { ctx } = u;
-      ctx.save();
-      ctx.strokeStyle = '#c62828';
-      ctx.lineWidth = 2 * devicePixelRatio;
-      for (const [k, i] of marks) {
-        if (!u.series[k].show) continue;
+      const circle = (k, i, v, radius) => {
+        if (!u.series[k].show) return;
         const x = u.valToPos(u.data[0][i], 'x', true);
-        const y = u.valToPos(u.data[k][i], u.series[k].scale, true);
+        const y = u.valToPos(v, u.series[k].scale, true);
         ctx.beginPath();
-        ctx.arc(x, y, 7 * devicePixelRatio, 0, 2 * Math.PI);
+        ctx.arc(x, y, radius * devicePixelRatio, 0, 2 * Math.PI);
         ctx.stroke();
-      }
+      };
+      ctx.save();
+      ctx.lineWidth = 2 * devicePixelRatio;
+      ctx.strokeStyle = '#c62828';
+      for (const [k, i] of marks) circle(k, i, u.data[k][i], 7);
+      ctx.strokeStyle = '#9aa3ad';
+      for (const [k, i, v] of unmeasured) circle(k, i, v, 4);
       ctx.restore();
     };
     const axes = [{ size: 40, space: 90, incrs: TIME_STEPS, values: timeLabels }];
@@ -584,16 +683,17 @@
       ],
       axes,
       hooks: { draw: [ring] },
-    }, [times, ...shown.map((s) => columns[s])], ui.hPlotBox));
+    }, [times, ...lines], ui.hPlotBox));
     ui.hPlotBox.uplot = ui.hPlot;
   }
 
-  function drawHistoryTable(runs, columns, drift, baseAt) {
+  function drawHistoryTable(runs, { columns, counts, drift, baseAt }, threshold) {
     const table = el('table', 'viewer-table viewer-history-grid');
     const head = table.createTHead();
     const top = head.insertRow();
     const second = head.insertRow();
-    for (const [text, span] of [['Date', 1], ['Report', 1], ['Starting voltage', 2], ['Travel', 1],
+    for (const [text, span] of [['Date', 1], ['Report', 1], ['Outcome', 1],
+      ['Starting voltage', 2], ['Travel', 1],
       ['Moving voltage \u2212', 2], ['Moving voltage +', 2]]) {
       const th = el('th', '', text);
       if (span > 1) th.colSpan = span;
@@ -609,24 +709,34 @@
     runs.forEach((r, i) => {
       const tr = body.insertRow();
       tr.dataset.base = str(r.base);
+      const nothing = measuredNothing(r);
+      tr.classList.toggle('unmeasured', nothing);
+      if (nothing) tr.title = 'This run measured nothing: it is no baseline and no drift.';
       tr.insertCell().textContent = dateText(num(r.time));
       const name = tr.insertCell();
       const link = button(str(r.base), () => { show('reports'); select(str(r.base)); });
       link.className = 'viewer-link';
       name.appendChild(link);
-      if (i === 0) name.appendChild(el('span', 'viewer-badge baseline', 'baseline'));
+      if (baseAt.includes(i)) name.appendChild(el('span', 'viewer-badge baseline', 'baseline'));
+      const outcome = tr.insertCell();
+      outcome.className = 'viewer-outcome';
+      outcome.dataset.outcome = str(r.outcome);
+      outcome.textContent = outcomeText(str(r.outcome));
       for (const s of order) {
         const td = tr.insertCell();
         const v = columns[s][i];
         td.textContent = v === null ? '' : String(v);
         td.className = 'num';
         td.dataset.series = HISTORY_SERIES[s].label;
-        if (baseAt[s] === i) {
+        if (v !== null && !counts[s][i]) {
+          td.classList.add('unmeasured');
+          td.title = 'Not measured: no baseline, no drift';
+        } else if (baseAt[s] === i) {
           td.classList.add('base');
           td.title = 'Baseline';
         } else if (drift[s][i]) {
           td.classList.add('drift');
-          td.title = `More than ${ui.threshold.value}% from the baseline ${columns[s][baseAt[s]]}`;
+          td.title = `More than ${threshold}% from the baseline ${columns[s][baseAt[s]]}`;
         }
       }
     });

@@ -129,6 +129,33 @@ void KeepLastCharacters(std::string& utf8, std::size_t count) {
 
 namespace {
 
+// The length of the well-formed UTF-8 sequence at the start of `s`, 0 when there is none.
+std::size_t Utf8Length(std::string_view s) {
+  const auto b = [&](std::size_t i) { return static_cast<unsigned char>(s[i]); };
+  const unsigned char c = b(0);
+  std::size_t n = 0;
+  unsigned char lo = 0x80, hi = 0xBF;  // the second byte's range
+  if (c < 0x80) return 1;
+  if (c >= 0xC2 && c <= 0xDF) {
+    n = 2;
+  } else if (c >= 0xE0 && c <= 0xEF) {
+    n = 3;
+    if (c == 0xE0) lo = 0xA0;
+    if (c == 0xED) hi = 0x9F;  // no surrogates
+  } else if (c >= 0xF0 && c <= 0xF4) {
+    n = 4;
+    if (c == 0xF0) lo = 0x90;
+    if (c == 0xF4) hi = 0x8F;
+  } else {
+    return 0;
+  }
+  if (s.size() < n || b(1) < lo || b(1) > hi) return 0;
+  for (std::size_t i = 2; i < n; ++i) {
+    if (b(i) < 0x80 || b(i) > 0xBF) return 0;
+  }
+  return n;
+}
+
 int HexValue(char c) {
   if (c >= '0' && c <= '9') return c - '0';
   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
@@ -153,6 +180,31 @@ bool PercentDecode(std::string_view in, std::string& out) {
     i += 2;
   }
   return true;
+}
+
+void AppendJsonText(std::string& out, std::string_view s) {
+  out += '"';
+  while (!s.empty()) {
+    const unsigned char c = static_cast<unsigned char>(s[0]);
+    const std::size_t n = Utf8Length(s);
+    if (n == 0) {
+      out += "\\ufffd";
+      s.remove_prefix(1);
+      continue;
+    }
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c < 0x20 || c == 0x7F) {
+      char buffer[8];
+      std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned>(c));
+      out += buffer;
+    } else {
+      out.append(s.substr(0, n));
+    }
+    s.remove_prefix(n);
+  }
+  out += '"';
 }
 
 }  // namespace text

@@ -30,4 +30,9 @@ bool EqualsNoCase(const std::string& a, const std::string& b);
 // Decodes the %XX escapes of a URL's path or query into `out`; false on a broken escape.
 bool PercentDecode(std::string_view in, std::string& out);
 
+// Appends `s` as a JSON string: quotes, backslashes and control bytes escaped, and each byte that
+// is not part of well-formed UTF-8 written as U+FFFD, so the answer is always valid JSON (the
+// texts come from files and names any local user can write).
+void AppendJsonText(std::string& out, std::string_view s);
+
 }  // namespace text

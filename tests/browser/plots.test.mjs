@@ -4,6 +4,7 @@
 // the simulator did. A servo machine, whose stage axes follow the pendant's joystick.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
+import { readFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { launchBrowser, withSession, eventually, field } from './harness.mjs';
 
@@ -29,10 +30,17 @@ async function channelOf(page, id) {
   return value.getAttribute('data-plot-channel');
 }
 
-// What a plot panel holds: its uPlot's data and x scale, and its CSV link.
+// The words a plot shows for a value of the Stage page: the tab and the value's label.
+async function labelOf(page, id) {
+  return `Stage \u00b7 ${await field(page, STAGE, id).getAttribute('aria-label')}`;
+}
+
+// What a plot panel holds: its uPlot's data (a row without a value of a column as null, as a
+// gap is) and x scale, its channels and their labels, and its CSV link.
 const plotState = (panel) => panel.evaluate((el) => ({
-  data: el.uplot.data.map((s) => [...s]),
+  data: el.uplot.data.map((s) => [...s].map((v) => (v === undefined ? null : v))),
   x: [el.uplot.scales.x.min, el.uplot.scales.x.max],
+  ids: [...el.plot.names],
   series: el.uplot.series.slice(1).map((s) => s.label),
   csv: el.querySelector('a.plot-export').getAttribute('href'),
   now: Date.now() / 1000,
@@ -90,12 +98,17 @@ test('a value clicked on the Stage page opens a plot that grows and follows whil
   () => withStage(async ({ page, board }) => {
     const name = await channelOf(page, 'LinearX');
     await field(page, STAGE, 'LinearX').click();
-    const panel = page.getByRole('dialog', { name: `Plot: ${name}` });
+    const label = await labelOf(page, 'LinearX');
+    const panel = page.getByRole('dialog', { name: `Plot: ${label}` });
     await panel.waitFor();
     assert.equal(await panel.getAttribute('aria-modal'), null, 'the plot leaves the window usable');
     await eventually(async () => (await plotState(panel)).data[0].length > 10, true);
     const before = await plotState(panel);
-    assert.deepEqual(before.series, [name]);
+    assert.deepEqual(before.ids, [name]);
+    assert.deepEqual(before.series, [`${label} (counts)`]);
+    // The id is in the tooltips: of the title and of the legend's name.
+    assert.equal(await panel.locator('.plot-title').getAttribute('title'), name);
+    assert.equal(await panel.locator('.u-legend .u-series').nth(1).getAttribute('title'), name);
 
     const { start } = await jog(page, board, 'x', 0.6, 20000);
     const { state: moved, stands } = await caughtUp(panel, board, 'x', 1);
@@ -119,7 +132,7 @@ test('a value clicked on the Stage page opens a plot that grows and follows whil
     // A second value joins the plot in front with its own axis, and moves the other way.
     const other = await channelOf(page, 'LinearY');
     await field(page, STAGE, 'LinearY').click();
-    await eventually(async () => (await plotState(panel)).series.join(), `${name},${other}`);
+    await eventually(async () => (await plotState(panel)).ids.join(), `${name},${other}`);
     await jog(page, board, 'y', -0.6, 20000);
     await caughtUp(panel, board, 'y', 2);
     // An e-stop pressed and let go at the board marks the time axis, once the page saw each.
@@ -173,7 +186,7 @@ test('a reload of the window brings the plot back with its past, span and place'
   () => withStage(async ({ page }) => {
     const name = await channelOf(page, 'LinearZ');
     await field(page, STAGE, 'LinearZ').click();
-    const panel = page.getByRole('dialog', { name: `Plot: ${name}` });
+    const panel = page.getByRole('dialog', { name: `Plot: ${await labelOf(page, 'LinearZ')}` });
     await panel.getByLabel('Span').selectOption({ label: '10 min' });
     await eventually(async () => (await plotState(panel)).data[0].length > 50, true);
     const head = panel.locator('header');
@@ -222,42 +235,140 @@ test('the CSV of a plot\'s window holds the axis moving to where the simulator s
     await page.locator('#menu-button').click();
     await page.locator('#menu-plot').click();
     const picker = page.getByRole('dialog', { name: 'Plot channels' });
+    // "Plot" with nothing ticked says what to do, and goes away with the first tick.
+    await picker.getByRole('button', { name: 'Plot', exact: true }).click();
+    const hint = picker.getByRole('alert');
+    assert.equal(await hint.textContent(), 'Tick the values to plot first.');
+    assert.equal(await page.getByRole('dialog', { name: /^Plot: / }).count(), 0);
     await picker.getByLabel('Filter').fill('.X');
     const group = picker.locator('fieldset', { has: page.locator('legend', { hasText: 'Stage' }) });
     await group.getByRole('checkbox', { name: position, exact: false }).first().check();
     await group.getByRole('checkbox', { name: moving, exact: false }).first().check();
+    await hint.waitFor({ state: 'hidden' });
     await picker.getByRole('button', { name: 'Plot', exact: true }).click();
     await picker.waitFor({ state: 'detached' });
-    const panel = page.getByRole('dialog', { name: `Plot: ${position}` });
-    await eventually(async () => (await plotState(panel)).series.join(), `${position},${moving}`);
+    const panel = page.getByRole('dialog', { name: `Plot: ${await labelOf(page, 'LinearX')}` });
+    await eventually(async () => (await plotState(panel)).ids.join(), `${position},${moving}`);
     const { start } = await jog(page, board, 'x', 0.5, 30000);
     // The window ends once the plot shows where X stands; should X creep a count meanwhile, the
     // plot follows again and pauses once more.
     let stands;
     let text;
+    let file;
     for (;;) {
       ({ stands } = await caughtUp(panel, board, 'x', 1));
       await panel.getByRole('button', { name: 'Pause' }).click();
-      const { csv } = await plotState(panel);
-      text = await page.evaluate(async (url) => (await fetch(url)).text(), csv);
+      const [download] = await Promise.all([page.waitForEvent('download'),
+        panel.locator('a.plot-export', { hasText: 'CSV' }).click()]);
+      file = download.suggestedFilename();
+      text = readFileSync(await download.path(), 'utf8');
       if (stands === await countsOf(board, 'x')) break;
       await panel.getByRole('button', { name: 'Follow' }).click();
     }
+    // The file's name says what it holds.
+    assert.match(file, new RegExp(`^plot-${position}\\+${moving}-\\d{4}-\\d\\d-\\d\\dT[-\\d]+\\.csv$`),
+      file);
     const lines = text.trim().split(/\r?\n/);
-    assert.equal(lines[0], `time,${position},${moving}`);
+    assert.equal(lines[0], `time,time_iso,${position},${moving}`);
     const rows = lines.slice(1).map((l) => l.split(','));
     assert.ok(rows.length > 40, `${rows.length} rows`);
     // Both are read by the same poll, and a row is a tick of its timer: each row holds both, so
     // no tick went unrecorded, however late a loaded machine ran the timer.
-    assert.ok(rows.every((r) => r.length === 3 && r.every((cell) => cell !== '')),
+    assert.ok(rows.every((r) => r.length === 4 && r.every((cell) => cell !== '')),
       `every row has its time and both values: ${rows.find((r) => r.includes(''))}`);
     const times = rows.map((r) => Number(r[0]));
     assert.ok(times.every((t, i) => i === 0 || t > times[i - 1]), 'one row per time, in order');
-    const xs = rows.filter((r) => r[1] !== '').map((r) => Number(r[1]));
+    // The ISO time is the seconds' time, to the millisecond, in UTC.
+    assert.ok(rows.every((r) => new Date(Math.round(Number(r[0]) * 1000)).toISOString() === r[1]),
+      rows.slice(0, 3).join(' '));
+    const xs = rows.filter((r) => r[2] !== '').map((r) => Number(r[2]));
     assert.ok(xs.includes(start), `the window holds X at ${start} before the move`);
     assert.ok(nonDecreasing(xs), 'X moved one way');
     assert.equal(xs.at(-1), stands, 'and ends where the simulator says it stands');
-    const flags = rows.filter((r) => r[2] !== '').map((r) => r[2]);
+    const flags = rows.filter((r) => r[3] !== '').map((r) => r[3]);
     assert.ok(flags.every((f) => f === '0' || f === '1'), flags.join());
     assert.ok(flags.includes('1') && flags.at(-1) === '0', 'moving while jogged, then still');
+  }));
+
+test('a plot breaks a line where its channel was not recorded and draws flags as on/off steps',
+  () => withStage(async ({ page }) => {
+    const position = await channelOf(page, 'LinearX');
+    const moving = await channelOf(page, 'MovingX');
+    // A paused view of five minutes ago, before this session recorded anything, filled with
+    // rows as the recorder gives them: X every 50 ms tick, then not recorded for 20 s (another
+    // tab, the board lost), then again; the flag only in every other row (the rows of another
+    // timer), on for a second, off for a second.
+    const shown = await page.evaluate(async ({ names }) => {
+      const now = Date.now() / 1000;
+      const from = now - 300;
+      const panel = window.tavroPlots.open(names, { follow: false, view: [from, from + 40],
+        pos: { left: 20, top: 60, width: 900, height: 420 } });
+      const p = panel.plot;
+      // The plot's own first read is let in before its rows are replaced.
+      await new Promise((resolve) => {
+        const check = () => (p.busy ? requestAnimationFrame(check) : resolve());
+        check();
+      });
+      p.times.length = 0;
+      for (const c of p.cols) c.length = 0;
+      const gap = [10, 30];
+      for (let i = 0; i * 0.05 <= 40; i += 1) {
+        const t = i * 0.05;
+        if (t > gap[0] && t < gap[1]) continue;
+        p.times.push(from + t);
+        p.cols[0].push(1000 + i);
+        p.cols[1].push(i % 2 ? null : Math.floor(t) % 2);
+      }
+      p.show();
+      const u = panel.uplot;
+      const axis = u.axes.find((a) => a.scale === 'flag');
+      return {
+        from,
+        gap: gap.map((t) => from + t),
+        data: u.data.map((s) => [...s].map((v) => (v === undefined ? 'skip' : v))),
+        scales: u.series.slice(1).map((s) => s.scale),
+        flag: [u.scales.flag.min, u.scales.flag.max],
+        flagAxis: axis ? [axis.label, axis.side] : null,
+        flagTicks: axis ? axis.values(u, [0, 1], u.axes.indexOf(axis), 0, 1) : null,
+      };
+    }, { names: [position, moving] });
+    const [times, xs, flags] = shown.data;
+    // One row between the last value before the gap and the first after it, null in both
+    // columns: their lines break there and nowhere else.
+    const breaks = times.flatMap((t, i) => (xs[i] === null ? [t] : []));
+    assert.equal(breaks.length, 1, `${breaks.length} breaks`);
+    assert.ok(breaks[0] > shown.gap[0] && breaks[0] < shown.gap[1], `${breaks[0] - shown.from}`);
+    assert.deepEqual(flags.filter((v) => v === null).length, 1);
+    assert.equal(flags[times.indexOf(breaks[0])], null);
+    // The rows without the flag are passed over, not broken at.
+    assert.ok(flags.includes('skip'));
+    assert.ok(xs.every((v) => v === null || typeof v === 'number'));
+    // The flag on its own 0/1 axis, the position on its own.
+    assert.deepEqual(shown.scales, ['y0', 'flag']);
+    assert.deepEqual(shown.flag, [-0.1, 1.1]);
+    assert.deepEqual(shown.flagAxis, ['On/off', 1]);
+    assert.deepEqual(shown.flagTicks, ['off', 'on']);
+    if (SHOTS) {
+      await page.mouse.move(0, 0);
+      await page.screenshot({ path: join(SHOTS, 'plot-gap.png') });
+    }
+    await page.getByRole('dialog', { name: /^Plot: / }).getByRole('button', { name: 'Close' })
+      .click();
+
+    // In a window with room beside the page, a new plot opens there, over none of its values.
+    await page.setViewportSize({ width: 1500, height: 800 });
+    await field(page, STAGE, 'LinearX').click();
+    const panel = page.getByRole('dialog', { name: `Plot: ${await labelOf(page, 'LinearX')}` });
+    await panel.waitFor();
+    const plotBox = await panel.boundingBox();
+    const content = await page.evaluate(() => {
+      const frame = document.getElementById('page-1');
+      const box = frame.getBoundingClientRect();
+      const rects = [...frame.contentDocument.body.children].map((c) => c.getBoundingClientRect())
+        .filter((r) => r.width && r.height);
+      return { right: box.left + Math.max(...rects.map((r) => r.right)),
+        bottom: box.top + Math.max(...rects.map((r) => r.bottom)) };
+    });
+    assert.ok(plotBox.x >= content.right, `plot at ${plotBox.x}, page to ${content.right}`);
+    assert.ok(plotBox.x + plotBox.width <= 1500 && plotBox.width >= 320, JSON.stringify(plotBox));
   }));

@@ -1,11 +1,13 @@
 // The report viewer through the real window: an X axis test run from the Stage tab is listed
-// first under "Reports..." and its trace plotted exactly as the .csv holds it; after the
-// simulator was told to raise X's friction, a second X axis test shows in the axis history as a
-// drift of the starting voltage. TavroTest runs from a copy in a scratch folder, since reports go
+// first under "Reports..." with its outcome and its trace plotted exactly as the .csv holds it;
+// a test cancelled in its start dialog is listed as cancelled and greyed in the axis history,
+// where it is neither baseline nor drift; after the simulator was told to raise X's friction, a
+// third X axis test shows in the axis history as a drift of the starting voltage. TavroTest runs from a copy in a scratch folder, since reports go
 // beside the program.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { copyFileSync, existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
+import { copyFileSync, existsSync, mkdtempSync, readFileSync, rmSync, writeFileSync }
+  from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { launchBrowser, withSession, eventually, field, answerUntil } from './harness.mjs';
@@ -38,6 +40,16 @@ function startingVoltages(folder, n) {
   return [...text.matchAll(/Starting Voltage: (-?\d+)/g)].map((m) => Number(m[1]));
 }
 
+// Starts an X axis test and cancels it in its start dialog: the test still files its report.
+async function cancelAxisTest(page, folder, n) {
+  await field(page, STAGE, 'XAxisTest').click();
+  const start = page.locator('[role="dialog"]:has(input[type="radio"])');
+  await start.getByRole('button', { name: 'Cancel' }).click();
+  await start.waitFor({ state: 'hidden' });
+  await eventually(() => existsSync(join(folder, `AxisTest_X_${n}.dat`)), true);
+  await eventually(() => field(page, STAGE, 'RunningTestX').inputValue(), 'Ready', 5000);
+}
+
 async function openViewer(page) {
   await page.locator('#menu-button').click();
   await page.locator('#menu-reports').click();
@@ -61,6 +73,7 @@ test('the viewer lists a test run a moment ago, plots its trace and marks a caus
       const first = panel.locator('.viewer-list tbody tr').first();
       await eventually(() => first.getAttribute('data-base'), 'AxisTest_X_0');
       assert.equal(await first.locator('.viewer-badge').count(), 0);
+      assert.equal(await first.locator('.viewer-outcome').textContent(), 'Completed');
       await first.click();
       await panel.locator('.viewer-trace .uplot').waitFor();
       const csv = readFileSync(join(folder, 'AxisTest_X_0.csv'), 'latin1').trim().split(/\r?\n/);
@@ -71,6 +84,21 @@ test('the viewer lists a test run a moment ago, plots its trace and marks a caus
       // The plot's columns: time, linear, rotary, bias, limit.
       assert.deepEqual(data, [0, 2, 3, 1, 4].map((c) => rows.map((r) => r[c])));
       assert.match(await panel.locator('.viewer-text').textContent(), /X Axis \(-\)/);
+      // The true travel in mm beside the report's text, by the connected machine's scale.
+      const scale = await page.evaluate(async () => {
+        const token = new URL(location.href).searchParams.get('token');
+        return (await (await fetch(`/reports?token=${token}`)).json()).countsPerMm.X;
+      });
+      assert.ok(scale > 0, `counts per mm of X: ${scale}`);
+      const reportText = readFileSync(join(folder, 'AxisTest_X_0.dat')).subarray(2)
+        .toString('utf16le');
+      const changes = [...reportText.matchAll(/Change: (-?\d+)/g)].map((m) => Number(m[1]));
+      // Linear, then rotary, per direction.
+      const mm = [changes[0], changes[2]].map((c) => (c / scale).toFixed(3).replace('-', '\u2212'));
+      assert.equal(await panel.locator('.viewer-travel').textContent(),
+        `True travel \u2014 X Axis (-): ${mm[0]} mm \u00b7 X Axis (+): ${mm[1]} mm (the report's `
+        + `counts \u00f7 ${scale} counts per mm of X, from the machine image of the board `
+        + 'connected now)');
       assert.equal(await panel.getByRole('link', { name: 'Download .csv' }).getAttribute('href'),
         `/report-file?token=${new URL(page.url()).searchParams.get('token')}`
         + '&name=AxisTest_X_0&ext=csv');
@@ -80,30 +108,58 @@ test('the viewer lists a test run a moment ago, plots its trace and marks a caus
       });
       assert.deepEqual(download, [200, readFileSync(join(folder, 'AxisTest_X_0.csv'), 'latin1')]);
       if (SHOTS) await page.screenshot({ path: join(SHOTS, 'reports.png') });
+      // A trace a simulated board made says so in its first line; the viewer marks it.
+      copyFileSync(join(folder, 'AxisTest_X_0.dat'), join(folder, 'AxisTest_Y_0.dat'));
+      writeFileSync(join(folder, 'AxisTest_Y_0.csv'),
+        `# board: simulated autovision\n${csv.join('\n')}\n`);
+      await panel.getByRole('button', { name: 'Refresh' }).click();
+      const simulated = panel.locator('.viewer-list tbody tr[data-base="AxisTest_Y_0"]');
+      await simulated.click();
+      await eventually(() => panel.locator('.viewer-name').textContent(), 'AxisTest_Y_0');
+      const mark = panel.locator('.viewer-simulated');
+      await mark.waitFor();
+      assert.equal(await mark.textContent(), 'Simulated board');
+      assert.equal(await mark.getAttribute('title'), "The trace's board: simulated autovision");
+      await panel.locator('.viewer-list tbody tr[data-base="AxisTest_X_0"]').click();
+      await eventually(() => panel.locator('.viewer-name').textContent(), 'AxisTest_X_0');
       // The filter by test: no limit test was run.
       const kind = panel.getByRole('combobox', { name: 'Test' });
       await kind.selectOption('limit');
       assert.equal(await panel.locator('.viewer-list tbody tr').count(), 0);
       await kind.selectOption('');
-      assert.equal(await panel.locator('.viewer-list tbody tr').count(), 1);
+      assert.equal(await panel.locator('.viewer-list tbody tr').count(), 2);
       await panel.getByRole('button', { name: 'Close' }).click();
       await panel.waitFor({ state: 'hidden' });
 
-      // The second run against three times the friction.
+      // A run cancelled before it moved: listed first, as cancelled.
+      await cancelAxisTest(page, folder, 1);
+      assert.deepEqual(startingVoltages(folder, 1), [0, 0]);
+      await openViewer(page);
+      await eventually(() => first.getAttribute('data-base'), 'AxisTest_X_1');
+      assert.equal(await first.locator('.viewer-outcome').textContent(), 'Cancelled');
+      await first.click();
+      await eventually(() => panel.locator('.viewer-name').textContent(), 'AxisTest_X_1');
+      assert.equal(await panel.locator('.viewer-info .viewer-outcome').textContent(), 'Cancelled');
+      await panel.getByRole('button', { name: 'Close' }).click();
+      await panel.waitFor({ state: 'hidden' });
+
+      // The third run against three times the friction.
       await board.control(`friction x ${FRICTION}`);
-      await runAxisTest(page, folder, 1);
+      await runAxisTest(page, folder, 2);
       const before = startingVoltages(folder, 0);
-      const afterward = startingVoltages(folder, 1);
+      const afterward = startingVoltages(folder, 2);
       console.log(`starting voltages (-, +): friction 1: ${before}; ${FRICTION}: ${afterward}`);
 
       await openViewer(page);
       await page.getByRole('tab', { name: 'Axis history' }).click();
       const history = page.locator('.viewer-history-grid tbody tr');
-      await eventually(() => history.count(), 2);
+      await eventually(() => history.count(), 3);
       assert.equal(await page.locator('.viewer-history-bar select').inputValue(), 'X');
       assert.equal(await page.getByLabel('Drift threshold (%)').inputValue(), '25');
-      assert.deepEqual(await history.evaluateAll((trs) => trs.map((tr) => tr.dataset.base)),
-        ['AxisTest_X_0', 'AxisTest_X_1']);
+      assert.deepEqual(await history.evaluateAll((trs) => trs.map((tr) => [tr.dataset.base,
+        tr.classList.contains('unmeasured'), tr.querySelector('.viewer-outcome').textContent])),
+      [['AxisTest_X_0', false, 'Completed'], ['AxisTest_X_1', true, 'Cancelled'],
+        ['AxisTest_X_2', false, 'Completed']]);
       const cells = (row) => history.nth(row).locator('td[data-series^="Start"]')
         .evaluateAll((tds) => tds.map((td) => [Number(td.textContent),
           td.classList.contains('drift')]));
@@ -112,14 +168,39 @@ test('the viewer lists a test run a moment ago, plots its trace and marks a caus
       const moved = before.map((v, d) => Math.abs(afterward[d] - v) / Math.abs(v) > 0.25);
       assert.ok(moved.every(Boolean),
         `the friction moved the starting voltages ${before} -> ${afterward}`);
-      assert.deepEqual(await cells(1), afterward.map((v, d) => [v, moved[d]]));
-      const marks = await page.evaluate(() => document.querySelector('.viewer-history-plot').drift);
-      assert.deepEqual(marks,
+      // The cancelled run's zeros are shown, greyed, and are no drift.
+      assert.deepEqual(await cells(1), [[0, false], [0, false]]);
+      assert.equal(await history.nth(1).locator('td.unmeasured').count(), 2);
+      assert.deepEqual(await cells(2), afterward.map((v, d) => [v, moved[d]]));
+      const plot = await page.evaluate(() => {
+        const box = document.querySelector('.viewer-history-plot');
+        return { drift: box.drift, unmeasured: box.unmeasured, line: box.uplot.data[1] };
+      });
+      assert.deepEqual(plot.drift,
+        [{ series: 'Start \u2212', index: 2 }, { series: 'Start +', index: 2 }]);
+      assert.deepEqual(plot.unmeasured,
         [{ series: 'Start \u2212', index: 1 }, { series: 'Start +', index: 1 }]);
+      // No line down to the cancelled run's zero.
+      assert.deepEqual(plot.line, [before[0], null, afterward[0]]);
 
       // A higher threshold takes the marks away.
       await page.getByLabel('Drift threshold (%)').fill('1000');
       await eventually(() => page.locator('.viewer-history-grid td.drift').count(), 0);
+      await page.getByLabel('Drift threshold (%)').fill('25');
+      await eventually(() => page.locator('.viewer-history-grid td.drift').count(), 2);
+      // A threshold out of bounds is said, and the marks keep the last good one.
+      const alert = page.locator('.viewer-history-bar [role="alert"]');
+      for (const bad of ['-5', '1000000']) {
+        await page.getByLabel('Drift threshold (%)').fill(bad);
+        await eventually(() => alert.textContent(), 'The drift threshold is between 0 and 100000 %.');
+        assert.equal(await page.getByLabel('Drift threshold (%)').getAttribute('aria-invalid'),
+          'true');
+        assert.equal(await page.locator('.viewer-history-grid td.drift').count(), 2);
+      }
+      await page.getByLabel('Drift threshold (%)').fill('100000');
+      await eventually(() => alert.isHidden(), true);
+      assert.equal(await page.getByLabel('Drift threshold (%)').evaluate(
+        (input) => input.scrollWidth <= input.clientWidth), true, 'six digits fit the field');
       await page.getByLabel('Drift threshold (%)').fill('25');
       await eventually(() => page.locator('.viewer-history-grid td.drift').count(), 2);
       if (SHOTS) await page.screenshot({ path: join(SHOTS, 'axis-history.png') });

@@ -123,19 +123,53 @@ TEST(Export, JsonAndPerSecondForms) {
             "\"rows\":[]}\n");
 }
 
+// The history reaches back from the request's time, not from `to`: a range that runs far into
+// the future still holds what was recorded, and its future seconds are not walked.
+TEST(Export, PerSecondHistoryCountsBackFromNow) {
+  Recorder rec({.fullWindowS = 60, .historyS = 120});
+  const ChannelId a = rec.AddChannel({.name = "a", .rateMs = 1000, .kind = ValueKind::kInt16});
+  for (int i = 0; i < 3; ++i) {
+    rec.BeginTick(1000, kT0 + i * kUsPerSecond);
+    rec.Record(a, i + 7);
+  }
+  const TimeUs now = kT0 + 3 * kUsPerSecond;
+  ExportQuery q;
+  std::string reason;
+  ASSERT_TRUE(
+      ParseExportQuery("channels=a&resolution=1s&from=0&to=99999999999", rec, now, q, reason))
+      << reason;
+  EXPECT_EQ(q.now, now);
+  const std::string expected =
+      "time,a.min,a.max\n1764000000,7,7\n1764000001,8,8\n"
+      "1764000002,9,9\n";
+  EXPECT_EQ(ExportText(rec, q), expected);
+  // From before the history's start: the same rows, from where the history begins.
+  ASSERT_TRUE(ParseExportQuery("channels=a&resolution=1s&from=-100000", rec, now, q, reason));
+  EXPECT_EQ(ExportText(rec, q), expected);
+  // A range that ends before now still ends where it says.
+  ASSERT_TRUE(
+      ParseExportQuery("channels=a&resolution=1s&from=0&to=1764000001", rec, now, q, reason));
+  EXPECT_EQ(ExportText(rec, q), "time,a.min,a.max\n1764000000,7,7\n1764000001,8,8\n");
+}
+
 TEST(Export, ChannelList) {
   Recorder rec;
-  rec.AddChannel(
-      {.name = "status.LinearPosition.X", .rateMs = 20, .page = "Stage", .element = "linear-x"});
+  rec.AddChannel({.name = "status.LinearPosition.X",
+                  .rateMs = 20,
+                  .kind = ValueKind::kInt32,
+                  .page = "Stage",
+                  .element = "linear-x"});
   rec.AddChannel({.name = "readings.Temperature1",
                   .unit = "\xC2\xB0"
                           "C\"\n",
-                  .rateMs = 1000});
+                  .rateMs = 1000,
+                  .kind = ValueKind::kFlag});
   EXPECT_EQ(ChannelsJson(rec),
             "[\n{\"name\":\"status.LinearPosition.X\",\"unit\":\"\",\"rate_ms\":20,"
-            "\"page\":\"Stage\",\"element\":\"linear-x\"},\n"
+            "\"page\":\"Stage\",\"element\":\"linear-x\",\"kind\":\"int32\"},\n"
             "{\"name\":\"readings.Temperature1\",\"unit\":\"\xC2\xB0"
-            "C\\\"\\u000a\",\"rate_ms\":1000,\"page\":\"\",\"element\":\"\"}]\n");
+            "C\\\"\\u000a\",\"rate_ms\":1000,\"page\":\"\",\"element\":\"\","
+            "\"kind\":\"flag\"}]\n");
   EXPECT_EQ(ChannelsJson(Recorder()), "[]\n");
 }
 

@@ -1,6 +1,6 @@
 // The report viewer's JSON answers on folders of reports written by the motion tests' own writer,
 // and on the files another program may leave there.
-#include "recorder/ReportApi.h"
+#include "reports/ReportApi.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -16,10 +16,10 @@
 
 #include "motion/Reports.h"
 #include "motion/Tests.h"
-#include "recorder/ReportFiles.h"
+#include "reports/ReportFiles.h"
 #include "util/Text.h"
 
-namespace recorder {
+namespace reports {
 namespace {
 
 using nlohmann::json;
@@ -94,19 +94,29 @@ TEST_F(ReportApi, ListsThousandsOfReportsWithWhatIsMissing) {
   }
   for (int i = 0; i < 500; ++i)
     WriteBytes("notes" + std::to_string(i) + ".txt", "");
-  const std::string both =
-      Write(motion::AxisReportPrefix(0), motion::AxisReportBody(r, 0), 4000, {{.time = 0}});
-  const std::string csvOnly = Write(motion::LimitReportPrefix(2), "z", 3000, {{.time = 0}});
+  const std::string both = Write(ReportPrefix(ReportKind::kAxis, "X"), motion::AxisReportBody(r, 0),
+                                 4000, {{.time = 0}});
+  const std::string csvOnly =
+      Write(ReportPrefix(ReportKind::kLimit, "Z"), "z", 3000, {{.time = 0}});
   std::filesystem::remove(folder_ + "/" + csvOnly + ".dat");
-  const std::string datOnly = Write(motion::kPlatenReportPrefix, "p", 2000);
+  const std::string datOnly = Write(ReportPrefix(ReportKind::kPlaten), "p", 2000);
   WriteBytes("AxisTest_\"X\n_1.dat", "");
 
-  const json list = json::parse(ReportsJson(folder_));
+  const json list =
+      json::parse(ReportsJson(folder_, {{.axis = "X", .countsPerMm = 1000}, {"Zoom", 0}}));
   EXPECT_EQ(list["truncated"], false);
+  EXPECT_EQ(list["countsPerMm"], json::parse(R"({"X":1000,"Zoom":0})"));
   ASSERT_EQ(list["reports"].size(), 3003u);
   const json& first = list["reports"][0];
   EXPECT_EQ(first, json::parse(R"({"base":"AxisTest_X_0","kind":"axis","axis":"X","number":0,
-                            "hasReport":true,"hasTrace":true,"modified":4000})"));
+                            "hasReport":true,"hasTrace":true,"modified":4000,
+                            "outcome":"cancelled"})"));
+  // No .dat, or one that does not say how it ended: no outcome.
+  EXPECT_EQ(list["reports"][1]["outcome"], nullptr);
+  EXPECT_EQ(list["reports"][2]["outcome"], nullptr);
+  // Only the newest reports' outcomes are read.
+  EXPECT_EQ(list["reports"][kMaxOutcomeReads - 1]["outcome"], "cancelled");
+  EXPECT_EQ(list["reports"][kMaxOutcomeReads]["outcome"], nullptr);
   EXPECT_EQ(list["reports"][1]["base"], "LimitTest_Z_0");
   EXPECT_EQ(list["reports"][1]["kind"], "limit");
   EXPECT_EQ(list["reports"][1]["hasReport"], false);
@@ -126,13 +136,15 @@ TEST_F(ReportApi, ListsThousandsOfReportsWithWhatIsMissing) {
   EXPECT_EQ(history["axes"]["X"].size(), 1u);
   EXPECT_FALSE(history["axes"].contains("Z"));  // its report is gone
   EXPECT_EQ(json::parse(ReportsJson(folder_ + "/missing")),
-            json::parse(R"({"truncated":false,"reports":[]})"));
+            json::parse(R"({"truncated":false,"countsPerMm":{},"reports":[]})"));
 }
 
 TEST_F(ReportApi, ReportAndTraceComeBackExactly) {
   motion::AxisTestResult r;
   r.StartingVoltage[0] = 2750;
   r.StartingVoltage[1] = 3000;
+  r.LinearChange[0] = -10003;
+  r.LinearChange[1] = 9998;
   std::vector<motion::TraceSample> samples;
   for (int i = 0; i < 20000; ++i) {
     samples.push_back({.time = i * 0.02 - 0.04,  // the first rows before the start
@@ -142,7 +154,7 @@ TEST_F(ReportApi, ReportAndTraceComeBackExactly) {
                        .limit = static_cast<std::int8_t>(i % 3 - 1)});
   }
   const std::string body = motion::AxisReportBody(r, 0);
-  const std::string base = Write(motion::AxisReportPrefix(0), body, 1000, samples);
+  const std::string base = Write(ReportPrefix(ReportKind::kAxis, "X"), body, 1000, samples);
 
   ApiStatus status{};
   std::size_t chunks = 0;
@@ -153,6 +165,10 @@ TEST_F(ReportApi, ReportAndTraceComeBackExactly) {
   EXPECT_EQ(report["base"], base);
   EXPECT_EQ(report["text"], body);
   EXPECT_EQ(report["problem"], "");
+  // The moves the viewer shows in mm, in the counts the report gives.
+  EXPECT_EQ(report["moves"], json::parse(R"j([{"what":"X Axis (-)","counts":-10003},
+                                             {"what":"X Axis (+)","counts":9998}])j"));
+  EXPECT_EQ(report["trace"]["board"], "");
   EXPECT_EQ(report["trace"]["columns"],
             json::parse(R"(["time","bias","linear","rotary","limit"])"));
   EXPECT_EQ(report["trace"]["problem"], "");
@@ -184,7 +200,7 @@ TEST_F(ReportApi, ReportAndTraceComeBackExactly) {
 }
 
 TEST_F(ReportApi, OnlyListedNamesAreServed) {
-  const std::string base = Write(motion::AxisReportPrefix(0), "x", 1000);
+  const std::string base = Write(ReportPrefix(ReportKind::kAxis, "X"), "x", 1000);
   WriteBytes("secret.dat", "s");
   std::filesystem::create_directory(folder_ + "/sub");
   std::ofstream(folder_ + "/sub/AxisTest_X_0.dat") << "s";
@@ -211,7 +227,8 @@ TEST_F(ReportApi, BadFilesGiveWhatCouldBeRead) {
   motion::AxisTestResult r;
   r.StartingVoltage[0] = 1500;
   r.StartingVoltage[1] = 1750;
-  const std::string good = Write(motion::AxisReportPrefix(1), motion::AxisReportBody(r, 1), 1000);
+  const std::string good =
+      Write(ReportPrefix(ReportKind::kAxis, "Y"), motion::AxisReportBody(r, 1), 1000);
   std::string bytes, reason;
   ASSERT_TRUE(ReadBoundedFile(folder_ + "/" + good + ".dat", kMaxReportBytes, bytes, reason));
   const struct {
@@ -283,7 +300,7 @@ TEST_F(ReportApi, JsonTextIsAlwaysValid) {
   };
   for (const auto& c : cases) {
     std::string out;
-    AppendJsonText(out, c.in);
+    text::AppendJsonText(out, c.in);
     EXPECT_EQ(out, c.out);
     EXPECT_TRUE(json::accept(out)) << out;
   }
@@ -303,28 +320,32 @@ TEST_F(ReportApi, HistoryPerAxisOldestFirst) {
   l.MaxVoltage[0] = 1750;
   l.MinVoltage[1] = -250;
   l.MaxVoltage[1] = 2000;
-  Write(motion::AxisReportPrefix(0), axis(850, 900), 3000);
-  Write(motion::AxisReportPrefix(0), axis(2550, 2700), 1000);  // older, though numbered after
-  Write(motion::LimitReportPrefix(0), motion::LimitReportBody(l, 0), 2000);
+  Write(ReportPrefix(ReportKind::kAxis, "X"), axis(850, 900), 3000);
+  Write(ReportPrefix(ReportKind::kAxis, "X"), axis(2550, 2700),
+        1000);  // older, though numbered after
+  Write(ReportPrefix(ReportKind::kLimit, "X"), motion::LimitReportBody(l, 0), 2000);
   // A limit report cut before its negative limit: no travel.
   WriteBytes("LimitTest_Y_0.dat",
              Utf16File("          Y Axis \r\nLinear encoder limits\r\n          Positive: 5\r\n"));
-  Write(motion::kPlatenReportPrefix, "Platen", 2000);
+  Write(ReportPrefix(ReportKind::kPlaten), "Platen", 2000);
   WriteBytes("AxisTest_X_7.dat", Utf16File("Not a report\r\n"));
   SetTime(folder_ + "/AxisTest_X_7.dat", 2500);
 
   const json history = json::parse(HistoryJson(folder_));
   EXPECT_EQ(history["axes"]["X"], json::parse(R"([
       {"time":1000,"base":"AxisTest_X_1","kind":"axis","startNeg":2550,"startPos":2700,
-       "movingNeg":null,"movingPos":null,"travel":null},
+       "movingNeg":null,"movingPos":null,"travel":null,"outcome":"completed","unmeasured":[]},
       {"time":2000,"base":"LimitTest_X_0","kind":"limit","startNeg":null,"startPos":null,
-       "movingNeg":[1000,1750],"movingPos":[-250,2000],"travel":302001},
+       "movingNeg":[1000,1750],"movingPos":[-250,2000],"travel":302001,"outcome":"completed",
+       "unmeasured":[]},
       {"time":3000,"base":"AxisTest_X_0","kind":"axis","startNeg":850,"startPos":900,
-       "movingNeg":null,"movingPos":null,"travel":null}])"));
+       "movingNeg":null,"movingPos":null,"travel":null,"outcome":"completed","unmeasured":[]}])"));
   ASSERT_EQ(history["axes"]["Y"].size(), 1u);
   EXPECT_EQ(history["axes"]["Y"][0]["travel"], nullptr);
+  EXPECT_EQ(history["axes"]["Y"][0]["unmeasured"],
+            json::parse(R"(["movingNeg","movingPos","travel"])"));
   EXPECT_EQ(history["axes"].size(), 2u);  // no platen
 }
 
 }  // namespace
-}  // namespace recorder
+}  // namespace reports

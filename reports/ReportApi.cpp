@@ -1,4 +1,4 @@
-#include "recorder/ReportApi.h"
+#include "reports/ReportApi.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -11,9 +11,10 @@
 #include <optional>
 #include <vector>
 
-#include "recorder/ReportFiles.h"
+#include "reports/ReportFiles.h"
+#include "util/Text.h"
 
-namespace recorder {
+namespace reports {
 
 namespace {
 
@@ -22,17 +23,7 @@ constexpr std::size_t kChunkBytes = 32 * 1024;
 constexpr std::size_t kMaxBaseLength = 40;
 
 const char* KindName(ReportKind kind) {
-  switch (kind) {
-    case ReportKind::kAxis:
-      return "axis";
-    case ReportKind::kZoom:
-      return "zoom";
-    case ReportKind::kLimit:
-      return "limit";
-    case ReportKind::kPlaten:
-      return "platen";
-  }
-  return "axis";
+  return LayoutOf(kind).name;
 }
 
 void AppendInt(std::string& out, std::int64_t v) {
@@ -69,12 +60,48 @@ std::optional<ReportEntry> ListedReport(const std::string& folder, std::string_v
     if (!ok) return std::nullopt;
   }
   ReportEntry entry;
-  if (!recorder::FindReport(folder, base, entry)) return std::nullopt;
+  if (!FindReport(folder, base, entry)) return std::nullopt;
   return entry;
 }
 
 std::string FilePath(const std::string& folder, const std::string& base, std::string_view ext) {
   return (folder.empty() ? std::string(".") : folder) + "/" + base + "." + std::string(ext);
+}
+
+// A report's text read for its results: the .dat of at most kMaxHistoryReportBytes, decoded.
+bool ReadReportText(const std::string& folder, const ReportEntry& e, std::string& text) {
+  std::string bytes, reason, problem;
+  if (!e.hasReport ||
+      !ReadBoundedFile(FilePath(folder, e.base, "dat"), kMaxHistoryReportBytes, bytes, reason))
+    return false;
+  text = DecodeReport(bytes, problem);
+  return true;
+}
+
+// How the run of a report's text ended.
+RunOutcome OutcomeOf(ReportKind kind, std::string_view text) {
+  if (kind == ReportKind::kPlaten) {
+    RunOutcome out;
+    out.outcome = PlatenOutcome(text);
+    return out;
+  }
+  if (kind == ReportKind::kLimit) {
+    LimitReport l;
+    ParseLimitReport(text, l);
+    return LimitOutcome(l);
+  }
+  AxisReport a;
+  ParseAxisReport(text, a);
+  return AxisOutcome(a, kind == ReportKind::kZoom);
+}
+
+void AppendOutcome(std::string& out, Outcome outcome) {
+  out += ",\"outcome\":";
+  if (outcome == Outcome::kUnknown) {
+    out += "null";
+  } else {
+    text::AppendJsonText(out, OutcomeName(outcome));
+  }
 }
 
 // The report's text and the first fault in it: undecodable bytes first, then a line the parser
@@ -94,73 +121,102 @@ void AppendReportText(std::string& out, const std::string& folder, const ReportE
       problem = e.base + ".dat not read: " + reason;
     }
   }
-  if (read && problem.empty()) {
-    if (e.kind == ReportKind::kLimit) {
-      LimitReport l;
-      ParseLimitReport(text, l);
-      problem = l.problem;
-    } else if (e.kind != ReportKind::kPlaten) {
-      AxisReport a;
-      ParseAxisReport(text, a);
-      problem = a.problem;
+  // The moves the report gives in counts, for the viewer to show in mm beside the text.
+  std::vector<std::pair<std::string, std::int64_t>> moves;
+  if (read && e.kind == ReportKind::kLimit) {
+    LimitReport l;
+    ParseLimitReport(text, l);
+    if (problem.empty()) problem = l.problem;
+    if (l.Travel()) moves.emplace_back(l.axis + " travel between the limits", *l.Travel());
+  } else if (read && e.kind != ReportKind::kPlaten) {
+    AxisReport a;
+    ParseAxisReport(text, a);
+    if (problem.empty()) problem = a.problem;
+    for (int d = 0; d < 2; ++d) {
+      // The zoom has no linear encoder: its move is the rotary one.
+      const std::optional<std::int32_t> change =
+          e.kind == ReportKind::kZoom ? a.dir[d].rotaryChange : a.dir[d].linearChange;
+      if (a.dir[d].present && change) {
+        moves.emplace_back(a.axis + kAxisReport.heading[d], *change);
+      }
     }
   }
   out += ",\"text\":";
   if (read) {
-    AppendJsonText(out, text);
+    text::AppendJsonText(out, text);
   } else {
     out += "null";
   }
   out += ",\"problem\":";
-  AppendJsonText(out, problem);
+  text::AppendJsonText(out, problem);
+  out += ",\"moves\":[";
+  for (const auto& [what, counts] : moves) {
+    if (&what != &moves.front().first) out += ',';
+    out += "{\"what\":";
+    text::AppendJsonText(out, what);
+    out += ",\"counts\":";
+    AppendInt(out, counts);
+    out += '}';
+  }
+  out += ']';
 }
 
+// The trace, read and written a line at a time: what is held is one piece of the file and one
+// chunk of the answer, whatever the trace's size.
 bool WriteTrace(std::string& out, const std::string& folder, const ReportEntry& e,
-                const ExportSink& sink) {
+                const ChunkSink& sink) {
   out += ",\"trace\":";
   if (!e.hasTrace) {
     out += "null";
     return true;
   }
-  std::string bytes, reason;
-  Trace trace;
-  if (ReadBoundedFile(FilePath(folder, e.base, "csv"), kMaxTraceBytes, bytes, reason)) {
-    trace = ParseTrace(bytes);
-  } else {
-    trace.problem = e.base + ".csv not read: " + reason;
+  out += "{\"columns\":[";
+  for (const char* column : kTraceColumns) {
+    if (column != kTraceColumns[0]) out += ',';
+    text::AppendJsonText(out, column);
   }
-  bytes = std::string();
-  out += "{\"columns\":[\"time\",\"bias\",\"linear\",\"rotary\",\"limit\"],\"rows\":[";
-  for (std::size_t i = 0; i < trace.rows.size(); ++i) {
-    const TraceRow& r = trace.rows[i];
-    out += i == 0 ? "[" : ",\n[";
-    AppendTraceTime(out, r.timeMs);
-    for (const std::int32_t v : {r.bias, r.linear, r.rotary, r.limit}) {
-      out += ',';
-      AppendInt(out, v);
-    }
-    out += ']';
-    if (out.size() >= kChunkBytes) {
-      if (!sink(out)) return false;
-      out.clear();
-    }
-  }
-  out += "],\"problem\":";
-  AppendJsonText(out, trace.problem);
+  out += "],\"rows\":[";
+  TraceParser parser;
+  bool first = true, stopped = false;
+  std::string reason;
+  const bool read = ForEachFileLine(
+      FilePath(folder, e.base, "csv"), kMaxTraceBytes,
+      [&](std::string_view line) {
+        const std::optional<TraceRow> r = parser.Line(line);
+        if (!r) return true;
+        out += first ? "[" : ",\n[";
+        first = false;
+        AppendTraceTime(out, r->timeMs);
+        for (const std::int32_t v : {r->bias, r->linear, r->rotary, r->limit}) {
+          out += ',';
+          AppendInt(out, v);
+        }
+        out += ']';
+        if (out.size() < kChunkBytes) return true;
+        stopped = !sink(out);
+        out.clear();
+        return !stopped;
+      },
+      reason);
+  if (stopped) return false;
+  parser.Finish();
+  if (!read) parser.problem = e.base + ".csv not read: " + reason;
+  out += "],\"board\":";
+  text::AppendJsonText(out, parser.board);
+  out += ",\"problem\":";
+  text::AppendJsonText(out, parser.problem);
   out += '}';
   return true;
 }
 
 // One report's results for the history; false when nothing in it could be read.
 bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportEntry& e) {
-  std::string bytes, reason, problem;
-  if (!ReadBoundedFile(FilePath(folder, e.base, "dat"), kMaxHistoryReportBytes, bytes, reason))
-    return false;
-  const std::string text = DecodeReport(bytes, problem);
+  std::string text;
+  if (!ReadReportText(folder, e, text)) return false;
   std::string row = "{\"time\":";
   AppendInt(row, e.modified);
   row += ",\"base\":";
-  AppendJsonText(row, e.base);
+  text::AppendJsonText(row, e.base);
   row += ",\"kind\":\"";
   row += KindName(e.kind);
   row += '"';
@@ -182,6 +238,10 @@ bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportE
     }
     row += ",\"travel\":";
     AppendOptional(row, l.Travel());
+    const RunOutcome outcome = LimitOutcome(l);
+    AppendOutcome(row, outcome.outcome);
+    row += outcome.measured[0] ? ",\"unmeasured\":[]"
+                               : ",\"unmeasured\":[\"movingNeg\",\"movingPos\",\"travel\"]";
   } else {
     AxisReport a;
     if (!ParseAxisReport(text, a)) return false;
@@ -190,6 +250,12 @@ bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportE
     row += ",\"startPos\":";
     AppendOptional(row, a.dir[1].startingVoltage);
     row += ",\"movingNeg\":null,\"movingPos\":null,\"travel\":null";
+    const RunOutcome outcome = AxisOutcome(a, e.kind == ReportKind::kZoom);
+    AppendOutcome(row, outcome.outcome);
+    row += ",\"unmeasured\":[";
+    if (!outcome.measured[0]) row += outcome.measured[1] ? "\"startNeg\"" : "\"startNeg\",";
+    if (!outcome.measured[1]) row += "\"startPos\"";
+    row += ']';
   }
   row += '}';
   out += row;
@@ -198,20 +264,27 @@ bool AppendHistoryRow(std::string& out, const std::string& folder, const ReportE
 
 }  // namespace
 
-std::string ReportsJson(const std::string& folder) {
+std::string ReportsJson(const std::string& folder, const std::vector<AxisScale>& scale) {
   bool truncated = false;
   const std::vector<ReportEntry> list = ListReports(folder, &truncated);
-  std::string out =
-      truncated ? "{\"truncated\":true,\"reports\":[" : "{\"truncated\":false,\"reports\":[";
+  std::string out = truncated ? "{\"truncated\":true" : "{\"truncated\":false";
+  out += ",\"countsPerMm\":{";
+  for (const AxisScale& s : scale) {
+    if (&s != &scale.front()) out += ',';
+    text::AppendJsonText(out, s.axis);
+    out += ':';
+    AppendInt(out, s.countsPerMm);
+  }
+  out += "},\"reports\":[";
   out.reserve(list.size() * 120 + 64);
   for (std::size_t i = 0; i < list.size(); ++i) {
     const ReportEntry& e = list[i];
     out += i == 0 ? "\n{\"base\":" : ",\n{\"base\":";
-    AppendJsonText(out, e.base);
+    text::AppendJsonText(out, e.base);
     out += ",\"kind\":\"";
     out += KindName(e.kind);
     out += "\",\"axis\":";
-    AppendJsonText(out, e.axis);
+    text::AppendJsonText(out, e.axis);
     out += ",\"number\":";
     char buffer[24];
     std::snprintf(buffer, sizeof buffer, "%" PRIu64, e.number);
@@ -220,18 +293,21 @@ std::string ReportsJson(const std::string& folder) {
     out += e.hasTrace ? ",\"hasTrace\":true" : ",\"hasTrace\":false";
     out += ",\"modified\":";
     AppendInt(out, e.modified);
+    // The newest reports' outcomes: each costs a read of its file.
+    std::string text;
+    const bool read = i < kMaxOutcomeReads && ReadReportText(folder, e, text);
+    AppendOutcome(out, read ? OutcomeOf(e.kind, text).outcome : Outcome::kUnknown);
     out += '}';
   }
   out += "]}\n";
   return out;
 }
 
-ApiStatus WriteReportJson(const std::string& folder, std::string_view base,
-                          const ExportSink& sink) {
+ApiStatus WriteReportJson(const std::string& folder, std::string_view base, const ChunkSink& sink) {
   const std::optional<ReportEntry> entry = ListedReport(folder, base);
   if (!entry) return ApiStatus::kNotFound;
   std::string out = "{\"base\":";
-  AppendJsonText(out, entry->base);
+  text::AppendJsonText(out, entry->base);
   AppendReportText(out, folder, *entry);
   if (!WriteTrace(out, folder, *entry, sink)) return ApiStatus::kStopped;
   out += "}\n";
@@ -248,7 +324,7 @@ bool ReportFilePath(const std::string& folder, std::string_view base, std::strin
 }
 
 ApiStatus SendReportFile(const std::string& folder, std::string_view base, std::string_view ext,
-                         const std::function<void()>& begin, const ExportSink& sink) {
+                         const std::function<void()>& begin, const ChunkSink& sink) {
   std::string path;
   if (!ReportFilePath(folder, base, ext, path)) return ApiStatus::kNotFound;
   const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
@@ -295,7 +371,7 @@ std::string HistoryJson(const std::string& folder) {
     if (firstAxis || e.axis != axis) {
       if (!firstAxis) out += "\n]";
       if (!firstAxis) out += ',';
-      AppendJsonText(out, e.axis);
+      text::AppendJsonText(out, e.axis);
       out += ":[";
       axis = e.axis;
       firstAxis = false;
@@ -312,4 +388,4 @@ std::string HistoryJson(const std::string& folder) {
   return out;
 }
 
-}  // namespace recorder
+}  // namespace reports

@@ -1,5 +1,5 @@
 // The report readers on reports and traces written by the motion tests' own writer.
-#include "recorder/ReportFiles.h"
+#include "reports/ReportFiles.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -14,7 +14,7 @@
 #include "motion/Reports.h"
 #include "motion/Tests.h"
 
-namespace recorder {
+namespace reports {
 namespace {
 
 class ReportFiles : public ::testing::Test {
@@ -53,11 +53,11 @@ class ReportFiles : public ::testing::Test {
 };
 
 TEST_F(ReportFiles, ListsNewestFirstWithKindAxisAndNumber) {
-  const std::string x0 = Write(motion::AxisReportPrefix(0), "x");
-  const std::string x1 = Write(motion::AxisReportPrefix(0), "x", {{.time = 0.02}});
-  const std::string lz = Write(motion::LimitReportPrefix(2), "z", {{.time = 0.02}});
-  const std::string zoom = Write(motion::kZoomReportPrefix, "zoom");
-  const std::string platen = Write(motion::kPlatenReportPrefix, "p");
+  const std::string x0 = Write(ReportPrefix(ReportKind::kAxis, "X"), "x");
+  const std::string x1 = Write(ReportPrefix(ReportKind::kAxis, "X"), "x", {{.time = 0.02}});
+  const std::string lz = Write(ReportPrefix(ReportKind::kLimit, "Z"), "z", {{.time = 0.02}});
+  const std::string zoom = Write(ReportPrefix(ReportKind::kZoom), "zoom");
+  const std::string platen = Write(ReportPrefix(ReportKind::kPlaten), "p");
   SetTime(x0, 1000);
   SetTime(x1, 3000);
   SetTime(x1.substr(0, x1.size() - 4) + ".csv", 3001);
@@ -118,8 +118,8 @@ TEST_F(ReportFiles, ReadsTheAxisReportAsWritten) {
   r.CorrectDistance[1] = 7;
   r.ManuallyStopped[1] = 1;
   AxisReport a;
-  ASSERT_TRUE(
-      ParseAxisReport(Text(Write(motion::AxisReportPrefix(1), motion::AxisReportBody(r, 1))), a));
+  ASSERT_TRUE(ParseAxisReport(
+      Text(Write(ReportPrefix(ReportKind::kAxis, "Y"), motion::AxisReportBody(r, 1))), a));
   EXPECT_EQ(a.problem, "");
   EXPECT_EQ(a.axis, "Y");
   const AxisDirection& neg = a.dir[0];
@@ -142,7 +142,7 @@ TEST_F(ReportFiles, ReadsTheAxisReportAsWritten) {
   EXPECT_EQ(pos.manuallyStopped, true);
 
   ASSERT_TRUE(
-      ParseAxisReport(Text(Write(motion::kZoomReportPrefix, motion::ZoomReportBody(r))), a));
+      ParseAxisReport(Text(Write(ReportPrefix(ReportKind::kZoom), motion::ZoomReportBody(r))), a));
   EXPECT_EQ(a.axis, "Zoom");
   EXPECT_EQ(a.dir[0].rotaryChange, -40014);
 }
@@ -160,7 +160,7 @@ TEST_F(ReportFiles, ReadsTheLimitReportAsWritten) {
   r.ManuallyStopped[0] = 1;
   LimitReport l;
   ASSERT_TRUE(ParseLimitReport(
-      Text(Write(motion::LimitReportPrefix(0), motion::LimitReportBody(r, 0))), l));
+      Text(Write(ReportPrefix(ReportKind::kLimit, "X"), motion::LimitReportBody(r, 0))), l));
   EXPECT_EQ(l.problem, "");
   EXPECT_EQ(l.axis, "X");
   EXPECT_FALSE(l.voltageLimitReached);
@@ -179,7 +179,7 @@ TEST_F(ReportFiles, ReadsTheLimitReportAsWritten) {
   r.LimitNotRegistered[0] = r.LimitNotRegistered[1] = 1;
   r.CenteringStopped = 1;
   ASSERT_TRUE(ParseLimitReport(
-      Text(Write(motion::LimitReportPrefix(2), motion::LimitReportBody(r, 2))), l));
+      Text(Write(ReportPrefix(ReportKind::kLimit, "Z"), motion::LimitReportBody(r, 2))), l));
   EXPECT_EQ(l.problem, "");
   EXPECT_EQ(l.axis, "Z");
   EXPECT_TRUE(l.voltageLimitReached);
@@ -198,7 +198,7 @@ TEST_F(ReportFiles, ReadsTheTraceWithoutLoss) {
                        .rotary = -2147483647 - 1 + i,
                        .limit = static_cast<std::int8_t>(i % 3 - 1)});
   }
-  const std::string report = Write(motion::AxisReportPrefix(0), "r", samples);
+  const std::string report = Write(ReportPrefix(ReportKind::kAxis, "X"), "r", samples);
   std::string bytes, reason;
   ASSERT_TRUE(
       ReadBoundedFile(report.substr(0, report.size() - 4) + ".csv", kMaxTraceBytes, bytes, reason));
@@ -218,7 +218,8 @@ TEST_F(ReportFiles, BadFilesAreReadAsFarAsTheyGo) {
   motion::AxisTestResult r;
   r.StartingVoltage[0] = 1500;
   r.StartingVoltage[1] = 1750;
-  const std::string path = Write(motion::AxisReportPrefix(2), motion::AxisReportBody(r, 2));
+  const std::string path =
+      Write(ReportPrefix(ReportKind::kAxis, "Z"), motion::AxisReportBody(r, 2));
   std::string bytes, reason, problem;
   ASSERT_TRUE(ReadBoundedFile(path, kMaxReportBytes, bytes, reason));
 
@@ -277,5 +278,54 @@ TEST_F(ReportFiles, BadFilesAreReadAsFarAsTheyGo) {
   EXPECT_EQ(ParseTrace("").problem, "empty trace");
 }
 
+// A trace is read a piece at a time: lines across the pieces' edges come whole, a line longer
+// than any trace's is cut, and the reader stops when told to or when the file passes its bound.
+TEST_F(ReportFiles, FilesAreReadLineByLineWithinTheirBounds) {
+  std::string text;
+  std::vector<std::string> expected;
+  for (int i = 0; text.size() < 200 * 1024; ++i) {
+    expected.push_back(std::to_string(i) + std::string(static_cast<std::size_t>(i % 97), 'y'));
+    text += expected.back() + (i % 2 ? "\r\n" : "\n");
+  }
+  expected.push_back(std::string(kMaxLineBytes, 'z'));
+  text += std::string(kMaxLineBytes + 10, 'z') + "\nlast";
+  expected.push_back("last");
+  const std::string path = folder_ + "/t.csv";
+  WriteBytes(path, text);
+  std::vector<std::string> lines;
+  std::string reason;
+  const auto collect = [&](std::string_view line) {
+    lines.emplace_back(line);
+    return true;
+  };
+  ASSERT_TRUE(ForEachFileLine(path, kMaxTraceBytes, collect, reason)) << reason;
+  EXPECT_EQ(lines, expected);
+
+  // The reader stops at the first false.
+  std::size_t calls = 0;
+  EXPECT_TRUE(ForEachFileLine(
+      path, kMaxTraceBytes, [&](std::string_view) { return ++calls < 3; }, reason));
+  EXPECT_EQ(calls, 3u);
+  // Above its bound, a link, a FIFO: refused before a line is passed.
+  const struct {
+    std::string path;
+    std::size_t bound;
+    const char* reason;
+  } refused[] = {
+      {path, text.size() - 1, "file too large"},
+      {folder_ + "/link.csv", kMaxTraceBytes, ""},
+      {folder_ + "/fifo.csv", kMaxTraceBytes, "not a plain file"},
+  };
+  ASSERT_EQ(::symlink(path.c_str(), (folder_ + "/link.csv").c_str()), 0);
+  ASSERT_EQ(::mkfifo((folder_ + "/fifo.csv").c_str(), 0600), 0);
+  for (const auto& r : refused) {
+    SCOPED_TRACE(r.path);
+    lines.clear();
+    EXPECT_FALSE(ForEachFileLine(r.path, r.bound, collect, reason));
+    EXPECT_TRUE(lines.empty());
+    EXPECT_TRUE(reason.starts_with(r.reason)) << reason;
+  }
+}
+
 }  // namespace
-}  // namespace recorder
+}  // namespace reports

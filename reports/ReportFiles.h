@@ -5,20 +5,21 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace recorder {
+#include "reports/ReportLayout.h"
+
+namespace reports {
 
 // Files above these sizes are refused unread. A report is a few hundred bytes (a platen test of
 // many cycles some kilobytes); a trace holds at most an hour of 20 ms rows.
 inline constexpr std::size_t kMaxReportBytes = 1u << 20;
 inline constexpr std::size_t kMaxTraceBytes = 32u << 20;
 inline constexpr std::size_t kMaxListedReports = 100000;
-
-enum class ReportKind : std::uint8_t { kAxis, kZoom, kLimit, kPlaten };
 
 // One report of the folder: its .dat, its .csv, or both.
 struct ReportEntry {
@@ -43,6 +44,16 @@ bool FindReport(const std::string& folder, std::string_view base, ReportEntry& o
 // Reads a plain file (never through a link) of at most maxBytes. False with the reason.
 bool ReadBoundedFile(const std::string& path, std::size_t maxBytes, std::string& bytes,
                      std::string& reason);
+
+// A line longer than this is passed on cut to this length, the rest of it skipped.
+inline constexpr std::size_t kMaxLineBytes = 4096;
+
+// Reads a plain file (never through a link) of at most maxBytes a piece at a time and calls
+// fn(line) for each line, without its line end; fn returns false to stop. False with the reason
+// when the file cannot be opened, is not a plain file, is (or grows) too large, or fails to read;
+// the lines before a failure were passed on.
+bool ForEachFileLine(const std::string& path, std::size_t maxBytes,
+                     const std::function<bool(std::string_view line)>& fn, std::string& reason);
 
 // A report's text as UTF-8 from its bytes: the mark FF FE, then UTF-16LE. What can be read is
 // returned in every case; `problem` names the first fault (no mark, an odd last byte, a broken
@@ -94,11 +105,42 @@ struct TraceRow {
 };
 
 struct Trace {
+  std::string board;  // what the first line "# board: ..." says ("simulated autovision"), or ""
   std::vector<TraceRow> rows;
   std::string problem;  // the first row not read (with its line number), empty when all were
 };
 
-// The header "time,bias,linear,rotary,limit", then rows; a bad row is skipped and named.
+// Reads a trace a line at a time: an optional line "# board: <what>", the header
+// "time,bias,linear,rotary,limit", then rows; a bad row is skipped and named. Nothing of the
+// rows is kept: each is handed back as it is read.
+class TraceParser {
+ public:
+  // The row the line holds; none for the board's line, the header, an empty or a bad line.
+  std::optional<TraceRow> Line(std::string_view line);
+  // After the last line: names an empty trace.
+  void Finish();
+
+  std::string board;
+  std::string problem;
+
+ private:
+  std::size_t lineNo_ = 0;
+  std::size_t header_ = 1;
+};
+
+// The whole trace from its text.
 Trace ParseTrace(std::string_view csv);
 
-}  // namespace recorder
+// How a run ended and which of its values are measurements. A direction that was cancelled (its
+// block all zeros), or stopped by hand before the axis moved, measured nothing; nor did a limit
+// test stopped by hand in a seek or one that missed a limit.
+struct RunOutcome {
+  Outcome outcome = Outcome::kUnknown;
+  bool measured[2] = {};  // per direction; a limit test's both alike
+};
+RunOutcome AxisOutcome(const AxisReport& report, bool zoom);
+RunOutcome LimitOutcome(const LimitReport& report);
+// From the platen report's first line.
+Outcome PlatenOutcome(std::string_view text);
+
+}  // namespace reports

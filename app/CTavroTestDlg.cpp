@@ -97,8 +97,9 @@ bool CTavroTestDlgBase::OnInitDialog() {
   const std::string about = strings::Load(101);
   if (!about.empty()) {
     window.Shell().SetText("menu-about", MenuText(about));
-    window.ShellEvents().OnClick("menu-about",
-                                 [this](const ui::Event&) { OnSysCommand(kSysCommandAbout); });
+    window.ShellEvents().OnClick(
+        "menu-about", [this](const ui::Event&) { OnSysCommand(kSysCommandAbout); },
+        ui::From::kAnyone);
   } else {
     window.Shell().Show("menu-about", false);
   }
@@ -108,6 +109,11 @@ bool CTavroTestDlgBase::OnInitDialog() {
   window.SetStopHandler([this] {
     motion::StagePage* stage = StageTests();
     if (stage && stage->TestState().Running) stage->StopRequested = 1;
+  });
+  // One operator at a time: the window gives control to the tab whose click starts a test.
+  window.SetRunningTestQuery([this]() -> std::string {
+    const motion::StagePage* stage = StageTests();
+    return stage ? motion::RunningTestName(*stage) : std::string();
   });
 
   SetTitleSuffix(kConnected);
@@ -187,6 +193,11 @@ void CTavroTestDlgBase::WatchRunningTest(unsigned timerId) {
       window.NoBrowserFor() < kNoBrowserLimit && window.NoSignOfLifeFor() < kNoSignOfLifeLimit ? 0
                                                                                                : 1;
   if (stage->Unwatched != unwatched) stage->Unwatched = unwatched;
+  // Its operator's tab has gone, though others may still watch: the test stops as on STOP, and
+  // control returns to nobody, so that whoever is there answers what the stop still asks.
+  if (window.DropLostHolder(kNoBrowserLimit, kNoSignOfLifeLimit) && stage->TestState().Running) {
+    stage->StopRequested = 1;
+  }
 }
 
 // The link, as the dialog sees it: connected (" : Connected", polls, pages ticked) or
@@ -268,6 +279,7 @@ void CTavroTestDlgBase::OnDestroy() {
   }
   window.SetCloseHandler(nullptr);
   window.SetStopHandler(nullptr);
+  window.SetRunningTestQuery(nullptr);
   window.SetStopControl("");
 }
 

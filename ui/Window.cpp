@@ -259,7 +259,6 @@ Window::ClientId Window::Attach(std::shared_ptr<Connection> connection) {
     lastSignOfLife_ = platform::Clock::Current().Now();
     client.lastSign = lastSignOfLife_;
     SendFullState(client);
-    SendControl(client);
   });
   return id;
 }
@@ -303,6 +302,10 @@ void Window::Handle(ClientId client, const protocol::Incoming& in) {
   sender.lastSign = lastSignOfLife_;
   const bool first = !sender.spoken;
   sender.spoken = true;
+  // A browser is told who holds control once it has said who it is, so that a reload of the
+  // holder's tab is never shown a take-over it does not need; one without a hello is told at its
+  // first message.
+  if (first && in.kind != K::kHello) SendControl(sender);
   switch (in.kind) {
     case K::kBeat:
       return;
@@ -445,11 +448,11 @@ bool ValidTabId(const std::string& tab) {
 }  // namespace
 
 void Window::HandleHello(Client& client, const std::string& tab) {
-  if (!ValidTabId(tab)) {
+  if (ValidTabId(tab)) {
+    client.who = tab;
+  } else {
     UI_LOG("UI: hello with an unusable tab id refused\r\n");
-    return;
   }
-  client.who = tab;
   SendControl(client);
 }
 

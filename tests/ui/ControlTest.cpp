@@ -41,7 +41,7 @@ class ControlTest : public WindowFixture {
   Tab Open(const char* tabId) {
     Tab tab;
     tab.browser = Connect(&tab.id);
-    if (tabId) Receive(tab.id, {{"t", "hello"}, {"tab", tabId}});
+    Receive(tab.id, tabId ? json{{"t", "hello"}, {"tab", tabId}} : json{{"t", "beat"}});
     OnUi();
     return tab;
   }
@@ -233,6 +233,7 @@ TEST_F(ControlTest, AHolderThatGoesReleasesControlAndAReloadDoesNot) {
   clock.Advance(platform::Milliseconds(400));
   a = Open(kTabA);  // a reload: a new connection of the same tab
   EXPECT_FALSE(dropped());
+  EXPECT_EQ(a.browser->OfType("control").size(), 1u) << "never shown another's control";
   EXPECT_EQ(ControlOf(a), "yours X Axis Test");
 
   // Hung: still connected, silent, while b beats.
@@ -273,12 +274,14 @@ TEST_F(ControlTest, OnlyAFirstWellFormedHelloNamesATab) {
       {{"t", "hello"}, {"tab", 12345678}},
   };
   for (const json& hello : bad) {
-    Tab other = Open(nullptr);
+    Tab other;
+    other.browser = Connect(&other.id);
+    EXPECT_TRUE(other.browser->OfType("control").empty()) << "told nothing before it speaks";
     Receive(other.id, hello);
     OnUi();
-    EXPECT_EQ(ControlOf(other), "other X Axis Test") << hello.dump();
     Click(other, "Light", "change");
     EXPECT_EQ(other.browser->OfType("refused").size(), 1u) << hello.dump();
+    EXPECT_EQ(ControlOf(other), "other X Axis Test") << hello.dump();
   }
   const std::size_t logged = log.Messages().size();
   EXPECT_EQ(logged, bad.size());

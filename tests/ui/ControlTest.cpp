@@ -67,6 +67,13 @@ class ControlTest : public WindowFixture {
     });
   }
 
+  // `a` starts the test, which asks its question; the question's dialog id as `b` was told it.
+  int StartAndAsk(const Tab& a, const Tab& b, std::atomic<int>& result) {
+    Click(a, "Start");
+    AskFromTest(result);
+    return b.browser->WaitFor("dialog")["id"];
+  }
+
   void EndTest() {
     OnUi([this] {
       running.clear();
@@ -111,10 +118,8 @@ TEST_F(ControlTest, TheTabWhoseClickStartsATestHoldsControlUntilTheTestEnds) {
 TEST_F(ControlTest, AWatcherMayStopButNotActOrAnswerTheTestsQuestions) {
   Tab a = Open(kTabA);
   Tab b = Open(kTabB);
-  Click(a, "Start");
   std::atomic<int> answer{0};
-  AskFromTest(answer);
-  const int box = b.browser->WaitFor("dialog")["id"];
+  const int box = StartAndAsk(a, b, answer);
   OnUi([this] { window.ShowBoxAsync("Just a notice", "TavroTest", ui::kMbOk, {}); });
   const int notice = b.browser->OfType("dialog").back()["id"];
   OnUi([this] { window.SetStopControl("X Axis Test"); });
@@ -182,10 +187,8 @@ TEST_F(ControlTest, AWatcherMayStopButNotActOrAnswerTheTestsQuestions) {
 TEST_F(ControlTest, ATakeOverNamesTheTestAndLeavesTheFormerHolderWatching) {
   Tab a = Open(kTabA);
   Tab b = Open(kTabB);
-  Click(a, "Start");
   std::atomic<int> answer{0};
-  AskFromTest(answer);
-  const int box = b.browser->WaitFor("dialog")["id"];
+  const int box = StartAndAsk(a, b, answer);
 
   Receive(b.id, {{"t", "take"}, {"test", "Y Axis Test"}});
   OnUi();

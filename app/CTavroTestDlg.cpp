@@ -193,9 +193,12 @@ void CTavroTestDlgBase::WatchRunningTest(unsigned timerId) {
       window.NoBrowserFor() < kNoBrowserLimit && window.NoSignOfLifeFor() < kNoSignOfLifeLimit ? 0
                                                                                                : 1;
   if (stage->Unwatched != unwatched) stage->Unwatched = unwatched;
-  // Its operator's tab has gone, though others may still watch: the test stops as on STOP, and
-  // control returns to nobody, so that whoever is there answers what the stop still asks.
-  if (window.DropLostHolder(kNoBrowserLimit, kNoSignOfLifeLimit) && stage->TestState().Running) {
+  // Its operator's tab has gone, though others may still watch: a drive ends as on STOP (the
+  // watchers' signs of life do not stand in for the operator's), and control returns to nobody,
+  // so that whoever is there answers what the test still asks. A test that holds no axis waits,
+  // as it does for the next browser.
+  if (window.DropLostHolder(kNoBrowserLimit, kNoSignOfLifeLimit) &&
+      stage->HeldAxis != motion::kNoAxis) {
     stage->StopRequested = 1;
   }
 }

@@ -14,8 +14,9 @@
 // - A tab takes control by naming the test it takes over (the shell asks the user to confirm
 //   first); naming another test (the one it saw has ended and a new one began) takes nothing.
 // - The holder that goes (its tab closed or hung: no connection for a second, or no sign of life
-//   for two) releases control, and its test is stopped as STOP would: nobody drives unwatched.
-//   Once the test has ended, nobody holds control and any tab may start the next one.
+//   for two) releases control, and a drive of its test ends as on STOP: the watchers' signs of
+//   life do not stand in for the operator's. Whoever is there may then answer what the test still
+//   asks. Once the test has ended, nobody holds control and any tab may start the next one.
 //
 // A tab names itself in its hello with an id its shell made up (random, kept for the tab's life,
 // so a reload keeps control). The id is trusted for nothing but this rule: every browser that gets

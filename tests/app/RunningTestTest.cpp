@@ -83,11 +83,13 @@ class FakeStagePage final : public CTabPage, public motion::StagePage {
     if (wait == Wait::kChoice)
       answer = Choose({"X Axis Test", {"Pick"}, "Voltage", {"A", "B"}}).result;
     if (wait == Wait::kRamp || wait == Wait::kNone) {
+      HeldAxis = 0;
       Sampling = 1;
       while (!StopRequested && !Unwatched && !guard_.IsQuitRequested()) {
         platform::Clock::Current().SleepFor(milliseconds(20));
       }
       Sampling = 0;
+      HeldAxis = motion::kNoAxis;
     }
     driven = false;  // the axis is handed back
     state_.TestX = 0;
@@ -244,8 +246,8 @@ TEST_F(RunningTestTest, ARampMustEndWhenNoBrowserIsThereOrAlive) {
 // Two tabs: the one that clicked the test's button holds control. When it is closed (no
 // connection for a second) or hangs (silent for two) while the other still beats, its ramp is
 // stopped as on STOP, and nobody holds control: the watcher's life does not keep the operator's
-// drive going.
-TEST_F(RunningTestTest, TheOperatorsTabThatGoesStopsItsTestThoughAnotherWatches) {
+// drive going. A test in a question is left to wait.
+TEST_F(RunningTestTest, TheOperatorsTabThatGoesEndsItsDriveThoughAnotherWatches) {
   struct Case {
     const char* what;
     bool closed;
@@ -287,6 +289,22 @@ TEST_F(RunningTestTest, TheOperatorsTabThatGoesStopsItsTestThoughAnotherWatches)
     EXPECT_EQ(window.ControlHolder(), "");
     if (!c.closed) window.Detach(operatorTab);
   }
+
+  // In a question it holds no axis: the test waits for whoever answers, and nobody holds control.
+  stage.Events().OnClick("XAxisTest", [&](const ui::Event&) {
+    if (!stage.TestState().Running) stage.StartXTest(FakeStagePage::Wait::kBox);
+  });
+  stage.finished = false;
+  const auto operatorTab = window.Attach(std::make_shared<NullBrowser>());
+  window.Receive(operatorTab, R"({"t":"hello","tab":"operator-tab"})");
+  window.Receive(operatorTab, R"({"t":"event","page":1,"id":"XAxisTest","kind":"click"})");
+  RunFor(milliseconds(500));
+  ASSERT_EQ(window.ControlHolder(), "operator-tab");
+  window.Detach(operatorTab);
+  RunFor(milliseconds(3000));
+  EXPECT_EQ(window.ControlHolder(), "");
+  EXPECT_EQ(stage.StopRequested, 0);
+  EXPECT_FALSE(stage.finished) << "the box waits";
   loop.KillTimer(97);
 }
 

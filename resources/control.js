@@ -49,7 +49,8 @@
     take.addEventListener('click', confirmTake);
     el.appendChild(take);
     const bar = document.querySelector('.titlebar');
-    bar.insertBefore(el, document.getElementById('link-state'));
+    const link = document.getElementById('link-state');
+    bar.insertBefore(el, link && link.parentNode === bar ? link : null);
     return el;
   }
 

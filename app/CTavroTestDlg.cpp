@@ -107,8 +107,9 @@ bool CTavroTestDlgBase::OnInitDialog() {
   const std::string about = strings::Load(101);
   if (!about.empty()) {
     window.Shell().SetText("menu-about", MenuText(about));
-    window.ShellEvents().OnClick("menu-about",
-                                 [this](const ui::Event&) { OnSysCommand(kSysCommandAbout); });
+    window.ShellEvents().OnClick(
+        "menu-about", [this](const ui::Event&) { OnSysCommand(kSysCommandAbout); },
+        ui::From::kAnyone);
   } else {
     window.Shell().Show("menu-about", false);
   }
@@ -118,6 +119,11 @@ bool CTavroTestDlgBase::OnInitDialog() {
   window.SetStopHandler([this] {
     motion::StagePage* stage = StageTests();
     if (stage && stage->TestState().Running) stage->StopRequested = 1;
+  });
+  // One operator at a time: the window gives control to the tab whose click starts a test.
+  window.SetRunningTestQuery([this]() -> std::string {
+    const motion::StagePage* stage = StageTests();
+    return stage ? motion::RunningTestName(*stage) : std::string();
   });
 
   SetTitleSuffix(kConnected);
@@ -202,6 +208,14 @@ void CTavroTestDlgBase::WatchRunningTest(unsigned timerId) {
       window.NoBrowserFor() < kNoBrowserLimit && window.NoSignOfLifeFor() < kNoSignOfLifeLimit ? 0
                                                                                                : 1;
   if (stage->Unwatched != unwatched) stage->Unwatched = unwatched;
+  // Its operator's tab has gone, though others may still watch: a drive ends as on STOP (the
+  // watchers' signs of life do not stand in for the operator's), and control returns to nobody,
+  // so that whoever is there answers what the test still asks. A test that holds no axis waits,
+  // as it does for the next browser.
+  if (window.DropLostHolder(kNoBrowserLimit, kNoSignOfLifeLimit) &&
+      stage->HeldAxis != motion::kNoAxis) {
+    stage->StopRequested = 1;
+  }
 }
 
 // The link, as the dialog sees it: connected (" : Connected", polls, pages ticked) or
@@ -283,6 +297,7 @@ void CTavroTestDlgBase::OnDestroy() {
   }
   window.SetCloseHandler(nullptr);
   window.SetStopHandler(nullptr);
+  window.SetRunningTestQuery(nullptr);
   window.SetStopControl("");
 }
 

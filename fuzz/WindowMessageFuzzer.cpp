@@ -136,6 +136,12 @@ void CheckDecoded(const std::string& text) {
     case K::kBeat:
       CHECK(j.value("t", "") == "beat");
       break;
+    case K::kHello:
+      CHECK(j.value("tab", std::string("\x01")) == in->id);
+      break;
+    case K::kTake:
+      CHECK(j.value("test", std::string("\x01")) == in->id);
+      break;
   }
 }
 
@@ -170,6 +176,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     window.ShowChoiceAsync({.title = "About", .options = {"OK"}}, {});
   });
   window.ShowChoiceAsync({.title = "Speed", .options = {"Standard", "High", "No Limit"}}, {});
+  // The first page's "Go" starts a test that runs to the end of the input: the browser that
+  // clicked it holds control, and the other one's input meets the rule.
+  window.SetRunningTestQuery(
+      [&first] { return first.Doc().Text("Clicks") == "1" ? "X Axis Test" : std::string(); });
   std::shared_ptr<ui::MessageWindowView> messages;
   messages = window.OpenMessageWindow(
       {.title = "Progress", .text = "Moving", .buttons = {"Stop", "Close"}, .resizable = true},

@@ -100,7 +100,9 @@ void StageDlg::ListEvents() {
     if (b.button == TestButton::kZoomAxis && !form_.zoomTest) continue;
     events.OnClick(b.id, [this, button = b.button](const ui::Event&) { OnTestButton(button); });
   }
-  events.OnClick("StopMotor", [this](const ui::Event&) { StopRequested = 1; });
+  // STOP is never taken away: a watcher's stops as the operator's does.
+  events.OnClick(
+      "StopMotor", [this](const ui::Event&) { StopRequested = 1; }, ui::From::kAnyone);
   // A browser sends a text box's value only for a change the page listens to, and the window
   // takes the value into the document before the handler runs. Without this the count typed
   // into "Test Qty:" never reached the page, and every platen test ran the default 100 cycles.

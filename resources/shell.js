@@ -20,6 +20,11 @@
     if (socket && socket.readyState === WebSocket.OPEN) socket.send(JSON.stringify(message));
   }
 
+  // Scripts that add to the shell (control.js): `open(send)` when a connection opens, before
+  // anything else goes out on it, and `message(m)` for each message the shell does not know.
+  const hooks = [];
+  window.tavroShell = { hook(h) { hooks.push(h); } };
+
   // The viewport is the work area that the program places message windows in.
   function sendViewport() {
     send({ t: 'viewport', width: innerWidth, height: innerHeight });
@@ -44,6 +49,7 @@
     const ws = new WebSocket(`ws://${location.host}/ws?token=${encodeURIComponent(token)}`);
     socket = ws;
     ws.onopen = () => {
+      for (const h of hooks) if (h.open) h.open(send);
       setLink('open', 'Live');
       sendViewport();
       send({ t: 'shown', page: tabs.length ? selected : -1 });
@@ -70,7 +76,7 @@
       case 'doc': applyDoc(m); break;
       case 'dialog': openDialog(m); break;
       case 'closeDialog': closeDialog(m.id); break;
-      default: break;
+      default: for (const h of hooks) if (h.message) h.message(m); break;
     }
   }
 

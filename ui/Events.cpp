@@ -12,14 +12,19 @@ const char* EventKindName(EventKind kind) {
   return kind == EventKind::kClick ? "click" : "change";
 }
 
-void EventTable::On(const std::string& id, EventKind kind, Handler handler) {
-  rows_[{id, kind}] = std::move(handler);
+void EventTable::On(const std::string& id, EventKind kind, Handler handler, From from) {
+  rows_[{id, kind}] = Row{std::move(handler), from};
+}
+
+From EventTable::FromWhom(const std::string& id, EventKind kind) const {
+  const auto it = rows_.find({id, kind});
+  return it == rows_.end() ? From::kOperator : it->second.from;
 }
 
 bool EventTable::Dispatch(const Event& event) const {
   const auto it = rows_.find({event.id, event.kind});
   if (it == rows_.end()) return false;
-  it->second(event);
+  it->second.handler(event);
   return true;
 }
 

@@ -34,27 +34,41 @@ struct Event {
 
 inline constexpr int kShellPage = -1;
 
+// Who may send an event while a test runs (see ControlRule): only the browser that holds
+// control, or every browser (a STOP, which is never taken away, and what only shows something).
+enum class From {
+  kOperator,
+  kAnyone,
+};
+
 class EventTable {
  public:
   using Handler = std::function<void(const Event&)>;
 
-  // Adds a row; a second row for the same id and kind replaces the first.
-  void On(const std::string& id, EventKind kind, Handler handler);
-  void OnClick(const std::string& id, Handler handler) {
-    On(id, EventKind::kClick, std::move(handler));
+  // Adds a row; a second row for the same id and kind replaces the first. A row is the
+  // operator's unless it says otherwise: what acts on the machine is the rule, not the exception.
+  void On(const std::string& id, EventKind kind, Handler handler, From from = From::kOperator);
+  void OnClick(const std::string& id, Handler handler, From from = From::kOperator) {
+    On(id, EventKind::kClick, std::move(handler), from);
   }
-  void OnChange(const std::string& id, Handler handler) {
-    On(id, EventKind::kChange, std::move(handler));
+  void OnChange(const std::string& id, Handler handler, From from = From::kOperator) {
+    On(id, EventKind::kChange, std::move(handler), from);
   }
 
   bool Has(const std::string& id, EventKind kind) const { return rows_.count({id, kind}) != 0; }
+  // Whom the row takes input from; kOperator for a row the table does not have.
+  From FromWhom(const std::string& id, EventKind kind) const;
   // Runs the row's handler; false when the table has no such row.
   bool Dispatch(const Event& event) const;
   // Every (id, kind) of the table, for the browsers to listen for.
   std::vector<std::pair<std::string, EventKind>> Rows() const;
 
  private:
-  std::map<std::pair<std::string, EventKind>, Handler> rows_;
+  struct Row {
+    Handler handler;
+    From from;
+  };
+  std::map<std::pair<std::string, EventKind>, Row> rows_;
 };
 
 }  // namespace ui

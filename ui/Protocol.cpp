@@ -151,6 +151,12 @@ bool DecodeFields(const std::string& type, const json& j, Incoming& in, std::str
     in.kind = K::kBeat;
     return true;
   }
+  if (type == "hello" || type == "take") {
+    in.kind = type == "hello" ? K::kHello : K::kTake;
+    if (GetString(j, type == "hello" ? "tab" : "test", in.id)) return true;
+    error = type + " without its text";
+    return false;
+  }
   error = "unknown message type '" + type + "'";
   return false;
 }
@@ -305,6 +311,16 @@ std::string EncodeMessageWindow(int id, const MessageWindowState& s, int scrollL
 
 std::string EncodeCloseDialog(int id) {
   return Dump({{"t", "closeDialog"}, {"id", id}});
+}
+
+std::string EncodeControl(ControlState state, const std::string& test) {
+  return Dump({{"t", "control"}, {"state", ControlStateName(state)}, {"test", test}});
+}
+
+std::string EncodeRefused(const std::string& test, int dialog) {
+  json j = {{"t", "refused"}, {"text", kRunFromAnotherWindow}, {"test", test}};
+  if (dialog != 0) j["dialog"] = dialog;
+  return Dump(j);
 }
 
 }  // namespace ui::protocol

@@ -6,6 +6,8 @@
 //              "line","pageStep","tick"}},"scroll":[[id,"pageDown"|"end"]...]}   (p -1: shell)
 //   dialog    {"t":"dialog","id":n,"kind":"box"|"choice"|"window",...}
 //   closeDialog {"t":"closeDialog","id":n}
+//   control   {"t":"control","state":"free"|"yours"|"other","test":s}   to each browser its own
+//   refused   {"t":"refused","text":s,"test":s,"dialog"?:n}   to the browser whose input it was
 // From the browser:
 //   event     {"t":"event","page":p,"id":s,"kind":"click"|"change","value"?:s,"checked"?:b}
 //   shown     {"t":"shown","page":p}           the tab this browser shows (-1: none)
@@ -16,6 +18,8 @@
 //   viewport  {"t":"viewport","width":w,"height":h}           the browser's viewport
 //   cancel    {"t":"cancel","page":p}          Escape on page p while no dialog had the focus
 //   beat      {"t":"beat"}                     a sign of life from the page's script
+//   hello     {"t":"hello","tab":s}            the tab's own id, first on each connection
+//   take      {"t":"take","test":s}            take control of the test named
 #pragma once
 
 #include <cstdint>
@@ -24,6 +28,7 @@
 #include <utility>
 #include <vector>
 
+#include "ui/Control.h"
 #include "ui/Dialogs.h"
 #include "ui/Document.h"
 #include "ui/Events.h"
@@ -41,10 +46,12 @@ struct Incoming {
     kViewport,
     kCancel,
     kBeat,
+    kHello,
+    kTake,
   };
   Kind kind;
   int page = 0;
-  std::string id;
+  std::string id;  // kEvent, kScroll: the element; kHello: the tab; kTake: the test
   EventKind eventKind = EventKind::kClick;
   std::optional<std::string> value;
   std::optional<bool> checked;
@@ -73,5 +80,8 @@ std::string EncodeChoice(int id, const ChoiceDialog& dialog);
 // `scrollLine` -1: no scroll order.
 std::string EncodeMessageWindow(int id, const MessageWindowState& state, int scrollLine);
 std::string EncodeCloseDialog(int id);
+std::string EncodeControl(ControlState state, const std::string& test);
+// `dialog` 0: the refused input was no answer.
+std::string EncodeRefused(const std::string& test, int dialog);
 
 }  // namespace ui::protocol

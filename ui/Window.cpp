@@ -121,15 +121,19 @@ Window::Window(platform::TaskLoop& loop)
   shell_.SetObserver([this] { ScheduleFlush(); });
   // The menu works from the start, before any dialog runs, with the box the dialog shows later.
   aboutText_ = AboutText();
-  shellEvents_.OnClick("menu-about", [this](const Event&) {
-    ShowBoxAsync(aboutText_, "About TavroTest", kMbOk, {});
-  });
+  shellEvents_.OnClick(
+      "menu-about",
+      [this](const Event&) { ShowBoxAsync(aboutText_, "About TavroTest", kMbOk, {}); },
+      From::kAnyone);
   // The STOP control is up only while a test runs; a click that comes after the test ended (the
   // control was still drawn in some browser) finds no handler or a handler with nothing to stop.
   shell_.Show("stop-test", false);
-  shellEvents_.OnClick("stop-test", [this](const Event&) {
-    if (onStop_ && !shell_.Text("stop-test-name").empty()) onStop_();
-  });
+  shellEvents_.OnClick(
+      "stop-test",
+      [this](const Event&) {
+        if (onStop_ && !shell_.Text("stop-test-name").empty()) onStop_();
+      },
+      From::kAnyone);
   shellEvents_.OnClick("menu-close", [this](const Event&) {
     if (onClose_) {
       onClose_();
@@ -161,6 +165,7 @@ int Window::AddPage(const std::string& tabTitle, HtmlPage& page) {
 void Window::SetStopControl(const std::string& testName) {
   shell_.SetText("stop-test-name", testName);
   shell_.Show("stop-test", !testName.empty());
+  FollowTest(testName);
 }
 
 platform::Duration Window::NoBrowserFor() const {
@@ -250,7 +255,9 @@ Window::ClientId Window::Attach(std::shared_ptr<Connection> connection) {
   loop_.Post([this, id, connection = std::move(connection)]() mutable {
     Client& client = clients_[id];
     client.connection = std::move(connection);
+    client.who = "#" + std::to_string(id);
     lastSignOfLife_ = platform::Clock::Current().Now();
+    client.lastSign = lastSignOfLife_;
     SendFullState(client);
   });
   return id;
@@ -261,8 +268,13 @@ void Window::Detach(ClientId client) {
     const auto it = clients_.find(client);
     if (it == clients_.end()) return;
     HandleShown(client, -1);
+    const std::string who = it->second.who;
     clients_.erase(it);
-    if (clients_.empty()) noBrowserSince_ = platform::Clock::Current().Now();
+    const auto now = platform::Clock::Current().Now();
+    if (clients_.empty()) noBrowserSince_ = now;
+    const bool holderStays = std::any_of(clients_.begin(), clients_.end(),
+                                         [&](const auto& c) { return c.second.who == who; });
+    if (who == control_.Holder() && !holderStays) holderLeft_ = now;
   });
 }
 
@@ -282,15 +294,36 @@ void Window::Receive(ClientId client, std::string text) {
 
 void Window::Handle(ClientId client, const protocol::Incoming& in) {
   using K = protocol::Incoming::Kind;
-  if (clients_.count(client) != 0) lastSignOfLife_ = platform::Clock::Current().Now();
+  const auto from = clients_.find(client);
+  // A browser that has gone (its message was on the way) acts on nothing.
+  if (from == clients_.end()) return;
+  Client& sender = from->second;
+  lastSignOfLife_ = platform::Clock::Current().Now();
+  sender.lastSign = lastSignOfLife_;
+  const bool first = !sender.spoken;
+  sender.spoken = true;
+  // A browser is told who holds control once it has said who it is, so that a reload of the
+  // holder's tab is never shown a take-over it does not need; one without a hello is told at its
+  // first message.
+  if (first && in.kind != K::kHello) SendControl(sender);
   switch (in.kind) {
     case K::kBeat:
       return;
+    case K::kHello:
+      if (first) {
+        HandleHello(sender, in.id);
+      } else {
+        UI_LOG("UI: hello after other messages ignored\r\n");
+      }
+      return;
+    case K::kTake:
+      HandleTake(sender, in.id);
+      return;
     case K::kEvent:
-      HandleEvent(in);
+      HandleEvent(sender, in);
       return;
     case K::kAnswer:
-      HandleAnswer(in);
+      HandleAnswer(sender, in);
       return;
     case K::kResize: {
       const auto it = dialogs_.find(in.dialog);
@@ -348,7 +381,7 @@ void Window::HandleCancel(ClientId client, int page) {
   pages_[page].page->OnCancel();
 }
 
-void Window::HandleEvent(const protocol::Incoming& in) {
+void Window::HandleEvent(Client& client, const protocol::Incoming& in) {
   Document* doc = DocOf(in.page);
   if (!doc) {
     UI_LOG("UI: event for unknown page %d\r\n", in.page);
@@ -359,8 +392,16 @@ void Window::HandleEvent(const protocol::Incoming& in) {
     UI_LOG("UI: no %s handler for %d/%s\r\n", EventKindName(in.eventKind), in.page, in.id.c_str());
     return;
   }
+  if (table.FromWhom(in.id, in.eventKind) == From::kOperator && Refuses(client, in.page, 0)) return;
+  const std::string before = RunningTest();
   doc->TakeBrowserValue(in.id, in.value, in.checked);
   table.Dispatch(Event{in.page, in.id, in.eventKind, in.value, in.checked});
+  // A click that started a test makes its tab the operator.
+  if (before.empty()) {
+    const std::string holder = control_.Holder();
+    control_.Started(client.who, RunningTest());
+    if (holder != control_.Holder()) SendControlToAll();
+  }
 }
 
 void Window::HandleShown(ClientId client, int page) {
@@ -386,6 +427,105 @@ void Window::HandleLoaded(ClientId client, int page) {
   const auto it = clients_.find(client);
   if (it == clients_.end() || !it->second.loaded.insert(page).second) return;
   pages_[page].page->OnDocumentComplete();
+}
+
+// ---------------------------------------------------------------------------------------------
+// One operator at a time: the rule and its reasons are in ui/Control.h. The window applies it to
+// what arrives; what a page or the test does never asks who sent it.
+
+namespace {
+
+// A tab's own id: what the shell makes (a UUID) and a little room, in characters that need no
+// escaping in a log line. Never "#...", the names of connections without a hello.
+bool ValidTabId(const std::string& tab) {
+  if (tab.size() < 8 || tab.size() > 64) return false;
+  return std::all_of(tab.begin(), tab.end(), [](unsigned char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' ||
+           c == '_';
+  });
+}
+
+}  // namespace
+
+void Window::HandleHello(Client& client, const std::string& tab) {
+  if (ValidTabId(tab)) {
+    client.who = tab;
+  } else {
+    UI_LOG("UI: hello with an unusable tab id refused\r\n");
+  }
+  SendControl(client);
+}
+
+void Window::HandleTake(Client& client, const std::string& test) {
+  FollowRunningTest();
+  if (!control_.Take(client.who, test)) {
+    // The test it saw has ended (and perhaps another begun), or it already holds control.
+    UI_LOG("UI: take-over of \"%s\" refused\r\n", test.c_str());
+    SendControl(client);
+    return;
+  }
+  UI_LOG("UI: another window took control of the %s\r\n", test.c_str());
+  SendControlToAll();
+}
+
+std::string Window::RunningTest() const {
+  return runningTest_ ? runningTest_() : std::string();
+}
+
+void Window::FollowRunningTest() {
+  if (runningTest_) FollowTest(RunningTest());
+}
+
+void Window::FollowTest(const std::string& running) {
+  const std::string holder = control_.Holder();
+  const std::string test = control_.Test();
+  control_.Follow(running);
+  if (holder != control_.Holder() || test != control_.Test()) SendControlToAll();
+}
+
+bool Window::Refuses(Client& client, int page, int dialog) {
+  FollowRunningTest();
+  if (control_.Allows(client.who)) return false;
+  client.connection->Send(
+      std::make_shared<const std::string>(protocol::EncodeRefused(control_.Test(), dialog)));
+  // The browser already shows what its user typed or ticked; it gets the page as it stands.
+  if (Document* doc = DocOf(page)) {
+    client.connection->Send(
+        std::make_shared<const std::string>(protocol::EncodeDoc(page, doc->Snapshot(), true)));
+  }
+  return true;
+}
+
+bool Window::DropLostHolder(platform::Duration absent, platform::Duration silent) {
+  FollowRunningTest();
+  const std::string& holder = control_.Holder();
+  if (holder.empty()) return false;
+  const platform::TimePoint now = platform::Clock::Current().Now();
+  std::optional<platform::TimePoint> lastSign;
+  for (const auto& [id, client] : clients_) {
+    if (client.who == holder && (!lastSign || client.lastSign > *lastSign)) {
+      lastSign = client.lastSign;
+    }
+  }
+  const bool gone = lastSign ? now - *lastSign >= silent : now - holderLeft_ >= absent;
+  if (!gone) return false;
+  UI_LOG("UI: the window that ran the %s has gone; nobody holds control\r\n",
+         control_.Test().c_str());
+  control_.Release();
+  SendControlToAll();
+  return true;
+}
+
+void Window::SendControl(Client& client) {
+  std::string message = protocol::EncodeControl(control_.StateFor(client.who), control_.Test());
+  if (message == client.controlSent) return;
+  client.controlSent = message;
+  client.connection->Send(std::make_shared<const std::string>(std::move(message)));
+}
+
+void Window::SendControlToAll() {
+  for (auto& [id, client] : clients_)
+    SendControl(client);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -421,6 +561,7 @@ int Window::OpenBox(const std::string& text, const std::string& title, unsigned 
   const int id = nextDialog_++;
   OpenDialog& d = dialogs_[id];
   d.kind = DialogKind::kBox;
+  d.ofTest = waited;
   d.style = style;
   d.message = protocol::EncodeBox(id, text, title, style);
   d.done = [done = std::move(done)](int result, int) {
@@ -443,6 +584,7 @@ int Window::OpenChoice(const ChoiceDialog& dialog, std::function<void(ChoiceResu
   const int id = nextDialog_++;
   OpenDialog& d = dialogs_[id];
   d.kind = DialogKind::kChoice;
+  d.ofTest = waited;
   d.options = static_cast<int>(dialog.options.size());
   d.initial = dialog.initial;
   d.message = protocol::EncodeChoice(id, dialog);
@@ -483,7 +625,7 @@ void Window::CloseDialog(int id) {
   Broadcast(protocol::EncodeCloseDialog(id));
 }
 
-void Window::HandleAnswer(const protocol::Incoming& in) {
+void Window::HandleAnswer(Client& client, const protocol::Incoming& in) {
   const auto it = dialogs_.find(in.dialog);
   if (it == dialogs_.end()) {
     // Two browsers may answer the same box; the second finds it closed.
@@ -491,6 +633,7 @@ void Window::HandleAnswer(const protocol::Incoming& in) {
     return;
   }
   OpenDialog& d = it->second;
+  if (d.ofTest && Refuses(client, kNoPage, in.dialog)) return;
   bool valid = false;
   int choice = 0;
   switch (d.kind) {

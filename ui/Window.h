@@ -25,6 +25,7 @@
 
 #include "platform/Clock.h"
 #include "platform/TaskLoop.h"
+#include "ui/Control.h"
 #include "ui/Dialogs.h"
 #include "ui/Document.h"
 #include "ui/Events.h"
@@ -153,7 +154,19 @@ class Window : public MessageBoxPresenter {
   void SetAboutText(const std::string& text) { aboutText_ = text; }
   // The STOP control in the title bar: shown with `testName` ("STOP — X Axis Test") while a test
   // runs, hidden for "". Kept in the shell's document, so a browser that comes later sees it.
+  // Control (below) follows it: with no test running, nobody holds control.
   void SetStopControl(const std::string& testName);
+  // One operator at a time (ui/Control.h has the rule and its reasons). `query` names the test
+  // that runs now, "" for none. The window asks it around each event, so that the tab whose
+  // click started a test holds control, and before it refuses anything, so that a test that has
+  // just ended holds nothing.
+  void SetRunningTestQuery(std::function<std::string()> query) { runningTest_ = std::move(query); }
+  // Whether the tab that holds control has gone: no connection of it for `absent`, or none of
+  // its connections has shown a sign of life for `silent`. If so, nobody holds control from now
+  // on (every tab is told) and the answer is true, once: the caller stops the test.
+  bool DropLostHolder(platform::Duration absent, platform::Duration silent);
+  // The tab that holds control ("" nobody), as its hello named it.
+  const std::string& ControlHolder() const { return control_.Holder(); }
   // Runs on the UI thread when a browser clicks the STOP control (no confirmation is asked).
   void SetStopHandler(std::function<void()> handler) { onStop_ = std::move(handler); }
   // How long no browser has been attached: zero while one is, else the time since the last went
@@ -212,6 +225,11 @@ class Window : public MessageBoxPresenter {
     std::shared_ptr<Connection> connection;
     int shownPage = -1;
     std::set<int> loaded;  // pages whose HTML this browser has loaded
+    // The tab it belongs to: the id of its hello, else "#<client id>", a tab of its own.
+    std::string who;
+    bool spoken = false;  // it has sent a message: a hello after that changes nothing
+    platform::TimePoint lastSign;
+    std::string controlSent;  // the last control message it was sent
   };
   enum class DialogKind { kBox, kChoice, kWindow };
   struct OpenDialog {
@@ -222,6 +240,7 @@ class Window : public MessageBoxPresenter {
     std::string message;  // what a browser that connects is sent (boxes and choices)
     std::function<void(int result, int choice)> done;
     std::shared_ptr<MessageWindowView> view;  // kWindow
+    bool ofTest = false;  // a thread waits for its answer: the running test's own question
   };
   struct Waiter {
     bool done = false;
@@ -241,9 +260,22 @@ class Window : public MessageBoxPresenter {
   ChoiceResult WaitForAnswer(ChoiceResult cautious, std::function<void(Answer)> open);
   void Resolve(const std::shared_ptr<Waiter>& waiter, ChoiceResult answer);
   void Handle(ClientId client, const protocol::Incoming& in);
-  void HandleEvent(const protocol::Incoming& in);
+  void HandleEvent(Client& client, const protocol::Incoming& in);
   void HandleCancel(ClientId client, int page);
-  void HandleAnswer(const protocol::Incoming& in);
+  void HandleAnswer(Client& client, const protocol::Incoming& in);
+  void HandleHello(Client& client, const std::string& tab);
+  void HandleTake(Client& client, const std::string& test);
+  // The running test as the query names it, "" without one.
+  std::string RunningTest() const;
+  // Brings the rule up to date with what runs; tells every tab when that changed control.
+  void FollowRunningTest();
+  void FollowTest(const std::string& running);
+  // True when the rule refuses `client`'s input now: the client is told so, and a page's
+  // document (`page`, kNoPage for none) is sent again, as the browser shows its own input.
+  static constexpr int kNoPage = -2;
+  bool Refuses(Client& client, int page, int dialog);
+  void SendControl(Client& client);
+  void SendControlToAll();
   void HandleShown(ClientId client, int page);
   void HandleLoaded(ClientId client, int page);
   // Whether one more box or choice dialog may open; logs when not.
@@ -279,6 +311,9 @@ class Window : public MessageBoxPresenter {
   platform::TimePoint lastSignOfLife_;
   std::string aboutText_;
   std::pair<int, int> viewport_{1280, 800};
+  ControlRule control_;
+  std::function<std::string()> runningTest_;
+  platform::TimePoint holderLeft_;  // when the holder's last connection went
 
   // Blocked callers; guarded by waitMutex_.
   std::mutex waitMutex_;

@@ -83,11 +83,13 @@ class FakeStagePage final : public CTabPage, public motion::StagePage {
     if (wait == Wait::kChoice)
       answer = Choose({"X Axis Test", {"Pick"}, "Voltage", {"A", "B"}}).result;
     if (wait == Wait::kRamp || wait == Wait::kNone) {
+      HeldAxis = 0;
       Sampling = 1;
       while (!StopRequested && !Unwatched && !guard_.IsQuitRequested()) {
         platform::Clock::Current().SleepFor(milliseconds(20));
       }
       Sampling = 0;
+      HeldAxis = motion::kNoAxis;
     }
     driven = false;  // the axis is handed back
     state_.TestX = 0;
@@ -239,6 +241,71 @@ TEST_F(RunningTestTest, ARampMustEndWhenNoBrowserIsThereOrAlive) {
   EXPECT_EQ(stage.Unwatched, 1) << "ended within 1.2 s";
   ASSERT_TRUE(Finished(milliseconds(100)));
   EXPECT_FALSE(stage.driven);
+}
+
+// Two tabs: the one that clicked the test's button holds control. When it is closed (no
+// connection for a second) or hangs (silent for two) while the other still beats, its ramp is
+// stopped as on STOP, and nobody holds control: the watcher's life does not keep the operator's
+// drive going. A test in a question is left to wait.
+TEST_F(RunningTestTest, TheOperatorsTabThatGoesEndsItsDriveThoughAnotherWatches) {
+  struct Case {
+    const char* what;
+    bool closed;
+    platform::Duration notYet;
+    platform::Duration by;
+  };
+  const Case cases[] = {
+      {"closed", true, milliseconds(900), milliseconds(1200)},
+      {"hung", false, milliseconds(1800), milliseconds(2200)},
+  };
+  Open();
+  FakeStagePage& stage = dlg->Stage();
+  stage.Events().OnClick("XAxisTest", [&](const ui::Event&) {
+    if (!stage.TestState().Running) stage.StartXTest(FakeStagePage::Wait::kRamp);
+  });
+  const auto watcher = window.Attach(std::make_shared<NullBrowser>());
+  window.Receive(watcher, R"({"t":"hello","tab":"watcher-tab"})");
+  loop.SetTimer(97, milliseconds(500), [&](unsigned) { Beat(watcher); });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    stage.finished = false;
+    const auto operatorTab = window.Attach(std::make_shared<NullBrowser>());
+    window.Receive(operatorTab, R"({"t":"hello","tab":"operator-tab"})");
+    BeatFrom(operatorTab);
+    window.Receive(operatorTab, R"({"t":"event","page":1,"id":"XAxisTest","kind":"click"})");
+    RunFor(milliseconds(3000));
+    ASSERT_TRUE(stage.driven);
+    EXPECT_EQ(window.ControlHolder(), "operator-tab");
+
+    StopBeats();
+    if (c.closed) window.Detach(operatorTab);
+    RunFor(c.notYet);
+    EXPECT_EQ(stage.StopRequested, 0);
+    EXPECT_EQ(stage.Unwatched, 0) << "the watcher is there and alive";
+    RunFor(c.by - c.notYet);
+    EXPECT_EQ(stage.StopRequested, 1);
+    ASSERT_TRUE(Finished(milliseconds(100)));
+    EXPECT_FALSE(stage.driven);
+    EXPECT_EQ(window.ControlHolder(), "");
+    if (!c.closed) window.Detach(operatorTab);
+  }
+
+  // In a question it holds no axis: the test waits for whoever answers, and nobody holds control.
+  stage.Events().OnClick("XAxisTest", [&](const ui::Event&) {
+    if (!stage.TestState().Running) stage.StartXTest(FakeStagePage::Wait::kBox);
+  });
+  stage.finished = false;
+  const auto operatorTab = window.Attach(std::make_shared<NullBrowser>());
+  window.Receive(operatorTab, R"({"t":"hello","tab":"operator-tab"})");
+  window.Receive(operatorTab, R"({"t":"event","page":1,"id":"XAxisTest","kind":"click"})");
+  RunFor(milliseconds(500));
+  ASSERT_EQ(window.ControlHolder(), "operator-tab");
+  window.Detach(operatorTab);
+  RunFor(milliseconds(3000));
+  EXPECT_EQ(window.ControlHolder(), "");
+  EXPECT_EQ(stage.StopRequested, 0);
+  EXPECT_FALSE(stage.finished) << "the box waits";
+  loop.KillTimer(97);
 }
 
 TEST_F(RunningTestTest, ATestThatDoesNotHoldAnAxisIsLeftToWaitForTheNextBrowser) {

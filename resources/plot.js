@@ -818,103 +818,6 @@
     }
   }
 
-  // --- Choosing channels ----------------------------------------------------------------------
-
-  function openPicker() {
-    const old = document.getElementById('plot-picker');
-    if (old) old.remove();
-    const box = document.createElement('section');
-    box.id = 'plot-picker';
-    box.className = 'plot-panel plot-picker';
-    box.setAttribute('role', 'dialog');
-    box.setAttribute('aria-label', 'Plot channels');
-    box.style.zIndex = String(++zTop);
-    const head = document.createElement('header');
-    head.className = 'plot-head';
-    const title = document.createElement('span');
-    title.className = 'plot-title';
-    title.textContent = 'Plot channels';
-    const close = button('\u00d7', () => box.remove(), 'Close');
-    close.className = 'plot-close';
-    head.append(title, close);
-    const filter = document.createElement('input');
-    filter.type = 'search';
-    filter.placeholder = 'Filter';
-    filter.setAttribute('aria-label', 'Filter');
-    filter.className = 'plot-filter';
-    const list = document.createElement('div');
-    list.className = 'plot-list';
-    const groups = new Map();
-    const channels = recorder.channels();
-    for (const c of channels) {
-      const page = c.page || 'Other';
-      if (!groups.has(page)) {
-        const fieldset = document.createElement('fieldset');
-        const legend = document.createElement('legend');
-        legend.textContent = page;
-        fieldset.appendChild(legend);
-        list.appendChild(fieldset);
-        groups.set(page, fieldset);
-      }
-      const label = document.createElement('label');
-      const box2 = document.createElement('input');
-      box2.type = 'checkbox';
-      box2.value = c.name;
-      // The words of the page, then the id, dimmer, that scripts and exports use.
-      const words = channelLabel(c.name);
-      const id = document.createElement('span');
-      id.className = 'plot-id';
-      id.textContent = c.name;
-      label.append(box2, ` ${words}${c.unit ? ` (${c.unit})` : ''} `, id);
-      label.title = c.name;
-      label.dataset.text = `${page} ${words} ${c.name} ${c.element} ${c.unit}`.toLowerCase();
-      groups.get(page).appendChild(label);
-    }
-    if (!channels.length) list.textContent = 'Nothing is recorded.';
-    filter.addEventListener('input', () => {
-      const words = filter.value.toLowerCase().split(/\s+/).filter(Boolean);
-      for (const fieldset of groups.values()) {
-        let any = false;
-        for (const label of fieldset.querySelectorAll('label')) {
-          const show = words.every((w) => label.dataset.text.includes(w));
-          label.hidden = !show;
-          any = any || show;
-        }
-        fieldset.hidden = !any;
-      }
-    });
-    const buttons = document.createElement('div');
-    buttons.className = 'plot-buttons';
-    const hint = document.createElement('span');
-    hint.className = 'plot-hint';
-    hint.setAttribute('role', 'alert');
-    hint.hidden = true;
-    list.addEventListener('change', () => { hint.hidden = true; });
-    const ok = button('Plot', () => {
-      const chosen = [...list.querySelectorAll('input:checked')].map((i) => i.value);
-      if (!chosen.length) {
-        hint.textContent = 'Tick the values to plot first.';
-        hint.hidden = false;
-        return;
-      }
-      box.remove();
-      openPlot({ channels: chosen });
-    });
-    buttons.append(hint, ok, button('Cancel', () => box.remove()));
-    box.append(head, filter, list, buttons);
-    box.addEventListener('keydown', (e) => {
-      if (e.key === 'Escape') {
-        e.stopPropagation();
-        box.remove();
-      }
-    });
-    box.style.left = `${Math.max(0, innerWidth / 2 - 200)}px`;
-    box.style.top = '60px';
-    ensureLayer().appendChild(box);
-    dragBy(head, box, () => {});
-    filter.focus();
-  }
-
   // --- Start ----------------------------------------------------------------------------------
 
   function start() {
@@ -929,23 +832,19 @@
         }
       }
     }
-    const entry = document.getElementById('menu-plot');
-    if (entry) {
-      entry.addEventListener('click', () => {
-        const menu = document.getElementById('menu');
-        if (menu) menu.hidden = true;
-        document.getElementById('menu-button')?.setAttribute('aria-expanded', 'false');
-        recorder.loaded().then(openPicker);
-      });
-    }
     loadChannels().then(restore);
   }
 
-  // What the tests and the benchmark reach: the open plots' panels and a way to open one.
+  // What the channel picker (plot-picker.js), the tests and the benchmark reach: the open plots'
+  // panels, a way to open one, and the parts a panel of the plots' layer is made with.
   window.tavroPlots = {
     open: (names, state = {}) => openPlot({ ...state, channels: names }),
     panels: () => plots.map((p) => p.panel),
     channels: recorder.channels,
+    channelLabel,
+    layer: ensureLayer,
+    raise: () => ++zTop,
+    dragBy,
   };
 
   start();

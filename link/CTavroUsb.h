@@ -27,6 +27,12 @@ namespace usb {
 inline constexpr std::uint32_t kSendNormalCommandCode = 0x80002000;
 inline constexpr std::uint32_t kGetCapturePositionCode = 0x80002008;
 inline constexpr std::uint32_t kLinkOpenedCode = platform::kLinkOpenedCode;
+// The driver's own question "who answers?": no request bytes, a text of at most kDescribeLimit
+// bytes back. No board operation sends it; only the window's board identity asks.
+inline constexpr std::uint32_t kDescribeCode = 0x80002018;
+inline constexpr std::uint32_t kDescribeLimit = 128;
+// How long the describe request waits for its answer: it runs on the UI thread.
+inline constexpr int kDescribeWaitMs = 1000;
 
 inline constexpr std::uint32_t kNormalCommandLimit = 300;
 inline constexpr std::uint32_t kCapturePositionLimit = 1022;
@@ -83,6 +89,11 @@ class CTavroUsb {
                            std::uint8_t* reply, std::uint32_t replyLength);
     bool GetCapturePosition(const std::uint8_t* request, std::uint32_t requestLength,
                             std::uint8_t* reply, std::uint32_t replyLength);
+
+    // The driver's description of itself ("simulated servo"). False, with `out` untouched, when
+    // there is no link, the driver does not know the request or its text is not plain printable
+    // text of at most usb::kDescribeLimit bytes. Never changes the link's state or shows a box.
+    bool Describe(std::string& out);
 
     std::uint32_t DriverWord() const { return driverWord.load(); }
     bool ReportErrors() const { return reportErrors.load(); }
@@ -157,6 +168,9 @@ class CTavroUsb {
   // machine area, and true at once on the first nonzero `status`: callers must test `status`.
   bool ReadEeprom(std::uint32_t address, std::uint32_t length, std::uint32_t& status,
                   std::uint8_t* destination, bool area);
+
+  // The driver's description of itself (CTavroUsbFileInfo::Describe); no board command.
+  bool Describe(std::string& out);
 
   const BoardVersionInfo& VersionInfo() const { return versionInfo; }
   const EepromInfo& EepromInformation() const { return eepromInfo; }

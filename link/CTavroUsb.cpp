@@ -290,7 +290,16 @@ bool CTavroUsbFileInfo::GetCapturePosition(const std::uint8_t* request, std::uin
                   requestLength, reply, replyLength);
 }
 
+std::string CTavroUsbFileInfo::Described() const {
+  std::lock_guard lock(describedMutex);
+  return described;
+}
+
 bool CTavroUsbFileInfo::Describe(std::string& out) {
+  {
+    std::lock_guard lock(describedMutex);
+    described.clear();
+  }
   if (!handleValid || !linkOpen) return false;
   std::uint8_t reply[usb::kDescribeLimit];
   std::uint32_t bytes = 0;
@@ -310,6 +319,8 @@ bool CTavroUsbFileInfo::Describe(std::string& out) {
       std::all_of(reply, reply + bytes, [](std::uint8_t c) { return c >= 0x20 && c < 0x7F; });
   if (!printable) return false;
   out.assign(reinterpret_cast<const char*>(reply), bytes);
+  std::lock_guard lock(describedMutex);
+  described = out;
   return true;
 }
 

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "link/BoardRecords.h"
@@ -33,6 +34,10 @@ inline constexpr std::uint32_t kDescribeCode = 0x80002018;
 inline constexpr std::uint32_t kDescribeLimit = 128;
 // How long the describe request waits for its answer: it runs on the UI thread.
 inline constexpr int kDescribeWaitMs = 1000;
+// Whether a description says the board is the simulator's ("simulated <profile>").
+inline bool SaysSimulated(const std::string& description) {
+  return description.rfind("simulated ", 0) == 0;
+}
 
 inline constexpr std::uint32_t kNormalCommandLimit = 300;
 inline constexpr std::uint32_t kCapturePositionLimit = 1022;
@@ -94,6 +99,8 @@ class CTavroUsb {
     // there is no link, the driver does not know the request or its text is not plain printable
     // text of at most usb::kDescribeLimit bytes. Never changes the link's state or shows a box.
     bool Describe(std::string& out);
+    // What the last Describe found ("" when it found nothing). Safe from any thread.
+    std::string Described() const;
 
     std::uint32_t DriverWord() const { return driverWord.load(); }
     bool ReportErrors() const { return reportErrors.load(); }
@@ -116,6 +123,8 @@ class CTavroUsb {
     WinX::CriticalSection locks[usb::kSlotCount];
     std::unique_ptr<platform::Overlapped> overlapped[usb::kSlotCount];
     std::unique_ptr<platform::Event> cancelEvents[usb::kSlotCount];
+    mutable std::mutex describedMutex;
+    std::string described;
   };
 
   // The system-wide mutex "CTavroUsb Access" that keeps other programs off the board during a
@@ -171,6 +180,7 @@ class CTavroUsb {
 
   // The driver's description of itself (CTavroUsbFileInfo::Describe); no board command.
   bool Describe(std::string& out);
+  std::string Described() const { return channel ? channel.get()->Described() : std::string(); }
 
   const BoardVersionInfo& VersionInfo() const { return versionInfo; }
   const EepromInfo& EepromInformation() const { return eepromInfo; }

@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "link/CTavroUsb.h"
 #include "motion/TestRun.h"
 #include "motion/TestTexts.h"
 #include "ui/MessageBox.h"
@@ -86,7 +87,8 @@ std::string LimitReportPrefix(unsigned axis) {
 }
 
 ReportOutcome WriteReportFiles(const std::string& folder, const std::string& prefix,
-                               const std::string& body, const std::vector<TraceSample>& trace) {
+                               const std::string& body, const std::vector<TraceSample>& trace,
+                               const std::string& board) {
   const std::string base = WithSeparator(folder) + prefix;
   ReportOutcome outcome;
   int dat = -1;
@@ -120,13 +122,14 @@ ReportOutcome WriteReportFiles(const std::string& folder, const std::string& pre
     RemoveOwn(csv, csvPath);
     return outcome;
   }
-  outcome.traceWritten = FinishFile(csv, csvPath, TraceCsv(trace), outcome.reason);
+  outcome.traceWritten = FinishFile(csv, csvPath, TraceCsv(trace, board), outcome.reason);
   if (!outcome.traceWritten) outcome.failedPath = csvPath;
   return outcome;
 }
 
-std::string TraceCsv(const std::vector<TraceSample>& samples) {
-  std::string csv = "time,bias,linear,rotary,limit\n";
+std::string TraceCsv(const std::vector<TraceSample>& samples, const std::string& board) {
+  std::string csv = usb::SaysSimulated(board) ? "# board: " + board + "\n" : std::string();
+  csv += "time,bias,linear,rotary,limit\n";
   csv.reserve(csv.size() + samples.size() * 40);
   for (const TraceSample& s : samples) {
     csv += text::Format("%.3f,%d,%d,%d,%d\n", s.time, s.bias, s.linear, s.rotary,
@@ -138,7 +141,8 @@ std::string TraceCsv(const std::vector<TraceSample>& samples) {
 void FileReport(StagePage& page, const std::string& prefix, const std::string& body) {
   const std::vector<TraceSample> samples = page.Trace.Take();
   page.Trace.End();
-  const ReportOutcome report = WriteReportFiles(page.ReportFolder(), prefix, body, samples);
+  const ReportOutcome report =
+      WriteReportFiles(page.ReportFolder(), prefix, body, samples, page.BoardDescription());
   if (report.written) page.ReportFiled(report.path);
   if (report.traceWritten) return;
   page.Ask(texts::Get(texts::kReportNotWritten) + report.failedPath + ":\r\n" + report.reason,

@@ -239,14 +239,16 @@ std::string EncodeDoc(int page, const DocumentDelta& delta, bool full) {
       {{"t", "doc"}, {"page", page}, {"full", full}, {"el", elements}, {"scroll", scrolls}});
 }
 
-std::string EncodeBox(int id, const std::string& text, const std::string& title, unsigned style) {
+std::string EncodeBox(int id, const std::string& text, const std::string& title, unsigned style,
+                      bool asDialog) {
   return Dump({{"t", "dialog"},
                {"id", id},
                {"kind", "box"},
                {"title", title},
                {"text", text},
                {"buttons", ButtonsOf(style)},
-               {"stop", (style & kMbIconStop) != 0}});
+               {"stop", (style & kMbIconStop) != 0},
+               {"role", asDialog ? "dialog" : "alertdialog"}});
 }
 
 std::string EncodeChoice(int id, const ChoiceDialog& dialog) {
@@ -305,6 +307,10 @@ std::string EncodeMessageWindow(int id, const MessageWindowState& s, int scrollL
 
 std::string EncodeCloseDialog(int id) {
   return Dump({{"t", "closeDialog"}, {"id", id}});
+}
+
+std::string EncodeGoodbye(const std::string& reason, const std::string& folder) {
+  return Dump({{"t", "bye"}, {"reason", reason}, {"folder", folder}});
 }
 
 }  // namespace ui::protocol

@@ -287,7 +287,9 @@ void CTavroTestDlgBase::OnCloseChosen() {
   if (closeAsked) return;  // one question at a time, whoever clicks Close again
   closeAsked = true;
   window.AskAsync("The " + test + " is running.\r\n\r\nStop it and close TavroTest?",
-                  "Close TavroTest", [this](int answer) {
+                  "Close TavroTest", [this, alive = std::weak_ptr<bool>(lifetime)](int answer) {
+                    // A browser may answer after the run ended and the dialog went.
+                    if (alive.expired()) return;
                     closeAsked = false;
                     if (answer != ui::kIdYes) return;
                     window.NoteEnding("closed");

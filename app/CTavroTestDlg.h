@@ -126,6 +126,8 @@ class CTavroTestDlgBase {
   std::string baseTitle = "TavroTest";  // the template's caption
   bool connected = true;
   bool closeAsked = false;  // the Close question is open
+  // Expires with the dialog: an answer that comes later finds nobody to tell.
+  std::shared_ptr<bool> lifetime = std::make_shared<bool>(true);
   std::chrono::system_clock::time_point lastRead = std::chrono::system_clock::now();
   Banner warningState = Banner::kDown;
   // What a page, and a test thread of a page, may reach: made before the pages so that it goes

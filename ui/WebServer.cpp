@@ -114,10 +114,10 @@ struct WebServer::Impl {
   std::mutex farewellMutex;
   int farewellsPending = 0;
   bool farewellsStarted = false;
-  void FarewellDone(int count = 1) {
+  void FarewellDone() {
     {
       std::lock_guard lock(farewellMutex);
-      farewellsPending -= count;
+      --farewellsPending;
     }
     platform::Clock::Current().NotifyAll();
   }
@@ -620,7 +620,6 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
   // read and dropped (a bounded amount, within the request time), as a close with unread bytes
   // would reset the connection and take the answer with it.
   void RefuseLargeHeader() {
-    WEB_LOG("UI request header above %zu bytes refused\r\n", kRequestLimit);
     auto res = std::make_shared<http::response<http::string_body>>(
         http::status::request_header_fields_too_large, 11);
     Decorate(*res, "text/plain", {});

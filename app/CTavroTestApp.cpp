@@ -29,7 +29,11 @@ bool CTavroTestApp::InitInstance() {
   // The window system's control classes and control hosting need no set-up here: the window is
   // a local web page.
   CTavroUsb link;
-  if (link.Open(true, false) != 0) return false;
+  if (const int opened = link.Open(true, false); opened != 0) {
+    // The window's last word says which folder held no board.
+    if (opened == 1 && frame_) frame_->window.NoteEnding("no-board");
+    return false;
+  }
 
   BoardVersionInfo versionInfo;
   if (!link.ReadBoardVersion(versionInfo)) return false;

@@ -113,8 +113,9 @@ bool CTavroTestDlgBase::OnInitDialog() {
   } else {
     window.Shell().Show("menu-about", false);
   }
-  // The window's Close ends the modal run, as the dialog's cancel does.
-  window.SetCloseHandler([this] { loop.Quit(ui::kIdCancel); });
+  // The window's Close ends the modal run, as the dialog's cancel does; during a test it asks
+  // first.
+  window.SetCloseHandler([this] { OnCloseChosen(); });
   // The title bar's STOP asks for the same stop as the page's own STOP, without a question.
   window.SetStopHandler([this] {
     motion::StagePage* stage = StageTests();
@@ -127,6 +128,7 @@ bool CTavroTestDlgBase::OnInitDialog() {
   });
 
   SetTitleSuffix(kConnected);
+  ShowBoard(true);
   WarnOfOpenReportFolder();
   for (const TickPeriod& t : kTickPeriods) {
     if (!loop.SetTimer(TickId(t.tick), platform::Milliseconds(t.ms),
@@ -153,8 +155,10 @@ void CTavroTestDlgBase::OnTimer(unsigned id) {
         // No page is told; they keep their last values, and the stale record stays.
         connected = false;
         SetTitleSuffix(kDisconnected);
+        ShowBoard(false);
         Mark(recorder::EventKind::kLinkLost);
       } else {
+        lastRead = std::chrono::system_clock::now();
         MarkStatusEdges();
       }
     }
@@ -235,6 +239,7 @@ void CTavroTestDlgBase::Reconnect() {
   if (ok) {
     connected = true;
     SetTitleSuffix(kConnected);
+    ShowBoard(true);
     Mark(recorder::EventKind::kLinkBack);
     for (auto& page : pages) {
       if (page) page->ResetPage(versionInfo);
@@ -299,6 +304,40 @@ void CTavroTestDlgBase::OnDestroy() {
   window.SetStopHandler(nullptr);
   window.SetRunningTestQuery(nullptr);
   window.SetStopControl("");
+}
+
+void CTavroTestDlgBase::OnCloseChosen() {
+  motion::StagePage* stage = StageTests();
+  const std::string test = stage ? motion::RunningTestName(*stage) : "";
+  if (test.empty()) {
+    window.NoteEnding("closed");
+    loop.Quit(ui::kIdCancel);
+    return;
+  }
+  if (closeAsked) return;  // one question at a time, whoever clicks Close again
+  closeAsked = true;
+  window.AskAsync("The " + test + " is running.\r\n\r\nStop it and close TavroTest?",
+                  "Close TavroTest", [this, alive = std::weak_ptr<bool>(lifetime)](int answer) {
+                    // A browser may answer after the run ended and the dialog went.
+                    if (alive.expired()) return;
+                    closeAsked = false;
+                    if (answer != ui::kIdYes) return;
+                    window.NoteEnding("closed");
+                    loop.Quit(ui::kIdCancel);
+                  });
+}
+
+// The shell's word on the board: "live", or "lost <ms>" with the time of the last good read
+// (milliseconds since the epoch) that the pages' values come from. Each time the link comes up,
+// the board is asked once who it is, so a simulated board is marked on every tab.
+void CTavroTestDlgBase::ShowBoard(bool live) {
+  const auto readMs =
+      std::chrono::duration_cast<std::chrono::milliseconds>(lastRead.time_since_epoch()).count();
+  window.Shell().SetText("board-link", live ? "live" : "lost " + std::to_string(readMs));
+  if (!live) return;
+  lastRead = std::chrono::system_clock::now();
+  std::string description;
+  window.Shell().SetText("board-describe", controller->Describe(description) ? description : "");
 }
 
 void CTavroTestDlgBase::SetTitleSuffix(const char* suffix) {

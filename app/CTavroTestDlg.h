@@ -11,6 +11,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -111,6 +112,10 @@ class CTavroTestDlgBase {
   void Mark(recorder::EventKind kind, std::string_view text = {});
   void MarkStatusEdges();
   void SetTitleSuffix(const char* suffix);
+  // The window's Close: ends the run at once, or after a Yes while a test runs.
+  void OnCloseChosen();
+  // The board's state and identity as the shell shows them (live or lost since the last read).
+  void ShowBoard(bool live);
   // The Stage page of tab 1 as its test thread sees it, or null (no such page, or one without
   // tests).
   motion::StagePage* StageTests() const;
@@ -122,6 +127,10 @@ class CTavroTestDlgBase {
 
   std::string baseTitle = "TavroTest";  // the template's caption
   bool connected = true;
+  bool closeAsked = false;  // the Close question is open
+  // Expires with the dialog: an answer that comes later finds nobody to tell.
+  std::shared_ptr<bool> lifetime = std::make_shared<bool>(true);
+  std::chrono::system_clock::time_point lastRead = std::chrono::system_clock::now();
   Banner warningState = Banner::kDown;
   // What a page, and a test thread of a page, may reach: made before the pages so that it goes
   // after them. A page's end joins its test thread, which still marks its last answers and its

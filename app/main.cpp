@@ -1,6 +1,7 @@
 // The process: the UI thread's loop, the window and its web server, then the application's one
 // call. Signals are taken first, before any other thread exists, so that SIGINT and SIGTERM end
 // the run the way the window's Close does.
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -9,15 +10,20 @@
 #include "app/CTavroTestApp.h"
 #include "app/CTavroTestDlg.h"
 #include "config/FileAccessWarnings.h"
+#include "platform/DeviceIo.h"
 #include "platform/PowerEvents.h"
 #include "platform/TaskLoop.h"
 #include "ui/MessageBox.h"
 #include "ui/MessageWindow.h"
+#include "ui/Protocol.h"
 #include "ui/StopSignals.h"
 #include "ui/WebServer.h"
 #include "ui/Window.h"
 
 namespace {
+
+// How long the end of the run waits for the browsers to take the goodbye and close.
+constexpr std::chrono::milliseconds kGoodbyeTime{1000};
 
 constexpr const char* kUsage = "usage: tavrotest [--version | --help]\n";
 
@@ -95,6 +101,14 @@ int main(int argc, char** argv) {
   Utility::SetMessageWindowHost(nullptr, nullptr);
   ui::SetMessageBoxPresenter(nullptr);
   window.Shutdown();
+  // The browsers learn why the window ends before their connections close; a browser whose
+  // connection closes without this goodbye takes it for a crash.
+  const std::string ending = signals.Received()        ? "interrupted"
+                             : window.Ending().empty() ? "ended"
+                                                       : window.Ending();
+  server.SayGoodbye(
+      ui::protocol::EncodeGoodbye(ending, ending == "no-board" ? platform::DeviceDirectory() : ""),
+      kGoodbyeTime);
   server.Stop();
   // Every way of ending gives the same result: the user has already seen why.
   return 0;

@@ -1,5 +1,6 @@
 #include "link/CTavroUsb.h"
 
+#include <algorithm>
 #include <mutex>
 
 #include "config/ErrorLog.h"
@@ -289,6 +290,40 @@ bool CTavroUsbFileInfo::GetCapturePosition(const std::uint8_t* request, std::uin
                   requestLength, reply, replyLength);
 }
 
+std::string CTavroUsbFileInfo::Described() const {
+  std::lock_guard lock(describedMutex);
+  return described;
+}
+
+bool CTavroUsbFileInfo::Describe(std::string& out) {
+  {
+    std::lock_guard lock(describedMutex);
+    described.clear();
+  }
+  if (!handleValid || !linkOpen) return false;
+  std::uint8_t reply[usb::kDescribeLimit];
+  std::uint32_t bytes = 0;
+  std::uint32_t error;
+  {
+    WinX::CriticalSectionLock lock(locks[usb::kNormalSlot]);
+    if (!linkOpen) return false;
+    // One try, any length up to the buffer: an older driver's refusal is an answer, not a fault
+    // of the link, so nothing here counts the link as lost.
+    error = usb::DoDeviceIoControl(device.get(), usb::kDescribeCode, nullptr, 0, reply,
+                                   usb::kDescribeLimit, &bytes, overlapped[usb::kNormalSlot].get(),
+                                   nullptr, false, usb::kCancelWaitMs, usb::kDescribeWaitMs, 1);
+  }
+  if (error != platform::kErrSuccess || bytes == 0 || bytes > usb::kDescribeLimit) return false;
+  // The text goes onto the window and into report files: printable ASCII only.
+  const bool printable =
+      std::all_of(reply, reply + bytes, [](std::uint8_t c) { return c >= 0x20 && c < 0x7F; });
+  if (!printable) return false;
+  out.assign(reinterpret_cast<const char*>(reply), bytes);
+  std::lock_guard lock(describedMutex);
+  described = out;
+  return true;
+}
+
 bool CTavroUsbFileInfo::Transfer(int slot, std::uint32_t code, const char* codeName,
                                  std::uint32_t limit, const std::uint8_t* request,
                                  std::uint32_t requestLength, std::uint8_t* reply,
@@ -390,6 +425,10 @@ bool CTavroUsb::SendNormalCommand(const std::uint8_t* request, std::uint32_t req
 bool CTavroUsb::GetCapturePosition(const std::uint8_t* request, std::uint32_t requestLength,
                                    std::uint8_t* reply, std::uint32_t replyLength) {
   return channel && channel.get()->GetCapturePosition(request, requestLength, reply, replyLength);
+}
+
+bool CTavroUsb::Describe(std::string& out) {
+  return channel && channel.get()->Describe(out);
 }
 
 bool CTavroUsb::CheckFirmware(bool showErrors) {

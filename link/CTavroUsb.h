@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "link/BoardRecords.h"
@@ -27,6 +28,16 @@ namespace usb {
 inline constexpr std::uint32_t kSendNormalCommandCode = 0x80002000;
 inline constexpr std::uint32_t kGetCapturePositionCode = 0x80002008;
 inline constexpr std::uint32_t kLinkOpenedCode = platform::kLinkOpenedCode;
+// The driver's own question "who answers?": no request bytes, a text of at most kDescribeLimit
+// bytes back. No board operation sends it; only the window's board identity asks.
+inline constexpr std::uint32_t kDescribeCode = 0x80002018;
+inline constexpr std::uint32_t kDescribeLimit = 128;
+// How long the describe request waits for its answer: it runs on the UI thread.
+inline constexpr int kDescribeWaitMs = 1000;
+// Whether a description says the board is the simulator's ("simulated <profile>").
+inline bool SaysSimulated(const std::string& description) {
+  return description.rfind("simulated ", 0) == 0;
+}
 
 inline constexpr std::uint32_t kNormalCommandLimit = 300;
 inline constexpr std::uint32_t kCapturePositionLimit = 1022;
@@ -84,6 +95,13 @@ class CTavroUsb {
     bool GetCapturePosition(const std::uint8_t* request, std::uint32_t requestLength,
                             std::uint8_t* reply, std::uint32_t replyLength);
 
+    // The driver's description of itself ("simulated servo"). False, with `out` untouched, when
+    // there is no link, the driver does not know the request or its text is not plain printable
+    // text of at most usb::kDescribeLimit bytes. Never changes the link's state or shows a box.
+    bool Describe(std::string& out);
+    // What the last Describe found ("" when it found nothing). Safe from any thread.
+    std::string Described() const;
+
     std::uint32_t DriverWord() const { return driverWord.load(); }
     bool ReportErrors() const { return reportErrors.load(); }
     // 0 while the link is down; a new number each time an open brings it up.
@@ -105,6 +123,8 @@ class CTavroUsb {
     WinX::CriticalSection locks[usb::kSlotCount];
     std::unique_ptr<platform::Overlapped> overlapped[usb::kSlotCount];
     std::unique_ptr<platform::Event> cancelEvents[usb::kSlotCount];
+    mutable std::mutex describedMutex;
+    std::string described;
   };
 
   // The system-wide mutex "CTavroUsb Access" that keeps other programs off the board during a
@@ -157,6 +177,10 @@ class CTavroUsb {
   // machine area, and true at once on the first nonzero `status`: callers must test `status`.
   bool ReadEeprom(std::uint32_t address, std::uint32_t length, std::uint32_t& status,
                   std::uint8_t* destination, bool area);
+
+  // The driver's description of itself (CTavroUsbFileInfo::Describe); no board command.
+  bool Describe(std::string& out);
+  std::string Described() const { return channel ? channel.get()->Described() : std::string(); }
 
   const BoardVersionInfo& VersionInfo() const { return versionInfo; }
   const EepromInfo& EepromInformation() const { return eepromInfo; }

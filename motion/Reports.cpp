@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "link/CTavroUsb.h"
 #include "motion/TestRun.h"
 #include "motion/TestTexts.h"
 #include "reports/ReportLayout.h"
@@ -79,7 +80,8 @@ void RemoveOwn(int fd, const std::string& path) {
 }  // namespace
 
 ReportOutcome WriteReportFiles(const std::string& folder, const std::string& prefix,
-                               const std::string& body, const std::vector<TraceSample>& trace) {
+                               const std::string& body, const std::vector<TraceSample>& trace,
+                               const std::string& board) {
   const std::string base = WithSeparator(folder) + prefix;
   ReportOutcome outcome;
   int dat = -1;
@@ -113,13 +115,16 @@ ReportOutcome WriteReportFiles(const std::string& folder, const std::string& pre
     RemoveOwn(csv, csvPath);
     return outcome;
   }
-  outcome.traceWritten = FinishFile(csv, csvPath, TraceCsv(trace), outcome.reason);
+  outcome.traceWritten = FinishFile(csv, csvPath, TraceCsv(trace, board), outcome.reason);
   if (!outcome.traceWritten) outcome.failedPath = csvPath;
   return outcome;
 }
 
-std::string TraceCsv(const std::vector<TraceSample>& samples) {
-  std::string csv = std::string(reports::kTraceHeader) + "\n";
+std::string TraceCsv(const std::vector<TraceSample>& samples, const std::string& board) {
+  std::string csv = usb::SaysSimulated(board)
+                        ? std::string(reports::kTraceBoardLine) + board + "\n"
+                        : std::string();
+  csv += std::string(reports::kTraceHeader) + "\n";
   csv.reserve(csv.size() + samples.size() * 40);
   for (const TraceSample& s : samples) {
     csv += text::Format("%.3f,%d,%d,%d,%d\n", s.time, s.bias, s.linear, s.rotary,
@@ -131,7 +136,8 @@ std::string TraceCsv(const std::vector<TraceSample>& samples) {
 void FileReport(StagePage& page, const std::string& prefix, const std::string& body) {
   const std::vector<TraceSample> samples = page.Trace.Take();
   page.Trace.End();
-  const ReportOutcome report = WriteReportFiles(page.ReportFolder(), prefix, body, samples);
+  const ReportOutcome report =
+      WriteReportFiles(page.ReportFolder(), prefix, body, samples, page.BoardDescription());
   if (report.written) page.ReportFiled(report.path);
   if (report.traceWritten) return;
   page.Ask(texts::Get(texts::kReportNotWritten) + report.failedPath + ":\r\n" + report.reason,

@@ -26,11 +26,15 @@ struct ReportOutcome {
 // its content and its number is skipped), never through a link, never a FIFO or other special
 // file, and mode 0644 whatever the umask. A report that cannot be written whole is removed
 // again, with its trace; a trace that cannot be written leaves the report standing.
+// `board` is what the board's driver said it is (TraceCsv).
 ReportOutcome WriteReportFiles(const std::string& folder, const std::string& prefix,
-                               const std::string& body, const std::vector<TraceSample>& trace);
+                               const std::string& body, const std::vector<TraceSample>& trace,
+                               const std::string& board = {});
 
 // The trace as CSV: the header, then one row per sample with the time in seconds to 3 decimals.
-std::string TraceCsv(const std::vector<TraceSample>& samples);
+// A trace of a simulated board (`board` "simulated <profile>") says so in a first line
+// "# board: simulated <profile>", so that nobody takes it for a machine's.
+std::string TraceCsv(const std::vector<TraceSample>& samples, const std::string& board = {});
 
 // What a test does with its report: writes it and the page's trace beside it, and ends the
 // trace. A failure does not end the test: an OK box names the file and the reason.

@@ -231,6 +231,9 @@ class StagePage {
   virtual void HoldToSession(std::uint32_t /*session*/) {}
   // The serial number of the board the link reaches now ("" when it has none or cannot say).
   virtual std::string BoardSerial() = 0;
+  // What the board's driver said it is when the link came up ("simulated servo"; "" when it
+  // said nothing).
+  virtual std::string BoardDescription() { return {}; }
 
   // --- The machine, from what the page read at construction ---
   virtual std::uint16_t MotorMaximum(unsigned axis) const = 0;

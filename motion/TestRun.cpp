@@ -58,7 +58,10 @@ ui::ChoiceDialog MakeStartDialog(StartDialog which) {
 }
 
 void AskStart(StagePage& page, StartDialog which) {
-  const ui::ChoiceResult answer = page.Choose(MakeStartDialog(which));
+  ui::ChoiceDialog dialog = MakeStartDialog(which);
+  // The dialog is titled with the test it starts, so that the question is never anonymous.
+  if (std::string name = RunningTestName(page); !name.empty()) dialog.title = std::move(name);
+  const ui::ChoiceResult answer = page.Choose(dialog);
   const bool ok = answer.result == ui::kIdOk;
   page.TestState().MessageResult = ok ? ui::kIdOk : ui::kIdCancel;
   // The dialog's field keeps its initial 0 unless OK took the choice; a choice outside the

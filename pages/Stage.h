@@ -72,6 +72,7 @@ class StageDlg : public CTabDlg, public motion::StagePage {
   std::uint32_t LinkSession() override { return controller->LinkSession(); }
   void HoldToSession(std::uint32_t session) override { CTavroUsb::HoldToSession(session); }
   std::string BoardSerial() override;
+  std::string BoardDescription() override { return controller->Described(); }
   std::uint16_t MotorMaximum(unsigned axis) const override;
   std::int32_t CountsPerMm(unsigned axis) const override;
   const AxisExtents& Extents() const override { return extents_; }

@@ -39,18 +39,12 @@
   setInterval(() => send({ t: 'beat' }), BEAT_MS);
   document.addEventListener('visibilitychange', () => send({ t: 'beat' }));
 
-  function setLink(state, text) {
-    const el = document.getElementById('link-state');
-    el.dataset.state = state;
-    el.textContent = text;
-  }
-
   function connect() {
     const ws = new WebSocket(`ws://${location.host}/ws?token=${encodeURIComponent(token)}`);
     socket = ws;
     ws.onopen = () => {
       for (const h of hooks) if (h.open) h.open(send);
-      setLink('open', 'Live');
+      TavroLink.opened();
       sendViewport();
       send({ t: 'shown', page: tabs.length ? selected : -1 });
       tabs.forEach((tab, i) => { if (tab.loaded) send({ t: 'loaded', page: i }); });
@@ -63,10 +57,9 @@
     ws.onclose = () => {
       if (socket !== ws) return;
       socket = null;
-      setLink('lost', 'Reconnecting');
       // Open dialogs come back with the full state on reconnection.
       for (const id of [...dialogs.keys()]) closeDialog(id);
-      setTimeout(connect, 1000);
+      TavroLink.closed(connect);
     };
   }
 
@@ -76,6 +69,7 @@
       case 'doc': applyDoc(m); break;
       case 'dialog': openDialog(m); break;
       case 'closeDialog': closeDialog(m.id); break;
+      case 'bye': TavroLink.goodbye(m); break;
       default: for (const h of hooks) if (h.message) h.message(m); break;
     }
   }
@@ -118,6 +112,8 @@
     selected = index;
     tabs.forEach((tab, i) => {
       tab.button.setAttribute('aria-selected', String(i === index));
+      // One tab stop for the strip: Tab reaches the selected tab, the arrows the others.
+      tab.button.tabIndex = i === index ? 0 : -1;
       tab.frame.classList.toggle('selected', i === index);
     });
     send({ t: 'shown', page: tabs.length ? index : -1 });
@@ -372,7 +368,8 @@
 
   function boxNode(m) {
     const node = make('div', 'dialog');
-    node.setAttribute('role', 'alertdialog');
+    // The window's own questions are dialogs; the program's message boxes alert.
+    node.setAttribute('role', m.role === 'dialog' ? 'dialog' : 'alertdialog');
     node.appendChild(caption(m.title));
     const body = make('div', 'body');
     const icon = make('div', `icon ${m.stop ? 'stop' : m.buttons === 'ok' ? 'info' : 'question'}`,
@@ -628,6 +625,18 @@
       addEventListener('pointerup', up);
     });
   }
+
+  // The arrow keys, Home and End move the selection along the tab strip, and the focus with it.
+  document.getElementById('tabs').addEventListener('keydown', (e) => {
+    const moves = { ArrowLeft: -1, ArrowRight: 1 };
+    if (!tabs.length || !(e.key in moves || e.key === 'Home' || e.key === 'End')) return;
+    e.preventDefault();
+    const last = tabs.length - 1;
+    const next = e.key === 'Home' ? 0 : e.key === 'End' ? last
+      : (selected + moves[e.key] + tabs.length) % tabs.length;
+    select(next);
+    tabs[next].button.focus();
+  });
 
   addEventListener('resize', sendViewport);
   setUpMenu();

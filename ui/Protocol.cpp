@@ -245,14 +245,16 @@ std::string EncodeDoc(int page, const DocumentDelta& delta, bool full) {
       {{"t", "doc"}, {"page", page}, {"full", full}, {"el", elements}, {"scroll", scrolls}});
 }
 
-std::string EncodeBox(int id, const std::string& text, const std::string& title, unsigned style) {
+std::string EncodeBox(int id, const std::string& text, const std::string& title, unsigned style,
+                      bool asDialog) {
   return Dump({{"t", "dialog"},
                {"id", id},
                {"kind", "box"},
                {"title", title},
                {"text", text},
                {"buttons", ButtonsOf(style)},
-               {"stop", (style & kMbIconStop) != 0}});
+               {"stop", (style & kMbIconStop) != 0},
+               {"role", asDialog ? "dialog" : "alertdialog"}});
 }
 
 std::string EncodeChoice(int id, const ChoiceDialog& dialog) {
@@ -321,6 +323,10 @@ std::string EncodeRefused(const std::string& test, int dialog) {
   json j = {{"t", "refused"}, {"text", kRunFromAnotherWindow}, {"test", test}};
   if (dialog != 0) j["dialog"] = dialog;
   return Dump(j);
+}
+
+std::string EncodeGoodbye(const std::string& reason, const std::string& folder) {
+  return Dump({{"t", "bye"}, {"reason", reason}, {"folder", folder}});
 }
 
 }  // namespace ui::protocol

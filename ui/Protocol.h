@@ -75,7 +75,10 @@ struct TabInfo {
 
 std::string EncodeTabs(const std::vector<TabInfo>& tabs);
 std::string EncodeDoc(int page, const DocumentDelta& delta, bool full);
-std::string EncodeBox(int id, const std::string& text, const std::string& title, unsigned style);
+// `asDialog`: the box is the window's own question, drawn with the role of a dialog rather than
+// of a message box.
+std::string EncodeBox(int id, const std::string& text, const std::string& title, unsigned style,
+                      bool asDialog = false);
 std::string EncodeChoice(int id, const ChoiceDialog& dialog);
 // `scrollLine` -1: no scroll order.
 std::string EncodeMessageWindow(int id, const MessageWindowState& state, int scrollLine);
@@ -83,5 +86,8 @@ std::string EncodeCloseDialog(int id);
 std::string EncodeControl(ControlState state, const std::string& test);
 // `dialog` 0: the refused input was no answer.
 std::string EncodeRefused(const std::string& test, int dialog);
+// The last message of a run: why the window ends ("closed", "interrupted", "no-board", or
+// "ended" when it is not known), with the device folder searched for "no-board".
+std::string EncodeGoodbye(const std::string& reason, const std::string& folder);
 
 }  // namespace ui::protocol

@@ -22,6 +22,7 @@ StopSignals::StopSignals(platform::TaskLoop& loop, int quitCode) {
     int signal = 0;
     while (sigwait(&set, &signal) == 0) {
       if (ending_) return;
+      received_ = true;
       loop.Quit(quitCode);
     }
   });

@@ -17,8 +17,12 @@ class StopSignals {
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;
 
+  // Whether SIGINT or SIGTERM has come (any thread).
+  bool Received() const { return received_; }
+
  private:
   std::atomic<bool> ending_{false};
+  std::atomic<bool> received_{false};
   std::thread thread_;
 };
 

@@ -21,6 +21,7 @@
 #include <thread>
 
 #include "config/ErrorLog.h"
+#include "platform/Clock.h"
 #include "ui/Replies.h"
 #include "ui/WebAccess.h"
 #include "ui/Window.h"
@@ -41,6 +42,8 @@ namespace {
 constexpr std::uint16_t kStandardPort = 7570;
 constexpr int kPortsToTry = 100;
 constexpr std::size_t kRequestLimit = 8 * 1024;
+// What a refused request may still send before its connection closes.
+constexpr std::size_t kDrainLimit = 64 * 1024;
 // A browser that falls this far behind (messages queued, not yet written) is dropped; it comes
 // back with a fresh full state when it reconnects.
 constexpr std::size_t kMaxQueued = 4096;
@@ -103,6 +106,21 @@ struct WebServer::Impl {
   mutable std::mutex apiMutex;
   std::shared_ptr<HttpApi> api;
   Workers workers;
+  // The goodbye once the run ends (I/O thread): every browser gets it, then a closing handshake;
+  // a browser that comes later gets it instead of the window.
+  std::shared_ptr<const std::string> goodbye;
+  // Browsers whose goodbye is not yet out and closed, and whether the I/O thread has sent them
+  // all (guarded by farewellMutex; the waiting thread wakes through the clock).
+  std::mutex farewellMutex;
+  int farewellsPending = 0;
+  bool farewellsStarted = false;
+  void FarewellDone() {
+    {
+      std::lock_guard lock(farewellMutex);
+      --farewellsPending;
+    }
+    platform::Clock::Current().NotifyAll();
+  }
 
   Impl(Window& w, std::vector<const ResourceTable*> t, const WebServerLimits& l)
       : window(w), tables(std::move(t)), limits(l), workers(l.maxLongAnswers) {
@@ -152,6 +170,9 @@ class Session {
   virtual bool Idle() const = 0;
   // Closes the connection now; it no longer counts.
   virtual void Drop() = 0;
+  // The run ends: a browser's connection sends `message` and closes; true when it will report
+  // its end through FarewellDone.
+  virtual bool Goodbye(const std::shared_ptr<const std::string>& /*message*/) { return false; }
   // After the I/O thread ended: lets go of what keeps the session alive besides the I/O
   // context's handlers.
   virtual void Abandon() {}
@@ -200,6 +221,15 @@ class WsSession : public Session, public std::enable_shared_from_this<WsSession>
 
   bool Idle() const override { return false; }
   void Drop() override { Fail(); }
+  bool Goodbye(const std::shared_ptr<const std::string>& message) override {
+    if (closed_ || farewell_) return false;
+    farewell_ = true;
+    Enqueue(message);
+    if (closed_) return false;
+    counted_ = true;
+    if (!writing_) CloseAfterGoodbye();
+    return true;
+  }
 
   // On the I/O thread.
   void Enqueue(std::shared_ptr<const std::string> message) {
@@ -218,6 +248,12 @@ class WsSession : public Session, public std::enable_shared_from_this<WsSession>
  private:
   void OnAccept(error_code ec) {
     if (ec) return;
+    if (server_.goodbye) {
+      // The window has ended: a browser that reconnects now learns that, and nothing else.
+      farewell_ = true;
+      Enqueue(server_.goodbye);
+      return;
+    }
     id_ = server_.window.Attach(std::make_shared<WsConnection>(server_.gate, weak_from_this()));
     server_.clients.insert(id_);
     Read();
@@ -267,7 +303,20 @@ class WsSession : public Session, public std::enable_shared_from_this<WsSession>
     }
     queuedBytes_ -= queue_.front()->size();
     queue_.pop_front();
-    if (!queue_.empty()) Write();
+    if (!queue_.empty()) {
+      Write();
+    } else if (farewell_) {
+      CloseAfterGoodbye();
+    }
+  }
+
+  // A normal close once the goodbye is out; the browser's answer (or none, when Stop ends the
+  // I/O thread first) ends the session.
+  void CloseAfterGoodbye() {
+    if (closing_) return;
+    closing_ = true;
+    ws_.async_close(websocket::close_code::normal,
+                    [self = shared_from_this()](error_code) { self->Fail(); });
   }
 
   // Ends the session once: the window forgets the browser, the socket closes, and the pending
@@ -275,6 +324,8 @@ class WsSession : public Session, public std::enable_shared_from_this<WsSession>
   void Fail() {
     if (closed_) return;
     closed_ = true;
+    if (counted_) server_.FarewellDone();
+    counted_ = false;
     Unlist();
     queue_.clear();
     queuedBytes_ = 0;
@@ -293,6 +344,9 @@ class WsSession : public Session, public std::enable_shared_from_this<WsSession>
   std::size_t queuedBytes_ = 0;
   bool writing_ = false;
   bool closed_ = false;
+  bool farewell_ = false;  // the goodbye is queued: the close follows it
+  bool closing_ = false;   // the closing handshake is under way
+  bool counted_ = false;   // the server waits for this session's farewell
 };
 
 void WsConnection::Send(std::shared_ptr<const std::string> message) {
@@ -336,6 +390,10 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
  private:
   void OnRead(error_code ec) {
     reading_ = false;
+    if (ec == http::error::header_limit) {
+      RefuseLargeHeader();
+      return;
+    }
     if (ec) {
       error_code ignored;
       stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
@@ -558,6 +616,34 @@ class HttpSession : public Session, public std::enable_shared_from_this<HttpSess
     });
   }
 
+  // A header above the limit gets its status before the close. What the browser still sends is
+  // read and dropped (a bounded amount, within the request time), as a close with unread bytes
+  // would reset the connection and take the answer with it.
+  void RefuseLargeHeader() {
+    auto res = std::make_shared<http::response<http::string_body>>(
+        http::status::request_header_fields_too_large, 11);
+    Decorate(*res, "text/plain", {});
+    res->body() = "Request header fields too large\n";
+    res->prepare_payload();
+    res->keep_alive(false);
+    stream_.expires_after(server_.limits.requestTime);
+    http::async_write(stream_, *res, [self = shared_from_this(), res](error_code ec, std::size_t) {
+      if (ec) return;
+      error_code ignored;
+      self->stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
+      self->Drain(0);
+    });
+  }
+
+  void Drain(std::size_t drained) {
+    if (drained > kDrainLimit) return;
+    buffer_.consume(buffer_.size());
+    stream_.async_read_some(buffer_.prepare(4096),
+                            [self = shared_from_this(), drained](error_code ec, std::size_t n) {
+                              if (!ec) self->Drain(drained + n);
+                            });
+  }
+
   beast::tcp_stream stream_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
@@ -661,6 +747,30 @@ bool WebServer::Start(std::uint16_t firstPort) {
   impl_->Accept();
   impl_->thread = std::thread([this] { impl_->io.run(); });
   return true;
+}
+
+bool WebServer::SayGoodbye(const std::string& message, std::chrono::milliseconds limit) {
+  if (!impl_->started) return false;
+  auto shared = std::make_shared<const std::string>(message);
+  net::post(impl_->io, [impl = impl_.get(), shared] {
+    impl->goodbye = shared;
+    int counted = 0;
+    const std::vector<Session*> sessions(impl->sessions.begin(), impl->sessions.end());
+    for (Session* session : sessions) {
+      if (session->Goodbye(shared)) ++counted;
+    }
+    {
+      std::lock_guard lock(impl->farewellMutex);
+      impl->farewellsPending += counted;
+      impl->farewellsStarted = true;
+    }
+    platform::Clock::Current().NotifyAll();
+  });
+  platform::Clock& clock = platform::Clock::Current();
+  std::unique_lock lock(impl_->farewellMutex);
+  return clock.WaitUntil(lock, clock.Deadline(limit), [this] {
+    return impl_->farewellsStarted && impl_->farewellsPending <= 0;
+  });
 }
 
 void WebServer::Stop() {

@@ -77,6 +77,11 @@ class WebServer {
   // Listens on `firstPort`, or the next free one of the 100 after it (0: a port the system
   // picks), and starts the I/O thread. False when no port could be had (logged).
   bool Start(std::uint16_t firstPort);
+  // The run ends: every browser's WebSocket is sent `message` and closed normally, and one that
+  // connects from now on gets only `message`. Waits until each has closed, at most `limit`
+  // (a browser that does not answer the close keeps nobody); true when all did in time. Stop
+  // then ends what is left.
+  bool SayGoodbye(const std::string& message, std::chrono::milliseconds limit);
   // Closes every connection, ends the I/O thread and waits for the long answers' workers, which
   // their failing writes stop. Idempotent.
   void Stop();

@@ -138,6 +138,7 @@ Window::Window(platform::TaskLoop& loop)
     if (onClose_) {
       onClose_();
     } else {
+      NoteEnding("closed");
       loop_.Quit(kIdCancel);
     }
   });
@@ -553,7 +554,7 @@ bool Window::OnUiThread() {
 }
 
 int Window::OpenBox(const std::string& text, const std::string& title, unsigned style,
-                    std::function<void(int)> done, bool waited) {
+                    std::function<void(int)> done, bool waited, bool asDialog) {
   if (!waited && !RoomForBox(title)) {
     if (done) loop_.Post([done = std::move(done), style] { done(CautiousAnswer(style)); });
     return 0;
@@ -563,7 +564,7 @@ int Window::OpenBox(const std::string& text, const std::string& title, unsigned 
   d.kind = DialogKind::kBox;
   d.ofTest = waited;
   d.style = style;
-  d.message = protocol::EncodeBox(id, text, title, style);
+  d.message = protocol::EncodeBox(id, text, title, style, asDialog);
   d.done = [done = std::move(done)](int result, int) {
     if (done) done(result);
   };
@@ -599,6 +600,11 @@ void Window::ShowBoxAsync(const std::string& text, const std::string& title, uns
                           std::function<void(int)> done) {
   EchoToStderr(text, title);
   OpenBox(text, title, style, std::move(done));
+}
+
+void Window::AskAsync(const std::string& text, const std::string& title,
+                      std::function<void(int)> done) {
+  OpenBox(text, title, kMbYesNo, std::move(done), false, true);
 }
 
 void Window::ShowChoiceAsync(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done) {

@@ -187,6 +187,13 @@ class Window : public MessageBoxPresenter {
   void ShowBoxAsync(const std::string& text, const std::string& title, unsigned style,
                     std::function<void(int)> done);
   void ShowChoiceAsync(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done);
+  // The window's own Yes/No question (drawn as a dialog, not as a message box); `done` runs on
+  // the UI thread with kIdYes or kIdNo.
+  void AskAsync(const std::string& text, const std::string& title, std::function<void(int)> done);
+  // Why the run ends, for the goodbye the browsers get: "closed", "no-board", ... The last one
+  // noted stands; "" while none was.
+  void NoteEnding(const std::string& reason) { ending_ = reason; }
+  const std::string& Ending() const { return ending_; }
   // Opens a message window; `onButton` runs on the UI thread with a button's index for each
   // click (the window stays open: the caller decides whether a click ends it) or kWindowClosed
   // for the close box.
@@ -252,7 +259,7 @@ class Window : public MessageBoxPresenter {
   bool OnUiThread();
   // `waited`: a worker thread waits for the answer, and the box opens whatever the cap.
   int OpenBox(const std::string& text, const std::string& title, unsigned style,
-              std::function<void(int)> done, bool waited = false);
+              std::function<void(int)> done, bool waited = false, bool asDialog = false);
   int OpenChoice(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done,
                  bool waited = false);
   // Blocks a worker until the dialog that `open` opens (on the UI thread, handing it the
@@ -310,6 +317,7 @@ class Window : public MessageBoxPresenter {
   platform::TimePoint noBrowserSince_;
   platform::TimePoint lastSignOfLife_;
   std::string aboutText_;
+  std::string ending_;
   std::pair<int, int> viewport_{1280, 800};
   ControlRule control_;
   std::function<std::string()> runningTest_;

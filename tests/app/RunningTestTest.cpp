@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -123,6 +124,31 @@ class StageDlg final : public CTavroTestDlgBase {
 class NullBrowser final : public ui::Connection {
  public:
   void Send(std::shared_ptr<const std::string>) override {}
+};
+
+// A browser that keeps what it is sent, to find a dialog's id by its text.
+class KeepingBrowser final : public ui::Connection {
+ public:
+  void Send(std::shared_ptr<const std::string> message) override {
+    std::lock_guard lock(mutex_);
+    messages_.push_back(*message);
+  }
+  // The id of the last dialog whose message holds `text`; -1 when none.
+  int DialogWith(const std::string& text) {
+    std::lock_guard lock(mutex_);
+    for (auto it = messages_.rbegin(); it != messages_.rend(); ++it) {
+      if (it->find(R"("t":"dialog")") == std::string::npos || it->find(text) == std::string::npos) {
+        continue;
+      }
+      const std::size_t at = it->find(R"("id":)");
+      return at == std::string::npos ? -1 : std::stoi(it->substr(at + 5));
+    }
+    return -1;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> messages_;
 };
 
 class RunningTestTest : public PageFixture {
@@ -338,7 +364,8 @@ TEST_F(RunningTestTest, TheEndOfTheRunEndsATestThreadWhereverItWaits) {
     platform::TaskLoop caseLoop;
     ui::Window caseWindow(caseLoop);
     auto caseDlg = std::make_unique<StageDlg>(caseWindow, caseLoop, &Servo(), version_);
-    const auto browser = caseWindow.Attach(std::make_shared<NullBrowser>());
+    const auto seen = std::make_shared<KeepingBrowser>();
+    const auto browser = caseWindow.Attach(seen);
     caseLoop.SetTimer(50, milliseconds(300), [&](unsigned) {
       caseLoop.KillTimer(50);
       caseDlg->Stage().StartXTest(c.wait);
@@ -351,6 +378,16 @@ TEST_F(RunningTestTest, TheEndOfTheRunEndsATestThreadWhereverItWaits) {
         caseWindow.ShellEvents().Dispatch(
             ui::Event{ui::kShellPage, "menu-close", ui::EventKind::kClick});
       }
+    });
+    // Close during a test asks first; the browser's Yes ends the run.
+    caseLoop.SetTimer(52, milliseconds(1000), [&](unsigned) {
+      caseLoop.KillTimer(52);
+      const int question = seen->DialogWith("Stop it and close TavroTest?");
+      EXPECT_EQ(question >= 0, !c.bySignal);
+      if (question < 0) return;
+      EXPECT_NE(caseDlg->Stage().TestState().Running, 0) << "the question alone stops nothing";
+      caseWindow.Receive(
+          browser, R"({"t":"answer","dialog":)" + std::to_string(question) + R"(,"result":6})");
     });
     EXPECT_EQ(caseDlg->DoModal(), ui::kIdCancel);
     FakeStagePage& stage = caseDlg->Stage();

@@ -44,8 +44,11 @@ function lineOf(child, pattern, what) {
   });
 }
 
+// A child that a signal ended has no exit code, only its signal.
+const running = (child) => child.exitCode === null && child.signalCode === null;
+
 async function stopChild(child) {
-  if (child.exitCode === null) {
+  if (running(child)) {
     child.kill('SIGTERM');
     await new Promise((r) => child.once('exit', r));
   }
@@ -122,7 +125,7 @@ export async function startUi(program, args = [], env = {}) {
     child,
     stderr: () => stderr,
     exited: () => new Promise((r) => {
-      if (child.exitCode !== null) r(child.exitCode);
+      if (!running(child)) r(child.exitCode);
       else child.once('exit', (code) => r(code));
     }),
     stop: () => stopChild(child),

@@ -77,6 +77,8 @@ test('the viewer lists a test run a moment ago, plots its trace and marks a caus
       await first.click();
       await panel.locator('.viewer-trace .uplot').waitFor();
       const csv = readFileSync(join(folder, 'AxisTest_X_0.csv'), 'latin1').trim().split(/\r?\n/);
+      // A trace of the simulated board says so in its first line.
+      assert.equal(csv.shift(), '# board: simulated autovision');
       assert.equal(csv[0], 'time,bias,linear,rotary,limit');
       const rows = csv.slice(1).map((line) => line.split(',').map(Number));
       assert.ok(rows.length > 50, `${rows.length} rows`);

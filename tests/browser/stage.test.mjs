@@ -162,6 +162,10 @@ test('the window closed at a question ends the program with the axis handed back
     await page.locator('#menu-button').click();
     if (SHOTS) await page.screenshot({ path: join(SHOTS, 'stage-question-menu.png') });
     await page.locator('#menu-close').click();
+    // Close during a test asks first, naming the test.
+    const ask = page.locator('.dialog[role="dialog"]', { hasText: 'Stop it and close TavroTest?' });
+    assert.match(await ask.textContent(), /X Axis Test/);
+    await ask.getByRole('button', { name: 'Yes' }).click();
     assert.equal(await app.exited(), 0);
     assert.equal(await handedBack(board), true);
     // The question got the cautious answer and the report tells what happened: the positive run
@@ -170,6 +174,8 @@ test('the window closed at a question ends the program with the axis handed back
     const positive = body.split('(+)')[1];
     assert.match(positive, /Starting Voltage: 0\r\n/);
     assert.match(positive, /Correct Direction: No\r\n/);
-    await eventually(() => page.getByRole('alertdialog').count(), 0);
-    assert.notEqual(await page.locator('#link-state').getAttribute('data-state'), 'open');
+    await page.locator('#link-state[data-state="ended"]').waitFor();
+    assert.equal(await page.getByRole('alertdialog').count(), 0);
+    assert.equal(await page.getByRole('button', { name: /^STOP/ }).isVisible(), false);
+    assert.equal(await page.locator('#ended-page').getAttribute('data-reason'), 'closed');
   }));

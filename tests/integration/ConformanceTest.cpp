@@ -431,6 +431,9 @@ class Conformance : public LinkFixture, public ::testing::WithParamInterface<std
       });
       EXPECT_GT(ran, 40);
       EXPECT_TRUE(link.IsOpen());
+      // The driver's describe request belongs to the window alone: no operation, and no open,
+      // sends it.
+      EXPECT_EQ(board_->Command("count describe"), "ok 0");
     }
     // Each neighbour: an operation that sends a command in another form than the board's fails.
     int mistakes = 0;

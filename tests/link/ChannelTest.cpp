@@ -258,4 +258,57 @@ TEST_F(ChannelTest, NormalAndCaptureTransfersOverlap) {
   EXPECT_TRUE(captureSeen);
 }
 
+// The describe request is the driver's own: whatever it answers, the link stays as it was, and
+// only a short printable text counts as a description.
+TEST_F(ChannelTest, DescribeTakesOnlyAShortPrintableTextAndNeverTouchesTheLink) {
+  const auto text = [](const std::string& t) {
+    return std::vector<std::uint8_t>(t.begin(), t.end());
+  };
+  struct Case {
+    const char* name;
+    BoardAnswer answer;
+    bool described;
+  };
+  const std::string longest(usb::kDescribeLimit, 'a');
+  const Case cases[] = {
+      {"simulated", {.bytes = text("simulated servo")}, true},
+      {"at the limit", {.bytes = text(longest)}, true},
+      {"an older driver's refusal", {.status = 1}, false},
+      {"an empty text", {}, false},
+      {"a control character", {.bytes = text("simulated \x1b[31mservo")}, false},
+      {"a line break", {.bytes = text("simulated\nservo")}, false},
+      {"beyond the limit", {.bytes = text(longest + "b")}, false},
+      {"a byte above ASCII", {.bytes = {'s', 0xC3, 0xA4}}, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    CTavroUsb usb;
+    auto board = OpenWith(usb, c.answer);
+    usb.SetReportErrors(false);
+    std::string out = "unchanged";
+    EXPECT_EQ(usb.Describe(out), c.described);
+    EXPECT_EQ(
+        out, c.described ? std::string(c.answer.bytes.begin(), c.answer.bytes.end()) : "unchanged");
+    const std::vector<BoardRequest> sent = board->Commands();
+    ASSERT_EQ(sent.size(), 1u) << "one try, whatever the answer";
+    EXPECT_EQ(sent[0].code, usb::kDescribeCode);
+    EXPECT_EQ(sent[0].replyLength, usb::kDescribeLimit);
+    EXPECT_TRUE(sent[0].bytes.empty());
+    EXPECT_TRUE(usb.IsOpen()) << "a describe answer never ends the link";
+    EXPECT_NE(usb.LinkSession(), 0u);
+  }
+  EXPECT_TRUE(boxes.Boxes().empty());
+}
+
+TEST_F(ChannelTest, DescribeWithoutALinkSendsNothing) {
+  ScriptedBoard board(dir.Class1(0));
+  CTavroUsb usb;
+  std::string out;
+  EXPECT_FALSE(usb.Describe(out));
+  ASSERT_EQ(usb.Open(false, true), 0);
+  usb.Close();
+  EXPECT_FALSE(usb.Describe(out));
+  EXPECT_TRUE(board.Commands().empty());
+}
+
 }  // namespace

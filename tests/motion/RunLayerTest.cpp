@@ -194,6 +194,11 @@ TEST_F(StartTest, RunningTestNames) {
   Run(page, TestButton::kPlatenTest);
   // The axis test's Cancel still ends in a report, with no box.
   EXPECT_EQ(names, (std::vector<std::string>{"Y Limit Test", "X Axis Test", "Platen Test"}));
+  // Each start dialog carries the name of the test it starts.
+  std::vector<std::string> titles;
+  for (const ui::ChoiceDialog& d : page.Dialogs())
+    titles.push_back(d.title);
+  EXPECT_EQ(titles, (std::vector<std::string>{"Y Limit Test", "X Axis Test"}));
 }
 
 using ReportFiles = MotionFixture;
@@ -273,8 +278,13 @@ TEST_F(ReportFiles, TraceCsvRows) {
   const std::vector<motion::TraceSample> samples = {
       {.time = 0.02, .bias = -250, .linear = 10, .rotary = 27, .limit = 0},
       {.time = 1.5, .bias = 0, .linear = -3, .rotary = 1, .limit = -1}};
-  EXPECT_EQ(motion::TraceCsv(samples),
-            "time,bias,linear,rotary,limit\n0.020,-250,10,27,0\n1.500,0,-3,1,-1\n");
+  const std::string rows = "time,bias,linear,rotary,limit\n0.020,-250,10,27,0\n1.500,0,-3,1,-1\n";
+  EXPECT_EQ(motion::TraceCsv(samples), rows);
+  // Only a board that says it is simulated leaves a mark, as the trace's first line.
+  EXPECT_EQ(motion::TraceCsv(samples, "simulated servo"), "# board: simulated servo\n" + rows);
+  for (const char* other : {"", "simulated", "bridge to hnusb 2.4", "Simulated servo"}) {
+    EXPECT_EQ(motion::TraceCsv(samples, other), rows) << other;
+  }
 }
 
 TEST_F(ReportFiles, TraceBoundedAndOnlyWhileActive) {

@@ -8,6 +8,7 @@
 
 #include "tests/ui/UiFixture.h"
 #include "tests/ui/WsClient.h"
+#include "ui/Protocol.h"
 
 namespace ui {
 const ResourceTable& DemoResources();
@@ -119,6 +120,50 @@ TEST_F(WebServerTest, EventsTravelTheSocketAndBadFramesCostALogLineNotTheServer)
   again.SendText(R"({"t":"event","page":0,"id":"Go","kind":"click"})");
   EXPECT_TRUE(again.ReceiveContaining(R"("v":"2")"));
   EXPECT_EQ(log.Messages().size(), 2u);
+}
+
+TEST_F(WebServerTest, AHeaderAboveTheLimitIsAnsweredWith431BeforeTheClose) {
+  struct Case {
+    std::size_t bytes;
+    int status;
+  };
+  for (const Case c : {Case{6 * 1024, 200}, Case{9 * 1024, 431}, Case{60 * 1024, 431}}) {
+    const std::string response =
+        Fetch("/?" + Token(), "X-Padding: " + std::string(c.bytes, 'a') + "\r\n");
+    EXPECT_EQ(StatusOf(response), c.status) << c.bytes;
+  }
+  EXPECT_EQ(Get("/?" + Token()), 200) << "the server goes on";
+}
+
+// The first text message a client receives.
+std::optional<std::string> FirstMessage(WsClient& client) {
+  return client.ReceiveContaining("\"t\"");
+}
+
+TEST_F(WebServerTest, TheGoodbyeReachesEveryBrowserAndOneThatComesLaterGetsNothingElse) {
+  WsClient a;
+  WsClient b;
+  ASSERT_EQ(a.Open(server.Port(), "/ws?" + Token(), Origin()), 101);
+  ASSERT_EQ(b.Open(server.Port(), "/ws?" + Token(), Origin()), 101);
+  ASSERT_TRUE(a.ReceiveContaining(R"("t":"tabs")"));
+  ASSERT_TRUE(b.ReceiveContaining(R"("t":"tabs")"));
+  // No wait here: the goodbye goes out on the server's own thread whatever the caller does.
+  server.SayGoodbye(ui::protocol::EncodeGoodbye("no-board", "/run/hnusb"),
+                    std::chrono::milliseconds(0));
+  for (WsClient* client : {&a, &b}) {
+    const auto bye = client->ReceiveContaining(R"("t":"bye")");
+    ASSERT_TRUE(bye);
+    const json m = json::parse(*bye);
+    EXPECT_EQ(m["reason"], "no-board");
+    EXPECT_EQ(m["folder"], "/run/hnusb");
+    EXPECT_FALSE(client->ReceiveContaining("\"t\"")) << "the connection closes after it";
+  }
+  WsClient late;
+  ASSERT_EQ(late.Open(server.Port(), "/ws?" + Token(), Origin()), 101);
+  const auto opening = FirstMessage(late);
+  ASSERT_TRUE(opening);
+  EXPECT_NE(opening->find(R"("t":"bye")"), std::string::npos) << *opening;
+  EXPECT_FALSE(FirstMessage(late));
 }
 
 TEST_F(WebServerTest, ATakenPortIsPassedOverForTheNextFreeOne) {

@@ -51,7 +51,11 @@ class Operator final : public ui::Connection {
   explicit Operator(ui::Window& window) : window_(window) {}
 
   void Connect() {
-    id_ = window_.Attach(std::shared_ptr<Operator>(this, [](Operator*) {}));
+    {
+      // The window may send the full state (and a box to answer) before Attach returns.
+      std::lock_guard lock(attach_);
+      id_ = window_.Attach(std::shared_ptr<Operator>(this, [](Operator*) {}));
+    }
     Send(json{{"t", "loaded"}, {"page", 1}});
     Send(json{{"t", "shown"}, {"page", 1}});
   }
@@ -87,6 +91,7 @@ class Operator final : public ui::Connection {
 
   // On the UI thread, from the window's flush.
   void Send(std::shared_ptr<const std::string> message) override {
+    { std::lock_guard lock(attach_); }  // the id is known before anything is answered
     const json m = json::parse(*message);
     if (m["t"] == "closeDialog") {
       std::lock_guard lock(mutex_);
@@ -119,7 +124,8 @@ class Operator final : public ui::Connection {
 
  private:
   ui::Window& window_;
-  ui::Window::ClientId id_ = 0;
+  std::mutex attach_;
+  std::atomic<ui::Window::ClientId> id_{0};
   std::mutex mutex_;
   Script script_;
   std::vector<Shown> shown_;

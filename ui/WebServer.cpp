@@ -231,9 +231,10 @@ class WsSession : public Session, public std::enable_shared_from_this<WsSession>
     return true;
   }
 
-  // On the I/O thread.
+  // On the I/O thread. Once the goodbye is queued it is the last message: what the window
+  // still flushes after it would tell an ended run's browser of values as if live.
   void Enqueue(std::shared_ptr<const std::string> message) {
-    if (closed_) return;
+    if (closed_ || (farewell_ && message != server_.goodbye)) return;
     queuedBytes_ += message->size();
     queue_.push_back(std::move(message));
     if (queue_.size() > kMaxQueued || queuedBytes_ > server_.limits.maxQueuedBytes) {

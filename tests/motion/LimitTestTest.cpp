@@ -369,6 +369,10 @@ TEST(LimitTexts, ReportWithAndWithoutItsOptionalLines) {
       "          Negative: No\r\n"
       "          Positive: ";
   EXPECT_EQ(motion::LimitReportBody(r, 1), "          Y Axis " + rest + "No\r\n\r\n");
+  // Either seek that reached the voltage limit says so, once.
+  r.VoltageLimitReached[1] = 1;
+  EXPECT_EQ(motion::LimitReportBody(r, 1),
+            "          Y Axis \r\nVOLTAGE LIMIT REACHED\r\n" + rest + "No\r\n\r\n");
   r.VoltageLimitReached[0] = 1;
   r.LimitNotRegistered[0] = r.LimitNotRegistered[1] = 1;
   r.ManuallyStopped[1] = 1;

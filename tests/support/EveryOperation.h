@@ -1,25 +1,38 @@
-// Runs every operation a controller offers, once, and records which ones failed. The integration
-// tests run it against the simulated board for each profile (nothing may fail), the fuzz target
-// against replies made of arbitrary bytes (nothing may crash), the benchmarks for a full round.
-// Set commands write back what the matching get commands read, so a board is left as it was.
+// Every operation a controller offers, one row each, with inputs fixed so that every run sends the
+// same bytes. The conformance test runs them against the simulated board for each profile, the
+// fuzz target against replies made of arbitrary bytes (nothing may crash).
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
-class CTavroUsbServo;
-class CTavroUsbManualVision;
+#include "link/CTavroUsbManualVision.h"
+#include "link/CTavroUsbServo.h"
 
 namespace testing_support {
+
+// What an operation works on: the controller, and its W axis and platen where the machine has them.
+struct Controllers {
+  CTavroUsbController& any;
+  CTavroUsbServo* servo = nullptr;
+  CTavroUsbWAxis* w = nullptr;
+  CTavroUsbPlaten* platen = nullptr;
+};
+Controllers ControllersOf(CTavroUsbServo& servo);
+Controllers ControllersOf(CTavroUsbManualVision& manual);
+
+// An operation's result, or nothing when it does not exist for this controller or machine.
+struct Operation {
+  const char* name;
+  std::function<std::optional<bool>(Controllers&)> run;
+};
+const std::vector<Operation>& EveryOperation();
 
 struct OperationLog {
   std::vector<std::string> failed;
   int run = 0;
-
-  void Record(const char* name, bool ok) {
-    ++run;
-    if (!ok) failed.emplace_back(name);
-  }
 };
 
 void RunEveryServoOperation(CTavroUsbServo& servo, OperationLog& log);

@@ -9,13 +9,8 @@ namespace {
 
 class FaultTest : public SimTest {
  protected:
-  void SetUp() override {
-    StartBoard("autovision");
-    client_ = Connect();
-  }
+  void SetUp() override { StartConnected("autovision"); }
   std::size_t VersionBytes() { return client_->Command({0x2B}, 69).bytes.size(); }
-
-  std::unique_ptr<RawClient> client_;
 };
 
 bool EntryExists(const std::string& path) {

@@ -104,6 +104,7 @@ Packet Request(std::uint8_t code, std::size_t length, const Packet& fill) {
 SimTest::SimTest() = default;
 
 SimTest::~SimTest() {  // the simulator goes before its folder
+  client_.reset();
   sim_.reset();
 }
 
@@ -115,10 +116,31 @@ void SimTest::StartBoard(const std::string& profile, SimulatorOptions options) {
   ASSERT_TRUE(sim_->Start(&why)) << why;
 }
 
+void SimTest::StartConnected(const std::string& profile) {
+  StartBoard(profile, {.diagPeriod = platform::Duration::zero()});
+  client_ = Connect();
+  ASSERT_TRUE(client_->Connected());
+}
+
 std::string SimTest::Control(const std::string& line) {
   const std::string answer = sim_->Command(line);
   EXPECT_EQ(answer.rfind("ok", 0), 0u) << line << " -> " << answer;
   return answer;
+}
+
+void SimTest::ExpectRefused(std::initializer_list<const char*> lines) {
+  for (const char* line : lines)
+    EXPECT_EQ(sim_->Command(line).rfind("error: ", 0), 0u) << line;
+}
+
+double SimTest::Position(const std::string& axis) {
+  const std::string answer = Control("axis " + axis);
+  const auto at = answer.find(" pos=");
+  return at == std::string::npos ? -1 : std::stod(answer.substr(at + 5));
+}
+
+bool SimTest::AxisShows(const std::string& axis, const std::string& part) {
+  return Control("axis " + axis).find(part) != std::string::npos;
 }
 
 }  // namespace sim::testing

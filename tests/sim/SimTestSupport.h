@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -61,8 +62,16 @@ class SimTest : public ::testing::Test {
   // Starts a simulator of `profile` at the default entry (class 1, index 0).
   void StartBoard(const std::string& profile, SimulatorOptions options = {});
   std::unique_ptr<RawClient> Connect() { return std::make_unique<RawClient>(sim_->EntryPath()); }
+  // Starts `profile` without diagnostic chatter and connects `client_` to it.
+  void StartConnected(const std::string& profile);
   // Runs a control line and expects it to succeed.
   std::string Control(const std::string& line);
+  // Expects every one of `lines` to be refused with an error.
+  void ExpectRefused(std::initializer_list<const char*> lines);
+  // What the control language says of `axis` (x, y, z, w, platen): its place, and whether the
+  // answer holds `part`.
+  double Position(const std::string& axis);
+  bool AxisShows(const std::string& axis, const std::string& part);
 
   platform::VirtualClock clock_;
   platform::ScopedClock scoped_{clock_};
@@ -70,6 +79,7 @@ class SimTest : public ::testing::Test {
   testing_support::ScratchDir scratch_;
   const std::string dir_ = scratch_.Path();
   std::unique_ptr<Simulator> sim_;
+  std::unique_ptr<RawClient> client_;
 };
 
 }  // namespace sim::testing

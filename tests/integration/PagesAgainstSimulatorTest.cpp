@@ -87,6 +87,28 @@ struct Family {
 // Status poll 0x59, board data 0x57 (the voltages among it), temperature 0x5D, laser points 0x5F,
 // laser settings 0x2A, touch capture 0x36, probe capture 0x6B, diagnostic text 0x22. Where a page
 // has nothing of its own to read on a board, the poll stands in.
+PageReads Probes(std::set<std::uint8_t> codes) {
+  return {"Probes", "/pages/Probes.html", std::move(codes)};
+}
+PageReads Diag(std::uint8_t code) {
+  return {"Diag Output", "/pages/UsbSerial.html", {code}};
+}
+// The first generation's pages before its probes, and the manual-vision family's.
+const std::vector<PageReads> kV1Pages = {
+    {"Board Information", "/pages/V1BoardInformation.html", {0x59}},
+    {"Stage", "/pages/V1Stage.html", {0x59}},
+    {"Pendant", "/pages/V1Pendant.html", {0x59}},
+    {"Lights", "/pages/V1Lights.html", {0x59}}};
+const std::vector<PageReads> kManualVisionPages = {
+    {"Board Information", "/pages/ManualVisionBoardInformation.html", {0x59}},
+    {"Stage", "/pages/ManualVisionStage.html", {0x59}},
+    {"Lights", "/pages/V1Lights.html", {0x59}}};
+
+std::vector<PageReads> Pages(std::vector<PageReads> first, std::vector<PageReads> rest) {
+  first.insert(first.end(), rest.begin(), rest.end());
+  return first;
+}
+
 const Family kFamilies[] = {
     {"autovision",
      false,
@@ -95,75 +117,27 @@ const Family kFamilies[] = {
       {"Pendant", "/pages/Pendant.html", {0x57}},
       {"Lights", "/pages/Lights.html", {0x59}},
       {"Readings", "/pages/Readings.html", {0x5D, 0x57}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x2A, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x22}}}},
-    {"servo",
-     false,
-     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
-      {"Stage", "/pages/V1Stage.html", {0x59}},
-      {"Pendant", "/pages/V1Pendant.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Probes", "/pages/Probes.html", {0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
+      Probes({0x5F, 0x2A, 0x36, 0x6B}),
+      Diag(0x22)}},
+    {"servo", false, Pages(kV1Pages, {Probes({0x36, 0x6B}), Diag(0x59)})},
     // The first generation with a laser: the packed form of its points.
-    {"servo-laser",
-     false,
-     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
-      {"Stage", "/pages/V1Stage.html", {0x59}},
-      {"Pendant", "/pages/V1Pendant.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
-    {"manualvision",
-     true,
-     {{"Board Information", "/pages/ManualVisionBoardInformation.html", {0x59}},
-      {"Stage", "/pages/ManualVisionStage.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Readings", "/pages/Readings.html", {0x5D, 0x57}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x2A, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x22}}}},
+    {"servo-laser", false, Pages(kV1Pages, {Probes({0x5F, 0x36, 0x6B}), Diag(0x59)})},
+    {"manualvision", true,
+     Pages(kManualVisionPages, {{"Readings", "/pages/Readings.html", {0x5D, 0x57}},
+                                Probes({0x5F, 0x2A, 0x36, 0x6B}),
+                                Diag(0x22)})},
     // Older generations: protocol 0, whose set commands answer nothing; the laser's 20- and
     // 17-byte forms; manual-vision boards without voltages or without a laser.
-    {"servo-pv0",
-     false,
-     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
-      {"Stage", "/pages/V1Stage.html", {0x59}},
-      {"Pendant", "/pages/V1Pendant.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Probes", "/pages/Probes.html", {0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
-    {"servo-pv3",
-     false,
-     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
-      {"Stage", "/pages/V1Stage.html", {0x59}},
-      {"Pendant", "/pages/V1Pendant.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
-    {"servo-pv2",
-     false,
-     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
-      {"Stage", "/pages/V1Stage.html", {0x59}},
-      {"Pendant", "/pages/V1Pendant.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x2A, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x22}}}},
-    {"manualvision-pv4",
-     true,
-     {{"Board Information", "/pages/ManualVisionBoardInformation.html", {0x59}},
-      {"Stage", "/pages/ManualVisionStage.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Readings", "/pages/Readings.html", {0x5D}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x2A, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x22}}}},
-    {"manualvision-pv0",
-     true,
-     {{"Board Information", "/pages/ManualVisionBoardInformation.html", {0x59}},
-      {"Stage", "/pages/ManualVisionStage.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Readings", "/pages/Readings.html", {0x5D}},
-      {"Probes", "/pages/Probes.html", {0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
+    {"servo-pv0", false, Pages(kV1Pages, {Probes({0x6B}), Diag(0x59)})},
+    {"servo-pv3", false, Pages(kV1Pages, {Probes({0x5F, 0x36, 0x6B}), Diag(0x59)})},
+    {"servo-pv2", false, Pages(kV1Pages, {Probes({0x5F, 0x2A, 0x36, 0x6B}), Diag(0x22)})},
+    {"manualvision-pv4", true,
+     Pages(kManualVisionPages, {{"Readings", "/pages/Readings.html", {0x5D}},
+                                Probes({0x5F, 0x2A, 0x36, 0x6B}),
+                                Diag(0x22)})},
+    {"manualvision-pv0", true,
+     Pages(kManualVisionPages,
+           {{"Readings", "/pages/Readings.html", {0x5D}}, Probes({0x36, 0x6B}), Diag(0x59)})},
 };
 
 class PagesAgainstSimulator : public PageFixture, public ::testing::WithParamInterface<Family> {

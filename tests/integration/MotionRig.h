@@ -19,13 +19,9 @@
 #include <utility>
 #include <vector>
 
-#include "app/CTavroTestDlg.h"
 #include "pages/Stage.h"
-#include "platform/Files.h"
-#include "platform/WindowProbe.h"
 #include "sim/Board.h"
-#include "tests/pages/PageFixture.h"
-#include "tests/support/TempDirs.h"
+#include "tests/integration/DialogRig.h"
 #include "util/Text.h"
 
 namespace motion_rig {
@@ -176,42 +172,17 @@ inline std::vector<TraceRow> ReadTrace(const std::string& path) {
   return rows;
 }
 
-// The real dialog on a simulated board of a profile, run modally on its own UI thread.
-class MotionRig : public testing_support::PageFixture {
+// The real dialog on a simulated board of a profile, with an operator at a browser.
+class MotionRig : public testing_support::DialogRig {
  protected:
   // `beforeDialog` runs once the board is up and before the dialog is made.
   void Open(const std::string& profile, const std::function<void()>& beforeDialog = {}) {
-    platform::SetProgramFolder(reports_.Path());
-    platform::SetWindowProbe([](const std::string&) { return false; });
-    Start(profile);
-    if (beforeDialog) beforeDialog();
-    ui::SetMessageBoxPresenter(&window);  // the boxes go to the window, as in the program
-    dlg = std::make_unique<CTavroTestDlg>(window, loop, &Servo(), version_);
-    // The loop's first task runs once the modal run has made its pages and started its timers.
-    std::atomic<bool> created{false};
-    loop.Post([&] { created = true; });
-    ui = platform::ParticipantThread([this] { dlg->DoModal(); });
-    ASSERT_TRUE(Wait([&] { return created.load(); }, seconds(30)));
+    OpenDialog(profile, false, beforeDialog);
     op.Connect();
     ASSERT_TRUE(Wait([&] { return PageShownAndConnected(); }, seconds(1)));
     // The operator looks at the page for a moment before clicking: its 200 ms tick has read
     // the machine (the platen's switches among it).
     Wait([] { return false; }, milliseconds(400));
-  }
-  // The modal run ends as the window's Close ends it; returns once the pages are gone.
-  void CloseProgram() {
-    loop.Quit(ui::kIdCancel);
-    platform::Join(ui);
-    dlg.reset();
-  }
-  void TearDown() override {
-    if (ui.joinable()) CloseProgram();
-    dlg.reset();
-    ui::SetMessageBoxPresenter(nullptr);
-    platform::SetProgramFolder("");
-    platform::SetWindowProbe(nullptr);
-    motion::AutoVisionTestState().Reset();
-    motion::FirstGenerationTestState().Reset();
   }
 
   StageDlg& Page() { return dynamic_cast<StageDlg&>(*dlg->Page(1)); }
@@ -293,12 +264,7 @@ class MotionRig : public testing_support::PageFixture {
     }
   }
 
-  testing_support::ScratchDir reports_;
-  platform::TaskLoop loop;
-  ui::Window window{loop};
   Operator op{window};
-  std::unique_ptr<CTavroTestDlg> dlg;
-  std::thread ui;
   std::function<void()> each;  // runs at every step of Wait
 };
 

@@ -18,9 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "app/CTavroTestDlg.h"
-#include "platform/WindowProbe.h"
-#include "tests/pages/PageFixture.h"
+#include "tests/integration/DialogRig.h"
 
 namespace {
 
@@ -140,30 +138,11 @@ const Family kFamilies[] = {
            {{"Readings", "/pages/Readings.html", {0x5D}}, Probes({0x36, 0x6B}), Diag(0x59)})},
 };
 
-class PagesAgainstSimulator : public PageFixture, public ::testing::WithParamInterface<Family> {
+class PagesAgainstSimulator : public DialogRig, public ::testing::WithParamInterface<Family> {
  protected:
   void SetUp() override {
-    platform::SetWindowProbe([](const std::string&) { return false; });
-    Start(GetParam().profile);
-    ui::SetMessageBoxPresenter(&window);
-    if (GetParam().manualVision) {
-      dlg = std::make_unique<CTavroTestManualVisionDlg>(window, loop, &Manual(), version_);
-    } else {
-      dlg = std::make_unique<CTavroTestDlg>(window, loop, &Servo(), version_);
-    }
-    std::atomic<bool> created{false};
-    loop.Post([&] { created = true; });
-    ui = platform::ParticipantThread([this] { dlg->DoModal(); });
-    while (!created)
-      clock.SleepFor(milliseconds(20));
+    OpenDialog(GetParam().profile, GetParam().manualVision);
     seen_ = board_->TrafficSeen().total;
-  }
-  void TearDown() override {
-    loop.Quit(ui::kIdCancel);
-    platform::Join(ui);
-    dlg.reset();
-    ui::SetMessageBoxPresenter(nullptr);
-    platform::SetWindowProbe(nullptr);
   }
 
   // Runs `span` of machine time in 20 ms steps, looking at every transfer the board saw: each
@@ -194,16 +173,6 @@ class PagesAgainstSimulator : public PageFixture, public ::testing::WithParamInt
     }
   }
 
-  // Runs `look` on the UI thread, which owns the pages and their documents, and waits for it.
-  void OnUi(const std::function<void()>& look) {
-    std::atomic<bool> done{false};
-    loop.Post([&] {
-      look();
-      done = true;
-    });
-    while (!done)
-      clock.SleepFor(milliseconds(1));
-  }
   // Whether the dialog and every page are connected, as the UI thread sees them.
   bool AllConnected() {
     bool all = true;
@@ -231,11 +200,7 @@ class PagesAgainstSimulator : public PageFixture, public ::testing::WithParamInt
     return *page;
   }
 
-  platform::TaskLoop loop;
-  ui::Window window{loop};
   Browser browser{window};
-  std::unique_ptr<CTavroTestDlgBase> dlg;
-  std::thread ui;
   std::uint32_t seen_ = 0;
 };
 

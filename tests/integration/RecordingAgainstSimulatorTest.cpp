@@ -18,15 +18,11 @@
 #include <string>
 #include <vector>
 
-#include "app/CTavroTestDlg.h"
 #include "motion/StageTest.h"
 #include "pages/CTabDlg.h"
-#include "platform/Files.h"
-#include "platform/WindowProbe.h"
 #include "recorder/Export.h"
 #include "recorder/PagePlan.h"
-#include "tests/pages/PageFixture.h"
-#include "tests/support/TempDirs.h"
+#include "tests/integration/DialogRig.h"
 #include "tests/ui/WsClient.h"
 #include "ui/MessageBox.h"
 #include "ui/WebServer.h"
@@ -88,48 +84,17 @@ const Family kManualVision{
     true,
     {"Board Information", "Stage", "Lights", "Readings", "Probes", "Diag Output"}};
 
-class RecordingAgainstSimulator : public PageFixture {
+class RecordingAgainstSimulator : public DialogRig {
  protected:
   void Open(const Family& family) {
-    platform::SetProgramFolder(reports_.Path());
-    platform::SetWindowProbe([](const std::string&) { return false; });
-    Start(family.profile);
-    ui::SetMessageBoxPresenter(&window);
-    if (family.manualVision) {
-      dlg = std::make_unique<CTavroTestManualVisionDlg>(window, loop, &Manual(), version_);
-    } else {
-      dlg = std::make_unique<CTavroTestDlg>(window, loop, &Servo(), version_);
-    }
-    std::atomic<bool> created{false};
-    loop.Post([&] { created = true; });
-    ui = platform::ParticipantThread([this] { dlg->DoModal(); });
-    while (!created)
-      clock.SleepFor(milliseconds(20));
+    OpenDialog(family.profile, family.manualVision);
     op.Connect(dlg->PageCount(), 1);
   }
   void TearDown() override {
     server.Stop();
-    if (ui.joinable()) {
-      loop.Quit(ui::kIdCancel);
-      platform::Join(ui);
-    }
-    dlg.reset();
-    ui::SetMessageBoxPresenter(nullptr);
-    platform::SetWindowProbe(nullptr);
-    platform::SetProgramFolder("");
-    motion::AutoVisionTestState().Reset();
-    motion::FirstGenerationTestState().Reset();
+    DialogRig::TearDown();
   }
 
-  void OnUi(const std::function<void()>& look) {
-    std::atomic<bool> done{false};
-    loop.Post([&] {
-      look();
-      done = true;
-    });
-    while (!done)
-      clock.SleepFor(milliseconds(1));
-  }
   bool Wait(const std::function<bool()>& done, platform::Duration limit) {
     const auto end = clock.Now() + limit;
     while (!done()) {
@@ -169,12 +134,7 @@ class RecordingAgainstSimulator : public PageFixture {
     return at == std::string::npos ? -1 : std::strtol(line.c_str() + at + 8, nullptr, 10);
   }
 
-  ScratchDir reports_;
-  platform::TaskLoop loop;
-  ui::Window window{loop};
   Operator op{window};
-  std::unique_ptr<CTavroTestDlgBase> dlg;
-  std::thread ui;
   ui::WebServer server{window, {}};
   bool serving = false;
 };

@@ -1,14 +1,19 @@
 // The real main dialog of a profile on the simulated board, run modally on its own UI thread in
-// virtual time, its boxes going to the browsers as in the program.
+// virtual time, its boxes going to the browsers as in the program, and an operator at a browser.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "app/CTavroTestDlg.h"
 #include "motion/StageTest.h"
@@ -19,6 +24,107 @@
 #include "ui/MessageBox.h"
 
 namespace testing_support {
+
+using nlohmann::json;
+
+// A person at a browser: every box and start dialog the window opens is answered at once by the
+// script (OK with the Standard voltage limit, Yes to every question, unless told otherwise), or
+// left standing when the script says so (result 0).
+class Operator final : public ui::Connection {
+ public:
+  struct Shown {
+    int id = 0;
+    std::string kind;  // "box" or "choice"
+    std::string text;  // a box's text, a choice's texts joined
+    std::string buttons;
+  };
+  // The result to give and, for a choice, the radio picked; a result of 0 leaves it open.
+  using Script = std::function<std::pair<int, int>(const Shown&)>;
+
+  explicit Operator(ui::Window& window) : window_(window) {}
+
+  void Connect() {
+    // The window may send the full state (and a box to answer) before Attach returns.
+    std::lock_guard lock(attach_);
+    id_ = window_.Attach(std::shared_ptr<Operator>(this, [](Operator*) {}));
+  }
+  void Load(int page) { Send(json{{"t", "loaded"}, {"page", page}}); }
+  void Show(int page) { Send(json{{"t", "shown"}, {"page", page}}); }
+  void Click(int page, const std::string& id) {
+    Send(json{{"t", "event"}, {"page", page}, {"id", id}, {"kind", "click"}});
+  }
+  // The tab goes: its connection closes.
+  void Disconnect() {
+    window_.Detach(id_);
+    id_ = 0;
+  }
+  bool Connected() const { return id_ != 0; }
+  void Send(const json& message) {
+    if (id_ != 0) window_.Receive(id_, message.dump());
+  }
+  // A sign of life, as the shell's script sends twice a second. A page that hangs sends none.
+  void Beat() {
+    if (alive) Send(json{{"t", "beat"}});
+  }
+  void Answer(int dialog, int result, int choice = 0) {
+    Send(json{{"t", "answer"}, {"dialog", dialog}, {"result", result}, {"choice", choice}});
+  }
+  void SetScript(Script script) {
+    std::lock_guard lock(mutex_);
+    script_ = std::move(script);
+  }
+  std::vector<Shown> Dialogs() {
+    std::lock_guard lock(mutex_);
+    return shown_;
+  }
+  // The dialogs opened and not yet closed.
+  std::vector<Shown> Open() {
+    std::lock_guard lock(mutex_);
+    return open_;
+  }
+
+  // On the UI thread, from the window's flush.
+  void Send(std::shared_ptr<const std::string> message) override {
+    { std::lock_guard lock(attach_); }  // the id is known before anything is answered
+    const json m = json::parse(*message);
+    if (m["t"] == "closeDialog") {
+      std::lock_guard lock(mutex_);
+      std::erase_if(open_, [&](const Shown& s) { return s.id == m["id"].get<int>(); });
+      return;
+    }
+    if (m["t"] != "dialog" || m["kind"] == "window") return;
+    Shown s{m["id"], m["kind"], "", m.value("buttons", "")};
+    if (s.kind == "box") {
+      s.text = m["text"];
+    } else {
+      for (const auto& t : m["texts"])
+        s.text += t.get<std::string>();
+    }
+    std::pair<int, int> answer;
+    {
+      std::lock_guard lock(mutex_);
+      shown_.push_back(s);
+      open_.push_back(s);
+      answer = script_ ? script_(s) : Default(s);
+    }
+    if (answer.first != 0) Answer(s.id, answer.first, answer.second);
+  }
+
+  static std::pair<int, int> Default(const Shown& s) {
+    return {s.buttons == "yesno" ? ui::kIdYes : ui::kIdOk, 0};
+  }
+
+  std::atomic<bool> alive{true};
+
+ private:
+  ui::Window& window_;
+  std::mutex attach_;
+  std::atomic<ui::Window::ClientId> id_{0};
+  std::mutex mutex_;
+  Script script_;
+  std::vector<Shown> shown_;
+  std::vector<Shown> open_;
+};
 
 class DialogRig : public PageFixture {
  protected:
@@ -74,6 +180,7 @@ class DialogRig : public PageFixture {
   ScratchDir reports_;
   platform::TaskLoop loop;
   ui::Window window{loop};
+  Operator op{window};
   std::unique_ptr<CTavroTestDlgBase> dlg;
   std::thread ui;
 };

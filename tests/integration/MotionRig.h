@@ -29,104 +29,7 @@ namespace motion_rig {
 using nlohmann::json;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-// A person at a browser: every box and start dialog the window opens is answered at once by the
-// script (OK with the Standard voltage limit, Yes to every question, unless told otherwise), or
-// left standing when the script says so (result 0).
-class Operator final : public ui::Connection {
- public:
-  struct Shown {
-    int id = 0;
-    std::string kind;  // "box" or "choice"
-    std::string text;  // a box's text, a choice's texts joined
-    std::string buttons;
-  };
-  // The result to give and, for a choice, the radio picked; a result of 0 leaves it open.
-  using Script = std::function<std::pair<int, int>(const Shown&)>;
-
-  explicit Operator(ui::Window& window) : window_(window) {}
-
-  void Connect() {
-    {
-      // The window may send the full state (and a box to answer) before Attach returns.
-      std::lock_guard lock(attach_);
-      id_ = window_.Attach(std::shared_ptr<Operator>(this, [](Operator*) {}));
-    }
-    Send(json{{"t", "loaded"}, {"page", 1}});
-    Send(json{{"t", "shown"}, {"page", 1}});
-  }
-  // The tab goes: its connection closes.
-  void Disconnect() {
-    window_.Detach(id_);
-    id_ = 0;
-  }
-  bool Connected() const { return id_ != 0; }
-  void Send(const json& message) {
-    if (id_ != 0) window_.Receive(id_, message.dump());
-  }
-  // A sign of life, as the shell's script sends twice a second. A page that hangs sends none.
-  void Beat() {
-    if (alive) Send(json{{"t", "beat"}});
-  }
-  void Answer(int dialog, int result, int choice = 0) {
-    Send(json{{"t", "answer"}, {"dialog", dialog}, {"result", result}, {"choice", choice}});
-  }
-  void SetScript(Script script) {
-    std::lock_guard lock(mutex_);
-    script_ = std::move(script);
-  }
-  std::vector<Shown> Dialogs() {
-    std::lock_guard lock(mutex_);
-    return shown_;
-  }
-  // The dialogs opened and not yet closed.
-  std::vector<Shown> Open() {
-    std::lock_guard lock(mutex_);
-    return open_;
-  }
-
-  // On the UI thread, from the window's flush.
-  void Send(std::shared_ptr<const std::string> message) override {
-    { std::lock_guard lock(attach_); }  // the id is known before anything is answered
-    const json m = json::parse(*message);
-    if (m["t"] == "closeDialog") {
-      std::lock_guard lock(mutex_);
-      std::erase_if(open_, [&](const Shown& s) { return s.id == m["id"].get<int>(); });
-      return;
-    }
-    if (m["t"] != "dialog" || m["kind"] == "window") return;
-    Shown s{m["id"], m["kind"], "", m.value("buttons", "")};
-    if (s.kind == "box") {
-      s.text = m["text"];
-    } else {
-      for (const auto& t : m["texts"])
-        s.text += t.get<std::string>();
-    }
-    std::pair<int, int> answer;
-    {
-      std::lock_guard lock(mutex_);
-      shown_.push_back(s);
-      open_.push_back(s);
-      answer = script_ ? script_(s) : Default(s);
-    }
-    if (answer.first != 0) Answer(s.id, answer.first, answer.second);
-  }
-
-  static std::pair<int, int> Default(const Shown& s) {
-    return {s.buttons == "yesno" ? ui::kIdYes : ui::kIdOk, 0};
-  }
-
-  std::atomic<bool> alive{true};
-
- private:
-  ui::Window& window_;
-  std::mutex attach_;
-  std::atomic<ui::Window::ClientId> id_{0};
-  std::mutex mutex_;
-  Script script_;
-  std::vector<Shown> shown_;
-  std::vector<Shown> open_;
-};
+using testing_support::Operator;
 
 // A report as text (all of it ASCII), and the numbers that follow a label in it, in order.
 inline std::string ReadReport(const std::string& path) {
@@ -179,6 +82,8 @@ class MotionRig : public testing_support::DialogRig {
   void Open(const std::string& profile, const std::function<void()>& beforeDialog = {}) {
     OpenDialog(profile, false, beforeDialog);
     op.Connect();
+    op.Load(1);
+    op.Show(1);
     ASSERT_TRUE(Wait([&] { return PageShownAndConnected(); }, seconds(1)));
     // The operator looks at the page for a moment before clicking: its 200 ms tick has read
     // the machine (the platen's switches among it).
@@ -264,7 +169,6 @@ class MotionRig : public testing_support::DialogRig {
     }
   }
 
-  Operator op{window};
   std::function<void()> each;  // runs at every step of Wait
 };
 

@@ -6,8 +6,6 @@
 // dialog has reconnected by the time the test looks.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include <atomic>
 #include <functional>
 #include <map>
@@ -23,51 +21,11 @@
 namespace {
 
 using namespace testing_support;
-using nlohmann::json;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr std::uint32_t kLinkOpenedCode = 0x80002010;
 constexpr std::uint8_t kPoll = 0x59;
-
-// A browser: it loads every page, shows one at a time, clicks, and answers OK to any box (and
-// keeps it, as none should come).
-class Browser final : public ui::Connection {
- public:
-  explicit Browser(ui::Window& window) : window_(window) {}
-
-  void Connect(int pages) {
-    id_ = window_.Attach(std::shared_ptr<Browser>(this, [](Browser*) {}));
-    for (int page = 0; page < pages; ++page)
-      Send(json{{"t", "loaded"}, {"page", page}});
-  }
-  void Show(int page) { Send(json{{"t", "shown"}, {"page", page}}); }
-  void Click(int page, const std::string& id) {
-    Send(json{{"t", "event"}, {"page", page}, {"id", id}, {"kind", "click"}});
-  }
-  std::vector<std::string> Boxes() {
-    std::lock_guard lock(mutex_);
-    return boxes_;
-  }
-
-  void Send(std::shared_ptr<const std::string> message) override {
-    const json m = json::parse(*message);
-    if (m["t"] != "dialog" || m["kind"] == "window") return;
-    {
-      std::lock_guard lock(mutex_);
-      boxes_.push_back(m.value("text", std::string("(dialog)")));
-    }
-    Send(json{{"t", "answer"}, {"dialog", m["id"]}, {"result", ui::kIdOk}, {"choice", 0}});
-  }
-
- private:
-  void Send(const json& message) { window_.Receive(id_, message.dump()); }
-
-  ui::Window& window_;
-  ui::Window::ClientId id_ = 0;
-  std::mutex mutex_;
-  std::vector<std::string> boxes_;
-};
 
 // What a page must at least read while it is shown, by the command bytes of its reads.
 struct PageReads {
@@ -200,19 +158,20 @@ class PagesAgainstSimulator : public DialogRig, public ::testing::WithParamInter
     return *page;
   }
 
-  Browser browser{window};
   std::uint32_t seen_ = 0;
 };
 
 TEST_P(PagesAgainstSimulator, EveryPageShownInTurnReadsInItsGenerationsForms) {
   const Family& f = GetParam();
   ASSERT_EQ(dlg->PageCount(), static_cast<int>(f.pages.size()));
-  browser.Connect(dlg->PageCount());
+  op.Connect();
+  for (int tab = 0; tab < dlg->PageCount(); ++tab)
+    op.Load(tab);
   for (int tab = 0; tab < dlg->PageCount(); ++tab) {
     const PageReads& expected = f.pages[static_cast<std::size_t>(tab)];
     SCOPED_TRACE(expected.title);
     EXPECT_EQ(PageAt(tab).DocumentPath(), expected.document);
-    browser.Show(tab);
+    op.Show(tab);
     Seen seen;
     Run(seconds(3), seen);
     const bool probes = expected.title == std::string("Probes");
@@ -225,7 +184,7 @@ TEST_P(PagesAgainstSimulator, EveryPageShownInTurnReadsInItsGenerationsForms) {
       Control("laser points 5");
       for (const char* box : {"TouchProbeInterruptEnable", "VideoInterruptEnable",
                               "LaserInterruptEnable", "LaserInterruptEnable"}) {
-        browser.Click(tab, box);
+        op.Click(tab, box);
         Run(milliseconds(100), seen);  // the board arms the source before the probe touches
         Control("probe trip");
         Run(seconds(1), seen);
@@ -234,7 +193,7 @@ TEST_P(PagesAgainstSimulator, EveryPageShownInTurnReadsInItsGenerationsForms) {
       }
       EXPECT_GT(seen.captureAsks, 0u) << "the poll asks for capture data while a source is armed";
       // Without a laser the video trigger stays armed: disarmed, the poll asks for nothing more.
-      if (WantsCapture(tab)) browser.Click(tab, "VideoInterruptEnable");
+      if (WantsCapture(tab)) op.Click(tab, "VideoInterruptEnable");
       Run(milliseconds(300), seen);
       EXPECT_FALSE(WantsCapture(tab));
     }
@@ -249,19 +208,21 @@ TEST_P(PagesAgainstSimulator, EveryPageShownInTurnReadsInItsGenerationsForms) {
     EXPECT_TRUE(AllConnected());
   }
   EXPECT_TRUE(log.Entries().empty()) << log.Entries().front();
-  EXPECT_TRUE(browser.Boxes().empty()) << browser.Boxes().front();
+  EXPECT_TRUE(op.Dialogs().empty()) << op.Dialogs().front().text;
 }
 
 // The Readings page of the families that have it fills every voltage and colours a rail walked
 // out of tolerance; the Probes page shows the video trigger's capture.
 TEST_P(PagesAgainstSimulator, ReadingsAndCapturesReachTheDocuments) {
   const Family& f = GetParam();
-  browser.Connect(dlg->PageCount());
+  op.Connect();
+  for (int tab = 0; tab < dlg->PageCount(); ++tab)
+    op.Load(tab);
   Seen seen;
   for (int tab = 0; tab < dlg->PageCount(); ++tab) {
     const std::string title = f.pages[static_cast<std::size_t>(tab)].title;
     ui::Document& doc = PageAt(tab).Doc();
-    browser.Show(tab);
+    op.Show(tab);
     if (title == "Readings" && f.pages[static_cast<std::size_t>(tab)].codes.count(0x57)) {
       Control("supply 0 -7");
       Run(milliseconds(1100), seen);
@@ -273,7 +234,7 @@ TEST_P(PagesAgainstSimulator, ReadingsAndCapturesReachTheDocuments) {
     }
     if (title == "Probes") {
       Control("place x 100");
-      browser.Click(tab, "VideoInterruptEnable");
+      op.Click(tab, "VideoInterruptEnable");
       Run(milliseconds(600), seen);
       const std::string axis = board_->Command("axis x");
       const std::size_t at = axis.find("counts=") + 7;

@@ -36,36 +36,6 @@ using recorder::EventKind;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// A browser that loads every page, shows one, and answers every box and start dialog with OK
-// (Yes to a question) and the first option.
-class Operator final : public ui::Connection {
- public:
-  explicit Operator(ui::Window& window) : window_(window) {}
-  void Connect(int pages, int shown) {
-    id_ = window_.Attach(std::shared_ptr<Operator>(this, [](Operator*) {}));
-    for (int page = 0; page < pages; ++page)
-      Send(json{{"t", "loaded"}, {"page", page}});
-    Send(json{{"t", "shown"}, {"page", shown}});
-  }
-  void Show(int page) { Send(json{{"t", "shown"}, {"page", page}}); }
-  void Click(int page, const std::string& id) {
-    Send(json{{"t", "event"}, {"page", page}, {"id", id}, {"kind", "click"}});
-  }
-  // A sign of life, as the shell's script sends twice a second: a motion test stops without.
-  void Beat() { Send(json{{"t", "beat"}}); }
-  void Send(std::shared_ptr<const std::string> message) override {
-    const json m = json::parse(*message);
-    if (m["t"] != "dialog" || m["kind"] == "window") return;
-    const int result = m.value("buttons", "") == "yesno" ? ui::kIdYes : ui::kIdOk;
-    Send(json{{"t", "answer"}, {"dialog", m["id"]}, {"result", result}, {"choice", 0}});
-  }
-
- private:
-  void Send(const json& message) { window_.Receive(id_, message.dump()); }
-  ui::Window& window_;
-  ui::Window::ClientId id_ = 0;
-};
-
 struct Family {
   const char* profile;
   bool manualVision;
@@ -88,7 +58,10 @@ class RecordingAgainstSimulator : public DialogRig {
  protected:
   void Open(const Family& family) {
     OpenDialog(family.profile, family.manualVision);
-    op.Connect(dlg->PageCount(), 1);
+    op.Connect();
+    for (int page = 0; page < dlg->PageCount(); ++page)
+      op.Load(page);
+    op.Show(1);
   }
   void TearDown() override {
     server.Stop();
@@ -134,7 +107,6 @@ class RecordingAgainstSimulator : public DialogRig {
     return at == std::string::npos ? -1 : std::strtol(line.c_str() + at + 8, nullptr, 10);
   }
 
-  Operator op{window};
   ui::WebServer server{window, {}};
   bool serving = false;
 };

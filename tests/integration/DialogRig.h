@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include <atomic>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -19,6 +20,7 @@
 #include "motion/StageTest.h"
 #include "platform/Files.h"
 #include "platform/WindowProbe.h"
+#include "sim/Board.h"
 #include "tests/pages/PageFixture.h"
 #include "tests/support/TempDirs.h"
 #include "ui/MessageBox.h"
@@ -177,12 +179,36 @@ class DialogRig : public PageFixture {
       clock.SleepFor(std::chrono::milliseconds(1));
   }
 
+  // Sleeps in steps of 20 ms of machine time until `done` holds; false after `limit`. The
+  // operator shows signs of life meanwhile, and `each` runs at every step (the last included).
+  bool Wait(const std::function<bool()>& done, platform::Duration limit) {
+    const auto end = clock.Now() + limit;
+    for (;;) {
+      if (each) each();
+      if (done()) return true;
+      if (clock.Now() >= end) return false;
+      op.Beat();
+      clock.SleepFor(std::chrono::milliseconds(20));
+    }
+  }
+  // The simulated machine's own word on an axis: "counts", "pos", "moving", "limit", ...
+  std::string SimField(const std::string& axis, const std::string& field) {
+    const std::string line = board_->Command("axis " + axis);
+    const auto at = line.find(" " + field + "=");
+    if (at == std::string::npos) return "?";
+    const auto from = at + field.size() + 2;
+    return line.substr(from, line.find(' ', from) - from);
+  }
+  double Sim(const std::string& axis, const std::string& field) {
+    return std::strtod(SimField(axis, field).c_str(), nullptr);
+  }
   ScratchDir reports_;
   platform::TaskLoop loop;
   ui::Window window{loop};
   Operator op{window};
   std::unique_ptr<CTavroTestDlgBase> dlg;
   std::thread ui;
+  std::function<void()> each;  // runs at every step of Wait
 };
 
 }  // namespace testing_support

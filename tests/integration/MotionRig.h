@@ -115,18 +115,6 @@ class MotionRig : public testing_support::DialogRig {
   void Type(const std::string& id, const std::string& value) {
     op.Send(json{{"t", "event"}, {"page", 1}, {"id", id}, {"kind", "change"}, {"value", value}});
   }
-  // Sleeps in steps of 20 ms of machine time until `done` holds; false after `limit`. The
-  // operator shows signs of life meanwhile, and `each` runs at every step (the last included).
-  bool Wait(const std::function<bool()>& done, platform::Duration limit) {
-    const auto end = clock.Now() + limit;
-    for (;;) {
-      if (each) each();
-      if (done()) return true;
-      if (clock.Now() >= end) return false;
-      op.Beat();
-      clock.SleepFor(milliseconds(20));
-    }
-  }
   // Clicks a test button and waits for the test to end; `during` runs every 20 ms meanwhile.
   bool RunTest(const std::string& button, platform::Duration limit = seconds(300),
                const std::function<void()>& during = {}) {
@@ -140,17 +128,6 @@ class MotionRig : public testing_support::DialogRig {
           return !State().Running;
         },
         limit);
-  }
-  // The simulated machine's own word on an axis: "counts", "pos", "moving", "limit", ...
-  std::string SimField(const std::string& axis, const std::string& field) {
-    const std::string line = board_->Command("axis " + axis);
-    const auto at = line.find(" " + field + "=");
-    if (at == std::string::npos) return "?";
-    const auto from = at + field.size() + 2;
-    return line.substr(from, line.find(' ', from) - from);
-  }
-  double Sim(const std::string& axis, const std::string& field) {
-    return std::strtod(SimField(axis, field).c_str(), nullptr);
   }
   // The tuning record the board holds for a stage axis, whatever the link does.
   sim::AxisTuning Tuning(unsigned axis) {
@@ -168,8 +145,6 @@ class MotionRig : public testing_support::DialogRig {
       EXPECT_FALSE(Tuning(axis).OpenLoop()) << "axis " << axis;
     }
   }
-
-  std::function<void()> each;  // runs at every step of Wait
 };
 
 }  // namespace motion_rig

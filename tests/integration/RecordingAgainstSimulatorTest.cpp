@@ -68,15 +68,6 @@ class RecordingAgainstSimulator : public DialogRig {
     DialogRig::TearDown();
   }
 
-  bool Wait(const std::function<bool()>& done, platform::Duration limit) {
-    const auto end = clock.Now() + limit;
-    while (!done()) {
-      if (clock.Now() >= end) return false;
-      op.Beat();
-      clock.SleepFor(milliseconds(20));
-    }
-    return true;
-  }
   bool Connected() {
     bool connected = false;
     OnUi([&] { connected = dlg->IsConnected(); });
@@ -100,13 +91,6 @@ class RecordingAgainstSimulator : public DialogRig {
     const auto at = response.find("\r\n\r\n");
     return at == std::string::npos ? std::string() : response.substr(at + 4);
   }
-  // The simulated machine's own word on an axis field ("counts", "pos", ...).
-  long SimCounts(const std::string& axis) {
-    const std::string line = board_->Command("axis " + axis);
-    const auto at = line.find(" counts=");
-    return at == std::string::npos ? -1 : std::strtol(line.c_str() + at + 8, nullptr, 10);
-  }
-
   ui::WebServer server{window, {}};
   bool serving = false;
 };
@@ -165,7 +149,7 @@ TEST_F(RecordingAgainstSimulator, AnAxisMovedOnTheBoardShowsInTheExportWhereTheB
   std::vector<long> placed;
   for (const char* mm : {"20", "60.5", "35"}) {
     Control(std::string("place x ") + mm);
-    placed.push_back(SimCounts("x"));
+    placed.push_back(static_cast<long>(Sim("x", "counts")));
     clock.SleepFor(seconds(1));
   }
   const std::string to = query::FormatTime(dlg->RunNow());

@@ -185,15 +185,12 @@ TEST_F(RecordingAgainstSimulator, AnAxisMovedOnTheBoardShowsInTheExportWhereTheB
   EXPECT_NEAR(runs[runs.size() - 2], 20, 1);
   EXPECT_NEAR(runs.back(), 20, 1);
 
-  // The same channel as JSON over the route, and a bad request with its reason.
+  // The same channel as JSON over the route.
   const json j = json::parse(
       Body(Get("/export?channels=status.LinearPosition.X&format=json&from=" + from + "&to=" + to)));
   EXPECT_EQ(j["columns"], json({"time", "status.LinearPosition.X"}));
   ASSERT_FALSE(j["rows"].empty());
   EXPECT_EQ(j["rows"].back()[1], placed.back());
-  const std::string bad = Get("/export?channels=status.LinearPosition.Q");
-  EXPECT_EQ(bad.substr(0, 12), "HTTP/1.0 400");
-  EXPECT_EQ(Body(bad), "unknown channel: status.LinearPosition.Q\n");
   // /channels lists it where the Stage page shows it.
   const json list = json::parse(Body(Get("/channels")));
   const auto x = std::find_if(list.begin(), list.end(),
@@ -260,7 +257,6 @@ TEST_F(RecordingAgainstSimulator, MarksTellWhatHappenedToTheLinkTheMachineAndThe
   EXPECT_EQ(events["events"][2]["kind"], "estop-on");
   EXPECT_EQ(events["events"].back()["kind"], "test-ended");
   EXPECT_EQ(events["events"].back()["text"], "AxisTest_X_0");
-  EXPECT_EQ(Get("/events?from=x").substr(0, 12), "HTTP/1.0 400");
 }
 
 }  // namespace

@@ -334,15 +334,6 @@ TEST_F(RunningTestTest, TheOperatorsTabThatGoesEndsItsDriveThoughAnotherWatches)
   loop.KillTimer(97);
 }
 
-TEST_F(RunningTestTest, ATestThatDoesNotHoldAnAxisIsLeftToWaitForTheNextBrowser) {
-  Open();
-  FakeStagePage& stage = dlg->Stage();
-  stage.StartXTest(FakeStagePage::Wait::kBox);
-  RunFor(milliseconds(5000));
-  EXPECT_EQ(stage.StopRequested, 0);
-  EXPECT_FALSE(stage.finished) << "the box waits";
-}
-
 // Closing the window or SIGTERM (which quits the loop the same way) ends the modal run; the
 // thread, in a box, a choice or a ramp, ends with the cautious answer or a stop and hands its
 // axis back before the dialog (and its pages) go.

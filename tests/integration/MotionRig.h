@@ -19,13 +19,9 @@
 #include <utility>
 #include <vector>
 
-#include "app/CTavroTestDlg.h"
 #include "pages/Stage.h"
-#include "platform/Files.h"
-#include "platform/WindowProbe.h"
 #include "sim/Board.h"
-#include "tests/pages/PageFixture.h"
-#include "tests/support/TempDirs.h"
+#include "tests/integration/DialogRig.h"
 #include "util/Text.h"
 
 namespace motion_rig {
@@ -33,104 +29,7 @@ namespace motion_rig {
 using nlohmann::json;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-// A person at a browser: every box and start dialog the window opens is answered at once by the
-// script (OK with the Standard voltage limit, Yes to every question, unless told otherwise), or
-// left standing when the script says so (result 0).
-class Operator final : public ui::Connection {
- public:
-  struct Shown {
-    int id = 0;
-    std::string kind;  // "box" or "choice"
-    std::string text;  // a box's text, a choice's texts joined
-    std::string buttons;
-  };
-  // The result to give and, for a choice, the radio picked; a result of 0 leaves it open.
-  using Script = std::function<std::pair<int, int>(const Shown&)>;
-
-  explicit Operator(ui::Window& window) : window_(window) {}
-
-  void Connect() {
-    {
-      // The window may send the full state (and a box to answer) before Attach returns.
-      std::lock_guard lock(attach_);
-      id_ = window_.Attach(std::shared_ptr<Operator>(this, [](Operator*) {}));
-    }
-    Send(json{{"t", "loaded"}, {"page", 1}});
-    Send(json{{"t", "shown"}, {"page", 1}});
-  }
-  // The tab goes: its connection closes.
-  void Disconnect() {
-    window_.Detach(id_);
-    id_ = 0;
-  }
-  bool Connected() const { return id_ != 0; }
-  void Send(const json& message) {
-    if (id_ != 0) window_.Receive(id_, message.dump());
-  }
-  // A sign of life, as the shell's script sends twice a second. A page that hangs sends none.
-  void Beat() {
-    if (alive) Send(json{{"t", "beat"}});
-  }
-  void Answer(int dialog, int result, int choice = 0) {
-    Send(json{{"t", "answer"}, {"dialog", dialog}, {"result", result}, {"choice", choice}});
-  }
-  void SetScript(Script script) {
-    std::lock_guard lock(mutex_);
-    script_ = std::move(script);
-  }
-  std::vector<Shown> Dialogs() {
-    std::lock_guard lock(mutex_);
-    return shown_;
-  }
-  // The dialogs opened and not yet closed.
-  std::vector<Shown> Open() {
-    std::lock_guard lock(mutex_);
-    return open_;
-  }
-
-  // On the UI thread, from the window's flush.
-  void Send(std::shared_ptr<const std::string> message) override {
-    { std::lock_guard lock(attach_); }  // the id is known before anything is answered
-    const json m = json::parse(*message);
-    if (m["t"] == "closeDialog") {
-      std::lock_guard lock(mutex_);
-      std::erase_if(open_, [&](const Shown& s) { return s.id == m["id"].get<int>(); });
-      return;
-    }
-    if (m["t"] != "dialog" || m["kind"] == "window") return;
-    Shown s{m["id"], m["kind"], "", m.value("buttons", "")};
-    if (s.kind == "box") {
-      s.text = m["text"];
-    } else {
-      for (const auto& t : m["texts"])
-        s.text += t.get<std::string>();
-    }
-    std::pair<int, int> answer;
-    {
-      std::lock_guard lock(mutex_);
-      shown_.push_back(s);
-      open_.push_back(s);
-      answer = script_ ? script_(s) : Default(s);
-    }
-    if (answer.first != 0) Answer(s.id, answer.first, answer.second);
-  }
-
-  static std::pair<int, int> Default(const Shown& s) {
-    return {s.buttons == "yesno" ? ui::kIdYes : ui::kIdOk, 0};
-  }
-
-  std::atomic<bool> alive{true};
-
- private:
-  ui::Window& window_;
-  std::mutex attach_;
-  std::atomic<ui::Window::ClientId> id_{0};
-  std::mutex mutex_;
-  Script script_;
-  std::vector<Shown> shown_;
-  std::vector<Shown> open_;
-};
+using testing_support::Operator;
 
 // A report as text (all of it ASCII), and the numbers that follow a label in it, in order.
 inline std::string ReadReport(const std::string& path) {
@@ -176,42 +75,19 @@ inline std::vector<TraceRow> ReadTrace(const std::string& path) {
   return rows;
 }
 
-// The real dialog on a simulated board of a profile, run modally on its own UI thread.
-class MotionRig : public testing_support::PageFixture {
+// The real dialog on a simulated board of a profile, with an operator at a browser.
+class MotionRig : public testing_support::DialogRig {
  protected:
   // `beforeDialog` runs once the board is up and before the dialog is made.
   void Open(const std::string& profile, const std::function<void()>& beforeDialog = {}) {
-    platform::SetProgramFolder(reports_.Path());
-    platform::SetWindowProbe([](const std::string&) { return false; });
-    Start(profile);
-    if (beforeDialog) beforeDialog();
-    ui::SetMessageBoxPresenter(&window);  // the boxes go to the window, as in the program
-    dlg = std::make_unique<CTavroTestDlg>(window, loop, &Servo(), version_);
-    // The loop's first task runs once the modal run has made its pages and started its timers.
-    std::atomic<bool> created{false};
-    loop.Post([&] { created = true; });
-    ui = platform::ParticipantThread([this] { dlg->DoModal(); });
-    ASSERT_TRUE(Wait([&] { return created.load(); }, seconds(30)));
+    OpenDialog(profile, false, beforeDialog);
     op.Connect();
+    op.Load(1);
+    op.Show(1);
     ASSERT_TRUE(Wait([&] { return PageShownAndConnected(); }, seconds(1)));
     // The operator looks at the page for a moment before clicking: its 200 ms tick has read
     // the machine (the platen's switches among it).
     Wait([] { return false; }, milliseconds(400));
-  }
-  // The modal run ends as the window's Close ends it; returns once the pages are gone.
-  void CloseProgram() {
-    loop.Quit(ui::kIdCancel);
-    platform::Join(ui);
-    dlg.reset();
-  }
-  void TearDown() override {
-    if (ui.joinable()) CloseProgram();
-    dlg.reset();
-    ui::SetMessageBoxPresenter(nullptr);
-    platform::SetProgramFolder("");
-    platform::SetWindowProbe(nullptr);
-    motion::AutoVisionTestState().Reset();
-    motion::FirstGenerationTestState().Reset();
   }
 
   StageDlg& Page() { return dynamic_cast<StageDlg&>(*dlg->Page(1)); }
@@ -239,18 +115,6 @@ class MotionRig : public testing_support::PageFixture {
   void Type(const std::string& id, const std::string& value) {
     op.Send(json{{"t", "event"}, {"page", 1}, {"id", id}, {"kind", "change"}, {"value", value}});
   }
-  // Sleeps in steps of 20 ms of machine time until `done` holds; false after `limit`. The
-  // operator shows signs of life meanwhile, and `each` runs at every step (the last included).
-  bool Wait(const std::function<bool()>& done, platform::Duration limit) {
-    const auto end = clock.Now() + limit;
-    for (;;) {
-      if (each) each();
-      if (done()) return true;
-      if (clock.Now() >= end) return false;
-      op.Beat();
-      clock.SleepFor(milliseconds(20));
-    }
-  }
   // Clicks a test button and waits for the test to end; `during` runs every 20 ms meanwhile.
   bool RunTest(const std::string& button, platform::Duration limit = seconds(300),
                const std::function<void()>& during = {}) {
@@ -264,17 +128,6 @@ class MotionRig : public testing_support::PageFixture {
           return !State().Running;
         },
         limit);
-  }
-  // The simulated machine's own word on an axis: "counts", "pos", "moving", "limit", ...
-  std::string SimField(const std::string& axis, const std::string& field) {
-    const std::string line = board_->Command("axis " + axis);
-    const auto at = line.find(" " + field + "=");
-    if (at == std::string::npos) return "?";
-    const auto from = at + field.size() + 2;
-    return line.substr(from, line.find(' ', from) - from);
-  }
-  double Sim(const std::string& axis, const std::string& field) {
-    return std::strtod(SimField(axis, field).c_str(), nullptr);
   }
   // The tuning record the board holds for a stage axis, whatever the link does.
   sim::AxisTuning Tuning(unsigned axis) {
@@ -292,14 +145,6 @@ class MotionRig : public testing_support::PageFixture {
       EXPECT_FALSE(Tuning(axis).OpenLoop()) << "axis " << axis;
     }
   }
-
-  testing_support::ScratchDir reports_;
-  platform::TaskLoop loop;
-  ui::Window window{loop};
-  Operator op{window};
-  std::unique_ptr<CTavroTestDlg> dlg;
-  std::thread ui;
-  std::function<void()> each;  // runs at every step of Wait
 };
 
 }  // namespace motion_rig

@@ -6,8 +6,6 @@
 // dialog has reconnected by the time the test looks.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include <atomic>
 #include <functional>
 #include <map>
@@ -18,58 +16,16 @@
 #include <string>
 #include <vector>
 
-#include "app/CTavroTestDlg.h"
-#include "platform/WindowProbe.h"
-#include "tests/pages/PageFixture.h"
+#include "tests/integration/DialogRig.h"
 
 namespace {
 
 using namespace testing_support;
-using nlohmann::json;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr std::uint32_t kLinkOpenedCode = 0x80002010;
 constexpr std::uint8_t kPoll = 0x59;
-
-// A browser: it loads every page, shows one at a time, clicks, and answers OK to any box (and
-// keeps it, as none should come).
-class Browser final : public ui::Connection {
- public:
-  explicit Browser(ui::Window& window) : window_(window) {}
-
-  void Connect(int pages) {
-    id_ = window_.Attach(std::shared_ptr<Browser>(this, [](Browser*) {}));
-    for (int page = 0; page < pages; ++page)
-      Send(json{{"t", "loaded"}, {"page", page}});
-  }
-  void Show(int page) { Send(json{{"t", "shown"}, {"page", page}}); }
-  void Click(int page, const std::string& id) {
-    Send(json{{"t", "event"}, {"page", page}, {"id", id}, {"kind", "click"}});
-  }
-  std::vector<std::string> Boxes() {
-    std::lock_guard lock(mutex_);
-    return boxes_;
-  }
-
-  void Send(std::shared_ptr<const std::string> message) override {
-    const json m = json::parse(*message);
-    if (m["t"] != "dialog" || m["kind"] == "window") return;
-    {
-      std::lock_guard lock(mutex_);
-      boxes_.push_back(m.value("text", std::string("(dialog)")));
-    }
-    Send(json{{"t", "answer"}, {"dialog", m["id"]}, {"result", ui::kIdOk}, {"choice", 0}});
-  }
-
- private:
-  void Send(const json& message) { window_.Receive(id_, message.dump()); }
-
-  ui::Window& window_;
-  ui::Window::ClientId id_ = 0;
-  std::mutex mutex_;
-  std::vector<std::string> boxes_;
-};
 
 // What a page must at least read while it is shown, by the command bytes of its reads.
 struct PageReads {
@@ -87,6 +43,28 @@ struct Family {
 // Status poll 0x59, board data 0x57 (the voltages among it), temperature 0x5D, laser points 0x5F,
 // laser settings 0x2A, touch capture 0x36, probe capture 0x6B, diagnostic text 0x22. Where a page
 // has nothing of its own to read on a board, the poll stands in.
+PageReads Probes(std::set<std::uint8_t> codes) {
+  return {"Probes", "/pages/Probes.html", std::move(codes)};
+}
+PageReads Diag(std::uint8_t code) {
+  return {"Diag Output", "/pages/UsbSerial.html", {code}};
+}
+// The first generation's pages before its probes, and the manual-vision family's.
+const std::vector<PageReads> kV1Pages = {
+    {"Board Information", "/pages/V1BoardInformation.html", {0x59}},
+    {"Stage", "/pages/V1Stage.html", {0x59}},
+    {"Pendant", "/pages/V1Pendant.html", {0x59}},
+    {"Lights", "/pages/V1Lights.html", {0x59}}};
+const std::vector<PageReads> kManualVisionPages = {
+    {"Board Information", "/pages/ManualVisionBoardInformation.html", {0x59}},
+    {"Stage", "/pages/ManualVisionStage.html", {0x59}},
+    {"Lights", "/pages/V1Lights.html", {0x59}}};
+
+std::vector<PageReads> Pages(std::vector<PageReads> first, std::vector<PageReads> rest) {
+  first.insert(first.end(), rest.begin(), rest.end());
+  return first;
+}
+
 const Family kFamilies[] = {
     {"autovision",
      false,
@@ -95,101 +73,34 @@ const Family kFamilies[] = {
       {"Pendant", "/pages/Pendant.html", {0x57}},
       {"Lights", "/pages/Lights.html", {0x59}},
       {"Readings", "/pages/Readings.html", {0x5D, 0x57}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x2A, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x22}}}},
-    {"servo",
-     false,
-     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
-      {"Stage", "/pages/V1Stage.html", {0x59}},
-      {"Pendant", "/pages/V1Pendant.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Probes", "/pages/Probes.html", {0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
+      Probes({0x5F, 0x2A, 0x36, 0x6B}),
+      Diag(0x22)}},
+    {"servo", false, Pages(kV1Pages, {Probes({0x36, 0x6B}), Diag(0x59)})},
     // The first generation with a laser: the packed form of its points.
-    {"servo-laser",
-     false,
-     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
-      {"Stage", "/pages/V1Stage.html", {0x59}},
-      {"Pendant", "/pages/V1Pendant.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
-    {"manualvision",
-     true,
-     {{"Board Information", "/pages/ManualVisionBoardInformation.html", {0x59}},
-      {"Stage", "/pages/ManualVisionStage.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Readings", "/pages/Readings.html", {0x5D, 0x57}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x2A, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x22}}}},
+    {"servo-laser", false, Pages(kV1Pages, {Probes({0x5F, 0x36, 0x6B}), Diag(0x59)})},
+    {"manualvision", true,
+     Pages(kManualVisionPages, {{"Readings", "/pages/Readings.html", {0x5D, 0x57}},
+                                Probes({0x5F, 0x2A, 0x36, 0x6B}),
+                                Diag(0x22)})},
     // Older generations: protocol 0, whose set commands answer nothing; the laser's 20- and
     // 17-byte forms; manual-vision boards without voltages or without a laser.
-    {"servo-pv0",
-     false,
-     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
-      {"Stage", "/pages/V1Stage.html", {0x59}},
-      {"Pendant", "/pages/V1Pendant.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Probes", "/pages/Probes.html", {0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
-    {"servo-pv3",
-     false,
-     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
-      {"Stage", "/pages/V1Stage.html", {0x59}},
-      {"Pendant", "/pages/V1Pendant.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
-    {"servo-pv2",
-     false,
-     {{"Board Information", "/pages/V1BoardInformation.html", {0x59}},
-      {"Stage", "/pages/V1Stage.html", {0x59}},
-      {"Pendant", "/pages/V1Pendant.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x2A, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x22}}}},
-    {"manualvision-pv4",
-     true,
-     {{"Board Information", "/pages/ManualVisionBoardInformation.html", {0x59}},
-      {"Stage", "/pages/ManualVisionStage.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Readings", "/pages/Readings.html", {0x5D}},
-      {"Probes", "/pages/Probes.html", {0x5F, 0x2A, 0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x22}}}},
-    {"manualvision-pv0",
-     true,
-     {{"Board Information", "/pages/ManualVisionBoardInformation.html", {0x59}},
-      {"Stage", "/pages/ManualVisionStage.html", {0x59}},
-      {"Lights", "/pages/V1Lights.html", {0x59}},
-      {"Readings", "/pages/Readings.html", {0x5D}},
-      {"Probes", "/pages/Probes.html", {0x36, 0x6B}},
-      {"Diag Output", "/pages/UsbSerial.html", {0x59}}}},
+    {"servo-pv0", false, Pages(kV1Pages, {Probes({0x6B}), Diag(0x59)})},
+    {"servo-pv3", false, Pages(kV1Pages, {Probes({0x5F, 0x36, 0x6B}), Diag(0x59)})},
+    {"servo-pv2", false, Pages(kV1Pages, {Probes({0x5F, 0x2A, 0x36, 0x6B}), Diag(0x22)})},
+    {"manualvision-pv4", true,
+     Pages(kManualVisionPages, {{"Readings", "/pages/Readings.html", {0x5D}},
+                                Probes({0x5F, 0x2A, 0x36, 0x6B}),
+                                Diag(0x22)})},
+    {"manualvision-pv0", true,
+     Pages(kManualVisionPages,
+           {{"Readings", "/pages/Readings.html", {0x5D}}, Probes({0x36, 0x6B}), Diag(0x59)})},
 };
 
-class PagesAgainstSimulator : public PageFixture, public ::testing::WithParamInterface<Family> {
+class PagesAgainstSimulator : public DialogRig, public ::testing::WithParamInterface<Family> {
  protected:
   void SetUp() override {
-    platform::SetWindowProbe([](const std::string&) { return false; });
-    Start(GetParam().profile);
-    ui::SetMessageBoxPresenter(&window);
-    if (GetParam().manualVision) {
-      dlg = std::make_unique<CTavroTestManualVisionDlg>(window, loop, &Manual(), version_);
-    } else {
-      dlg = std::make_unique<CTavroTestDlg>(window, loop, &Servo(), version_);
-    }
-    std::atomic<bool> created{false};
-    loop.Post([&] { created = true; });
-    ui = platform::ParticipantThread([this] { dlg->DoModal(); });
-    while (!created)
-      clock.SleepFor(milliseconds(20));
+    OpenDialog(GetParam().profile, GetParam().manualVision);
     seen_ = board_->TrafficSeen().total;
-  }
-  void TearDown() override {
-    loop.Quit(ui::kIdCancel);
-    platform::Join(ui);
-    dlg.reset();
-    ui::SetMessageBoxPresenter(nullptr);
-    platform::SetWindowProbe(nullptr);
   }
 
   // Runs `span` of machine time in 20 ms steps, looking at every transfer the board saw: each
@@ -220,16 +131,6 @@ class PagesAgainstSimulator : public PageFixture, public ::testing::WithParamInt
     }
   }
 
-  // Runs `look` on the UI thread, which owns the pages and their documents, and waits for it.
-  void OnUi(const std::function<void()>& look) {
-    std::atomic<bool> done{false};
-    loop.Post([&] {
-      look();
-      done = true;
-    });
-    while (!done)
-      clock.SleepFor(milliseconds(1));
-  }
   // Whether the dialog and every page are connected, as the UI thread sees them.
   bool AllConnected() {
     bool all = true;
@@ -257,23 +158,20 @@ class PagesAgainstSimulator : public PageFixture, public ::testing::WithParamInt
     return *page;
   }
 
-  platform::TaskLoop loop;
-  ui::Window window{loop};
-  Browser browser{window};
-  std::unique_ptr<CTavroTestDlgBase> dlg;
-  std::thread ui;
   std::uint32_t seen_ = 0;
 };
 
 TEST_P(PagesAgainstSimulator, EveryPageShownInTurnReadsInItsGenerationsForms) {
   const Family& f = GetParam();
   ASSERT_EQ(dlg->PageCount(), static_cast<int>(f.pages.size()));
-  browser.Connect(dlg->PageCount());
+  op.Connect();
+  for (int tab = 0; tab < dlg->PageCount(); ++tab)
+    op.Load(tab);
   for (int tab = 0; tab < dlg->PageCount(); ++tab) {
     const PageReads& expected = f.pages[static_cast<std::size_t>(tab)];
     SCOPED_TRACE(expected.title);
     EXPECT_EQ(PageAt(tab).DocumentPath(), expected.document);
-    browser.Show(tab);
+    op.Show(tab);
     Seen seen;
     Run(seconds(3), seen);
     const bool probes = expected.title == std::string("Probes");
@@ -286,7 +184,7 @@ TEST_P(PagesAgainstSimulator, EveryPageShownInTurnReadsInItsGenerationsForms) {
       Control("laser points 5");
       for (const char* box : {"TouchProbeInterruptEnable", "VideoInterruptEnable",
                               "LaserInterruptEnable", "LaserInterruptEnable"}) {
-        browser.Click(tab, box);
+        op.Click(tab, box);
         Run(milliseconds(100), seen);  // the board arms the source before the probe touches
         Control("probe trip");
         Run(seconds(1), seen);
@@ -295,7 +193,7 @@ TEST_P(PagesAgainstSimulator, EveryPageShownInTurnReadsInItsGenerationsForms) {
       }
       EXPECT_GT(seen.captureAsks, 0u) << "the poll asks for capture data while a source is armed";
       // Without a laser the video trigger stays armed: disarmed, the poll asks for nothing more.
-      if (WantsCapture(tab)) browser.Click(tab, "VideoInterruptEnable");
+      if (WantsCapture(tab)) op.Click(tab, "VideoInterruptEnable");
       Run(milliseconds(300), seen);
       EXPECT_FALSE(WantsCapture(tab));
     }
@@ -310,19 +208,21 @@ TEST_P(PagesAgainstSimulator, EveryPageShownInTurnReadsInItsGenerationsForms) {
     EXPECT_TRUE(AllConnected());
   }
   EXPECT_TRUE(log.Entries().empty()) << log.Entries().front();
-  EXPECT_TRUE(browser.Boxes().empty()) << browser.Boxes().front();
+  EXPECT_TRUE(op.Dialogs().empty()) << op.Dialogs().front().text;
 }
 
 // The Readings page of the families that have it fills every voltage and colours a rail walked
 // out of tolerance; the Probes page shows the video trigger's capture.
 TEST_P(PagesAgainstSimulator, ReadingsAndCapturesReachTheDocuments) {
   const Family& f = GetParam();
-  browser.Connect(dlg->PageCount());
+  op.Connect();
+  for (int tab = 0; tab < dlg->PageCount(); ++tab)
+    op.Load(tab);
   Seen seen;
   for (int tab = 0; tab < dlg->PageCount(); ++tab) {
     const std::string title = f.pages[static_cast<std::size_t>(tab)].title;
     ui::Document& doc = PageAt(tab).Doc();
-    browser.Show(tab);
+    op.Show(tab);
     if (title == "Readings" && f.pages[static_cast<std::size_t>(tab)].codes.count(0x57)) {
       Control("supply 0 -7");
       Run(milliseconds(1100), seen);
@@ -334,7 +234,7 @@ TEST_P(PagesAgainstSimulator, ReadingsAndCapturesReachTheDocuments) {
     }
     if (title == "Probes") {
       Control("place x 100");
-      browser.Click(tab, "VideoInterruptEnable");
+      op.Click(tab, "VideoInterruptEnable");
       Run(milliseconds(600), seen);
       const std::string axis = board_->Command("axis x");
       const std::size_t at = axis.find("counts=") + 7;

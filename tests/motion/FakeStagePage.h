@@ -58,10 +58,9 @@ class FakeStagePage : public motion::StagePage {
     ticks_ = platform::ParticipantThread([this] { TickLoop(); });
   }
   ~FakeStagePage() override {
-    // As the page's destruction: the worker is asked to quit, its boxes are answered, and it is
-    // joined before anything else of the page goes.
+    // As the page's destruction: the worker is asked to quit and joined before anything else of
+    // the page goes.
     guard_.RequestQuit();
-    shutdown_.Set();
     guard_.Join();
     stop_ = true;
     platform::Join(ticks_);
@@ -92,7 +91,6 @@ class FakeStagePage : public motion::StagePage {
   bool PlatenPresent() const override { return platenPresent_; }
   bool GetRotaryPosition(unsigned axis, std::int32_t& count) override {
     std::lock_guard lock(mutex_);
-    if (rotaryFails_) return false;
     count = axes_[axis].position * 2 + 7;
     return true;
   }
@@ -114,15 +112,6 @@ class FakeStagePage : public motion::StagePage {
     platenTexts_.push_back(text);
   }
   int Ask(const std::string& text, unsigned style) override {
-    if (blockAsks) {
-      // As a box in the window: it stands until the page's end answers it cautiously.
-      {
-        std::lock_guard lock(mutex_);
-        boxes_.push_back({text, style});
-      }
-      shutdown_.WaitUntil(platform::kNever);
-      return ui::CautiousAnswer(style);
-    }
     std::function<void(FakeStagePage&, const std::string&)> hook;
     int answer = style == ui::kMbYesNo ? ui::kIdYes : ui::kIdOk;
     {
@@ -256,13 +245,11 @@ class FakeStagePage : public motion::StagePage {
   AxisExtents extents_{};
   bool platenPresent_ = true;
   std::string platenCount_ = "100";
-  bool rotaryFails_ = false;
   bool platenOpenWorks_ = true;
   bool platenCloseWorks_ = true;
   std::atomic<bool> estop_{false};
-  std::atomic<bool> frozen_{false};    // the link is down: nothing is fed any more
-  std::uint64_t ticksDone_ = 0;        // ticks whose hook has returned
-  std::atomic<bool> blockAsks{false};  // boxes wait for the page's end
+  std::atomic<bool> frozen_{false};  // the link is down: nothing is fed any more
+  std::uint64_t ticksDone_ = 0;      // ticks whose hook has returned
   // Runs on the tick thread after each tick, and on the worker at each box.
   std::function<void(FakeStagePage&)> onTick;
   // Takes the tick hook away and returns once no call of it can still be running: a hook holds
@@ -359,7 +346,6 @@ class FakeStagePage : public motion::StagePage {
 
   bool firstGeneration_;
   motion::TestThreadGuard guard_;
-  platform::Event shutdown_;
   std::mutex mutex_;
   std::array<FakeAxis, 4> axes_{};
   std::array<AxisPid, 4> board_{};
@@ -428,7 +414,6 @@ class MotionFixture : public ::testing::Test {
   }
   std::string Report(const std::string& name) { return ReadReport(dir_ / name); }
   bool Exists(const std::string& name) { return std::ifstream(dir_ / name).good(); }
-  platform::Duration Elapsed() { return clock_.Elapsed(); }
 
   platform::VirtualClock clock_;
   platform::ScopedClock scoped_{clock_};

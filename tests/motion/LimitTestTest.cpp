@@ -1,6 +1,7 @@
 // The limit test against the fake page: seeks to both switches, centering, the voltage limit,
 // stops per phase, a limit that never registers, the first generation's start, and the report.
 #include <algorithm>
+#include <functional>
 
 #include "motion/TestTexts.h"
 #include "motion/Tests.h"
@@ -11,18 +12,12 @@ namespace {
 
 using motion::TestButton;
 
-// An X axis with switches at +-100 mm and hard stops 1 mm beyond, expected where the switches are.
-FakeStagePage& LimitPage(MotionFixture& fixture, FakeStagePage& page) {
-  (void)fixture;
-  page.SetAxis(0, {.position = 5000,
-                   .negStop = -101000,
-                   .posStop = 101000,
-                   .negSwitch = -100000,
-                   .posSwitch = 100000});
-  page.extents_.Extent3[0] = static_cast<std::uint32_t>(-100000);
-  page.extents_.Extent4[0] = 100000;
-  return page;
-}
+// An X axis with switches at +-100 mm and hard stops 1 mm beyond.
+constexpr FakeAxis kSwitchedX{.position = 5000,
+                              .negStop = -101000,
+                              .posStop = 101000,
+                              .negSwitch = -100000,
+                              .posSwitch = 100000};
 
 // The number after `label` in the report.
 int Value(const std::string& report, const std::string& label, std::size_t from = 0) {
@@ -33,9 +28,28 @@ int Value(const std::string& report, const std::string& label, std::size_t from 
 
 class LimitTest : public MotionFixture {
  protected:
-  FakeStagePage& Page(bool firstGeneration = false) {
-    return LimitPage(*this, MakePage(firstGeneration));
+  // A page whose X axis is `axis`, expected where its switches are.
+  FakeStagePage& Page(bool firstGeneration = false, const FakeAxis& axis = kSwitchedX) {
+    FakeStagePage& page = MakePage(firstGeneration);
+    page.SetAxis(0, axis);
+    page.extents_.Extent3[0] = static_cast<std::uint32_t>(-100000);
+    page.extents_.Extent4[0] = 100000;
+    return page;
   }
+  // From the first tick at which `reached` holds of the axis's position on, its friction is
+  // `deadBand`: it gives way.
+  void GiveWayWhen(FakeStagePage& page, FakeAxis axis, std::int32_t deadBand,
+                   std::function<bool(std::int32_t)> reached) {
+    freed_ = false;
+    page.onTick = [=, this](FakeStagePage& p) mutable {
+      if (freed_ || !reached(p.AxisPosition(0))) return;
+      freed_ = true;
+      axis.position = p.AxisPosition(0);
+      axis.deadBand = deadBand;
+      p.SetAxis(0, axis);
+    };
+  }
+  bool freed_ = false;
 };
 
 TEST_F(LimitTest, SeeksBothLimitsAndCentres) {
@@ -195,16 +209,11 @@ TEST_F(LimitTest, EachFamilySeeksWithinItsOwnBandAndTheCenteringWithinItsOwn) {
   };
   for (const Case& c : cases) {
     testing_support::ScratchDir folder;
-    FakeStagePage& page = Page(c.firstGeneration);
+    FakeAxis axis = kSwitchedX;
+    axis.deadBand = 150;
+    axis.divisor = 1;
+    FakeStagePage& page = Page(c.firstGeneration, axis);
     page.SetFolder(folder.Path() + "/");
-    FakeAxis axis{.position = 5000,
-                  .deadBand = 150,
-                  .divisor = 1,
-                  .negStop = -101000,
-                  .posStop = 101000,
-                  .negSwitch = -100000,
-                  .posSwitch = 100000};
-    page.SetAxis(0, axis);
     Run(page, TestButton::kXLimit);
     EXPECT_EQ(FirstRunBiases(page), c.negativeRun) << "first generation " << c.firstGeneration;
     const std::string report = ReadReport(folder / "LimitTest_X_0.dat");
@@ -217,26 +226,13 @@ TEST_F(LimitTest, EachFamilySeeksWithinItsOwnBandAndTheCenteringWithinItsOwn) {
 // faster than 2500 counts a 50 ms pass: here the friction gives way at the positive switch, so
 // at 562 a pass makes up to 2886 counts, and the bias falls back a step before it climbs again.
 TEST_F(LimitTest, ACenteringThatRunsTooFastStepsDown) {
-  FakeStagePage& page = Page();
-  const FakeAxis axis{.position = 5000,
-                      .deadBand = 150,
-                      .divisor = 1,
-                      .negStop = -101000,
-                      .posStop = 101000,
-                      .negSwitch = -100000,
-                      .posSwitch = 100000};
-  page.SetAxis(0, axis);
-  bool freed = false;
-  page.onTick = [&](FakeStagePage& p) {
-    if (freed || p.AxisPosition(0) < 100000) return;
-    freed = true;
-    FakeAxis loose = axis;
-    loose.position = p.AxisPosition(0);
-    loose.deadBand = -400;
-    p.SetAxis(0, loose);
-  };
+  FakeAxis axis = kSwitchedX;
+  axis.deadBand = 150;
+  axis.divisor = 1;
+  FakeStagePage& page = Page(false, axis);
+  GiveWayWhen(page, axis, -400, [](std::int32_t at) { return at >= 100000; });
   Run(page, TestButton::kXLimit);
-  ASSERT_TRUE(freed);
+  ASSERT_TRUE(freed_);
   const std::vector<std::string> texts = CenteringTexts(page);
   ASSERT_GE(texts.size(), 4u);
   EXPECT_EQ(std::vector<std::string>(texts.begin(), texts.begin() + 4),
@@ -252,27 +248,14 @@ TEST_F(LimitTest, ACenteringThatRunsTooFastStepsDown) {
 TEST_F(LimitTest, AnAxisThatSpeedsUpInItsSeekLosesAStepAfterItsFamilysCountOfFastPasses) {
   for (const auto& [firstGeneration, passes] : {std::pair{false, 4}, std::pair{true, 5}}) {
     testing_support::ScratchDir folder;
-    FakeStagePage& page = Page(firstGeneration);
+    FakeAxis axis = kSwitchedX;
+    axis.deadBand = 300;
+    axis.divisor = 1;
+    FakeStagePage& page = Page(firstGeneration, axis);
     page.SetFolder(folder.Path() + "/");
-    const FakeAxis axis{.position = 5000,
-                        .deadBand = 300,
-                        .divisor = 1,
-                        .negStop = -101000,
-                        .posStop = 101000,
-                        .negSwitch = -100000,
-                        .posSwitch = 100000};
-    page.SetAxis(0, axis);
-    bool freed = false;
-    page.onTick = [&](FakeStagePage& p) {
-      if (freed || p.AxisPosition(0) >= -30000) return;
-      freed = true;
-      FakeAxis loose = axis;
-      loose.position = p.AxisPosition(0);
-      loose.deadBand = -200;
-      p.SetAxis(0, loose);
-    };
+    GiveWayWhen(page, axis, -200, [](std::int32_t at) { return at < -30000; });
     Run(page, TestButton::kXLimit);
-    ASSERT_TRUE(freed);
+    ASSERT_TRUE(freed_);
     const std::vector<int> biases = FirstRunBiases(page);
     ASSERT_GE(biases.size(), 3u);
     EXPECT_EQ(std::vector<int>(biases.end() - 3, biases.end()),

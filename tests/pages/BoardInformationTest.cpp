@@ -10,21 +10,19 @@ namespace {
 
 using namespace testing_support;
 
-class BoardInformationTest : public PageFixture {
+class BoardInformationTest : public OnePageFixture {
  protected:
-  std::uint32_t Count(std::uint8_t code) { return board_->TrafficSeen().commands[code]; }
   // A page on a shown document, after its first reset.
-  std::unique_ptr<CTabBoardInformationDlg> Shown() {
-    auto page = std::make_unique<CTabBoardInformationDlg>(&Servo(), version_);
+  void Show() {
+    page = std::make_unique<CTabBoardInformationDlg>(&Servo(), version_);
     page->PageReady = true;
     page->ResetPage(version_);
-    return page;
   }
 };
 
 TEST_F(BoardInformationTest, AChipThatVanishesKeepsItsOldNumbersBesideNA) {
   Start("autovision");
-  auto page = Shown();
+  Show();
   ASSERT_EQ(page->Doc().Text("PMDFamily1"), "5");
 
   // The board comes back with firmware too old to report chips or an FPGA.
@@ -50,10 +48,10 @@ TEST_F(BoardInformationTest, AChipThatVanishesKeepsItsOldNumbersBesideNA) {
 TEST_F(BoardInformationTest, TheFirstFailedReadEndsTheReading) {
   Start("autovision");
   Control("fault refuse 0x60");  // the identity
-  const std::uint32_t later = Count(0x2C) + Count(0x57) + Count(0x28);
-  auto page = Shown();
+  const std::uint32_t later = Sent(0x2C) + Sent(0x57) + Sent(0x28);
+  Show();
   EXPECT_FALSE(page->Connected);
-  EXPECT_EQ(Count(0x2C) + Count(0x57) + Count(0x28), later) << "nothing read after the failure";
+  EXPECT_EQ(Sent(0x2C) + Sent(0x57) + Sent(0x28), later) << "nothing read after the failure";
   ui::Document& d = page->Doc();
   EXPECT_EQ(d.Text("SerialNumber"), "");
   EXPECT_EQ(d.Text("FPGAVersion"), "N/A");
@@ -63,11 +61,11 @@ TEST_F(BoardInformationTest, TheFirstFailedReadEndsTheReading) {
 
 TEST_F(BoardInformationTest, AHiddenPageFillsItsDocumentOnlyWhenTheDocumentLoads) {
   Start("autovision");
-  CTabBoardInformationDlg page(&Servo(), version_);
-  page.ResetPage(version_);  // not shown anywhere yet
-  EXPECT_TRUE(page.Doc().Snapshot().elements.empty());
-  static_cast<ui::HtmlPage&>(page).OnDocumentComplete();
-  EXPECT_EQ(page.Doc().Text("PMDName"), "MC5240");
+  CTabBoardInformationDlg hidden(&Servo(), version_);
+  hidden.ResetPage(version_);  // not shown anywhere yet
+  EXPECT_TRUE(hidden.Doc().Snapshot().elements.empty());
+  static_cast<ui::HtmlPage&>(hidden).OnDocumentComplete();
+  EXPECT_EQ(hidden.Doc().Text("PMDName"), "MC5240");
 }
 
 }  // namespace

@@ -17,7 +17,7 @@ namespace {
 
 using namespace testing_support;
 
-class LightsTest : public PageFixture {
+class LightsTest : public OnePageFixture {
  protected:
   // A shown page of `Page` on a board of `profile` with `channels` light channels, every one with
   // the maximum `maximum` (0: as the board is built), after its first reset; `firmware` flashes
@@ -52,17 +52,13 @@ class LightsTest : public PageFixture {
     for (int i = 0; i < n; ++i)
       Tick(timer);
   }
-  std::string Text(const std::string& id) { return page->Doc().Text(id); }
-  bool Has(const std::string& id) { return page->Doc().Snapshot().elements.count(id) != 0; }
   ui::ElementState Element(const std::string& id) { return page->Doc().Snapshot().elements[id]; }
-  void Click(const std::string& id) { page->Events().Dispatch(ui::Event{.id = id}); }
   // What a browser does when the operator leaves a raw box, or moves a slider one step.
   void Type(const std::string& id, const std::string& text) {
     page->Doc().TakeBrowserValue(id, text, std::nullopt);
     page->Events().Dispatch(ui::Event{.id = id, .kind = ui::EventKind::kChange, .value = text});
   }
   void Drag(const std::string& slider, int position) { Type(slider, std::to_string(position)); }
-  std::uint32_t Sent(std::uint8_t code) { return board_->TrafficSeen().commands[code]; }
   // The values the board's channels hold now.
   std::vector<std::uint32_t> BoardLights() {
     const std::string answer = Control("lights");
@@ -76,9 +72,6 @@ class LightsTest : public PageFixture {
 
   static constexpr std::uint8_t kSetLights = 0x6E;
   static constexpr std::uint8_t kStatusLight = 0x55;
-
-  ServoStatus status_{};
-  std::unique_ptr<CTabPage> page;
 };
 
 // The ramp of a 64-tick cycle: 0 to 968 over 32 ticks, 968 again, back to 0 on the last tick.

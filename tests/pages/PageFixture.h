@@ -9,6 +9,7 @@
 
 #include "link/CTavroUsbManualVision.h"
 #include "link/CTavroUsbServo.h"
+#include "pages/CTabDlg.h"
 #include "sim/Simulator.h"
 #include "tests/support/Recorders.h"
 
@@ -44,6 +45,26 @@ class PageFixture : public LinkFixture {
   BoardVersionInfo version_;
   std::unique_ptr<CTavroUsbServo> servo_;
   std::unique_ptr<CTavroUsbManualVision> manual_;
+};
+
+// One page of the board in front: what the page tests look at and do.
+class OnePageFixture : public PageFixture {
+ protected:
+  std::string Text(const std::string& id) { return page->Doc().Text(id); }
+  bool Has(const std::string& id) { return page->Doc().Snapshot().elements.count(id) != 0; }
+  void Click(const std::string& id) { page->Events().Dispatch(ui::Event{.id = id}); }
+  std::uint32_t Sent(std::uint8_t code) { return board_->TrafficSeen().commands[code]; }
+  // Ends the page and the board of one case, so that the next can start its own.
+  void StopBoard() {
+    page.reset();
+    servo_.reset();
+    manual_.reset();
+    link_.Close();
+    board_->Stop();
+  }
+
+  ServoStatus status_{};
+  std::unique_ptr<CTabPage> page;  // goes before the controllers it uses
 };
 
 }  // namespace testing_support

@@ -13,7 +13,7 @@ namespace {
 
 using namespace testing_support;
 
-class PendantTest : public PageFixture {
+class PendantTest : public OnePageFixture {
  protected:
   template <class Page = CTabPendantDlg>
   void Open(const std::string& profile) {
@@ -27,14 +27,8 @@ class PendantTest : public PageFixture {
     ASSERT_TRUE(Servo().PollStatus(status_, 0, 1));
     page->UpdatePage(3, status_);
   }
-  std::string Text(const std::string& id) { return page->Doc().Text(id); }
-  bool Has(const std::string& id) { return page->Doc().Snapshot().elements.count(id) != 0; }
-  std::uint32_t Sent(std::uint8_t code) { return board_->TrafficSeen().commands[code]; }
 
   static constexpr std::uint8_t kBoardData = 0x57;
-
-  ServoStatus status_{};
-  std::unique_ptr<CTabPage> page;
 };
 
 TEST_F(PendantTest, ButtonsPressedAtTheBoardShowTheirNumbers) {

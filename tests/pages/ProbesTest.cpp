@@ -20,7 +20,7 @@ namespace {
 
 using namespace testing_support;
 
-class ProbesTest : public PageFixture {
+class ProbesTest : public OnePageFixture {
  protected:
   // A shown page of `Page` on a board of `profile` after its first reset; `edit` changes the
   // record the page is reset with.
@@ -49,9 +49,6 @@ class ProbesTest : public PageFixture {
     page->UpdatePage(3, status_);
   }
   void Tick4() { page->UpdatePage(4, status_); }
-  std::string Text(const std::string& id) { return page->Doc().Text(id); }
-  void Click(const std::string& id) { page->Events().Dispatch(ui::Event{.id = id}); }
-  std::uint32_t Sent(std::uint8_t code) { return board_->TrafficSeen().commands[code]; }
   // The five check boxes in the order the page sets them, as '1' (checked) and '0'.
   std::string Checks() {
     std::string s;
@@ -87,8 +84,6 @@ class ProbesTest : public PageFixture {
   static constexpr std::uint8_t kSensitivityMax = 0x79;
 
   CTavroUsbController* controller_ = nullptr;
-  ServoStatus status_{};
-  std::unique_ptr<CTabPage> page;
 };
 
 TEST(LaserSpeedTextTest, SamplesPerSecondByRateExponent) {
@@ -285,10 +280,7 @@ TEST_F(ProbesTest, TheSensitivitySliderLivesOnTheFirstGenerationOnly) {
   EXPECT_EQ(Sent(kSensitivityMax), 0u);
   EXPECT_EQ(Text("TPSens"), "");
 
-  page.reset();
-  servo_.reset();
-  link_.Close();
-  board_->Stop();
+  StopBoard();
   Open("servo");
   const ui::ElementState slider = page->Doc().Snapshot().elements[kSensitivitySlider];
   EXPECT_TRUE(page->Doc().Enabled(kSensitivitySlider));
@@ -358,10 +350,7 @@ TEST_F(ProbesTest, AFailedReadSilencesThePageUntilItsReset) {
     Tick3();
     EXPECT_EQ(Sent(kLaserPoints), points + 1);
     EXPECT_TRUE(boxes.Boxes().empty());
-    page.reset();
-    servo_.reset();
-    link_.Close();
-    board_->Stop();
+    StopBoard();
   }
 }
 

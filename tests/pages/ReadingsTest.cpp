@@ -50,7 +50,7 @@ TEST(VoltsPerCountTest, FullScaleIsTheNominalOverTheDividerAndSpareChannelsCount
     EXPECT_EQ(VoltsPerCount(kManualVisionReadings.channels[i]), 1.0) << i;
 }
 
-class ReadingsTest : public PageFixture {
+class ReadingsTest : public OnePageFixture {
  protected:
   // A shown page of `Page` on a board of `profile` after its first reset; `firmware` flashes
   // another release first.
@@ -73,19 +73,14 @@ class ReadingsTest : public PageFixture {
     page->ResetPage(version_);
   }
   void Tick() { page->UpdatePage(4, status_); }
-  std::string Text(const std::string& id) { return page->Doc().Text(id); }
   std::string Colour(unsigned channel) {
     return page->Doc().Snapshot().elements[IndexedId("Analog", channel, false)].background.value_or(
         "");
   }
   double Volts(unsigned channel) { return std::stod(Text(IndexedId("Analog", channel, false))); }
-  std::uint32_t Sent(std::uint8_t code) { return board_->TrafficSeen().commands[code]; }
 
   static constexpr std::uint8_t kBoardData = 0x57;
   static constexpr std::uint8_t kTemperature = 0x5D;
-
-  ServoStatus status_{};
-  std::unique_ptr<CTabPage> page;
 };
 
 TEST_F(ReadingsTest, EveryRailAndSensorOfTheBoardAsBuilt) {
@@ -189,10 +184,7 @@ TEST_F(ReadingsTest, AFailedReadSilencesThePageUntilItsReset) {
     EXPECT_NE(Text("Temp0"), "");
     EXPECT_NE(Text("Analog0"), "");
     EXPECT_TRUE(boxes.Boxes().empty());
-    page.reset();
-    servo_.reset();
-    link_.Close();
-    board_->Stop();
+    StopBoard();
   }
 }
 
@@ -230,11 +222,7 @@ TEST_F(ReadingsTest, BoardsWithoutVoltageReadingsShowNone) {
       EXPECT_EQ(Colour(i), "") << i;
     }
     EXPECT_NE(Text("Temp0"), "");
-    page.reset();
-    servo_.reset();
-    manual_.reset();
-    link_.Close();
-    board_->Stop();
+    StopBoard();
   }
 }
 

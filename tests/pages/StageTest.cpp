@@ -15,9 +15,10 @@ namespace {
 
 using namespace testing_support;
 
-class StageTest : public PageFixture {
+class StageTest : public OnePageFixture {
  protected:
   void TearDown() override {
+    page.reset();  // before the window it was made on
     motion::AutoVisionTestState().Reset();
     motion::FirstGenerationTestState().Reset();
   }
@@ -35,13 +36,9 @@ class StageTest : public PageFixture {
   }
   void Poll() { ASSERT_TRUE(Servo().PollStatus(status_, 0, 1)); }
   void Tick(std::uint32_t timer) { page->UpdatePage(timer, status_); }
-  std::string Text(const std::string& id) { return page->Doc().Text(id); }
-  bool Has(const std::string& id) { return page->Doc().Snapshot().elements.count(id) != 0; }
-  void Click(const std::string& id) { page->Events().Dispatch(ui::Event{.id = id}); }
   void Type(const std::string& id, const std::string& text) {
     page->Doc().TakeBrowserValue(id, text, std::nullopt);
   }
-  std::uint32_t Sent(std::uint8_t code) { return board_->TrafficSeen().commands[code]; }
   std::uint32_t AllSent() { return board_->TrafficSeen().total; }
   StageDlg& Stage() { return static_cast<StageDlg&>(*page); }
 
@@ -50,8 +47,6 @@ class StageTest : public PageFixture {
 
   platform::TaskLoop loop;
   ui::Window window{loop};
-  ServoStatus status_{};
-  std::unique_ptr<CTabPage> page;
 };
 
 TEST_F(StageTest, ReadsTheMachineImageOnceAtConstructionAndZeroesItWhenTheReadFails) {

@@ -13,40 +13,39 @@ namespace {
 
 using namespace testing_support;
 
-class UsbSerialTest : public PageFixture {
+class UsbSerialTest : public OnePageFixture {
  protected:
   void SetUp() override {
     Start("autovision");
-    page = std::make_unique<CTabUsbSerialDlg>(&Servo(), version_);
-    page->ResetPage(version_);
+    serial = std::make_unique<CTabUsbSerialDlg>(&Servo(), version_);
+    serial->ResetPage(version_);
   }
   // Timer 3 tick after the board queued `text`.
   void Tick(const std::string& text = {}) {
     if (!text.empty()) board_->QueueDiagText(text);
-    page->UpdatePage(3, status_);
+    serial->UpdatePage(3, status_);
   }
   bool PagedDown() {
-    for (const auto& s : page->Doc().TakeChanges().scrolls) {
+    for (const auto& s : serial->Doc().TakeChanges().scrolls) {
       if (s.id == "UsbSerial" && s.command == ui::ScrollCommand::kPageDown) return true;
     }
     return false;
   }
-  ServoStatus status_{};
-  std::unique_ptr<CTabUsbSerialDlg> page;
+  std::unique_ptr<CTabUsbSerialDlg> serial;
 };
 
 TEST_F(UsbSerialTest, ReadsOnTimerThreeOnlyShownOrNotAndKeepsTheLogOverAReset) {
   board_->QueueDiagText("boot ok\r\n");
   for (unsigned timer : {1u, 2u, 4u})
-    page->UpdatePage(timer, status_);
-  EXPECT_EQ(page->LogText(), "");
+    serial->UpdatePage(timer, status_);
+  EXPECT_EQ(serial->LogText(), "");
   Tick();  // hidden: it reads all the same
   Tick("axis x homed\r\n");
-  EXPECT_EQ(page->LogText(), "boot ok\r\naxis x homed\r\n");
-  EXPECT_EQ(page->Doc().Text("UsbSerial"), page->LogText());
+  EXPECT_EQ(serial->LogText(), "boot ok\r\naxis x homed\r\n");
+  EXPECT_EQ(serial->Doc().Text("UsbSerial"), serial->LogText());
 
-  page->ResetPage(version_);
-  EXPECT_EQ(page->LogText(), "boot ok\r\naxis x homed\r\n");
+  serial->ResetPage(version_);
+  EXPECT_EQ(serial->LogText(), "boot ok\r\naxis x homed\r\n");
 }
 
 TEST_F(UsbSerialTest, KeepsTheNewestTwentyThousandCharacters) {
@@ -58,7 +57,7 @@ TEST_F(UsbSerialTest, KeepsTheNewestTwentyThousandCharacters) {
     all += piece;
     Tick(piece);
   }
-  EXPECT_EQ(page->LogText(), all.substr(1));
+  EXPECT_EQ(serial->LogText(), all.substr(1));
 }
 
 TEST_F(UsbSerialTest, FollowsTheEndOnlyWhenTheViewWasAtTheEnd) {
@@ -80,7 +79,7 @@ TEST_F(UsbSerialTest, FollowsTheEndOnlyWhenTheViewWasAtTheEnd) {
        "five\r\n", false},
   };
   for (const Case& c : cases) {
-    if (c.view) page->Doc().TakeScrollReport("UsbSerial", *c.view);
+    if (c.view) serial->Doc().TakeScrollReport("UsbSerial", *c.view);
     Tick(c.text);
     EXPECT_EQ(PagedDown(), c.follows) << c.what;
   }
@@ -90,18 +89,18 @@ TEST_F(UsbSerialTest, AFailedReadSilencesThePageUntilReset) {
   Tick("before\r\n");
   Control("fault refuse 0x22");
   Tick("lost?\r\n");
-  EXPECT_FALSE(page->Connected);
+  EXPECT_FALSE(serial->Connected);
   const std::uint32_t sent = board_->TrafficSeen().total;
   Tick();
   EXPECT_EQ(board_->TrafficSeen().total, sent) << "no more reads";
-  EXPECT_EQ(page->LogText(), "before\r\n");
+  EXPECT_EQ(serial->LogText(), "before\r\n");
 
   // After the link is back, ResetPage lets it read again; the board kept the refused text.
   Control("fault clear");
   ASSERT_EQ(Servo().Open(false, false), 0);
-  page->ResetPage(version_);
+  serial->ResetPage(version_);
   Tick();
-  EXPECT_EQ(page->LogText(), "before\r\nlost?\r\n");
+  EXPECT_EQ(serial->LogText(), "before\r\nlost?\r\n");
 }
 
 }  // namespace

@@ -190,10 +190,6 @@ TEST_F(ErrorLogTest, ConcurrentWritersOfSeveralProcessesLeaveOneWholeEntryPerCal
   EXPECT_EQ(seen.size(), static_cast<std::size_t>(kProcesses * kThreads * kEntries));
 }
 
-}  // namespace
-
-namespace {
-
 // Any user may write a made-up owner into the log's mutex: entries are dropped after a short wait
 // (and later ones don't wait again), and logging goes on once the mutex is free.
 TEST_F(ErrorLogTest, AMadeUpOwnerOfTheLogsMutexCostsEntriesButFreezesNobody) {

@@ -181,33 +181,32 @@ TEST_F(LightsTest, CyclesNeedAPageShownAndALiveLink) {
   EXPECT_EQ(Sent(kSetLights), before + 1);
 }
 
-TEST_F(LightsTest, TenChannelsRingCycleLightsRingZeroFirstAndLastsFiveRings) {
-  Open("autovision", 10, 1000);
-  Click("SurfaceCycleRing");
-  for (std::uint32_t c = 0; c < 10; ++c)
-    EXPECT_EQ(Lights().ChannelCyclingOf(c), c < 8) << c;
-  Ticks(1, 32);  // up to tick 31, the top of ring 0
-  const std::vector<std::uint32_t> top = BoardLights();
-  for (std::uint32_t c = 0; c < 8; ++c)
-    EXPECT_EQ(top[c], 968u) << c;
-  EXPECT_EQ(top[8], 0u);
-  EXPECT_EQ(top[9], 0u);
-  Ticks(1, 32 + 255);  // 319 ticks: the rings of channels that are not there stay dark
-  EXPECT_EQ(BoardLights()[0], 0u);
-  EXPECT_TRUE(Lights().Cycling);
-  Tick(1);
-  EXPECT_FALSE(Lights().Cycling);
-}
-
-TEST_F(LightsTest, FortyTwoChannelsRingCycleReachesRingFourWithChannels32To39) {
-  Open("autovision", 42, 1000);
-  Click("SurfaceCycleRing");
-  EXPECT_FALSE(Lights().ChannelCyclingOf(40)) << "the profile light is no ring";
-  Ticks(1, 4 * 64 + 32);  // the top of ring 4
-  const std::vector<std::uint32_t> values = BoardLights();
-  ASSERT_EQ(values.size(), 42u);
-  for (std::uint32_t c = 0; c < 42; ++c)
-    EXPECT_EQ(values[c], c >= 32 && c < 40 ? 968u : 0u) << c;
+// Five rings of eight surface channels, 64 ticks each, whether their channels are there or not:
+// the profile and coaxial channels, the last two, are in none.
+TEST_F(LightsTest, RingCycleLightsOneRingAfterTheOtherAndLastsFiveRings) {
+  struct Case {
+    std::uint32_t channels;
+    int ticks;  // to the top of the ramp of the ring whose channels are lit
+    std::uint32_t firstLit, endLit;
+  };
+  for (const Case c : {Case{10, 32, 0, 8}, Case{42, 4 * 64 + 32, 32, 40}}) {
+    SCOPED_TRACE(c.channels);
+    Open("autovision", c.channels, 1000);
+    Click("SurfaceCycleRing");
+    for (std::uint32_t ch = 0; ch < c.channels; ++ch)
+      EXPECT_EQ(Lights().ChannelCyclingOf(ch), ch + 2 < c.channels) << ch;
+    Ticks(1, c.ticks);
+    const std::vector<std::uint32_t> values = BoardLights();
+    ASSERT_EQ(values.size(), c.channels);
+    for (std::uint32_t ch = 0; ch < c.channels; ++ch)
+      EXPECT_EQ(values[ch], ch >= c.firstLit && ch < c.endLit ? 968u : 0u) << ch;
+    Ticks(1, 319 - c.ticks);
+    EXPECT_EQ(BoardLights()[0], 0u);
+    EXPECT_TRUE(Lights().Cycling);
+    Tick(1);
+    EXPECT_FALSE(Lights().Cycling);
+    StopBoard();
+  }
 }
 
 TEST_F(LightsTest, OctantsLightOneChannelAfterTheOtherOver512Ticks) {

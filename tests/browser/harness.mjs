@@ -2,7 +2,7 @@
 // socket, TavroTest (or the shell's demo) against it, and Debian's chromium driven by
 // playwright-core.
 import { spawn } from 'node:child_process';
-import { mkdtempSync, rmSync } from 'node:fs';
+import { copyFileSync, mkdtempSync, rmSync } from 'node:fs';
 import { createConnection } from 'node:net';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
@@ -136,6 +136,19 @@ export async function startUi(program, args = [], env = {}) {
 export function startTavroTest(dir, program = process.env.TAVROTEST) {
   const port = 20000 + Math.floor(Math.random() * 30000);
   return startUi(program, [], { TAVRO_DEVICE_DIR: dir, TAVROTEST_PORT: String(port) });
+}
+
+// Runs `body(program, folder)` with TavroTest copied into a scratch folder of its own (reports go
+// beside the program); the folder goes once `body` is done.
+export async function withProgramCopy(body) {
+  const folder = mkdtempSync(join(tmpdir(), 'tavro-program-'));
+  const program = join(folder, 'tavrotest');
+  copyFileSync(process.env.TAVROTEST, program);
+  try {
+    return await body(program, folder);
+  } finally {
+    rmSync(folder, { recursive: true, force: true });
+  }
 }
 
 // A board of `profile`, set up by the control lines `setUp` before TavroTest opens it, TavroTest

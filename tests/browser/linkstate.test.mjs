@@ -3,10 +3,10 @@
 // signal, by finding no board, or gone without a word; and the tab strip's keyboard.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { copyFileSync, mkdirSync, mkdtempSync, rmSync } from 'node:fs';
+import { mkdirSync, mkdtempSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
-import { launchBrowser, withSession, startTavroTest, field } from './harness.mjs';
+import { launchBrowser, withSession, withProgramCopy, startTavroTest, field } from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 const STAGE = 1;
@@ -111,11 +111,8 @@ test('SIGTERM ends the window with its reason, nothing of the run left on it',
   }));
 
 test('Close asks during a test, and its Yes ends the window as closed',
-  () => {
-    const folder = mkdtempSync(join(tmpdir(), 'tavro-program-'));
-    const program = join(folder, 'tavrotest');
-    copyFileSync(process.env.TAVROTEST, program);
-    return withSession(browser, { profile: 'autovision', program, tab: STAGE },
+  () => withProgramCopy((program) =>
+    withSession(browser, { profile: 'autovision', program, tab: STAGE },
       async ({ page, app }) => {
         await field(page, STAGE, 'EStop').waitFor();
         await field(page, STAGE, 'XAxisTest').click();
@@ -141,8 +138,7 @@ test('Close asks during a test, and its Yes ends the window as closed',
         assert.match(await reason(page), /closed from its menu/);
         await assertNothingStale(page);
         assert.equal(await app.exited(), 0);
-      }).finally(() => rmSync(folder, { recursive: true, force: true }));
-  });
+      })));
 
 test('Close with no test running ends at once as closed', () => withSession(browser,
   { profile: 'manualvision' }, async ({ page, app }) => {
@@ -165,6 +161,7 @@ test('a TavroTest that vanishes without a word is tried again, then shown as los
     await assertNothingStale(page);
   }));
 
+// The box of a start-up without a board shows in the browser and on stderr.
 test('the start-up that finds no board ends the window naming the folder searched', async () => {
   const dir = mkdtempSync(join(tmpdir(), 'tavro-empty-'));
   mkdirSync(join(dir, 'nothing-here'));
@@ -174,7 +171,12 @@ test('the start-up that finds no board ends the window naming the folder searche
     await page.goto(app.url);
     const box = page.locator('.dialog[role="alertdialog"]');
     await box.waitFor();
+    assert.equal(await box.locator('.caption-text').textContent(), 'Error');
+    const text = (await box.locator('.text').textContent()).trim();
+    assert.ok(text.length > 0);
+    assert.ok(app.stderr().includes(text.split('\n')[0]), `stderr: ${app.stderr()}`);
     assert.equal(await page.locator('#link-state').getAttribute('data-state'), 'board-lost');
+    if (SHOTS) await page.screenshot({ path: join(SHOTS, 'startup-error.png') });
     await box.locator('button[data-result="1"]').click();
     await shows(page, 'ended');
     assert.equal(await page.locator('#ended-page').getAttribute('data-reason'), 'no-board');

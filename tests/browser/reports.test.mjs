@@ -6,11 +6,11 @@
 // beside the program.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { copyFileSync, existsSync, mkdtempSync, readFileSync, rmSync, writeFileSync }
-  from 'node:fs';
-import { tmpdir } from 'node:os';
+import { copyFileSync, existsSync, readFileSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
-import { launchBrowser, withSession, eventually, field, answerUntil } from './harness.mjs';
+import {
+  launchBrowser, withSession, withProgramCopy, eventually, field, answerUntil,
+} from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 const STAGE = 1;
@@ -58,11 +58,8 @@ async function openViewer(page) {
   return panel;
 }
 
-test('the viewer lists a test run a moment ago, plots its trace and marks a caused drift', () => {
-  const folder = mkdtempSync(join(tmpdir(), 'tavro-program-'));
-  const program = join(folder, 'tavrotest');
-  copyFileSync(process.env.TAVROTEST, program);
-  return withSession(browser, { profile: 'autovision', program, tab: STAGE },
+test('the viewer lists a test run a moment ago, plots its trace and marks a caused drift',
+  () => withProgramCopy((program, folder) => withSession(browser, { profile: 'autovision', program, tab: STAGE },
     async ({ page, board }) => {
       await eventually(async () => (await field(page, STAGE, 'SettledX').inputValue()) !== '',
         true);
@@ -210,5 +207,4 @@ test('the viewer lists a test run a moment ago, plots its trace and marks a caus
       await page.keyboard.press('Escape');
       await page.getByRole('dialog', { name: 'Reports' }).waitFor({ state: 'hidden' });
       assert.equal(await field(page, STAGE, 'RunningTestX').inputValue(), 'Ready');
-    }).finally(() => rmSync(folder, { recursive: true, force: true }));
-});
+    })));

@@ -4,10 +4,11 @@
 // runs from a copy in a scratch folder, since reports go beside the program.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { copyFileSync, existsSync, mkdtempSync, readFileSync, rmSync } from 'node:fs';
-import { tmpdir } from 'node:os';
+import { existsSync, readFileSync } from 'node:fs';
 import { join } from 'node:path';
-import { launchBrowser, withSession, eventually, field, answerUntil } from './harness.mjs';
+import {
+  launchBrowser, withSession, withProgramCopy, eventually, field, answerUntil,
+} from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 const STAGE = 1;
@@ -17,19 +18,11 @@ before(async () => { browser = await launchBrowser({ width: 1000, height: 700 })
 after(async () => { if (browser) await browser.close(); });
 
 // A session on the Stage tab, TavroTest running from a copy in a scratch folder of its own.
-async function withStage(profile, body, setUp = []) {
-  const folder = mkdtempSync(join(tmpdir(), 'tavro-program-'));
-  const program = join(folder, 'tavrotest');
-  copyFileSync(process.env.TAVROTEST, program);
-  try {
-    await withSession(browser, { profile, program, tab: STAGE, setUp }, async ({ page, board, app }) => {
-      await field(page, STAGE, 'EStop').waitFor();
-      await body({ page, folder, board, app });
-    });
-  } finally {
-    rmSync(folder, { recursive: true, force: true });
-  }
-}
+const withStage = (profile, body, setUp = []) => withProgramCopy((program, folder) =>
+  withSession(browser, { profile, program, tab: STAGE, setUp }, async ({ page, board, app }) => {
+    await field(page, STAGE, 'EStop').waitFor();
+    await body({ page, folder, board, app });
+  }));
 
 // A report as text: UTF-16LE behind its mark.
 function readReport(path) {

@@ -1,14 +1,10 @@
 // TavroTest itself in a real browser, against the simulated board: what Board Information shows
 // for each kind of machine, the title through a lost and a refused link, Diag Output's log and
-// scrolling, the banner, and a start-up failure's box.
+// scrolling, and the banner.
 import { test, before, after } from 'node:test';
 import assert from 'node:assert/strict';
-import { mkdirSync, mkdtempSync, rmSync } from 'node:fs';
-import { tmpdir } from 'node:os';
 import { join } from 'node:path';
-import {
-  launchBrowser, startTavroTest, eventually, field, roundTrip, withSession as session,
-} from './harness.mjs';
+import { launchBrowser, eventually, field, roundTrip, withSession as session } from './harness.mjs';
 
 const SHOTS = process.env.TAVRO_SCREENSHOT_DIR;
 let browser;
@@ -170,26 +166,3 @@ test('the banner shows on every page while the measuring application runs', () =
     await eventually(() => display(1), 'none');
     await eventually(() => display(0), 'none');
   }));
-
-test('a start-up failure shows its box in the browser and on stderr, and OK ends the run', async () => {
-  const dir = mkdtempSync(join(tmpdir(), 'tavro-empty-'));
-  mkdirSync(join(dir, 'nothing-here'));
-  const app = await startTavroTest(dir);
-  const page = await browser.context.newPage();
-  try {
-    await page.goto(app.url);
-    const box = page.locator('.dialog[role="alertdialog"]');
-    await box.waitFor();
-    assert.equal(await box.locator('.caption-text').textContent(), 'Error');
-    const text = (await box.locator('.text').textContent()).trim();
-    assert.ok(text.length > 0);
-    assert.ok(app.stderr().includes(text.split('\n')[0]), `stderr: ${app.stderr()}`);
-    if (SHOTS) await page.screenshot({ path: join(SHOTS, 'startup-error.png') });
-    await box.locator('button[data-result="1"]').click();
-    assert.equal(await app.exited(), 0);
-  } finally {
-    await page.close();
-    await app.stop();
-    rmSync(dir, { recursive: true, force: true });
-  }
-});

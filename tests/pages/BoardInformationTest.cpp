@@ -10,19 +10,11 @@ namespace {
 
 using namespace testing_support;
 
-class BoardInformationTest : public OnePageFixture {
- protected:
-  // A page on a shown document, after its first reset.
-  void Show() {
-    page = std::make_unique<CTabBoardInformationDlg>(&Servo(), version_);
-    page->PageReady = true;
-    page->ResetPage(version_);
-  }
-};
+using BoardInformationTest = OnePageFixture;
 
 TEST_F(BoardInformationTest, AChipThatVanishesKeepsItsOldNumbersBesideNA) {
   Start("autovision");
-  Show();
+  Show<CTabBoardInformationDlg>(version_);
   ASSERT_EQ(page->Doc().Text("PMDFamily1"), "5");
 
   // The board comes back with firmware too old to report chips or an FPGA.
@@ -49,7 +41,7 @@ TEST_F(BoardInformationTest, TheFirstFailedReadEndsTheReading) {
   Start("autovision");
   Control("fault refuse 0x60");  // the identity
   const std::uint32_t later = Sent(0x2C) + Sent(0x57) + Sent(0x28);
-  Show();
+  Show<CTabBoardInformationDlg>(version_);
   EXPECT_FALSE(page->Connected);
   EXPECT_EQ(Sent(0x2C) + Sent(0x57) + Sent(0x28), later) << "nothing read after the failure";
   ui::Document& d = page->Doc();

@@ -7,7 +7,6 @@
 #include <memory>
 #include <sstream>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "pages/Lights.h"
@@ -23,28 +22,14 @@ class LightsTest : public OnePageFixture {
   // the maximum `maximum` (0: as the board is built), after its first reset; `firmware` flashes
   // another release of the board's firmware first.
   template <class Page = CTabLightsDlg>
-  Page& Open(const std::string& profile, int channels, std::uint32_t maximum = 0,
-             const std::string& firmware = "") {
+  void Open(const std::string& profile, int channels, std::uint32_t maximum = 0,
+            const std::string& firmware = "") {
     Start(profile);
     Control("lights " + std::to_string(channels));
     if (maximum != 0) Control("lightmax all " + std::to_string(maximum));
     if (!firmware.empty()) Control("firmware " + firmware);
-    // The controller learns the count of channels when it opens.
-    link_.Close();
-    EXPECT_EQ(link_.Open(true, false), 0);
-    EXPECT_TRUE(link_.ReadBoardVersion(version_));
-    link_.SetReportErrors(false);
-    std::unique_ptr<Page> made;
-    if constexpr (std::is_same_v<Page, CTabManualVisionLightsDlg>) {
-      made = std::make_unique<Page>(&Manual(), version_);
-    } else {
-      made = std::make_unique<Page>(&Servo(), version_);
-    }
-    Page& p = *made;
-    page = std::move(made);
-    page->PageReady = true;
-    page->ResetPage(version_);
-    return p;
+    Reconnect();  // the controller learns the count of channels when it opens
+    Show<Page>(version_);
   }
   CTabLightsDlg& Lights() { return static_cast<CTabLightsDlg&>(*page); }
   void Tick(std::uint32_t timer) { page->UpdatePage(timer, status_); }

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <type_traits>
 
 #include "link/CTavroUsbManualVision.h"
 #include "link/CTavroUsbServo.h"
@@ -50,10 +51,33 @@ class PageFixture : public LinkFixture {
 // One page of the board in front: what the page tests look at and do.
 class OnePageFixture : public PageFixture {
  protected:
+  // The controller a page of `Page` works through.
+  template <class Page>
+  auto* ControllerOf() {
+    if constexpr (std::is_base_of_v<CTabManualVisionDlg, Page>) {
+      return &Manual();
+    } else {
+      return &Servo();
+    }
+  }
+  // `Page` on its controller, shown, after its first reset with `record`.
+  template <class Page>
+  void Show(const BoardVersionInfo& record) {
+    page = std::make_unique<Page>(ControllerOf<Page>(), record);
+    page->PageReady = true;
+    page->ResetPage(record);
+  }
   std::string Text(const std::string& id) { return page->Doc().Text(id); }
   bool Has(const std::string& id) { return page->Doc().Snapshot().elements.count(id) != 0; }
   void Click(const std::string& id) { page->Events().Dispatch(ui::Event{.id = id}); }
   std::uint32_t Sent(std::uint8_t code) { return board_->TrafficSeen().commands[code]; }
+  // Opens the link again, as after a change of the board's firmware.
+  void Reconnect() {
+    link_.Close();
+    ASSERT_EQ(link_.Open(true, false), 0);
+    ASSERT_TRUE(link_.ReadBoardVersion(version_));
+    link_.SetReportErrors(false);
+  }
   // Ends the page and the board of one case, so that the next can start its own.
   void StopBoard() {
     page.reset();

@@ -18,9 +18,7 @@ class PendantTest : public OnePageFixture {
   template <class Page = CTabPendantDlg>
   void Open(const std::string& profile) {
     Start(profile);
-    page = std::make_unique<Page>(&Servo(), version_);
-    page->PageReady = true;
-    page->ResetPage(version_);
+    Show<Page>(version_);
   }
   // The 200 ms tick after a poll of the board, as the main dialog runs them.
   void Tick() {

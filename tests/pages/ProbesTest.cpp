@@ -8,7 +8,6 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <type_traits>
 #include <utility>
 
 #include "pages/Probes.h"
@@ -30,15 +29,8 @@ class ProbesTest : public OnePageFixture {
     Start(profile);
     BoardVersionInfo record = version_;
     if (edit) edit(record);
-    if constexpr (std::is_same_v<Page, CTabManualVisionProbesDlg>) {
-      controller_ = &Manual();
-      page = std::make_unique<Page>(&Manual(), record);
-    } else {
-      controller_ = &Servo();
-      page = std::make_unique<Page>(&Servo(), record);
-    }
-    page->PageReady = true;
-    page->ResetPage(record);
+    controller_ = ControllerOf<Page>();
+    Show<Page>(record);
   }
   ProbesPage<CTabDlg, kServoProbes>& Probes() {
     return static_cast<ProbesPage<CTabDlg, kServoProbes>&>(*page);

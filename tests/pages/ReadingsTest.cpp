@@ -5,7 +5,6 @@
 
 #include <memory>
 #include <string>
-#include <type_traits>
 
 #include "pages/Readings.h"
 #include "tests/pages/PageFixture.h"
@@ -59,18 +58,9 @@ class ReadingsTest : public OnePageFixture {
     Start(profile);
     if (!firmware.empty()) {
       Control("firmware " + firmware);
-      link_.Close();
-      ASSERT_EQ(link_.Open(true, false), 0);
-      ASSERT_TRUE(link_.ReadBoardVersion(version_));
-      link_.SetReportErrors(false);
+      Reconnect();
     }
-    if constexpr (std::is_same_v<Page, CTabManualVisionReadingsDlg>) {
-      page = std::make_unique<Page>(&Manual(), version_);
-    } else {
-      page = std::make_unique<Page>(&Servo(), version_);
-    }
-    page->PageReady = true;
-    page->ResetPage(version_);
+    Show<Page>(version_);
   }
   void Tick() { page->UpdatePage(4, status_); }
   std::string Colour(unsigned channel) {

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -17,6 +16,7 @@
 #include "motion/Reports.h"
 #include "motion/Tests.h"
 #include "reports/ReportFiles.h"
+#include "tests/support/TempDirs.h"
 #include "util/Text.h"
 
 namespace reports {
@@ -26,13 +26,6 @@ using nlohmann::json;
 
 class ReportApi : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char name[] = "/tmp/reportapiXXXXXX";
-    ASSERT_NE(::mkdtemp(name), nullptr);
-    folder_ = name;
-  }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
-
   // Writes a report (and its trace) as a test does; returns its base, its times set to `time`.
   std::string Write(const std::string& prefix, const std::string& body, std::int64_t time,
                     const std::vector<motion::TraceSample>& trace = {}) {
@@ -79,7 +72,8 @@ class ReportApi : public ::testing::Test {
     return json::parse(text);
   }
 
-  std::string folder_;
+  testing_support::ScratchDir scratch_;
+  const std::string folder_ = scratch_.Path();
 };
 
 TEST_F(ReportApi, ListsThousandsOfReportsWithWhatIsMissing) {

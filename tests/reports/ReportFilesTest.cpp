@@ -7,25 +7,18 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
 #include "motion/Reports.h"
 #include "motion/Tests.h"
+#include "tests/support/TempDirs.h"
 
 namespace reports {
 namespace {
 
 class ReportFiles : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char name[] = "/tmp/reportfilesXXXXXX";
-    ASSERT_NE(::mkdtemp(name), nullptr);
-    folder_ = name;
-  }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
-
   std::string Write(const std::string& prefix, const std::string& body,
                     const std::vector<motion::TraceSample>& trace = {}) {
     const motion::ReportOutcome out = motion::WriteReportFiles(folder_, prefix, body, trace);
@@ -49,7 +42,8 @@ class ReportFiles : public ::testing::Test {
     return text;
   }
 
-  std::string folder_;
+  testing_support::ScratchDir scratch_;
+  const std::string folder_ = scratch_.Path();
 };
 
 TEST_F(ReportFiles, ListsNewestFirstWithKindAxisAndNumber) {

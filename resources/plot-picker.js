@@ -7,6 +7,56 @@
   const recorder = window.tavroRecorder;
   const plots = window.tavroPlots;
 
+  // Every recorded channel, one fieldset per page; each label keeps the words a filter matches.
+  function channelList() {
+    const list = document.createElement('div');
+    list.className = 'plot-list';
+    const groups = new Map();
+    const channels = recorder.channels();
+    for (const c of channels) {
+      const page = c.page || 'Other';
+      if (!groups.has(page)) {
+        const fieldset = document.createElement('fieldset');
+        const legend = document.createElement('legend');
+        legend.textContent = page;
+        fieldset.appendChild(legend);
+        list.appendChild(fieldset);
+        groups.set(page, fieldset);
+      }
+      const label = document.createElement('label');
+      const tick = document.createElement('input');
+      tick.type = 'checkbox';
+      tick.value = c.name;
+      // The words of the page, then the id, dimmer, that scripts and exports use.
+      const words = plots.channelLabel(c.name);
+      const id = document.createElement('span');
+      id.className = 'plot-id';
+      id.textContent = c.name;
+      label.append(tick, ` ${words}${c.unit ? ` (${c.unit})` : ''} `, id);
+      label.title = c.name;
+      label.dataset.text = `${page} ${words} ${c.name} ${c.element} ${c.unit}`.toLowerCase();
+      groups.get(page).appendChild(label);
+    }
+    if (!channels.length) list.textContent = 'Nothing is recorded.';
+    return { list, groups };
+  }
+
+  // Shows the labels that hold every word of the filter, and the pages that have one.
+  function filterBy(filter, groups) {
+    filter.addEventListener('input', () => {
+      const words = filter.value.toLowerCase().split(/\s+/).filter(Boolean);
+      for (const fieldset of groups.values()) {
+        let any = false;
+        for (const label of fieldset.querySelectorAll('label')) {
+          const show = words.every((w) => label.dataset.text.includes(w));
+          label.hidden = !show;
+          any = any || show;
+        }
+        fieldset.hidden = !any;
+      }
+    });
+  }
+
   function openPicker() {
     const old = document.getElementById('plot-picker');
     if (old) old.remove();
@@ -29,47 +79,8 @@
     filter.placeholder = 'Filter';
     filter.setAttribute('aria-label', 'Filter');
     filter.className = 'plot-filter';
-    const list = document.createElement('div');
-    list.className = 'plot-list';
-    const groups = new Map();
-    const channels = recorder.channels();
-    for (const c of channels) {
-      const page = c.page || 'Other';
-      if (!groups.has(page)) {
-        const fieldset = document.createElement('fieldset');
-        const legend = document.createElement('legend');
-        legend.textContent = page;
-        fieldset.appendChild(legend);
-        list.appendChild(fieldset);
-        groups.set(page, fieldset);
-      }
-      const label = document.createElement('label');
-      const box2 = document.createElement('input');
-      box2.type = 'checkbox';
-      box2.value = c.name;
-      // The words of the page, then the id, dimmer, that scripts and exports use.
-      const words = plots.channelLabel(c.name);
-      const id = document.createElement('span');
-      id.className = 'plot-id';
-      id.textContent = c.name;
-      label.append(box2, ` ${words}${c.unit ? ` (${c.unit})` : ''} `, id);
-      label.title = c.name;
-      label.dataset.text = `${page} ${words} ${c.name} ${c.element} ${c.unit}`.toLowerCase();
-      groups.get(page).appendChild(label);
-    }
-    if (!channels.length) list.textContent = 'Nothing is recorded.';
-    filter.addEventListener('input', () => {
-      const words = filter.value.toLowerCase().split(/\s+/).filter(Boolean);
-      for (const fieldset of groups.values()) {
-        let any = false;
-        for (const label of fieldset.querySelectorAll('label')) {
-          const show = words.every((w) => label.dataset.text.includes(w));
-          label.hidden = !show;
-          any = any || show;
-        }
-        fieldset.hidden = !any;
-      }
-    });
+    const { list, groups } = channelList();
+    filterBy(filter, groups);
     const buttons = document.createElement('div');
     buttons.className = 'plot-buttons';
     const hint = document.createElement('span');

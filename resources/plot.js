@@ -354,17 +354,9 @@
     });
   }
 
-  // The series of a resolution: one per channel at full rate, a min and a max a second.
-  function build(p, resolution) {
-    p.generation += 1;
-    p.resolution = resolution;
-    const perChannel = resolution === '1s' ? 2 : 1;
-    p.times = [];
-    p.cols = p.names.flatMap(() => Array.from({ length: perChannel }, () => []));
-    p.loaded = null;
-    p.labels = p.names.map(channelLabel);
-    showTitle(p);
-
+  // One value axis per channel, alternating sides, and one shared axis for the on/off flags;
+  // at a second's resolution each channel is a min and a max line with a band between.
+  function seriesAndAxes(p, perChannel) {
     const series = [{ label: 'Time', value: (u, v) => (v == null ? '--' : clockText(v)) }];
     const axes = [{ grid: { stroke: '#e3e8ee' }, ticks: { stroke: '#c9d1da' }, values: timeTicks }];
     const scales = { x: { time: true, auto: false } };
@@ -408,25 +400,45 @@
         bands.push({ series: [series.length - 1, series.length - 2], fill: `${color}33` });
       }
     });
+    return { series, axes, scales, bands };
+  }
+
+  // Drag zooms the time axis, shift-drag pans it, a double click follows the newest values again.
+  function cursorOptions(p) {
+    return {
+      drag: { x: true, y: false, setScale: true },
+      bind: {
+        mousedown: (u, targ, handler) => (e) => {
+          if (e.shiftKey && e.button === 0) {
+            startPan(p, e);
+            return null;
+          }
+          return handler(e);
+        },
+        dblclick: () => () => { setFollow(p, true); return null; },
+      },
+    };
+  }
+
+  // The series of a resolution: one per channel at full rate, a min and a max a second.
+  function build(p, resolution) {
+    p.generation += 1;
+    p.resolution = resolution;
+    const perChannel = resolution === '1s' ? 2 : 1;
+    p.times = [];
+    p.cols = p.names.flatMap(() => Array.from({ length: perChannel }, () => []));
+    p.loaded = null;
+    p.labels = p.names.map(channelLabel);
+    showTitle(p);
+
+    const { series, axes, scales, bands } = seriesAndAxes(p, perChannel);
 
     if (p.uplot) p.uplot.destroy();
     const size = plotSize(p, p.names.length * perChannel);
     const opts = {
       ...size, series, axes, scales, bands,
       legend: { live: true },
-      cursor: {
-        drag: { x: true, y: false, setScale: true },
-        bind: {
-          mousedown: (u, targ, handler) => (e) => {
-            if (e.shiftKey && e.button === 0) {
-              startPan(p, e);
-              return null;
-            }
-            return handler(e);
-          },
-          dblclick: () => () => { setFollow(p, true); return null; },
-        },
-      },
+      cursor: cursorOptions(p),
       hooks: {
         setScale: [(u, key) => { if (key === 'x') scaleChanged(p); }],
         draw: [(u) => drawEvents(p, u)],

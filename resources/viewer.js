@@ -590,6 +590,69 @@
     return { value: t };
   }
 
+  // The drift marks (red rings) and the unmeasured points (grey rings), drawn over the plot.
+  function historyRings(marks, unmeasured) {
+    return (u) => {
+      const { ctx } = u;
+      const circle = (k, i, v, radius) => {
+        if (!u.series[k].show) return;
+        const x = u.valToPos(u.data[0][i], 'x', true);
+        const y = u.valToPos(v, u.series[k].scale, true);
+        ctx.beginPath();
+        ctx.arc(x, y, radius * devicePixelRatio, 0, 2 * Math.PI);
+        ctx.stroke();
+      };
+      ctx.save();
+      ctx.lineWidth = 2 * devicePixelRatio;
+      ctx.strokeStyle = '#c62828';
+      for (const [k, i] of marks) circle(k, i, u.data[k][i], 7);
+      ctx.strokeStyle = '#9aa3ad';
+      for (const [k, i, v] of unmeasured) circle(k, i, v, 4);
+      ctx.restore();
+    };
+  }
+
+  // The history plot: a time axis with a margin, a voltage axis and a travel axis where some
+  // shown series needs them.
+  function historyOptions(size, shown, rings) {
+    const axes = [{ size: 40, space: 90, incrs: TIME_STEPS, values: timeLabels }];
+    if (shown.some((s) => HISTORY_SERIES[s].scale === 'v')) {
+      axes.push({ scale: 'v', label: 'Voltage', labelSize: 18, size: axisSize });
+    }
+    if (shown.some((s) => HISTORY_SERIES[s].scale === 'travel')) {
+      axes.push({
+        scale: 'travel', side: 1, label: 'Travel (counts)', labelSize: 18, size: axisSize,
+        grid: { show: false },
+      });
+    }
+    return {
+      ...size,
+      // A margin on both sides, so that the first and last runs' marks are not cut.
+      scales: {
+        x: {
+          time: true,
+          range: (u, min, max) => {
+            const margin = Math.max(1, (max - min) * 0.04);
+            return [min - margin, max + margin];
+          },
+        },
+      },
+      series: [
+        { label: 'Date', value: (u, v) => (v == null ? '' : dateText(v)) },
+        ...shown.map((s) => {
+          const { label, scale, stroke } = HISTORY_SERIES[s];
+          // The + direction dashed: the two directions often lie on one another.
+          const dash = label.includes('+') ? [6, 4] : undefined;
+          return {
+            label, scale, stroke, dash, width: 1.5, spanGaps: true, points: { show: true, size: 6 },
+          };
+        }),
+      ],
+      axes,
+      hooks: { draw: [rings] },
+    };
+  }
+
   function drawHistory() {
     if (ui.hPlot) ui.hPlot.destroy();
     ui.hPlot = null;
@@ -630,60 +693,8 @@
       series: HISTORY_SERIES[shown[k - 1]].label, index: i,
     }));
     const lines = shown.map((s) => columns[s].map((v, i) => (counts[s][i] ? v : null)));
-    const ring = (u) => {
-      const { ctx } = u;
-      const circle = (k, i, v, radius) => {
-        if (!u.series[k].show) return;
-        const x = u.valToPos(u.data[0][i], 'x', true);
-        const y = u.valToPos(v, u.series[k].scale, true);
-        ctx.beginPath();
-        ctx.arc(x, y, radius * devicePixelRatio, 0, 2 * Math.PI);
-        ctx.stroke();
-      };
-      ctx.save();
-      ctx.lineWidth = 2 * devicePixelRatio;
-      ctx.strokeStyle = '#c62828';
-      for (const [k, i] of marks) circle(k, i, u.data[k][i], 7);
-      ctx.strokeStyle = '#9aa3ad';
-      for (const [k, i, v] of unmeasured) circle(k, i, v, 4);
-      ctx.restore();
-    };
-    const axes = [{ size: 40, space: 90, incrs: TIME_STEPS, values: timeLabels }];
-    if (shown.some((s) => HISTORY_SERIES[s].scale === 'v')) {
-      axes.push({ scale: 'v', label: 'Voltage', labelSize: 18, size: axisSize });
-    }
-    if (shown.some((s) => HISTORY_SERIES[s].scale === 'travel')) {
-      axes.push({
-        scale: 'travel', side: 1, label: 'Travel (counts)', labelSize: 18, size: axisSize,
-        grid: { show: false },
-      });
-    }
-    ui.hPlot = fitPlot(ui.hPlotBox, (size) => new uPlot({
-      ...size,
-      // A margin on both sides, so that the first and last runs' marks are not cut.
-      scales: {
-        x: {
-          time: true,
-          range: (u, min, max) => {
-            const margin = Math.max(1, (max - min) * 0.04);
-            return [min - margin, max + margin];
-          },
-        },
-      },
-      series: [
-        { label: 'Date', value: (u, v) => (v == null ? '' : dateText(v)) },
-        ...shown.map((s) => {
-          const { label, scale, stroke } = HISTORY_SERIES[s];
-          // The + direction dashed: the two directions often lie on one another.
-          const dash = label.includes('+') ? [6, 4] : undefined;
-          return {
-            label, scale, stroke, dash, width: 1.5, spanGaps: true, points: { show: true, size: 6 },
-          };
-        }),
-      ],
-      axes,
-      hooks: { draw: [ring] },
-    }, [times, ...lines], ui.hPlotBox));
+    ui.hPlot = fitPlot(ui.hPlotBox, (size) => new uPlot(
+      historyOptions(size, shown, historyRings(marks, unmeasured)), [times, ...lines], ui.hPlotBox));
     ui.hPlotBox.uplot = ui.hPlot;
   }
 

@@ -6,6 +6,7 @@ nothing; these tests pin both down on small sources."""
 
 import os
 import sys
+import tempfile
 import types
 import unittest
 
@@ -149,6 +150,26 @@ class Draw(unittest.TestCase):
         self.assertEqual(sum(map(len, spare.values())) + len(chosen), len(mutants))
         again = mutate.spares(mutants, mutate.select(mutants, 12, seed=7), seed=7)
         self.assertEqual([m.ident for m in spare["a.cpp"]], [m.ident for m in again["a.cpp"]])
+
+class Reports(unittest.TestCase):
+    def test_the_killed_of_a_report_are_read_back_even_across_a_condition_of_two_lines(self):
+        src = "bool f(int a, int b) {\n  if (a > 1 &&\n      b < 2) return true;\n  return a == b;\n}\n"
+        mutants = mutate.find_mutants("a.cpp", src)
+        outcomes = ["killed", "survived", "timeout", "invalid"]
+        for i, m in enumerate(mutants):
+            m.outcome, m.detail, m.seconds = outcomes[i % 4], "t | x", 1.0
+        self.assertTrue(any("\n" in m.before for m in mutants if m.outcome in ("killed", "timeout")))
+        with tempfile.TemporaryDirectory() as tree:
+            with open(os.path.join(tree, "a.cpp"), "w", encoding="utf-8") as f:
+                f.write(src)
+            args = types.SimpleNamespace(tree=tree, revision="r", folder="x", targets=["t"],
+                                         patch=None, seed=1, command_line=["scripts/mutate"])
+            path = os.path.join(tree, "report.md")
+            mutate.write_markdown(args, mutants, len(mutants), path)
+            with open(path, encoding="utf-8") as f:
+                read = mutate.killed_in(f.read())
+        self.assertEqual(read, [m.ident for m in mutants if m.outcome in ("killed", "timeout")])
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -246,33 +246,52 @@ TEST_F(LimitTest, ACenteringThatRunsTooFastStepsDown) {
 // 2250 at 250, so the second step down comes exactly that many passes after the first, and the
 // lowest moving voltage follows them down.
 TEST_F(LimitTest, AnAxisThatSpeedsUpInItsSeekLosesAStepAfterItsFamilysCountOfFastPasses) {
-  for (const auto& [firstGeneration, passes] : {std::pair{false, 4}, std::pair{true, 5}}) {
+  struct Case {
+    bool firstGeneration;
+    int sign;    // -1: the negative seek speeds up, +1: the positive one
+    int passes;  // the family's count of fast passes for that direction, and the one that steps
+  };
+  for (const Case& c :
+       {Case{false, -1, 4}, Case{false, +1, 4}, Case{true, -1, 5}, Case{true, +1, 4}}) {
+    SCOPED_TRACE(testing::Message()
+                 << "first generation " << c.firstGeneration << ", sign " << c.sign);
     testing_support::ScratchDir folder;
     FakeAxis axis = kSwitchedX;
     axis.deadBand = 300;
     axis.divisor = 1;
-    FakeStagePage& page = Page(firstGeneration, axis);
+    FakeStagePage& page = Page(c.firstGeneration, axis);
     page.SetFolder(folder.Path() + "/");
-    GiveWayWhen(page, axis, -200, [](std::int32_t at) { return at < -30000; });
+    GiveWayWhen(page, axis, -200, [&c](std::int32_t at) { return c.sign * at > 30000; });
     Run(page, TestButton::kXLimit);
     ASSERT_TRUE(freed_);
-    const std::vector<int> biases = FirstRunBiases(page);
-    ASSERT_GE(biases.size(), 3u);
-    EXPECT_EQ(std::vector<int>(biases.end() - 3, biases.end()),
-              (std::vector<int>{-750, -500, -250}))
-        << "first generation " << firstGeneration;
-    // The two step downs: to 500 after the ramp's 750, then to 250.
+    // The run in that direction, from its first bias on: the ramp up to 750, then two step downs,
+    // to 500 and then to 250, each after the family's count of fast passes.
+    std::vector<int> biases;
     std::int64_t at750 = -1, at500 = -1, at250 = -1;
     for (const Store& st : page.Stores()) {
       if (st.axis != 0) continue;
-      if (st.pid.Kp != 0) break;
-      if (st.pid.Mb == -750 && at750 < 0) at750 = st.ms;
-      if (st.pid.Mb == -500 && at750 >= 0 && at500 < 0) at500 = st.ms;
-      if (st.pid.Mb == -250 && at500 >= 0 && at250 < 0) at250 = st.ms;
+      if (st.pid.Kp != 0) {
+        if (!biases.empty()) break;
+        continue;
+      }
+      const int mb = c.sign * st.pid.Mb;
+      if (mb <= 0 && biases.empty()) continue;
+      if (biases.empty() || biases.back() != mb) biases.push_back(mb);
+      if (mb == 750 && at750 < 0) at750 = st.ms;
+      if (mb == 500 && at750 >= 0 && at500 < 0) at500 = st.ms;
+      if (mb == 250 && at500 >= 0 && at250 < 0) at250 = st.ms;
     }
-    EXPECT_EQ(at250 - at500, passes * 100) << "first generation " << firstGeneration;
+    // What follows the second step down depends on where the axis then is.
+    ASSERT_GE(biases.size(), 5u) << testing::PrintToString(biases);
+    EXPECT_EQ(std::vector<int>(biases.begin(), biases.begin() + 5),
+              (std::vector<int>{250, 500, 750, 500, 250}))
+        << testing::PrintToString(biases);
+    ASSERT_GE(at250, 0);
+    EXPECT_EQ(at250 - at500, c.passes * 100);
     const std::string report = ReadReport(folder / "LimitTest_X_0.dat");
-    EXPECT_EQ(Value(report, "               Min: "), 250) << report;
+    const std::size_t block = report.find(c.sign < 0 ? "Moving voltage (-)" : "Moving voltage (+)");
+    ASSERT_NE(block, std::string::npos) << report;
+    EXPECT_EQ(Value(report, "               Min: ", block), 250) << report;
   }
 }
 

@@ -555,7 +555,7 @@ bool Window::OnUiThread() {
 
 int Window::OpenBox(const std::string& text, const std::string& title, unsigned style,
                     std::function<void(int)> done, bool waited, bool asDialog) {
-  if (!waited && !RoomForBox(title)) {
+  if (!waited && !asDialog && !RoomForBox(title)) {
     if (done) loop_.Post([done = std::move(done), style] { done(CautiousAnswer(style)); });
     return 0;
   }

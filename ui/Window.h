@@ -188,7 +188,8 @@ class Window : public MessageBoxPresenter {
                     std::function<void(int)> done);
   void ShowChoiceAsync(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done);
   // The window's own Yes/No question (drawn as a dialog, not as a message box); `done` runs on
-  // the UI thread with kIdYes or kIdNo.
+  // the UI thread with kIdYes or kIdNo. It opens past the cap of open boxes, so that clicks that
+  // filled the window with boxes cannot answer No for the operator; its caller asks one at a time.
   void AskAsync(const std::string& text, const std::string& title, std::function<void(int)> done);
   // Why the run ends, for the goodbye the browsers get: "closed", "no-board", ... The last one
   // noted stands; "" while none was.
@@ -258,6 +259,7 @@ class Window : public MessageBoxPresenter {
 
   bool OnUiThread();
   // `waited`: a worker thread waits for the answer, and the box opens whatever the cap.
+  // `asDialog`: the window's own question, which opens whatever the cap too.
   int OpenBox(const std::string& text, const std::string& title, unsigned style,
               std::function<void(int)> done, bool waited = false, bool asDialog = false);
   int OpenChoice(const ChoiceDialog& dialog, std::function<void(ChoiceResult)> done,

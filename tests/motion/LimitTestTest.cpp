@@ -312,8 +312,9 @@ TEST_F(LimitTest, StallShortOfTheExpectedLimitIsNotRegistered) {
   struct Case {
     std::int32_t negStop;
     bool remark;
+    std::int64_t watchedMs;
   };
-  for (const Case& c : {Case{-50000, true}, Case{-120000, false}}) {
+  for (const Case& c : {Case{-50000, true, 900}, Case{-120000, false, 100}}) {
     testing_support::ScratchDir folder;
     FakeStagePage& page = Page();
     page.SetFolder(folder.Path() + "/");
@@ -326,6 +327,23 @@ TEST_F(LimitTest, StallShortOfTheExpectedLimitIsNotRegistered) {
         << report;
     EXPECT_EQ(Value(report, "          Negative: "), c.negStop);
     EXPECT_EQ(report.find("POSITIVE LIMIT"), std::string::npos);
+    // After its last step up the seek watches the stalled axis: beyond the expected limit for one
+    // pass; short of it for three rounds of three slow passes, until its count of steps passes 6.
+    std::int64_t lastStep = -1;
+    std::int64_t handBack = -1;
+    int bias = 0;
+    for (const Store& st : page.Stores()) {
+      if (st.axis != 0) continue;
+      if (st.pid.Kp != 0) {
+        handBack = st.ms;
+        break;
+      }
+      if (st.pid.Mb != bias) {
+        bias = st.pid.Mb;
+        lastStep = st.ms;
+      }
+    }
+    EXPECT_EQ(handBack - lastStep, c.watchedMs);
   }
 }
 

@@ -1,7 +1,5 @@
 #include "reports/ReportApi.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -327,19 +325,16 @@ ApiStatus SendReportFile(const std::string& folder, std::string_view base, std::
                          const std::function<void()>& begin, const ChunkSink& sink) {
   std::string path;
   if (!ReportFilePath(folder, base, ext, path)) return ApiStatus::kNotFound;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
-  struct stat st {};
-  if (fd < 0 || ::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) ||
-      static_cast<std::uint64_t>(st.st_size) > kMaxReportFileBytes) {
-    if (fd >= 0) ::close(fd);
-    return ApiStatus::kUnreadable;
-  }
+  std::size_t size = 0;
+  std::string reason;
+  const int fd = OpenBounded(path, kMaxReportFileBytes, size, reason);
+  if (fd < 0) return ApiStatus::kUnreadable;
   begin();
   std::string buffer(64 * 1024, '\0');
   std::size_t sent = 0;
   ApiStatus status = ApiStatus::kOk;
   while (sent < kMaxReportFileBytes) {
-    const ssize_t n = ::read(fd, buffer.data(), buffer.size());
+    const ssize_t n = ReadSome(fd, buffer.data(), buffer.size(), reason);
     if (n <= 0) break;
     sent += static_cast<std::size_t>(n);
     if (!sink(std::string_view(buffer.data(), static_cast<std::size_t>(n)))) {

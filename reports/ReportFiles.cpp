@@ -120,10 +120,6 @@ bool KeyValue(std::string_view line, std::string_view& key, std::string_view& va
 
 }  // namespace
 
-namespace {
-
-// Opens a plain file (never through a link, never waiting on a FIFO) of at most maxBytes: -1
-// with the reason otherwise. `size` is its size when opened.
 int OpenBounded(const std::string& path, std::size_t maxBytes, std::size_t& size,
                 std::string& reason) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
@@ -146,7 +142,6 @@ int OpenBounded(const std::string& path, std::size_t maxBytes, std::size_t& size
   return -1;
 }
 
-// Reads up to `n` bytes; the count, or -1 with the reason.
 ssize_t ReadSome(int fd, char* to, std::size_t n, std::string& reason) {
   for (;;) {
     const ssize_t got = ::read(fd, to, n);
@@ -156,8 +151,6 @@ ssize_t ReadSome(int fd, char* to, std::size_t n, std::string& reason) {
     return -1;
   }
 }
-
-}  // namespace
 
 bool ReadBoundedFile(const std::string& path, std::size_t maxBytes, std::string& bytes,
                      std::string& reason) {

@@ -4,6 +4,8 @@
 // not read instead of failing whole.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -40,6 +42,13 @@ std::vector<ReportEntry> ListReports(const std::string& folder, bool* truncated 
 // The entry ListReports would give for `base`, found without reading the whole folder. False
 // when `base` is not a report's name or neither of its files is a plain file there.
 bool FindReport(const std::string& folder, std::string_view base, ReportEntry& out);
+
+// Opens a plain file (never through a link, never waiting on a FIFO) of at most maxBytes for
+// reading: the descriptor, or -1 with the reason. `size` is its size when opened.
+int OpenBounded(const std::string& path, std::size_t maxBytes, std::size_t& size,
+                std::string& reason);
+// Reads up to `n` bytes, again when a signal cut the read short: the count, or -1 with the reason.
+ssize_t ReadSome(int fd, char* to, std::size_t n, std::string& reason);
 
 // Reads a plain file (never through a link) of at most maxBytes. False with the reason.
 bool ReadBoundedFile(const std::string& path, std::size_t maxBytes, std::string& bytes,

@@ -157,8 +157,7 @@ int Window::AddPage(const std::string& tabTitle, HtmlPage& page) {
   page.Doc().SetObserver([this] { ScheduleFlush(); });
   for (auto& [id, client] : clients_) {
     SendTabs(client);
-    client.connection->Send(std::make_shared<const std::string>(
-        protocol::EncodeDoc(index, page.Doc().Snapshot(), true)));
+    SendTo(client, protocol::EncodeDoc(index, page.Doc().Snapshot(), true));
   }
   return index;
 }
@@ -197,6 +196,10 @@ void Window::ScheduleFlush() {
   loop_.Post([this] { Flush(); });
 }
 
+void Window::SendTo(Client& client, std::string message) {
+  client.connection->Send(std::make_shared<const std::string>(std::move(message)));
+}
+
 void Window::Broadcast(const std::string& message) {
   if (clients_.empty()) return;
   const auto shared = std::make_shared<const std::string>(message);
@@ -228,13 +231,11 @@ void Window::SendTabs(Client& client) {
     tabs.push_back(
         {p.title, p.page->DocumentPath(), p.page->Events().Rows(), p.page->Doc().ScrollWatched()});
   }
-  client.connection->Send(std::make_shared<const std::string>(protocol::EncodeTabs(tabs)));
+  SendTo(client, protocol::EncodeTabs(tabs));
 }
 
 void Window::SendFullState(Client& client) {
-  auto send = [&](std::string m) {
-    client.connection->Send(std::make_shared<const std::string>(std::move(m)));
-  };
+  auto send = [&](std::string m) { SendTo(client, std::move(m)); };
   SendTabs(client);
   for (int page = kShellPage; page < PageCount(); ++page) {
     send(protocol::EncodeDoc(page, DocOf(page)->Snapshot(), true));
@@ -487,12 +488,10 @@ void Window::FollowTest(const std::string& running) {
 bool Window::Refuses(Client& client, int page, int dialog) {
   FollowRunningTest();
   if (control_.Allows(client.who)) return false;
-  client.connection->Send(
-      std::make_shared<const std::string>(protocol::EncodeRefused(control_.Test(), dialog)));
+  SendTo(client, protocol::EncodeRefused(control_.Test(), dialog));
   // The browser already shows what its user typed or ticked; it gets the page as it stands.
   if (Document* doc = DocOf(page)) {
-    client.connection->Send(
-        std::make_shared<const std::string>(protocol::EncodeDoc(page, doc->Snapshot(), true)));
+    SendTo(client, protocol::EncodeDoc(page, doc->Snapshot(), true));
   }
   return true;
 }
@@ -521,7 +520,7 @@ void Window::SendControl(Client& client) {
   std::string message = protocol::EncodeControl(control_.StateFor(client.who), control_.Test());
   if (message == client.controlSent) return;
   client.controlSent = message;
-  client.connection->Send(std::make_shared<const std::string>(std::move(message)));
+  SendTo(client, std::move(message));
 }
 
 void Window::SendControlToAll() {

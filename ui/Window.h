@@ -291,6 +291,7 @@ class Window : public MessageBoxPresenter {
   bool RoomForBox(const std::string& title);
   void SendFullState(Client& client);
   void SendTabs(Client& client);
+  static void SendTo(Client& client, std::string message);
   void Broadcast(const std::string& message);
   void ScheduleFlush();
   void Flush();

@@ -1,5 +1,5 @@
-// What the plots and the report viewer share: the window's token, the one way they ask the
-// server for JSON, and small builders of elements and times. Loaded before both.
+// What the window's scripts share: the window's token, the one way they ask the server for JSON,
+// and small builders of elements and times. Loaded before all of them.
 (() => {
   'use strict';
 

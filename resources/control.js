@@ -24,12 +24,7 @@
   let send = () => {};
   let control = { state: 'free', test: '' };
 
-  function make(tag, className, text) {
-    const el = document.createElement(tag);
-    if (className) el.className = className;
-    if (text !== undefined) el.textContent = text;
-    return el;
-  }
+  const make = window.tavroCommon.el;
 
   // The notice in the title bar, which stays within reach while a test's box is up.
   function notice() {

@@ -324,12 +324,7 @@
     yesno: [['Yes', 6], ['No', 7]],
   };
 
-  function make(tag, className, text) {
-    const el = document.createElement(tag);
-    if (className) el.className = className;
-    if (text !== undefined) el.textContent = text;
-    return el;
-  }
+  const make = window.tavroCommon.el;
 
   // Line ends from the program may be CR LF.
   const plain = (text) => String(text).replace(/\r\n?/g, '\n');

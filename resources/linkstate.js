@@ -27,7 +27,7 @@ window.TavroLink = (() => {
   const RETRY_FOR_MS = 8000;
   const RETRY_EVERY_MS = 500;
 
-  const token = new URLSearchParams(location.search).get('token') || '';
+  const { token } = window.tavroCommon;
   let socketOpen = false;
   let ended = false;
   let retryUntil = 0;

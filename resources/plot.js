@@ -5,7 +5,7 @@
 (() => {
   'use strict';
 
-  const { clamp, button, getJson } = window.tavroCommon;
+  const { clamp, button, getJson, pad } = window.tavroCommon;
   const recorder = window.tavroRecorder;
   const { nowS, resolutionFor, channelOf } = recorder;
   const STORE_KEY = 'tavro.plots';
@@ -279,22 +279,20 @@
   // 14:03:07.420 local time: the legend's time under the cursor, to the sample.
   function clockText(t) {
     const d = new Date(t * 1000);
-    const two = (n) => String(n).padStart(2, '0');
-    return `${two(d.getHours())}:${two(d.getMinutes())}:${two(d.getSeconds())}.`
+    return `${pad(d.getHours())}:${pad(d.getMinutes())}:${pad(d.getSeconds())}.`
       + `${String(d.getMilliseconds()).padStart(3, '0')}`;
   }
 
   // The time axis's tick labels, 24-hour and as precise as the ticks' spacing needs, with the
   // date under the first tick and under each tick that starts a new day.
   function timeTicks(u, splits, axisIdx, space, incr) {
-    const two = (n) => String(n).padStart(2, '0');
     let lastDay = null;
     return splits.map((t) => {
       const d = new Date(t * 1000);
-      let text = `${two(d.getHours())}:${two(d.getMinutes())}`;
-      if (incr < 60) text += `:${two(d.getSeconds())}`;
+      let text = `${pad(d.getHours())}:${pad(d.getMinutes())}`;
+      if (incr < 60) text += `:${pad(d.getSeconds())}`;
       if (incr < 1) text += `.${String(d.getMilliseconds()).padStart(3, '0')}`;
-      const day = `${d.getFullYear()}-${two(d.getMonth() + 1)}-${two(d.getDate())}`;
+      const day = `${d.getFullYear()}-${pad(d.getMonth() + 1)}-${pad(d.getDate())}`;
       if (day !== lastDay) text += `\n${day}`;
       lastDay = day;
       return text;

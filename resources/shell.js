@@ -4,7 +4,7 @@
 'use strict';
 
 (() => {
-  const token = new URLSearchParams(location.search).get('token') || '';
+  const { token } = window.tavroCommon;
   const SHELL = -1;
 
   const tabs = [];          // [{title, src, events, scroll, frame, button, loaded}]
